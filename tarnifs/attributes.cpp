@@ -1,0 +1,200 @@
+// Attributes and extended attributes: answered from the catalogue alone,
+// never from the device. Extended attributes live in memory only, so that a
+// file manager can keep its metadata without errors.
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+#include <string>
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/mount.h"
+#include "util/log.h"
+
+namespace {
+
+void fillTimes(struct stat *st, time_t birth, time_t modify, time_t access) {
+    (void)birth;  // Linux's stat record has no birth time.
+    st->st_mtime = modify;
+    st->st_atime = access;
+}
+
+} // namespace
+
+int tarnifs_getattr(const char *path, struct stat *st) {
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
+    // Top-level dot names (.Trashes, .DS_Store, ._x, ...) never exist.
+    if (path[0] == '/' && path[1] == '.') return -ENOENT;
+
+    memset(st, 0, sizeof(*st));
+    if (strcmp(path, "/") == 0) {
+        time_t now = time(nullptr);
+        st->st_mode = S_IFDIR | 0777;
+        fillTimes(st, now, now, now);
+        return 0;
+    }
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr) return -ENOENT;
+    st->st_mode = static_cast<mode_t>(object->mode | 0777);
+    st->st_size = static_cast<off_t>(object->size);
+    fillTimes(st, object->birth_time, object->modify_time, object->access_time);
+    return 0;
+}
+
+int tarnifs_fgetattr(const char *path, struct stat *st, struct fuse_file_info *) { return tarnifs_getattr(path, st); }
+
+int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
+    // The record is made before the lock is taken: an unknown path becomes an
+    // empty regular file.
+    _KTL_OBJECT *object = GetObject(path);
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) {
+        QNLog(3, "%s getContext failed. ret : %d", "tarnifs_setattr_x", result);
+        return result;
+    }
+    if (SETATTR_WANTS_SIZE(attr)) object->size = static_cast<uint64_t>(attr->size);
+    // Times become the time of the call, whatever time was asked for.
+    if (SETATTR_WANTS_CRTIME(attr)) object->birth_time = time(nullptr);
+    if (SETATTR_WANTS_MODTIME(attr)) object->modify_time = time(nullptr);
+    return 0;
+}
+
+int tarnifs_fsetattr_x(const char *path, struct setattr_x *attr, struct fuse_file_info *) {
+    return tarnifs_setattr_x(path, attr);
+}
+
+#ifndef __APPLE__
+int tarnifs_chmod(const char *path, mode_t mode) {
+    struct setattr_x attr{};
+    attr.valid = 1 << 0;
+    attr.mode = mode;
+    return tarnifs_setattr_x(path, &attr);
+}
+
+int tarnifs_chown(const char *path, uid_t uid, gid_t gid) {
+    struct setattr_x attr{};
+    attr.valid = (1 << 1) | (1 << 2);
+    attr.uid = uid;
+    attr.gid = gid;
+    return tarnifs_setattr_x(path, &attr);
+}
+
+int tarnifs_truncate(const char *path, off_t size) {
+    struct setattr_x attr{};
+    attr.valid = 1 << 3;
+    attr.size = size;
+    return tarnifs_setattr_x(path, &attr);
+}
+
+int tarnifs_ftruncate(const char *path, off_t size, struct fuse_file_info *fi) {
+    struct setattr_x attr{};
+    attr.valid = 1 << 3;
+    attr.size = size;
+    return tarnifs_fsetattr_x(path, &attr, fi);
+}
+
+int tarnifs_utimens(const char *path, const struct timespec tv[2]) {
+    struct setattr_x attr{};
+    // A null array means "now" for both; UTIME_OMIT leaves that time alone.
+    bool setAccess = tv == nullptr || tv[0].tv_nsec != UTIME_OMIT;
+    bool setModify = tv == nullptr || tv[1].tv_nsec != UTIME_OMIT;
+    if (setAccess) {
+        attr.valid |= 1 << 4;
+        if (tv != nullptr) attr.acctime = tv[0];
+    }
+    if (setModify) {
+        attr.valid |= 1 << 5;
+        if (tv != nullptr) attr.modtime = tv[1];
+    }
+    return tarnifs_setattr_x(path, &attr);
+}
+#endif
+
+_KTL_XATTR *FindXattr(_KTL_XATTR *list_head, const char *name) {
+    for (_KTL_XATTR *node = list_head; node != nullptr; node = node->next) {
+        if (node->name != nullptr && strcmp(node->name, name) == 0) return node;
+    }
+    return nullptr;
+}
+
+int tarnifs_getxattr(const char *path, const char *name, char *value, size_t size) {
+    TarniLock lock;
+    if (strcmp(path, "/") == 0) return 0;
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr || object->xattr_list == nullptr || name == nullptr) return -ENOATTR;
+    _KTL_XATTR *node = FindXattr(object->xattr_list, name);
+    if (node == nullptr || node->value == nullptr) return -ENOATTR;
+
+    // The stored size is the length up to the first NUL.
+    size_t length = strlen(node->value);
+    if (value == nullptr) return static_cast<int>(length);
+    // Never copy past the stored value, whatever room the caller offers.
+    size_t copied = size < length ? size : length;
+    memcpy(value, node->value, copied);
+    return static_cast<int>(copied);
+}
+
+int tarnifs_setxattr(const char *path, const char *name, const char *value, size_t size, int) {
+    TarniLock lock;
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr || name == nullptr || value == nullptr) return -ENOATTR;
+
+    _KTL_XATTR *node = FindXattr(object->xattr_list, name);
+    if (node != nullptr) {
+        // Replaced in place: the node keeps its position in the list.
+        delete[] node->name;
+        delete[] node->value;
+        node->name = nullptr;
+        node->value = nullptr;
+    } else {
+        node = new _KTL_XATTR();
+        node->next = object->xattr_list;
+        object->xattr_list = node;
+    }
+    size_t nameLength = strlen(name);
+    node->name = new (std::nothrow) char[nameLength + 1];
+    if (node->name == nullptr) {
+        QNLog(3, "%s alloc xattr name failed. name : %s", "tarnifs_setxattr", name);
+        return -ENOMEM;
+    }
+    node->value = new (std::nothrow) char[size + 1];
+    if (node->value == nullptr) {
+        QNLog(3, "%s alloc xattr value failed. value : %s", "tarnifs_setxattr", std::string(value, size).c_str());
+        return -ENOMEM;
+    }
+    memset(node->name, 0, nameLength + 1);
+    memset(node->value, 0, size + 1);
+    memcpy(node->name, name, nameLength);
+    memcpy(node->value, value, size);
+    return 0;
+}
+
+int tarnifs_removexattr(const char *path, const char *name) {
+    TarniLock lock;
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr || name == nullptr || object->xattr_list == nullptr) return -ENOATTR;
+
+    _KTL_XATTR *removed = nullptr;
+    if (object->xattr_list->name != nullptr && strcmp(object->xattr_list->name, name) == 0) {
+        removed = object->xattr_list;
+        object->xattr_list = removed->next;
+    } else {
+        _KTL_XATTR *previous = object->xattr_list;
+        while (previous->next != nullptr &&
+               (previous->next->name == nullptr || strcmp(previous->next->name, name) != 0))
+            previous = previous->next;
+        if (previous->next == nullptr) return -ENOATTR;
+        removed = previous->next;
+        previous->next = removed->next;
+    }
+    removed->next = nullptr;
+    delete[] removed->name;
+    delete[] removed->value;
+    delete removed;
+    return 0;
+}

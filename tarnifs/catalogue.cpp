@@ -1,0 +1,208 @@
+#include "tarnifs/catalogue.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <unordered_set>
+
+#include "device/libiusb.h"
+#include "tarnifs/mount.h"
+#include "tarnifs/names.h"
+#include "util/log.h"
+
+std::unordered_map<std::string, uint64_t> Object_list(11);
+
+namespace {
+
+void selfLink(_KTL_LIST_ENTRY *entry) {
+    entry->next = entry;
+    entry->previous = entry;
+}
+
+char *copyString(const char *text) {
+    size_t length = strlen(text);
+    char *copy = new char[length + 1];
+    memcpy(copy, text, length + 1);
+    return copy;
+}
+
+// Splits at the last "/": the parent part is used as given, the last
+// component is converted into gEncodedPath. Returns false when the conversion
+// failed; gEncodedPath then holds the raw component.
+bool buildKey(const std::string &path, std::string *key) {
+    size_t slash = path.rfind('/');
+    std::string parent = slash == std::string::npos ? std::string() : path.substr(0, slash);
+    std::string component = slash == std::string::npos ? path : path.substr(slash + 1);
+
+    memset(gEncodedPath, 0, kEncodedPathSize);
+    bool converted = false;
+    // A component that cannot fit the buffer is never converted.
+    if (component.size() < kEncodedPathSize) converted = getUTF8MACName(component.c_str(), gEncodedPath) >= 0;
+    if (converted) {
+        *key = parent + "/" + std::string(gEncodedPath, strnlen(gEncodedPath, kEncodedPathSize));
+    } else {
+        if (component.size() < kEncodedPathSize) {
+            memset(gEncodedPath, 0, kEncodedPathSize);
+            memcpy(gEncodedPath, component.data(), component.size());
+        }
+        *key = parent + "/" + component;
+    }
+    return converted;
+}
+
+_KTL_OBJECT *recordAt(uint64_t address) { return reinterpret_cast<_KTL_OBJECT *>(static_cast<uintptr_t>(address)); }
+uint64_t addressOf(_KTL_OBJECT *object) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(object)); }
+
+void freeXattrs(_KTL_OBJECT *object) {
+    while (object->xattr_list != nullptr) {
+        _KTL_XATTR *node = object->xattr_list;
+        object->xattr_list = node->next;
+        delete[] node->name;
+        delete[] node->value;
+        node->next = nullptr;
+        delete node;
+    }
+}
+
+// Closes the record's device handles and frees everything it owns but the
+// record itself.
+void releaseRecord(_KTL_OBJECT *object, libiusb_afc *afc_handle) {
+    UnlinkObject(object);
+    if (object->file_handle != 0) {
+        libiusb_afc *connection = object->hhandle != nullptr ? object->hhandle : afc_handle;
+        if (connection != nullptr) libiusb_afc_file_close(connection, object->file_handle);
+        object->file_handle = 0;
+    }
+    if (object->hhandle != nullptr) {
+        libiusb_housearrest_exit(object->hhandle);
+        object->hhandle = nullptr;
+    }
+    delete[] object->file_name;
+    delete[] object->app_id;
+    delete[] object->device_path;
+    object->file_name = nullptr;
+    object->app_id = nullptr;
+    object->device_path = nullptr;
+    freeXattrs(object);
+}
+
+} // namespace
+
+_KTL_OBJECT *ObjectFromSibling(_KTL_LIST_ENTRY *link) {
+    return reinterpret_cast<_KTL_OBJECT *>(reinterpret_cast<char *>(link) - offsetof(_KTL_OBJECT, sibling));
+}
+
+std::string ChildPath(const std::string &folder, const char *name) {
+    // The root's children are "/x", not "//x".
+    return (folder == "/" ? std::string() : folder) + "/" + (name != nullptr ? name : "");
+}
+
+void LinkChildObject(_KTL_OBJECT *parent, _KTL_OBJECT *child) {
+    _KTL_LIST_ENTRY *head = &parent->child_list;
+    _KTL_LIST_ENTRY *link = &child->sibling;
+    link->next = head;
+    link->previous = head->previous;
+    head->previous->next = link;
+    head->previous = link;
+}
+
+void UnlinkObject(_KTL_OBJECT *object) {
+    _KTL_LIST_ENTRY *link = &object->sibling;
+    link->previous->next = link->next;
+    link->next->previous = link->previous;
+    selfLink(link);
+}
+
+_KTL_OBJECT *GetObject(const char *path) {
+    std::string key;
+    if (!buildKey(path, &key)) {
+        const char *slash = strrchr(path, '/');
+        QNLog(3, "%s getUTF8MACName Failed, %s", "GetObject", slash != nullptr ? slash + 1 : path);
+    }
+    uint64_t &slot = Object_list[key];
+    if (slot != 0) return recordAt(slot);
+
+    _KTL_OBJECT *object = new _KTL_OBJECT();
+    selfLink(&object->child_list);
+    selfLink(&object->sibling);
+    object->mode = KTL_MODE_FILE;
+    slot = addressOf(object);
+    return object;
+}
+
+_KTL_OBJECT *GetObjectWithFileName(const char *path) {
+    _KTL_OBJECT *object = GetObject(path);
+    if (object->file_name == nullptr) {
+        const char *slash = strrchr(path, '/');
+        object->file_name = copyString(slash != nullptr ? slash + 1 : path);
+    }
+    return object;
+}
+
+_KTL_OBJECT *FindObject(const char *path) {
+    uint64_t exact = Object_list[path];
+    if (exact != 0) return recordAt(exact);
+    std::string key;
+    if (!buildKey(path, &key)) {
+        QNLog(3, "%s getUTF8MACName Failed", "FindObject");
+        return nullptr;
+    }
+    return recordAt(Object_list[key]);
+}
+
+_KTL_OBJECT *GetParentObject(const char *path) {
+    const char *slash = strrchr(path, '/');
+    if (slash == nullptr) return nullptr;
+    std::string parent(path, static_cast<size_t>(slash - path));
+    return FindObject(parent.empty() ? "/" : parent.c_str());
+}
+
+void DeleteObject(_KTL_OBJECT *object, const char *path) {
+    if (object == nullptr) return;
+    _CONTEXT *ctx = nullptr;
+    if (getContext(&ctx) != 0) return;
+
+    releaseRecord(object, ctx->afc_handle);
+    Object_list.erase(path);
+    // The record may also stand under the composed form of its last
+    // component (the key it was made under); that entry must not outlive it.
+    std::string key;
+    buildKey(path, &key);
+    auto stale = Object_list.find(key);
+    if (stale != Object_list.end() && (stale->second == 0 || stale->second == addressOf(object)))
+        Object_list.erase(stale);
+    delete object;
+}
+
+void DeleteChildObject(_KTL_OBJECT *object, const char *path) {
+    _KTL_LIST_ENTRY *head = &object->child_list;
+    for (_KTL_LIST_ENTRY *link = head->next; link != head;) {
+        _KTL_LIST_ENTRY *following = link->next;
+        _KTL_OBJECT *child = ObjectFromSibling(link);
+        std::string childPath = ChildPath(path, child->file_name);
+        if (child->mode == KTL_MODE_FOLDER) DeleteChildObject(child, childPath.c_str());
+        DeleteObject(child, childPath.c_str());
+        link = following;
+    }
+}
+
+void CleanupTmpObject(const char *path, _KTL_LIST_ENTRY *list_head) {
+    for (_KTL_LIST_ENTRY *link = list_head->next; link != list_head;) {
+        _KTL_LIST_ENTRY *following = link->next;
+        _KTL_OBJECT *child = ObjectFromSibling(link);
+        if (child->type == KTL_TYPE_TEMPORARY) DeleteObject(child, ChildPath(path, child->file_name).c_str());
+        link = following;
+    }
+}
+
+void FreeAllObjects(libiusb_afc *afc_handle) {
+    // A record is normally under one key; the set makes sure none is freed twice.
+    std::unordered_set<_KTL_OBJECT *> records;
+    for (auto &entry : Object_list) {
+        if (entry.second != 0) records.insert(recordAt(entry.second));
+    }
+    // Unlinking touches neighbours, so every record is released before any is freed.
+    for (_KTL_OBJECT *object : records) releaseRecord(object, afc_handle);
+    for (_KTL_OBJECT *object : records) delete object;
+    Object_list.clear();
+}

@@ -1,0 +1,128 @@
+// The catalogue: one record per volume path the file system has shown, in a
+// map from full path to record, and linked into a tree of child lists so that
+// folders can be listed and removed with their contents.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+
+#include "tarnifs/platform.h"
+
+struct libiusb_afc;
+
+// A circular doubly-linked list: a head, or a member's link.
+struct _KTL_LIST_ENTRY {
+    _KTL_LIST_ENTRY *next;
+    _KTL_LIST_ENTRY *previous;
+};
+
+struct _KTL_XATTR {
+    _KTL_XATTR *next;
+    char *name;
+    char *value;  // the stored bytes followed by one NUL
+};
+
+enum {
+    KTL_MODE_FILE = 0x8000,
+    KTL_MODE_FOLDER = 0x4000,
+};
+
+enum {
+    KTL_TYPE_ORDINARY = 0,
+    KTL_TYPE_TEMPORARY = 2,
+    KTL_TYPE_DEVICE_FOLDER = 3,
+    KTL_TYPE_DEVICE_FILE = 4,
+    KTL_TYPE_STAGED = 5,
+};
+
+struct _KTL_OBJECT {
+    _KTL_LIST_ENTRY child_list;
+    _KTL_LIST_ENTRY sibling;
+    uint32_t type;
+    uint32_t sub_type;
+    uint32_t open_count;
+    uint8_t enumerated;
+    libiusb_afc *hhandle;  // house-arrest connection; also the AFC connection of file_handle when set
+    uint64_t file_handle;
+    uint64_t size;
+    uint16_t mode;  // file-type bits only
+    int64_t birth_time;
+    int64_t modify_time;
+    int64_t access_time;
+    char *file_name;    // display name, as first given
+    char *app_id;
+    char *device_path;
+    _KTL_XATTR *xattr_list;
+    uint8_t writing;
+    uint8_t reading;
+    uint64_t read_offset;
+};
+
+// Full volume path -> record address; 0 (an entry a missed lookup left
+// behind) means no record.
+extern std::unordered_map<std::string, uint64_t> Object_list;
+
+_KTL_OBJECT *GetObject(const char *path);
+_KTL_OBJECT *GetObjectWithFileName(const char *path);
+_KTL_OBJECT *FindObject(const char *path);
+_KTL_OBJECT *GetParentObject(const char *path);
+void DeleteObject(_KTL_OBJECT *object, const char *path);
+void DeleteChildObject(_KTL_OBJECT *object, const char *path);
+void CleanupTmpObject(const char *path, _KTL_LIST_ENTRY *list_head);
+
+// Tree helpers for the code that lists and creates.
+void LinkChildObject(_KTL_OBJECT *parent, _KTL_OBJECT *child);  // at the tail
+void UnlinkObject(_KTL_OBJECT *object);
+_KTL_OBJECT *ObjectFromSibling(_KTL_LIST_ENTRY *link);
+std::string ChildPath(const std::string &folder, const char *name);
+
+// Releases every record's device handles, strings and attributes and empties
+// the map; unmount calls it.
+void FreeAllObjects(libiusb_afc *afc_handle);
+
+// Attributes and extended attributes, answered from the catalogue alone.
+#ifndef __APPLE__
+// The macOS attribute-change record, kept so that chmod, chown, truncate,
+// ftruncate and utimens share one code path on Linux.
+struct setattr_x {
+    int32_t valid;
+    mode_t mode;
+    uid_t uid;
+    gid_t gid;
+    off_t size;
+    struct timespec acctime;
+    struct timespec modtime;
+    struct timespec crtime;
+    struct timespec chgtime;
+    struct timespec bkuptime;
+    uint32_t flags;
+};
+#define SETATTR_WANTS_MODE(attr) ((attr)->valid & (1 << 0))
+#define SETATTR_WANTS_UID(attr) ((attr)->valid & (1 << 1))
+#define SETATTR_WANTS_GID(attr) ((attr)->valid & (1 << 2))
+#define SETATTR_WANTS_SIZE(attr) ((attr)->valid & (1 << 3))
+#define SETATTR_WANTS_ACCTIME(attr) ((attr)->valid & (1 << 4))
+#define SETATTR_WANTS_MODTIME(attr) ((attr)->valid & (1 << 5))
+#define SETATTR_WANTS_CRTIME(attr) ((attr)->valid & (1 << 28))
+#endif
+
+int tarnifs_getattr(const char *path, struct stat *st);
+int tarnifs_fgetattr(const char *path, struct stat *st, struct fuse_file_info *fi);
+int tarnifs_setattr_x(const char *path, struct setattr_x *attr);
+int tarnifs_fsetattr_x(const char *path, struct setattr_x *attr, struct fuse_file_info *fi);
+int tarnifs_getxattr(const char *path, const char *name, char *value, size_t size);
+int tarnifs_setxattr(const char *path, const char *name, const char *value, size_t size, int flags);
+int tarnifs_removexattr(const char *path, const char *name);
+_KTL_XATTR *FindXattr(_KTL_XATTR *list_head, const char *name);
+
+#ifndef __APPLE__
+// Linux delivers attribute changes one by one; each enters tarnifs_setattr_x.
+int tarnifs_chmod(const char *path, mode_t mode);
+int tarnifs_chown(const char *path, uid_t uid, gid_t gid);
+int tarnifs_truncate(const char *path, off_t size);
+int tarnifs_ftruncate(const char *path, off_t size, struct fuse_file_info *fi);
+int tarnifs_utimens(const char *path, const struct timespec tv[2]);
+#endif

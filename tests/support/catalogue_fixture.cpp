@@ -1,0 +1,63 @@
+#include "tests/support/catalogue_fixture.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/names.h"
+#include "util/log.h"
+
+std::string makeTempDir(const char *prefix) {
+    std::string pattern = std::string("/tmp/") + prefix + "XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (mkdtemp(buffer.data()) == nullptr) return std::string();
+    return buffer.data();
+}
+
+void removeTree(const std::string &path) {
+    std::error_code ignored;
+    if (!path.empty()) std::filesystem::remove_all(path, ignored);
+}
+
+std::vector<std::string> readLogMessages(const std::string &file) {
+    std::vector<std::string> messages;
+    std::ifstream in(file);
+    std::string line;
+    while (std::getline(in, line)) {
+        // "[14H05M09S][4711]" precedes every message.
+        size_t second = line.find("][");
+        size_t end = second == std::string::npos ? std::string::npos : line.find(']', second + 2);
+        messages.push_back(end == std::string::npos ? line : line.substr(end + 1));
+    }
+    return messages;
+}
+
+void MountContextTest::SetUp() {
+    tempDir = makeTempDir("quorvel-test-");
+    ASSERT_FALSE(tempDir.empty());
+    setenv("QUORVEL_LOG_DIR", tempDir.c_str(), 1);
+    unsetenv("QUORVEL_LOGLEVEL");
+    QNLogInit();
+    if (gEncodedPath == nullptr) gEncodedPath = static_cast<char *>(calloc(kEncodedPathSize, 1));
+    fuse.private_data = &context;
+    SetFuseContextForTesting(&fuse);
+}
+
+void MountContextTest::TearDown() {
+    FreeAllObjects(nullptr);
+    SetFuseContextForTesting(nullptr);
+    free(gEncodedPath);
+    gEncodedPath = nullptr;
+    removeTree(tempDir);
+}
+
+std::vector<std::string> MountContextTest::logMessages() const { return readLogMessages(QNLogPath()); }
+
+bool MountContextTest::logContains(const std::string &message) const {
+    for (const std::string &line : logMessages())
+        if (line == message) return true;
+    return false;
+}

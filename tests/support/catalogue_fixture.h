@@ -1,0 +1,31 @@
+// A mount context without a mount: handlers called directly see `context`
+// through the fuse context seam, log into a private folder, and leave an
+// empty catalogue behind.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tarnifs/mount.h"
+
+class MountContextTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Lines of today's log file, without their time stamp and process id.
+    std::vector<std::string> logMessages() const;
+    bool logContains(const std::string &message) const;
+
+    _CONTEXT context;
+    struct fuse_context fuse {};
+    std::string tempDir;
+};
+
+// A private temporary folder, removed by the caller.
+std::string makeTempDir(const char *prefix);
+void removeTree(const std::string &path);
+// The log lines of `file` with the "[..H..M..S][pid]" prefix removed.
+std::vector<std::string> readLogMessages(const std::string &file);

@@ -1,0 +1,6 @@
+// The subcommands of `quorvel`. Each gets the arguments after its own name
+// (argv[0] is the subcommand's name) and returns the process exit status.
+#pragma once
+
+int cmdList(int argc, char **argv);
+int cmdTray(int argc, char **argv);
