@@ -103,6 +103,16 @@ int convertWithIconv(const char *to, const char *from, char *in, size_t inLen, c
 } // namespace
 
 int utf8_to_utf8mac(char *in, int inLen, char *out, int outLen) {
+    // Plain ASCII is its own composed form; most names are, and every lookup
+    // converts one, so they skip the normaliser.
+    if (in != nullptr && out != nullptr && inLen >= 0 && inLen <= outLen) {
+        bool ascii = true;
+        for (int i = 0; i < inLen && ascii; ++i) ascii = static_cast<unsigned char>(in[i]) < 0x80;
+        if (ascii) {
+            memmove(out, in, static_cast<size_t>(inLen));
+            return 0;
+        }
+    }
     return normaliseUtf8(in, inLen, out, outLen, UTF8PROC_COMPOSE, "utf8_to_utf8mac");
 }
 
