@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/listing.h"
 #include "tarnifs/mount.h"
 #include "util/log.h"
 
@@ -37,6 +38,12 @@ int tarnifs_getattr(const char *path, struct stat *st) {
         return 0;
     }
     _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr) {
+        // Nothing listed this path's folder yet: list it, then look again.
+        result = listFoldersAbove(ctx, path);
+        if (result != 0) return result;
+        object = FindObject(path);
+    }
     if (object == nullptr) return -ENOENT;
     st->st_mode = static_cast<mode_t>(object->mode | 0777);
     st->st_size = static_cast<off_t>(object->size);

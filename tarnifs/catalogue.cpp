@@ -98,6 +98,8 @@ std::string ChildPath(const std::string &folder, const char *name) {
 }
 
 void LinkChildObject(_KTL_OBJECT *parent, _KTL_OBJECT *child) {
+    // A record is in one list at a time; linking it twice would break both.
+    if (child->sibling.next != &child->sibling) UnlinkObject(child);
     _KTL_LIST_ENTRY *head = &parent->child_list;
     _KTL_LIST_ENTRY *link = &child->sibling;
     link->next = head;

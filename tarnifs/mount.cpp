@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/listing.h"
 #include "util/log.h"
 
 pthread_mutex_t tarni_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -17,7 +18,12 @@ namespace {
 struct fuse_operations makeOperationTable() {
     struct fuse_operations ops;
     memset(&ops, 0, sizeof(ops));
+    ops.init = tarnifs_init;
+    ops.destroy = tarnifs_destroy;
+    ops.statfs = tarnifs_statfs;
+    ops.access = tarnifs_access;
     ops.getattr = tarnifs_getattr;
+    ops.readdir = tarnifs_readdir;
     ops.fgetattr = tarnifs_fgetattr;
     ops.getxattr = tarnifs_getxattr;
     ops.setxattr = tarnifs_setxattr;

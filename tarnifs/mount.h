@@ -36,6 +36,9 @@ struct _CONTEXT {
     libiusb_afc *afc_handle = nullptr;
     libiusb_instproxy *instproxy_handle = nullptr;
     char *pLocationId = nullptr;
+    // The private work folder: "/tmp/" + location id, or a fresh private
+    // folder when that name is taken by something that is not ours.
+    char work_dir[256] = {0};
     sqlite3 *media_db = nullptr;
     sqlite3 *photo_db = nullptr;
     sqlite3 *record_db = nullptr;

@@ -12,9 +12,11 @@ class AttributesTest : public MountContextTest {
 protected:
     void SetUp() override {
         MountContextTest::SetUp();
-        GetObject("/");
+        // Both folders count as listed, so lookups never reach for the device.
+        GetObject("/")->enumerated = 1;
         _KTL_OBJECT *storage = GetObjectWithFileName("/Storage");
         storage->mode = KTL_MODE_FOLDER;
+        storage->enumerated = 1;
         file = GetObjectWithFileName("/Storage/song.mp3");
         file->size = 4096;
         file->birth_time = 1000;

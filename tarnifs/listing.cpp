@@ -1,0 +1,369 @@
+#include "tarnifs/listing.h"
+
+#include <cassert>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/names.h"
+#include "tarnifs/notify.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr char kStorageRoot[] = "/general_storage";
+
+void emit(void *buffer, fuse_fill_dir_t filler, const char *name) {
+    if (filler != nullptr) filler(buffer, name, nullptr, 0);
+}
+
+char *copyString(const char *text) {
+    size_t length = strlen(text);
+    char *copy = new char[length + 1];
+    memcpy(copy, text, length + 1);
+    return copy;
+}
+
+// A folder this file system makes itself: named, a folder, stamped now, and
+// linked at the tail of its parent.
+_KTL_OBJECT *makeFixedFolder(_KTL_OBJECT *parent, const char *path) {
+    _KTL_OBJECT *folder = GetObjectWithFileName(path);
+    time_t now = time(nullptr);
+    folder->mode = KTL_MODE_FOLDER;
+    folder->birth_time = now;
+    folder->modify_time = now;
+    folder->access_time = now;
+    LinkChildObject(parent, folder);
+    return folder;
+}
+
+void fillFromDevice(_KTL_OBJECT *object, const libiusb_file_info &info) {
+    object->size = info.size;
+    object->birth_time = info.birth_time / 1000000000;
+    object->modify_time = info.modify_time / 1000000000;
+    object->access_time = object->modify_time;
+}
+
+// "/Storage/a/b" -> "/general_storage/a/b".
+std::string storageDevicePath(const char *path) { return std::string(kStorageRoot) + (path + 8); }
+
+// "/Apps/<app>/x/y" -> "/Documents/x/y" in the app's sandbox.
+std::string sandboxPath(const char *path) {
+    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
+    size_t slash = rest.find('/');
+    return "/Documents" + (slash == std::string::npos ? std::string() : rest.substr(slash));
+}
+
+// Runs `sql` and tells whether its first row's first column is non-zero.
+// When the database is missing or the statement does not prepare, the line
+// names the media database, as it always has.
+bool firstColumnIsSet(_CONTEXT *ctx, sqlite3 *db, const char *sql) {
+    sqlite3_stmt *statement = nullptr;
+    int result = SQLITE_MISUSE;
+    if (db != nullptr) result = sqlite3_prepare_v2(db, sql, -1, &statement, nullptr);
+    if (db == nullptr || result != SQLITE_OK) {
+        QNLog(3, "%s for meidadb : %p, ret : %d errormsg(%s)", "tarnifs_readdir", static_cast<void *>(ctx->media_db),
+              result, sqlite3_errmsg(ctx->media_db));
+        if (statement != nullptr) sqlite3_finalize(statement);
+        return false;
+    }
+    bool set = sqlite3_step(statement) == SQLITE_ROW && sqlite3_column_int64(statement, 0) != 0;
+    sqlite3_finalize(statement);
+    return set;
+}
+
+void listRoot(_KTL_OBJECT *root, void *buffer, fuse_fill_dir_t filler) {
+    time_t now = time(nullptr);
+    root->mode = KTL_MODE_FOLDER;
+    root->birth_time = now;
+    root->modify_time = now;
+    root->access_time = now;
+    for (const char *area : {"/Media", "/Apps", "/Storage"}) makeFixedFolder(root, area);
+    for (const char *name : {"Media", "Apps", "Storage"}) emit(buffer, filler, name);
+}
+
+void listMediaRoot(_CONTEXT *ctx, _KTL_OBJECT *media, void *buffer, fuse_fill_dir_t filler) {
+    // The media databases are fetched from the device by the media views;
+    // without them the kind folders below are all there is.
+    for (const char *kind : {"/Media/Music", "/Media/Movies", "/Media/Photo"}) makeFixedFolder(media, kind);
+    if (firstColumnIsSet(ctx, ctx->media_db,
+                         "select media_kind from item_extra where (media_kind like 4 or media_kind like 6) limit 1")) {
+        makeFixedFolder(media, "/Media/Podcast");
+        emit(buffer, filler, "Podcast");
+    }
+    if (firstColumnIsSet(ctx, ctx->record_db, "select count(Z_PK) from ZRECORDING where ZPATH is not NULL")) {
+        makeFixedFolder(media, "/Media/Voice Memos");
+        emit(buffer, filler, "Voice Memos");
+    }
+    for (const char *name : {"Music", "Movies", "Photo"}) emit(buffer, filler, name);
+}
+
+int endHouseArrest(libiusb_afc *client) {
+    int result = libiusb_housearrest_exit(client);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_housearrest_exit failed. error : %d", "enumApps", result);
+        result = libiusb_housearrest_exit(client);
+    }
+    return result;
+}
+
+int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir_t filler) {
+    sendPipeMsg("-neon");
+    libiusb_app_node *list = nullptr;
+    int result = libiusb_instproxy_getAppId(ctx->instproxy_handle, &list);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_instproxy_getAppId failed. error : %d", "enumApps", result);
+        sendPipeMsg("-neoff");
+        libiusb_free_app_list(list);
+        return result;
+    }
+    if (list == nullptr) {
+        QNLog(3, "%s applist is NULL!", "enumApps");
+        sendPipeMsg("-neoff");
+        return 0;
+    }
+    for (libiusb_app_node *app = list; app != nullptr; app = app->next) {
+        char *name = new (std::nothrow) char[512]();
+        if (name == nullptr) {
+            QNLog(3, "%s Low memory!", "enumApps");
+            break;
+        }
+        const char *displayName = app->display_name != nullptr ? app->display_name : "";
+        // The buffer must stay zero past the name; an over-long name cannot be converted.
+        if (strlen(displayName) >= 512 || getUTF8MACName(displayName, name) != 0) {
+            QNLog(3, "%s getUTF8MACName failed. target App Name : %s", "enumApps", displayName);
+            delete[] name;
+            break;
+        }
+        std::string candidate = std::string("/Apps/") + name;
+        for (int counter = 2; FindObject(candidate.c_str()) != nullptr && counter < 1000; ++counter)
+            candidate = std::string("/Apps/") + name + " (" + std::to_string(counter) + ")";
+
+        _KTL_OBJECT *folder = GetObjectWithFileName(candidate.c_str());
+        time_t now = time(nullptr);
+        folder->mode = KTL_MODE_FOLDER;
+        folder->type = KTL_TYPE_DEVICE_FOLDER;
+        folder->birth_time = now;
+        folder->modify_time = now;
+        folder->access_time = now;
+        folder->size = 0;
+        if (folder->app_id == nullptr && app->bundle_id != nullptr) folder->app_id = copyString(app->bundle_id);
+        LinkChildObject(apps, folder);
+        emit(buffer, filler, folder->file_name);
+        delete[] name;
+    }
+    sendPipeMsg("-neoff");
+    libiusb_free_app_list(list);
+    return 0;
+}
+
+int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void *buffer, fuse_fill_dir_t filler) {
+    if (strstr(path, "/Apps") == nullptr || folder->app_id == nullptr) return 0;
+
+    libiusb_afc *client = nullptr;
+    int result = libiusb_housearrest_init(ctx->device_handle, &client);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "enumApps", result);
+        return result;
+    }
+    std::string sandbox = sandboxPath(path);
+    bool busy = false;
+    char **entries = nullptr;
+    uint32_t count = 0;
+    // A sandbox that cannot be opened or read lists as an empty folder.
+    result = libiusb_housearrest_openapp(client, folder->app_id);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d", "enumApps", result);
+    } else if ((result = libiusb_afc_file_read_directory(client, sandbox.c_str(), nullptr, &count)) != 0) {
+        QNLog(3, "%s libiusb_afc_file_read_directory failed. from(%s). ret : %d", "enumApps", sandbox.c_str(), result);
+    } else {
+        if (count > kBusyListingEntries) {
+            sendPipeMsg("-neon");
+            busy = true;
+        }
+        result = libiusb_afc_file_read_directory(client, sandbox.c_str(), &entries, nullptr);
+        if (result != 0) {
+            QNLog(3, "%s libiusb_afc_file_read_directory failed. error : %d", "enumApps", result);
+        } else {
+            for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
+                if ((*entry)[0] == '.') continue;
+                libiusb_file_info info;
+                memset(&info, 0, sizeof(info));
+                std::string devicePath = sandbox + "/" + *entry;
+                int infoResult = libiusb_afc_file_get_info(client, devicePath.c_str(), &info);
+                if (infoResult != 0) {
+                    QNLog(3, "%s libiusb_afc_file_get_info failed. error : %d", "enumApps", infoResult);
+                    continue;
+                }
+                std::string childPath = ChildPath(path, *entry);
+                _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
+                bool isFolder = info.file_type == LIBIUSB_FILE_TYPE_FOLDER;
+                child->mode = isFolder ? KTL_MODE_FOLDER : KTL_MODE_FILE;
+                child->type = isFolder ? KTL_TYPE_DEVICE_FOLDER : KTL_TYPE_DEVICE_FILE;
+                fillFromDevice(child, info);
+                if (child->app_id == nullptr) child->app_id = copyString(folder->app_id);
+                LinkChildObject(folder, child);
+                emit(buffer, filler, *entry);
+            }
+        }
+    }
+    libiusb_misc_free_strings_array(entries);
+    result = endHouseArrest(client);
+    if (busy) sendPipeMsg("-neoff");
+    return result;
+}
+
+} // namespace
+
+int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t) {
+    _KTL_OBJECT *folder = GetObject(path);
+    libiusb_file_info info;
+    memset(&info, 0, sizeof(info));
+    int result = libiusb_afc_file_get_info(ctx->afc_handle, kStorageRoot, &info);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_afc_file_get_info failed ret : %d", "enumStorage", result);
+        // A device that never had a storage folder gets an empty one.
+        result = libiusb_afc_make_directory(ctx->afc_handle, kStorageRoot);
+        if (result != 0) QNLog(3, "%s libiusb_afc_make_directory error. ret : %d", "enumStorage", result);
+        return result;
+    }
+    std::string devicePath = storageDevicePath(path);
+    uint32_t count = 0;
+    result = libiusb_afc_file_read_directory(ctx->afc_handle, devicePath.c_str(), nullptr, &count);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_afc_file_read_directory failed. path(%s), ret : %d", "enumStorage", devicePath.c_str(),
+              result);
+        return result;
+    }
+    bool busy = count > kBusyListingEntries;
+    if (busy) sendPipeMsg("-neon");
+    char **entries = nullptr;
+    result = libiusb_afc_file_read_directory(ctx->afc_handle, devicePath.c_str(), &entries, nullptr);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_afc_file_read_directory failed. path(%s), ret : %d", "enumStorage", devicePath.c_str(),
+              result);
+        if (busy) sendPipeMsg("-neoff");  // every busy signal is closed, error paths included
+        return result;
+    }
+    for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
+        if ((*entry)[0] == '.') continue;
+        memset(&info, 0, sizeof(info));
+        std::string entryDevicePath = devicePath + "/" + *entry;
+        result = libiusb_afc_file_get_info(ctx->afc_handle, entryDevicePath.c_str(), &info);
+        if (result != 0) {
+            QNLog(3, "%s libiusb_afc_file_get_info failed. code : %d\n", "enumStorage", result);
+            break;
+        }
+        std::string childPath = ChildPath(path, *entry);
+        _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
+        // Links and other kinds keep the mode they have (a new record is a file).
+        if (info.file_type == LIBIUSB_FILE_TYPE_REGULAR) child->mode = KTL_MODE_FILE;
+        if (info.file_type == LIBIUSB_FILE_TYPE_FOLDER) child->mode = KTL_MODE_FOLDER;
+        fillFromDevice(child, info);
+        LinkChildObject(folder, child);
+        emit(buffer, filler, *entry);
+    }
+    libiusb_misc_free_strings_array(entries);
+    if (busy) sendPipeMsg("-neoff");
+    return result;
+}
+
+int enumApps(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler) {
+    _KTL_OBJECT *folder = GetObject(path);
+    if (strcmp(path, "/Apps") == 0) return listAppFolders(ctx, folder, buffer, filler);
+    return listAppDocuments(ctx, path, folder, buffer, filler);
+}
+
+int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset) {
+    emit(buffer, filler, ".");
+    emit(buffer, filler, "..");
+    _KTL_OBJECT *folder = GetObject(path);
+
+    if (folder->child_list.next != &folder->child_list) {
+        for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next) {
+            _KTL_OBJECT *child = ObjectFromSibling(link);
+            assert(child->file_name && "pObject->file_name");
+            if (child->file_name != nullptr) emit(buffer, filler, child->file_name);
+        }
+        folder->enumerated = 1;
+        // An app folder's connection, kept by file operations, is let go once
+        // nothing in it is open.
+        if (folder->hhandle != nullptr && folder->open_count == 0) {
+            int result = libiusb_housearrest_exit(folder->hhandle);
+            if (result != 0)
+                QNLog(3, "%s libiusb_housearrest_exit failed. path(%s). ret : %d", "tarnifs_readdir", path, result);
+            folder->hhandle = nullptr;
+        }
+        return 0;
+    }
+    if (folder->enumerated == 1) return 0;
+
+    if (strcmp(path, "/") == 0) {
+        listRoot(folder, buffer, filler);
+        folder->enumerated = 1;
+        return 0;
+    }
+    if (strcmp(path, "/Media") == 0) {
+        listMediaRoot(ctx, folder, buffer, filler);
+        folder->enumerated = 1;
+        return 0;
+    }
+
+    int result = 0;
+    const char *area = nullptr;
+    if (strncmp(path, "/Apps", 5) == 0) {
+        area = "enumApps";
+        result = enumApps(ctx, path, buffer, filler);
+    } else if (strncmp(path, "/Storage", 8) == 0) {
+        area = "enumStorage";
+        result = enumStorage(ctx, path, buffer, filler, offset);
+    } else if (strncmp(path, "/Media", 6) == 0) {
+        // The media views are built from the device's databases; until they
+        // are fetched, a media folder has nothing to show.
+        result = 0;
+    } else {
+        QNLog(3, "%s Unexpected path(%s)", "tarnifs_readdir", path);
+        snprintf(ErrMsg, sizeof(ErrMsg), "Unexpected path.\n%s", path);
+        ShowMessageBox(kMsgError, ErrMsg);
+        return -ECANCELED;
+    }
+    if (result == 0) {
+        folder->enumerated = 1;
+        return 0;
+    }
+    if (result == LIBIUSB_ERROR_CONNECTION_LOST)
+        snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB Connection.\nDirectory reading aborted.");
+    else
+        snprintf(ErrMsg, sizeof(ErrMsg), "Could not read directory.\nError Code : %d", result);
+    QNLog(3, "%s %s failed. error : %d", "tarnifs_readdir", area, result);
+    ShowMessageBox(kMsgError, ErrMsg);
+    return -ECANCELED;
+}
+
+int tarnifs_readdir(const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset, struct fuse_file_info *) {
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
+    return listFolder(ctx, path, buffer, filler, offset);
+}
+
+int listFoldersAbove(_CONTEXT *ctx, const char *path) {
+    std::string target(path);
+    std::string folder = "/";
+    size_t position = 1;
+    for (;;) {
+        _KTL_OBJECT *record = FindObject(folder.c_str());
+        if (folder != "/" && (record == nullptr || record->mode != KTL_MODE_FOLDER)) return 0;  // nothing to list
+        if (record == nullptr || record->enumerated == 0) {
+            int result = listFolder(ctx, folder.c_str(), nullptr, nullptr, 0);
+            if (result != 0) return result;
+        }
+        size_t slash = target.find('/', position);
+        if (slash == std::string::npos) return 0;  // `folder` was the parent
+        folder = target.substr(0, slash);
+        position = slash + 1;
+    }
+}

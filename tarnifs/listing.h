@@ -1,0 +1,25 @@
+// Folder listings: the fixed root and /Media layout, and the /Storage and
+// /Apps areas listed from the device into the catalogue.
+#pragma once
+
+#include <sys/types.h>
+
+#include "tarnifs/mount.h"
+
+int tarnifs_readdir(const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset, struct fuse_file_info *fi);
+
+int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset);
+int enumApps(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler);
+
+// The body of a listing, for callers that already hold tarni_mutex; a null
+// filler only fills the catalogue.
+int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset);
+
+// Lists, from the root down, every folder above `path` that was not listed
+// yet, so that a path is found even when nothing listed its folder before.
+// Folders already listed are left as they are. Called under tarni_mutex.
+// 0, or the error of a listing that failed (its dialog already shown).
+int listFoldersAbove(_CONTEXT *ctx, const char *path);
+
+// Folder listings larger than this are announced to the tray helper as busy.
+constexpr uint32_t kBusyListingEntries = 30000;

@@ -1,0 +1,185 @@
+#include "tests/support/fuse_mount.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "tests/support/catalogue_fixture.h"
+#include "util/log.h"
+
+extern char **environ;
+
+std::string fuseUnavailableReason() {
+#ifndef QUORVEL_PATH
+    return "the quorvel programs were not built";
+#else
+    if (access("/dev/fuse", R_OK | W_OK) != 0) return "/dev/fuse is not available";
+    if (access("/bin/fusermount", X_OK) != 0 && access("/usr/bin/fusermount", X_OK) != 0)
+        return "fusermount is not installed (package fuse)";
+    return "";
+#endif
+}
+
+void DialogRecorder::create(const std::string &folder) {
+    script = folder + "/record-dialog";
+    record = folder + "/dialogs";
+    std::ofstream out(script);
+    // Each argument ends with a NUL byte, each dialog with an extra one.
+    out << "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\0' \"$a\"; done >> '" << record << "'\nprintf '\\0' >> '"
+        << record << "'\n";
+    out.close();
+    chmod(script.c_str(), 0755);
+}
+
+std::vector<RecordedDialog> DialogRecorder::dialogs() const {
+    std::ifstream in(record, std::ios::binary);
+    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<RecordedDialog> result;
+    std::vector<std::string> fields;
+    std::string current;
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i] != '\0') {
+            current += all[i];
+            continue;
+        }
+        if (current.empty() && !fields.empty()) {
+            RecordedDialog dialog;
+            if (fields.size() > 0) dialog.kind = fields[0];
+            if (fields.size() > 1) dialog.title = fields[1];
+            if (fields.size() > 2) dialog.message = fields[2];
+            if (fields.size() > 3) dialog.button = fields[3];
+            result.push_back(dialog);
+            fields.clear();
+        } else {
+            fields.push_back(current);
+        }
+        current.clear();
+    }
+    return result;
+}
+
+bool isFuseMountPoint(const std::string &path) {
+    std::ifstream mounts("/proc/self/mounts");
+    std::string line;
+    std::string canonical = std::filesystem::weakly_canonical(path).string();
+    while (std::getline(mounts, line)) {
+        std::istringstream fields(line);
+        std::string device, point, type;
+        fields >> device >> point >> type;
+        if (point == canonical && type.rfind("fuse", 0) == 0) return true;
+    }
+    return false;
+}
+
+std::string runProgram(const std::vector<std::string> &argv, int *status) {
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0) return "";
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(pipeFds[1], 1);
+        close(pipeFds[0]);
+        close(pipeFds[1]);
+        std::vector<char *> args;
+        for (const std::string &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    std::string output;
+    char buffer[4096];
+    ssize_t got;
+    while ((got = read(pipeFds[0], buffer, sizeof(buffer))) > 0) output.append(buffer, static_cast<size_t>(got));
+    close(pipeFds[0]);
+    int wstatus = 0;
+    waitpid(child, &wstatus, 0);
+    if (status != nullptr) *status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+    return output;
+}
+
+bool QuorvelMount::start(unsigned int locationId, const std::vector<std::string> &fuseOptions) {
+#ifndef QUORVEL_PATH
+    (void)locationId;
+    (void)fuseOptions;
+    return false;
+#else
+    std::string fsProgram = std::filesystem::path(QUORVEL_PATH).parent_path().string() + "/quorvelfs";
+    std::vector<std::string> args = {fsProgram, mountPoint, "-f"};
+    args.insert(args.end(), fuseOptions.begin(), fuseOptions.end());
+    args.push_back("-devopt");
+    args.push_back(std::to_string(locationId));
+
+    std::vector<std::string> environment;
+    for (char **entry = environ; *entry != nullptr; ++entry) environment.push_back(*entry);
+    environment.push_back("QUORVEL_LOG_DIR=" + logDir);
+    for (const std::string &extra : extraEnvironment) environment.push_back(extra);
+
+    pid = fork();
+    if (pid == 0) {
+        std::vector<char *> argv, envp;
+        for (std::string &arg : args) argv.push_back(&arg[0]);
+        argv.push_back(nullptr);
+        for (std::string &entry : environment) envp.push_back(&entry[0]);
+        envp.push_back(nullptr);
+        int devNull = open("/dev/null", O_RDONLY);
+        dup2(devNull, 0);
+        execve(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (isFuseMountPoint(mountPoint)) return true;
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            pid = -1;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+#endif
+}
+
+int QuorvelMount::stop() {
+    if (pid <= 0) return -1;
+    if (isFuseMountPoint(mountPoint)) runProgram({"fusermount", "-u", "-z", mountPoint});
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            pid = -1;
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::vector<std::string> QuorvelMount::logMessages() const {
+    std::vector<std::string> all;
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator(logDir, error)) {
+        std::vector<std::string> lines = readLogMessages(entry.path().string());
+        all.insert(all.end(), lines.begin(), lines.end());
+    }
+    return all;
+}
+
+int QuorvelMount::countLog(const std::string &message) const {
+    int count = 0;
+    for (const std::string &line : logMessages()) count += line == message;
+    return count;
+}

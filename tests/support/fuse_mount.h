@@ -1,0 +1,44 @@
+// Runs the file-system process (quorvelfs) against a device server through a
+// real FUSE mount, for end-to-end tests.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+// Why a mount test cannot run here, or "" when it can.
+std::string fuseUnavailableReason();
+
+struct RecordedDialog {
+    std::string kind, title, message, button;
+};
+
+// A QUORVEL_DIALOG program that appends each dialog to a file, so tests can
+// read back exactly what a user would have been shown.
+struct DialogRecorder {
+    std::string script;
+    std::string record;
+    void create(const std::string &folder);
+    std::vector<RecordedDialog> dialogs() const;
+};
+
+struct QuorvelMount {
+    std::string mountPoint;
+    std::string logDir;
+    std::vector<std::string> extraEnvironment;  // "NAME=value"
+    pid_t pid = -1;
+
+    // Starts quorvelfs in the foreground for `locationId` and waits until the
+    // mount point is a FUSE mount. False when it did not appear in time.
+    bool start(unsigned int locationId, const std::vector<std::string> &fuseOptions = {});
+    // Unmounts and waits for the process; returns its exit status, or -1.
+    int stop();
+    // The messages of the mount's log, without time stamp and process id.
+    std::vector<std::string> logMessages() const;
+    int countLog(const std::string &message) const;
+};
+
+bool isFuseMountPoint(const std::string &path);
+// Runs a program with an argument vector; its standard output, and its exit status in *status.
+std::string runProgram(const std::vector<std::string> &argv, int *status = nullptr);
