@@ -1,0 +1,189 @@
+// The simulated device server: shared records and the functions each service
+// file provides. One thread serves one client connection from start to end.
+#pragma once
+
+#include <plist/plist.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace devsim {
+
+// Device ports a client may Connect to. Lockdown's port is the real one; the
+// service ports are what StartService hands out.
+constexpr uint16_t kLockdownPort = 62078;
+constexpr uint16_t kAfcPort = 49201;
+constexpr uint16_t kInstallationProxyPort = 49202;
+constexpr uint16_t kHouseArrestPort = 49203;
+
+// ---------------------------------------------------------------- image ---
+
+struct AppInfo {
+  std::string bundle_id;
+  std::string display_name;
+  bool file_sharing = false;
+};
+
+struct DeviceImage {
+  std::string dir;  // absolute path of the image folder
+  std::string name;
+  std::string udid;
+  std::string ios_version;
+  std::string product_type;
+  std::string build_version;
+  std::string serial_number;
+  uint32_t location_id = 0;
+  uint64_t capacity_bytes = 0;
+  uint32_t block_size = 4096;
+  std::vector<AppInfo> apps;
+};
+
+// Reads DIR/device.json. On failure returns false with a message that names
+// the offending key. `fallback_location_id` is used when the key is absent.
+bool load_device_image(const std::string& dir, uint32_t fallback_location_id, DeviceImage& image,
+                       std::string& error);
+
+// Bytes held in regular files under media/ and apps/ (each inode once).
+uint64_t measure_stored_bytes(const std::string& image_dir);
+
+// "Trust this computer?" and friends: derived from the product type.
+std::string device_class_of(const DeviceImage& image);
+
+// Writes the sample image folder used by demos and hand testing.
+bool write_sample_image(const std::string& dir, std::string& error);
+
+// --------------------------------------------------------------- faults ---
+
+struct AfcErrorRule {
+  std::string pattern;  // fnmatch() pattern over the AFC path ("/" + relative)
+  uint64_t error = 0;
+};
+
+struct DeviceFaults {
+  int64_t drop_after_requests = -1;  // -1: off
+  int64_t drop_after_bytes = -1;
+  int64_t requests_seen = 0;
+  int64_t bytes_seen = 0;
+  std::vector<AfcErrorRule> afc_errors;
+  std::chrono::steady_clock::time_point trust_until{};
+  std::string trust_error = "PairingDialogResponsePending";
+};
+
+// ---------------------------------------------------------------- server ---
+
+struct Device {
+  DeviceImage image;
+
+  // Serialises every change of the stored bytes (writes, truncation, removal).
+  std::mutex storage_mutex;
+  uint64_t stored_bytes = 0;
+  std::atomic<uint64_t> capacity_bytes{0};
+
+  std::mutex faults_mutex;
+  DeviceFaults faults;
+
+  // Guarded by Server::mutex.
+  bool attached = true;
+  std::set<int> connection_fds;
+
+  // Bandwidth shaping is per device, as a USB link is.
+  std::mutex link_mutex;
+  std::chrono::steady_clock::time_point link_free_at{};
+};
+
+struct Listener {
+  int fd = -1;
+  std::mutex write_mutex;
+};
+
+struct Server {
+  std::string socket_path;
+  std::string control_path;
+  bool verbose = false;
+  std::vector<std::unique_ptr<Device>> devices;
+
+  std::atomic<uint32_t> latency_us{0};
+  std::atomic<uint32_t> bandwidth_mbps{0};  // megabytes (10^6) per second; 0 = unlimited
+  std::atomic<bool> stopping{false};
+
+  std::mutex mutex;  // guards what follows and Device::attached / connection_fds
+  std::set<int> client_fds;
+  std::vector<std::shared_ptr<Listener>> listeners;
+  std::map<std::string, std::vector<char>> saved_pair_records;
+
+  // Timed actions (late appearance, replug), run by the scheduler thread.
+  std::mutex schedule_mutex;
+  std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> schedule;
+};
+
+// One accepted client socket. After a usbmux Connect, `device` is set and the
+// same socket carries the device service's bytes.
+struct Connection {
+  Server& server;
+  int fd;
+  uint64_t id;
+  Device* device = nullptr;
+};
+
+// ----------------------------------------------------------------- wire ---
+
+void log_line(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+enum class ReadStatus { ok, closed, truncated, failed };
+const char* describe(ReadStatus status);
+
+ReadStatus read_exact(Connection& conn, void* buffer, size_t length);
+bool write_all(Connection& conn, const void* buffer, size_t length);
+
+// Adds the configured round-trip latency before a reply.
+void delay_reply(Connection& conn);
+
+// Plist services (lockdown, installation_proxy, house_arrest): a big-endian
+// u32 length, then an XML or binary plist.
+constexpr uint32_t kMaxPlistMessage = 1u << 20;
+ReadStatus read_plist_message(Connection& conn, plist_t& message, std::string& problem);
+bool send_plist_message(Connection& conn, plist_t message);
+
+std::string plist_string(plist_t dict, const char* key);
+
+// --------------------------------------------------------------- services ---
+
+void serve_usbmux_client(Server& server, int fd, uint64_t id);
+void serve_lockdown(Connection& conn);
+void serve_installation_proxy(Connection& conn);
+void serve_house_arrest(Connection& conn);
+// Serves AFC over `conn` rooted at `root_dir` until the client leaves.
+void serve_afc(Connection& conn, const std::string& root_dir);
+
+// usbmux events
+void set_device_attached(Server& server, Device& device, bool attached);
+void drop_device_connections(Server& server, Device& device);
+
+// --------------------------------------------------------------- control ---
+
+// Applies one control command ("unplug UDID", ...). Returns "ok" or
+// "error: ...".
+std::string apply_control_command(Server& server, const std::string& line);
+void schedule_action(Server& server, std::chrono::milliseconds delay, std::function<void()> action);
+void run_scheduler(Server& server);
+
+// Fault hooks used by the services.
+bool trust_prompt_active(Device& device, std::string& error_name);
+// Returns the injected error for an AFC path, or 0.
+uint64_t injected_afc_error(Device& device, const std::string& path);
+// Counts one served AFC request moving `data_bytes` of file data; true when
+// the device must now drop every connection.
+bool count_afc_request(Device& device, uint64_t data_bytes);
+
+Device* find_device_by_udid(Server& server, const std::string& udid);
+Device* find_device_by_id(Server& server, uint32_t device_id);
+
+}  // namespace devsim

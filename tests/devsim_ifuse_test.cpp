@@ -1,0 +1,161 @@
+// ifuse, an unmodified client, mounts the simulated device; ordinary tools
+// work on the mount and every byte matches the image folder.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/devsim_fixture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string patterned_bytes(size_t length) {
+  std::string bytes(length, '\0');
+  uint32_t state = 12345;
+  for (size_t i = 0; i < length; ++i) {
+    state = state * 1103515245u + 12345u;
+    bytes[i] = static_cast<char>(state >> 16);
+  }
+  return bytes;
+}
+
+class DevsimIfuseTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built";
+    if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is missing or not usable";
+    std::string output;
+    if (run_program({"sh", "-c", "command -v ifuse && command -v fusermount"}, &output, 30) != 0)
+      GTEST_SKIP() << "ifuse or fusermount is not installed";
+    char pattern[] = "/tmp/devsim-ifuse-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    scratch_ = pattern;
+    fs::create_directories(scratch_ + "/mnt");
+    fs::create_directories(scratch_ + "/docs");
+
+    DevsimImage phone;
+    phone.capacity_bytes = 2000ull * 4096 * 1000;
+    phone.block_size = 4096;
+    phone.apps = {{"com.example.notes", "Notes", true}, {"com.example.vault", "Vault", false}};
+    phone.files = {{"media/general_storage/readme.txt", "read me\n"},
+                   {"media/general_storage/sub folder/it's $(x).txt", "odd name\n"},
+                   {"apps/com.example.notes/Documents/note.txt", "a note\n"}};
+    ASSERT_TRUE(sim_.start({phone})) << sim_.error();
+    media_ = sim_.image_dir(0) + "/media";
+  }
+
+  void TearDown() override {
+    for (const std::string& mount : mounted_) run_program({"fusermount", "-u", "-z", mount});
+    EXPECT_TRUE(sim_.stop()) << sim_.error();
+    if (!scratch_.empty()) {
+      std::error_code ec;
+      fs::remove_all(scratch_, ec);
+    }
+  }
+
+  void mount(const std::vector<std::string>& options, const std::string& where) {
+    std::vector<std::string> argv = {"ifuse", "-u", sim_.udid(0)};
+    argv.insert(argv.end(), options.begin(), options.end());
+    argv.push_back(where);
+    std::string output;
+    ASSERT_EQ(run_program(argv, &output), 0) << output << sim_.log();
+    mounted_.push_back(where);
+  }
+
+  int run(const std::vector<std::string>& argv, std::string* output = nullptr) {
+    std::string text;
+    int status = run_program(argv, &text);
+    if (output) *output = text;
+    EXPECT_EQ(status, 0) << argv[0] << ": " << text;
+    return status;
+  }
+
+  Devsim sim_;
+  std::string scratch_, media_;
+  std::vector<std::string> mounted_;
+};
+
+TEST_F(DevsimIfuseTest, MediaRootBehavesAsOnAPhone) {
+  std::string mnt = scratch_ + "/mnt";
+  mount({}, mnt);
+  std::string storage = mnt + "/general_storage";
+
+  std::string output;
+  run({"ls", "-l", storage}, &output);
+  EXPECT_NE(output.find("readme.txt"), std::string::npos) << output;
+  EXPECT_NE(output.find("sub folder"), std::string::npos) << output;
+  run({"cat", storage + "/sub folder/it's $(x).txt"}, &output);
+  EXPECT_EQ(output, "odd name\n");
+
+  // Both directions, byte for byte, including a 64 MiB file.
+  std::string big = patterned_bytes(64 * 1024 * 1024);
+  std::ofstream(scratch_ + "/big.bin", std::ios::binary) << big;
+  run({"cp", scratch_ + "/big.bin", storage + "/big.bin"});
+  EXPECT_TRUE(read_file(media_ + "/general_storage/big.bin") == big);
+  run({"cp", storage + "/big.bin", scratch_ + "/back.bin"});
+  EXPECT_TRUE(read_file(scratch_ + "/back.bin") == big);
+  run({"cp", storage + "/readme.txt", scratch_ + "/readme.txt"});
+  EXPECT_EQ(read_file(scratch_ + "/readme.txt"), "read me\n");
+  // Copying over an existing, longer file leaves exactly the new bytes.
+  std::ofstream(scratch_ + "/short.txt") << "short";
+  run({"cp", scratch_ + "/short.txt", storage + "/readme.txt"});
+  EXPECT_EQ(read_file(media_ + "/general_storage/readme.txt"), "short");
+
+  run({"mkdir", storage + "/made"});
+  EXPECT_TRUE(fs::is_directory(media_ + "/general_storage/made"));
+  run({"mv", storage + "/big.bin", storage + "/made/moved.bin"});
+  EXPECT_FALSE(fs::exists(media_ + "/general_storage/big.bin"));
+  EXPECT_EQ(fs::file_size(media_ + "/general_storage/made/moved.bin"), big.size());
+  run({"truncate", "-s", "1000", storage + "/made/moved.bin"});
+  EXPECT_TRUE(read_file(media_ + "/general_storage/made/moved.bin") == big.substr(0, 1000));
+
+  // An append-mode open appends.
+  run({"sh", "-c", "printf ' more' >> \"$1\"", "sh", storage + "/readme.txt"});
+  EXPECT_EQ(read_file(media_ + "/general_storage/readme.txt"), "short more");
+
+  EXPECT_NE(run_program({"rmdir", storage + "/made"}), 0);  // not empty
+  run({"rm", storage + "/made/moved.bin"});
+  run({"rmdir", storage + "/made"});
+  EXPECT_FALSE(fs::exists(media_ + "/general_storage/made"));
+
+  // df shows the image's capacity and what is left of it.
+  run({"df", "-B1", "--output=size,avail", mnt}, &output);
+  std::istringstream lines(output);
+  std::string header, size, avail;
+  std::getline(lines, header);
+  lines >> size >> avail;
+  EXPECT_EQ(size, std::to_string(2000ull * 4096 * 1000));
+  uint64_t stored = 5 + 5 + 9 + 7;  // readme (now "short more"), odd name, note
+  EXPECT_EQ(avail, std::to_string((2000ull * 4096 * 1000 - stored) / 4096 * 4096));
+}
+
+TEST_F(DevsimIfuseTest, DocumentsOfASharingAppMountAndOthersAreRefused) {
+  std::string docs = scratch_ + "/docs";
+  mount({"--documents", "com.example.notes"}, docs);
+  std::string output;
+  run({"cat", docs + "/note.txt"}, &output);
+  EXPECT_EQ(output, "a note\n");
+  std::ofstream(scratch_ + "/in.txt") << "copied in";
+  run({"cp", scratch_ + "/in.txt", docs + "/in.txt"});
+  EXPECT_EQ(read_file(sim_.image_dir(0) + "/apps/com.example.notes/Documents/in.txt"), "copied in");
+  run({"mkdir", docs + "/Sub"});
+  EXPECT_TRUE(fs::is_directory(sim_.image_dir(0) + "/apps/com.example.notes/Documents/Sub"));
+
+  std::string refused = scratch_ + "/refused";
+  fs::create_directories(refused);
+  EXPECT_NE(run_program({"ifuse", "-u", sim_.udid(0), "--documents", "com.example.vault", refused}, &output), 0);
+  EXPECT_NE(output.find("InstallationLookupFailed"), std::string::npos) << output;
+}
+
+}  // namespace
