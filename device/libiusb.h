@@ -153,6 +153,8 @@ void libiusb_free_app_list(libiusb_app_node *list);
 // container once libiusb_housearrest_openapp has succeeded.
 int libiusb_housearrest_init(libiusb_device_handle *handle, libiusb_afc **out);
 int libiusb_housearrest_openapp(libiusb_afc *house_arrest, const char *bundle_id);
+// Like libiusb_afc_exit, frees the handle and returns 0 for any non-null
+// handle, so a caller that retries after a failure never touches freed memory.
 int libiusb_housearrest_exit(libiusb_afc *house_arrest);
 
 void libiusb_misc_free_strings_array(char **list);

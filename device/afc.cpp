@@ -1,0 +1,380 @@
+// AFC: the device's media file system, and house-arrest connections that turn
+// into AFC rooted at one app's container.
+#include <plist/plist.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "device/device_internal.h"
+
+namespace {
+
+// Largest piece sent or asked for in one AFC request; longer reads and writes
+// are split so no single packet grows without bound.
+constexpr uint32_t kMaxTransfer = 1u << 20;
+
+int afcResult(afc_error_t result) { return mapNativeError(NativeSource::Afc, result); }
+
+// Only connections that have an AFC client can serve file requests; a
+// house-arrest handle gets one once an app is opened.
+bool usable(const libiusb_afc *afc) { return afc != nullptr && afc->client != nullptr; }
+
+int startService(libiusb_device_handle *handle, const char *name, lockdownd_service_descriptor_t *service) {
+    std::lock_guard<std::mutex> guard(handle->lockdown_lock);
+    return mapNativeError(NativeSource::Lockdown, lockdownd_start_service(handle->lockdown, name, service));
+}
+
+void forgetPosition(libiusb_afc *afc, uint64_t file_handle) {
+    std::lock_guard<std::mutex> guard(afc->positions_lock);
+    auto found = afc->open_files.find(file_handle);
+    if (found != afc->open_files.end()) found->second.position = kPositionUnknown;
+}
+
+// Puts the device's file pointer at offset, unless it is known to be there.
+int seekTo(libiusb_afc *afc, uint64_t file_handle, uint64_t offset) {
+    {
+        std::lock_guard<std::mutex> guard(afc->positions_lock);
+        auto found = afc->open_files.find(file_handle);
+        if (found != afc->open_files.end() && found->second.position == offset) return LIBIUSB_SUCCESS;
+        afc->seeks_sent++;
+    }
+    if (offset > static_cast<uint64_t>(INT64_MAX)) return LIBIUSB_ERROR_INVALID_PARAM;
+    int result = afcResult(afc_file_seek(afc->client, file_handle, static_cast<int64_t>(offset), SEEK_SET));
+    std::lock_guard<std::mutex> guard(afc->positions_lock);
+    auto found = afc->open_files.find(file_handle);
+    if (found != afc->open_files.end()) found->second.position = result == 0 ? offset : kPositionUnknown;
+    return result;
+}
+
+void settlePosition(libiusb_afc *afc, uint64_t file_handle, uint64_t position, bool wrote) {
+    std::lock_guard<std::mutex> guard(afc->positions_lock);
+    auto found = afc->open_files.find(file_handle);
+    if (found == afc->open_files.end()) return;
+    // In append mode the device put the bytes at the end, wherever that is.
+    found->second.position = (wrote && found->second.appends) ? kPositionUnknown : position;
+}
+
+void freeConnection(libiusb_afc *afc) {
+    // The AFC client of a house-arrest connection borrows the house-arrest
+    // service, so it goes first.
+    if (afc->client != nullptr) afc_client_free(afc->client);
+    if (afc->house_arrest != nullptr) house_arrest_client_free(afc->house_arrest);
+    afc->client = nullptr;
+    afc->house_arrest = nullptr;
+    std::lock_guard<std::mutex> guard(afc->positions_lock);
+    afc->open_files.clear();
+}
+
+int startHouseArrest(libiusb_afc *afc) {
+    lockdownd_service_descriptor_t service = nullptr;
+    int result = startService(afc->owner, HOUSE_ARREST_SERVICE_NAME, &service);
+    if (result == 0) {
+        result = mapNativeError(NativeSource::HouseArrest,
+                                house_arrest_client_new(afc->owner->device, service, &afc->house_arrest));
+    }
+    if (service != nullptr) lockdownd_service_descriptor_free(service);
+    return result;
+}
+
+// True when path is a folder with anything in it besides "." and "..".
+bool holdsEntries(libiusb_afc *afc, const char *path) {
+    char **entries = nullptr;
+    if (afc_read_directory(afc->client, path, &entries) != AFC_E_SUCCESS || entries == nullptr) {
+        if (entries != nullptr) afc_dictionary_free(entries);
+        return false;
+    }
+    bool found = false;
+    for (char **entry = entries; *entry != nullptr; entry++) {
+        if (strcmp(*entry, ".") != 0 && strcmp(*entry, "..") != 0) found = true;
+    }
+    afc_dictionary_free(entries);
+    return found;
+}
+
+int64_t parseSigned(const char *text) { return text == nullptr ? 0 : strtoll(text, nullptr, 10); }
+
+} // namespace
+
+int libiusb_afc_init(libiusb_device_handle *handle, libiusb_afc **out) {
+    if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    *out = nullptr;
+    lockdownd_service_descriptor_t service = nullptr;
+    int result = startService(handle, AFC_SERVICE_NAME, &service);
+    afc_client_t client = nullptr;
+    if (result == 0) result = afcResult(afc_client_new(handle->device, service, &client));
+    if (service != nullptr) lockdownd_service_descriptor_free(service);
+    if (result != 0) return result;
+    libiusb_afc *afc = new libiusb_afc;
+    afc->kind = AfcKind::Media;
+    afc->owner = handle;
+    afc->client = client;
+    *out = afc;
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_exit(libiusb_afc *afc) {
+    if (afc == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    freeConnection(afc);
+    delete afc;
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_file_open(libiusb_afc *afc, const char *path, int mode, uint64_t *file_handle) {
+    if (path == nullptr || file_handle == nullptr || mode < LIBIUSB_AFC_RDONLY || mode > LIBIUSB_AFC_RDAPPEND) {
+        return LIBIUSB_ERROR_INVALID_PARAM;
+    }
+    *file_handle = 0;
+    if (!usable(afc)) return LIBIUSB_ERROR_INVALID_PARAM;
+    uint64_t opened = 0;
+    int result = afcResult(afc_file_open(afc->client, path, static_cast<afc_file_mode_t>(mode), &opened));
+    if (result != 0) return result;
+    if (opened == 0) return LIBIUSB_ERROR_OTHER;
+    libiusb_afc::OpenFile record;
+    record.appends = mode == LIBIUSB_AFC_APPEND || mode == LIBIUSB_AFC_RDAPPEND;
+    // Where an append-mode handle starts reading is the device's business;
+    // seek before the first transfer.
+    record.position = record.appends ? kPositionUnknown : 0;
+    {
+        std::lock_guard<std::mutex> guard(afc->positions_lock);
+        afc->open_files[opened] = record;
+    }
+    *file_handle = opened;
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_file_read(libiusb_afc *afc, uint64_t file_handle, char *buf, uint32_t length, uint64_t offset,
+                          uint32_t *bytes_read) {
+    if (bytes_read != nullptr) *bytes_read = 0;
+    if (!usable(afc) || file_handle == 0 || (buf == nullptr && length > 0)) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (length == 0) return LIBIUSB_SUCCESS;
+    std::lock_guard<std::mutex> transfer(afc->transfer_lock);
+    int result = seekTo(afc, file_handle, offset);
+    if (result != 0) return result;
+    uint32_t total = 0;
+    while (total < length) {
+        uint32_t wanted = std::min(length - total, kMaxTransfer);
+        uint32_t got = 0;
+        result = afcResult(afc_file_read(afc->client, file_handle, buf + total, wanted, &got));
+        if (result != 0) {
+            forgetPosition(afc, file_handle);
+            return result;
+        }
+        total += std::min(got, wanted);
+        // A short piece means the end of the file.
+        if (got < wanted) break;
+    }
+    settlePosition(afc, file_handle, offset + total, false);
+    if (bytes_read != nullptr) *bytes_read = total;
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_file_write(libiusb_afc *afc, uint64_t file_handle, const char *buf, uint32_t length,
+                           uint64_t offset, uint32_t *bytes_written) {
+    if (bytes_written != nullptr) *bytes_written = 0;
+    if (!usable(afc) || file_handle == 0 || (buf == nullptr && length > 0)) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (length == 0) return LIBIUSB_SUCCESS;
+    std::lock_guard<std::mutex> transfer(afc->transfer_lock);
+    int result = seekTo(afc, file_handle, offset);
+    if (result != 0) return result;
+    uint32_t total = 0;
+    while (total < length) {
+        uint32_t piece = std::min(length - total, kMaxTransfer);
+        uint32_t sent = 0;
+        result = afcResult(afc_file_write(afc->client, file_handle, buf + total, piece, &sent));
+        // After a failure the count libimobiledevice reports cannot be
+        // trusted, nor can the device's file pointer.
+        if (result != 0) {
+            forgetPosition(afc, file_handle);
+            if (bytes_written != nullptr) *bytes_written = total;
+            return result;
+        }
+        if (sent > piece) sent = piece;
+        total += sent;
+        if (sent < piece) break;
+    }
+    settlePosition(afc, file_handle, offset + total, true);
+    if (bytes_written != nullptr) *bytes_written = total;
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_file_close(libiusb_afc *afc, uint64_t file_handle) {
+    if (!usable(afc) || file_handle == 0) return LIBIUSB_ERROR_INVALID_PARAM;
+    {
+        std::lock_guard<std::mutex> guard(afc->positions_lock);
+        afc->open_files.erase(file_handle);
+    }
+    return afcResult(afc_file_close(afc->client, file_handle));
+}
+
+int libiusb_afc_file_truncate(libiusb_afc *afc, uint64_t file_handle, uint64_t size) {
+    if (!usable(afc) || file_handle == 0) return LIBIUSB_ERROR_INVALID_PARAM;
+    // Like ftruncate, the file pointer stays where it was.
+    int result = afcResult(afc_file_truncate(afc->client, file_handle, size));
+    if (result != 0) forgetPosition(afc, file_handle);
+    return result;
+}
+
+int libiusb_afc_truncate(libiusb_afc *afc, const char *path, uint64_t size) {
+    if (!usable(afc) || path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return afcResult(afc_truncate(afc->client, path, size));
+}
+
+int libiusb_afc_file_get_info(libiusb_afc *afc, const char *path, libiusb_file_info *info) {
+    if (info != nullptr) memset(info, 0, sizeof(*info));
+    if (!usable(afc) || path == nullptr || info == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    char **pairs = nullptr;
+    int result = afcResult(afc_get_file_info(afc->client, path, &pairs));
+    if (result != 0) {
+        if (pairs != nullptr) afc_dictionary_free(pairs);
+        return result;
+    }
+    if (pairs == nullptr) return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND;
+    for (int i = 0; pairs[i] != nullptr && pairs[i + 1] != nullptr; i += 2) {
+        const char *key = pairs[i];
+        const char *value = pairs[i + 1];
+        if (strcmp(key, "st_ifmt") == 0) {
+            if (strcmp(value, "S_IFDIR") == 0) info->file_type = LIBIUSB_FILE_TYPE_FOLDER;
+            else if (strcmp(value, "S_IFREG") == 0) info->file_type = LIBIUSB_FILE_TYPE_REGULAR;
+            else if (strcmp(value, "S_IFLNK") == 0) info->file_type = LIBIUSB_FILE_TYPE_LINK;
+            else info->file_type = LIBIUSB_FILE_TYPE_OTHER;
+        } else if (strcmp(key, "st_size") == 0) {
+            info->size = strtoull(value, nullptr, 10);
+        } else if (strcmp(key, "st_birthtime") == 0) {
+            info->birth_time = parseSigned(value);
+        } else if (strcmp(key, "st_mtime") == 0) {
+            info->modify_time = parseSigned(value);
+        }
+    }
+    afc_dictionary_free(pairs);
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_file_read_directory(libiusb_afc *afc, const char *path, char ***list, uint32_t *count) {
+    if (list != nullptr) *list = nullptr;
+    if (count != nullptr) *count = 0;
+    if (!usable(afc) || path == nullptr || (list == nullptr && count == nullptr)) return LIBIUSB_ERROR_INVALID_PARAM;
+    char **entries = nullptr;
+    int result = afcResult(afc_read_directory(afc->client, path, &entries));
+    if (result != 0) {
+        if (entries != nullptr) afc_dictionary_free(entries);
+        return result;
+    }
+    if (entries == nullptr) {
+        // An empty answer still hands the caller a list it can walk and free.
+        entries = static_cast<char **>(calloc(1, sizeof(char *)));
+        if (entries == nullptr) return LIBIUSB_ERROR_NO_MEM;
+    }
+    uint32_t length = 0;
+    while (entries[length] != nullptr) length++;
+    if (count != nullptr) *count = length;
+    // afc_read_directory allocates with malloc, which is what
+    // libiusb_misc_free_strings_array releases.
+    if (list != nullptr) {
+        *list = entries;
+    } else {
+        afc_dictionary_free(entries);
+    }
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_file_remove(libiusb_afc *afc, const char *path) {
+    if (!usable(afc) || path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    afc_error_t removed = afc_remove_path(afc->client, path);
+    if (removed == AFC_E_DIR_NOT_EMPTY && !holdsEntries(afc, path)) {
+        // libimobiledevice turns every reasonless refusal of a removal into
+        // "directory not empty" (that is how phones answer for a folder with
+        // contents); anything else it hides is not that.
+        return LIBIUSB_ERROR_OTHER;
+    }
+    return afcResult(removed);
+}
+
+int libiusb_afc_make_directory(libiusb_afc *afc, const char *path) {
+    if (!usable(afc) || path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return afcResult(afc_make_directory(afc->client, path));
+}
+
+int libiusb_afc_rename(libiusb_afc *afc, const char *from, const char *to) {
+    if (!usable(afc) || from == nullptr || to == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return afcResult(afc_rename_path(afc->client, from, to));
+}
+
+int libiusb_afc_set_modify_time(libiusb_afc *afc, const char *path, int64_t modify_time_ns) {
+    if (!usable(afc) || path == nullptr || modify_time_ns < 0) return LIBIUSB_ERROR_INVALID_PARAM;
+    return afcResult(afc_set_file_time(afc->client, path, static_cast<uint64_t>(modify_time_ns)));
+}
+
+int libiusb_housearrest_init(libiusb_device_handle *handle, libiusb_afc **out) {
+    if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    *out = nullptr;
+    libiusb_afc *afc = new libiusb_afc;
+    afc->kind = AfcKind::HouseArrestNoApp;
+    afc->owner = handle;
+    int result = startHouseArrest(afc);
+    if (result != 0) {
+        freeConnection(afc);
+        delete afc;
+        return result;
+    }
+    *out = afc;
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_housearrest_openapp(libiusb_afc *house_arrest, const char *bundle_id) {
+    if (house_arrest == nullptr || bundle_id == nullptr || house_arrest->kind == AfcKind::Media) {
+        return LIBIUSB_ERROR_INVALID_PARAM;
+    }
+    if (house_arrest->kind == AfcKind::HouseArrestApp) {
+        if (house_arrest->bundle_id == bundle_id) return LIBIUSB_SUCCESS;
+        // The connection already speaks AFC for another app: start afresh.
+        freeConnection(house_arrest);
+        house_arrest->kind = AfcKind::HouseArrestNoApp;
+        house_arrest->bundle_id.clear();
+        int result = startHouseArrest(house_arrest);
+        if (result != 0) return result;
+    }
+    if (house_arrest->house_arrest == nullptr) {
+        int result = startHouseArrest(house_arrest);
+        if (result != 0) return result;
+    }
+    int result = mapNativeError(NativeSource::HouseArrest,
+                                house_arrest_send_command(house_arrest->house_arrest, "VendDocuments", bundle_id));
+    plist_t reply = nullptr;
+    if (result == 0) {
+        result = mapNativeError(NativeSource::HouseArrest, house_arrest_get_result(house_arrest->house_arrest, &reply));
+    }
+    if (result == 0) {
+        plist_t error = reply != nullptr ? plist_dict_get_item(reply, "Error") : nullptr;
+        plist_t status = reply != nullptr ? plist_dict_get_item(reply, "Status") : nullptr;
+        char *text = nullptr;
+        if (error != nullptr && plist_get_node_type(error) == PLIST_STRING) {
+            plist_get_string_val(error, &text);
+            result = mapHouseArrestReply(text);
+        } else if (status == nullptr || plist_get_node_type(status) != PLIST_STRING) {
+            result = LIBIUSB_ERROR_OTHER;
+        } else {
+            plist_get_string_val(status, &text);
+            if (text == nullptr || strcmp(text, "Complete") != 0) result = LIBIUSB_ERROR_OTHER;
+        }
+        free(text);
+    }
+    if (reply != nullptr) plist_free(reply);
+    if (result != 0) {
+        // A refused request leaves the service in no state to try again.
+        freeConnection(house_arrest);
+        return result;
+    }
+    result = mapNativeError(NativeSource::Afc,
+                            afc_client_new_from_house_arrest_client(house_arrest->house_arrest, &house_arrest->client));
+    if (result != 0) {
+        freeConnection(house_arrest);
+        return result;
+    }
+    house_arrest->kind = AfcKind::HouseArrestApp;
+    house_arrest->bundle_id = bundle_id;
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_housearrest_exit(libiusb_afc *house_arrest) { return libiusb_afc_exit(house_arrest); }

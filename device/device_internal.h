@@ -1,0 +1,105 @@
+// The records behind the device layer's opaque handles, and the one place that
+// turns libimobiledevice results into our result codes. Private to device/ and
+// its tests.
+#pragma once
+
+#include <libimobiledevice/afc.h>
+#include <libimobiledevice/house_arrest.h>
+#include <libimobiledevice/installation_proxy.h>
+#include <libimobiledevice/libimobiledevice.h>
+#include <libimobiledevice/lockdown.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "device/libiusb.h"
+
+struct libiusb_device {
+    uint32_t location_id = 0;  // the usbmuxd device id
+    uint32_t product_id = 0;
+    std::string udid;
+    // Filled on the first get_info through lockdown without a session; empty
+    // when the device would not say.
+    bool details_fetched = false;
+    std::string name;
+    std::string ios_version;
+    std::string product_type;
+};
+
+struct libiusb_context {
+    std::vector<libiusb_device *> devices;
+    std::vector<libiusb_device *> null_terminated;  // what device_get_list hands out
+};
+
+struct libiusb_device_handle {
+    idevice_t device = nullptr;
+    lockdownd_client_t lockdown = nullptr;  // kept for starting services
+    uint32_t location_id = 0;
+    std::string udid;
+    std::mutex lockdown_lock;  // lockdown clients are not safe for concurrent requests
+};
+
+enum class AfcKind {
+    Media,             // the device's media file system
+    HouseArrestNoApp,  // a house-arrest connection that has not vended an app yet
+    HouseArrestApp,    // an AFC connection rooted at one app's container
+};
+
+// Marks a handle whose device-side position is not known, so the next read or
+// write seeks first.
+constexpr uint64_t kPositionUnknown = UINT64_MAX;
+
+struct libiusb_afc {
+    AfcKind kind = AfcKind::Media;
+    libiusb_device_handle *owner = nullptr;
+    afc_client_t client = nullptr;
+    house_arrest_client_t house_arrest = nullptr;
+    std::string bundle_id;  // the app a house-arrest connection serves
+    // Held across a seek and the transfer after it, so two threads sharing a
+    // connection cannot move each other's file pointer in between.
+    std::mutex transfer_lock;
+    std::mutex positions_lock;
+    // Per open file: where the device's file pointer stands, and whether every
+    // write lands at the end whatever the pointer says.
+    struct OpenFile {
+        uint64_t position = 0;
+        bool appends = false;
+    };
+    std::unordered_map<uint64_t, OpenFile> open_files;
+    // How many seeks read and write sent, for tests that check the seek is
+    // skipped when the handle is already at the offset.
+    uint64_t seeks_sent = 0;
+};
+
+struct libiusb_instproxy {
+    instproxy_client_t client = nullptr;
+};
+
+// Where a native result came from.
+enum class NativeSource {
+    Usbmuxd,     // libusbmuxd: a negative errno from reaching the daemon
+    Idevice,     // idevice_error_t
+    Lockdown,    // lockdownd_error_t
+    Afc,         // afc_error_t
+    Instproxy,   // instproxy_error_t
+    HouseArrest, // house_arrest_error_t
+};
+
+// Our code for a native result; 0 stays 0. Results the table does not name
+// become LIBIUSB_ERROR_OTHER.
+int mapNativeError(NativeSource source, int native);
+
+// Our code for the "Error" string a house-arrest request answers with.
+int mapHouseArrestReply(const char *error);
+
+// One row of the table, for the documentation check and the tests.
+struct NativeErrorRow {
+    NativeSource source;
+    int native;
+    int code;
+    const char *native_name;
+};
+const std::vector<NativeErrorRow> &nativeErrorTable();

@@ -1,0 +1,595 @@
+// The device layer against the simulated device: device list and information,
+// AFC file data at explicit offsets, folders, apps and house-arrest, and the
+// error table's rows as a device produces them.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device/device_internal.h"
+#include "tests/support/devsim_fixture.h"
+
+namespace {
+
+std::string readLocalFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Starts devsim with the images, or skips the test saying why.
+#define START_DEVSIM(sim, ...)                                                                    \
+    do {                                                                                          \
+        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)"; \
+        if (!(sim).start(__VA_ARGS__)) GTEST_SKIP() << "devsim did not start: " << (sim).error(); \
+    } while (0)
+
+// One opened device with its media AFC connection, closed in reverse order.
+struct OpenDevice {
+    libiusb_context *context = nullptr;
+    libiusb_device_handle *handle = nullptr;
+    libiusb_afc *afc = nullptr;
+
+    int open(uint32_t location_id) {
+        int result = libiusb_context_init(&context);
+        if (result != 0) return result;
+        libiusb_device *device = nullptr;
+        result = libiusb_device_find(context, location_id, &device);
+        if (result != 0) return result;
+        result = libiusb_device_open(device, &handle);
+        if (result != 0) return result;
+        return libiusb_afc_init(handle, &afc);
+    }
+    ~OpenDevice() {
+        if (afc != nullptr) libiusb_afc_exit(afc);
+        if (handle != nullptr) libiusb_device_close(handle);
+        if (context != nullptr) libiusb_context_exit(context);
+    }
+};
+
+std::string readWhole(libiusb_afc *afc, const char *path) {
+    uint64_t file = 0;
+    if (libiusb_afc_file_open(afc, path, LIBIUSB_AFC_RDONLY, &file) != 0) return "<open failed>";
+    std::string contents;
+    char buffer[4096];
+    for (uint64_t offset = 0;;) {
+        uint32_t got = 0;
+        if (libiusb_afc_file_read(afc, file, buffer, sizeof buffer, offset, &got) != 0) return "<read failed>";
+        if (got == 0) break;
+        contents.append(buffer, got);
+        offset += got;
+    }
+    libiusb_afc_file_close(afc, file);
+    return contents;
+}
+
+std::vector<std::string> listFolder(libiusb_afc *afc, const char *path, int *result) {
+    std::vector<std::string> names;
+    char **list = nullptr;
+    *result = libiusb_afc_file_read_directory(afc, path, &list, nullptr);
+    if (*result != 0) return names;
+    for (char **entry = list; *entry != nullptr; entry++) names.push_back(*entry);
+    libiusb_misc_free_strings_array(list);
+    return names;
+}
+
+bool contains(const std::vector<std::string> &names, const std::string &name) {
+    for (const std::string &entry : names) {
+        if (entry == name) return true;
+    }
+    return false;
+}
+
+// --------------------------------------------------------------- devices ---
+
+TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
+    Devsim sim;
+    DevsimImage first;
+    first.name = "First Phone";
+    first.location_id = 7;
+    first.ios_version = "12.4.1";
+    first.product_type = "iPhone8,1";
+    DevsimImage second;
+    second.name = "Zweites iPad \xc3\xa4";  // not ASCII on purpose
+    second.location_id = 4242;
+    second.ios_version = "16.7.2";
+    second.product_type = "iPad7,5";
+    second.capacity_bytes = 64ull << 30;
+    second.block_size = 8192;
+    second.files = {{"media/general_storage/a.bin", std::string(10000, 'a')},
+                    {"media/DCIM/b.jpg", std::string(2345, 'b')}};
+    START_DEVSIM(sim, {first, second});
+
+    libiusb_context *context = nullptr;
+    ASSERT_EQ(libiusb_context_init(&context), 0);
+    libiusb_device **list = nullptr;
+    ASSERT_EQ(libiusb_device_get_list(context, &list), 0);
+    size_t count = 0;
+    while (list[count] != nullptr) count++;
+    EXPECT_EQ(count, 2u);
+
+    // Listed entries carry the cheap figures.
+    for (size_t i = 0; i < count; i++) {
+        libiusb_device_info info;
+        ASSERT_EQ(libiusb_device_get_info(list[i], &info), 0);
+        bool is_first = info.location_id == 7;
+        EXPECT_TRUE(is_first || info.location_id == 4242) << info.location_id;
+        EXPECT_STREQ(info.udid, sim.udid(is_first ? 0 : 1).c_str());
+        EXPECT_STREQ(info.device_name, is_first ? "First Phone" : "Zweites iPad \xc3\xa4");
+        EXPECT_STREQ(info.ios_version, is_first ? "12.4.1" : "16.7.2");
+    }
+
+    libiusb_device *chosen = nullptr;
+    ASSERT_EQ(libiusb_device_find(context, 4242, &chosen), 0);
+    libiusb_device *by_udid = nullptr;
+    ASSERT_EQ(libiusb_device_find_by_udid(context, sim.udid(1).c_str(), &by_udid), 0);
+    EXPECT_EQ(chosen, by_udid);
+    libiusb_device *absent = nullptr;
+    EXPECT_EQ(libiusb_device_find(context, 99, &absent), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libiusb_device_find_by_udid(context, "0000", &absent), LIBIUSB_ERROR_NO_DEVICE);
+
+    libiusb_device_handle *handle = nullptr;
+    ASSERT_EQ(libiusb_device_open(chosen, &handle), 0);
+    libiusb_device_info info;
+    memset(&info, 0xAB, sizeof info);
+    ASSERT_EQ(libiusb_device_get_info(handle, &info), 0);
+    // The fields the file system reads at fixed offsets.
+    const uint8_t *raw = reinterpret_cast<const uint8_t *>(&info);
+    uint32_t location_at_8;
+    uint64_t block_at_16, total_at_24, free_at_32;
+    memcpy(&location_at_8, raw + 8, 4);
+    memcpy(&block_at_16, raw + 16, 8);
+    memcpy(&total_at_24, raw + 24, 8);
+    memcpy(&free_at_32, raw + 32, 8);
+    EXPECT_EQ(location_at_8, 4242u);
+    EXPECT_EQ(block_at_16, 8192u);
+    EXPECT_EQ(total_at_24, 64ull << 30);
+    EXPECT_EQ(free_at_32, (64ull << 30) - 10000 - 2345);
+    EXPECT_STREQ(reinterpret_cast<const char *>(raw + 296), "16.7.2");
+    EXPECT_STREQ(reinterpret_cast<const char *>(raw + 312), "Zweites iPad \xc3\xa4");
+    EXPECT_STREQ(info.product_type, "iPad7,5");
+    EXPECT_STREQ(info.udid, sim.udid(1).c_str());
+    EXPECT_EQ(info.reserved0[0], 0) << "the block must be cleared, not left as the caller passed it";
+
+    // The handle really is the second device: its file is there.
+    libiusb_afc *afc = nullptr;
+    ASSERT_EQ(libiusb_afc_init(handle, &afc), 0);
+    libiusb_file_info file;
+    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/a.bin", &file), 0);
+    EXPECT_EQ(file.size, 10000u);
+    libiusb_afc_exit(afc);
+    libiusb_device_close(handle);
+    libiusb_context_exit(context);
+}
+
+TEST(DeviceLayerDevices, EmptyListIsNotAnErrorAndAnUnreachableServerIs) {
+    Devsim sim;
+    DevsimImage phone;
+    START_DEVSIM(sim, {phone});
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    libiusb_context *context = nullptr;
+    ASSERT_EQ(libiusb_context_init(&context), 0);
+    libiusb_device **list = nullptr;
+    ASSERT_EQ(libiusb_device_get_list(context, &list), 0);
+    EXPECT_EQ(list[0], nullptr);
+    libiusb_context_exit(context);
+
+    std::string saved = getenv("USBMUXD_SOCKET_ADDRESS");
+    std::string nowhere = "UNIX:" + sim.work_dir() + "/nobody-listens.sock";
+    setenv("USBMUXD_SOCKET_ADDRESS", nowhere.c_str(), 1);
+    context = nullptr;
+    EXPECT_EQ(libiusb_context_init(&context), LIBIUSB_ERROR_USBMUXD_UNREACHABLE);
+    EXPECT_EQ(context, nullptr);
+    setenv("USBMUXD_SOCKET_ADDRESS", saved.c_str(), 1);
+}
+
+// ------------------------------------------------------------- file data ---
+
+class DeviceLayerFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)";
+        DevsimImage phone;
+        phone.location_id = 31;
+        phone.files = {{"media/general_storage/hello.txt", "hello, device"}};
+        phone.folders = {"media/general_storage/empty"};
+        if (!sim.start({phone})) GTEST_SKIP() << "devsim did not start: " << sim.error();
+        ASSERT_EQ(device.open(31), 0);
+    }
+    std::string onImage(const std::string &device_path) { return sim.image_dir(0) + "/media" + device_path; }
+    uint64_t seeks() { return device.afc->seeks_sent; }
+
+    Devsim sim;
+    OpenDevice device;
+};
+
+TEST_F(DeviceLayerFiles, WritesAndReadsAtOffsetsSkippingNeedlessSeeks) {
+    libiusb_afc *afc = device.afc;
+    uint64_t file = 0;
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/data.bin", LIBIUSB_AFC_WR, &file), 0);
+    ASSERT_NE(file, 0u);
+    uint32_t done = 0;
+
+    uint64_t before = seeks();
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "0123456789", 10, 0, &done), 0);  // a new handle is at 0
+    EXPECT_EQ(done, 10u);
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "abcdef", 6, 10, &done), 0);  // sequential: no seek
+    EXPECT_EQ(seeks(), before);
+
+    char buffer[64] = {0};
+    ASSERT_EQ(libiusb_afc_file_read(afc, file, buffer, 4, 3, &done), 0);  // back to 3: seek
+    EXPECT_EQ(std::string(buffer, done), "3456");
+    EXPECT_EQ(seeks(), before + 1);
+    ASSERT_EQ(libiusb_afc_file_read(afc, file, buffer, 5, 7, &done), 0);  // continues at 7: no seek
+    EXPECT_EQ(std::string(buffer, done), "789ab");
+    EXPECT_EQ(seeks(), before + 1);
+    // Overwrite in the middle right where the read stopped, then check by reading.
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "XY", 2, 12, &done), 0);
+    EXPECT_EQ(seeks(), before + 1);
+    // A short read at the end leaves the handle at the end, not at offset + asked.
+    ASSERT_EQ(libiusb_afc_file_read(afc, file, buffer, 50, 14, &done), 0);
+    EXPECT_EQ(std::string(buffer, done), "ef");
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "!", 1, 16, &done), 0);
+    EXPECT_EQ(seeks(), before + 1);
+    // Past the end: a read there reports 0 bytes.
+    ASSERT_EQ(libiusb_afc_file_read(afc, file, buffer, 8, 100, &done), 0);
+    EXPECT_EQ(done, 0u);
+    ASSERT_EQ(libiusb_afc_file_close(afc, file), 0);
+
+    EXPECT_EQ(readLocalFile(onImage("/general_storage/data.bin")), "0123456789abXYef!");
+    EXPECT_EQ(readWhole(afc, "/general_storage/data.bin"), "0123456789abXYef!");
+}
+
+TEST_F(DeviceLayerFiles, InterleavedHandlesKeepTheirOwnPositions) {
+    // Random reads and writes on two handles of one file, checked against a
+    // local model: a wrongly skipped seek shows up as wrong bytes.
+    libiusb_afc *afc = device.afc;
+    uint64_t writer = 0, reader = 0;
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/model.bin", LIBIUSB_AFC_WR, &writer), 0);
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/model.bin", LIBIUSB_AFC_RDONLY, &reader), 0);
+    std::string model;
+    std::mt19937 random(20240611);
+    uint64_t skipped = 0;
+    uint64_t writer_at = 0, reader_at = 0;  // where each handle's last transfer ended
+    for (int step = 0; step < 300; step++) {
+        bool write = model.empty() || random() % 2 == 0;
+        uint64_t offset = model.empty() ? 0 : random() % (model.size() + 1);
+        // Half the time continue where this handle stopped: the path that skips the seek.
+        if (random() % 2 == 0) offset = write ? writer_at : reader_at;
+        uint32_t length = 1 + random() % 700;
+        uint64_t seeks_before = seeks();
+        if (write) {
+            std::string chunk;
+            for (uint32_t i = 0; i < length; i++) chunk.push_back(static_cast<char>('A' + random() % 26));
+            uint32_t done = 0;
+            ASSERT_EQ(libiusb_afc_file_write(afc, writer, chunk.data(), length, offset, &done), 0) << step;
+            ASSERT_EQ(done, length);
+            if (model.size() < offset + length) model.resize(offset + length, '\0');
+            model.replace(offset, length, chunk);
+            writer_at = offset + length;
+        } else {
+            std::vector<char> buffer(length);
+            uint32_t done = 0;
+            ASSERT_EQ(libiusb_afc_file_read(afc, reader, buffer.data(), length, offset, &done), 0) << step;
+            uint64_t expected = offset >= model.size() ? 0 : std::min<uint64_t>(length, model.size() - offset);
+            ASSERT_EQ(done, expected) << step;
+            ASSERT_EQ(std::string(buffer.data(), done), model.substr(offset, done)) << "step " << step;
+            reader_at = offset + done;
+        }
+        if (seeks() == seeks_before) skipped++;
+    }
+    EXPECT_GT(skipped, 20u) << "the sequential path never skipped its seek";
+    libiusb_afc_file_close(afc, reader);
+    libiusb_afc_file_close(afc, writer);
+    EXPECT_EQ(readLocalFile(onImage("/general_storage/model.bin")), model);
+}
+
+TEST_F(DeviceLayerFiles, ExistingFileOpenedReadWriteKeepsDataAtItsOffsets) {
+    libiusb_afc *afc = device.afc;
+    uint64_t file = 0;
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/hello.txt", LIBIUSB_AFC_RW, &file), 0);
+    uint32_t done = 0;
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "J", 1, 0, &done), 0);
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "D", 1, 7, &done), 0);
+    ASSERT_EQ(libiusb_afc_file_truncate(afc, file, 12), 0);
+    // ftruncate does not move the file pointer: 8 is still where the next write lands.
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "E", 1, 8, &done), 0);
+    libiusb_afc_file_close(afc, file);
+    EXPECT_EQ(readLocalFile(onImage("/general_storage/hello.txt")), "Jello, DEvic");
+    ASSERT_EQ(libiusb_afc_truncate(afc, "/general_storage/hello.txt", 5), 0);
+    EXPECT_EQ(readWhole(afc, "/general_storage/hello.txt"), "Jello");
+}
+
+TEST_F(DeviceLayerFiles, FoldersNamesAndTimes) {
+    libiusb_afc *afc = device.afc;
+    ASSERT_EQ(libiusb_afc_make_directory(afc, "/general_storage/sub"), 0);
+    uint64_t file = 0;
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/sub/one.txt", LIBIUSB_AFC_WR, &file), 0);
+    uint32_t done = 0;
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "1", 1, 0, &done), 0);
+    libiusb_afc_file_close(afc, file);
+    ASSERT_EQ(symlink("../hello.txt", onImage("/general_storage/sub/link").c_str()), 0);
+
+    uint32_t count = 0;
+    ASSERT_EQ(libiusb_afc_file_read_directory(afc, "/general_storage/sub", nullptr, &count), 0);
+    EXPECT_EQ(count, 4u);  // ".", "..", one.txt, link
+    char **list = nullptr;
+    count = 0;
+    ASSERT_EQ(libiusb_afc_file_read_directory(afc, "/general_storage/sub", &list, &count), 0);
+    EXPECT_EQ(count, 4u);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list[count], nullptr);
+    libiusb_misc_free_strings_array(list);
+    int result = 0;
+    std::vector<std::string> names = listFolder(afc, "/general_storage/empty", &result);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(names.size(), 2u);
+
+    libiusb_file_info info;
+    ASSERT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/sub", &info), 0);
+    EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_FOLDER);
+    ASSERT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/sub/one.txt", &info), 0);
+    EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_REGULAR);
+    EXPECT_EQ(info.size, 1u);
+    EXPECT_GT(info.birth_time, 1000000000ll * 1000000000ll);  // after 2001, in ns
+    ASSERT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/sub/link", &info), 0);
+    EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_LINK);
+
+    const int64_t when = 1500000000999999999ll;
+    ASSERT_EQ(libiusb_afc_set_modify_time(afc, "/general_storage/sub/one.txt", when), 0);
+    ASSERT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/sub/one.txt", &info), 0);
+    EXPECT_EQ(info.modify_time / 1000000000, 1500000000);
+
+    ASSERT_EQ(libiusb_afc_rename(afc, "/general_storage/sub/one.txt", "/general_storage/two.txt"), 0);
+    EXPECT_EQ(readWhole(afc, "/general_storage/two.txt"), "1");
+    ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/sub/link"), 0);
+    ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/sub"), 0);
+    ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/two.txt"), 0);
+    names = listFolder(afc, "/general_storage", &result);
+    EXPECT_FALSE(contains(names, "sub"));
+    EXPECT_FALSE(contains(names, "two.txt"));
+    EXPECT_TRUE(contains(names, "hello.txt"));
+}
+
+// ------------------------------------------------------ apps, house-arrest ---
+
+TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocuments) {
+    Devsim sim;
+    DevsimImage phone;
+    phone.location_id = 5;
+    phone.apps = {{"com.example.notes", "Notes", true},
+                  {"com.example.game", "Game", false},
+                  {"com.example.docs", "Docs \xe2\x80\x94 Pro", true}};
+    phone.files = {{"apps/com.example.notes/Documents/todo.txt", "milk"},
+                   {"apps/com.example.docs/Documents/report.txt", "quarterly"}};
+    START_DEVSIM(sim, {phone});
+    OpenDevice device;
+    ASSERT_EQ(device.open(5), 0);
+
+    libiusb_instproxy *instproxy = nullptr;
+    ASSERT_EQ(libiusb_instproxy_init(device.handle, &instproxy), 0);
+    libiusb_app_node *apps = nullptr;
+    ASSERT_EQ(libiusb_instproxy_getAppId(instproxy, &apps), 0);
+    std::vector<std::pair<std::string, std::string>> seen;
+    for (libiusb_app_node *node = apps; node != nullptr; node = node->next) {
+        seen.push_back({node->display_name, node->bundle_id});
+    }
+    libiusb_free_app_list(apps);
+    libiusb_instproxy_exit(instproxy);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0], std::make_pair(std::string("Notes"), std::string("com.example.notes")));
+    EXPECT_EQ(seen[1], std::make_pair(std::string("Docs \xe2\x80\x94 Pro"), std::string("com.example.docs")));
+
+    libiusb_afc *sandbox = nullptr;
+    ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
+    libiusb_file_info info;
+    EXPECT_EQ(libiusb_afc_file_get_info(sandbox, "/Documents", &info), LIBIUSB_ERROR_INVALID_PARAM)
+        << "no app opened yet";
+    ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
+    int result = 0;
+    std::vector<std::string> names = listFolder(sandbox, "/Documents", &result);
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(contains(names, "todo.txt"));
+    EXPECT_EQ(readWhole(sandbox, "/Documents/todo.txt"), "milk");
+    // Writes land in that app's Documents, not on the media file system.
+    uint64_t file = 0;
+    ASSERT_EQ(libiusb_afc_file_open(sandbox, "/Documents/new.txt", LIBIUSB_AFC_WR, &file), 0);
+    uint32_t done = 0;
+    ASSERT_EQ(libiusb_afc_file_write(sandbox, file, "fresh", 5, 0, &done), 0);
+    libiusb_afc_file_close(sandbox, file);
+    EXPECT_EQ(readLocalFile(sim.image_dir(0) + "/apps/com.example.notes/Documents/new.txt"), "fresh");
+
+    // The same handle opened for another app serves that app's container.
+    ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.docs"), 0);
+    EXPECT_EQ(readWhole(sandbox, "/Documents/report.txt"), "quarterly");
+    EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
+
+    // An app the device does not know.
+    ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
+    EXPECT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.absent"), LIBIUSB_ERROR_APP_NOT_FOUND);
+    EXPECT_EQ(libiusb_afc_file_get_info(sandbox, "/Documents", &info), LIBIUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
+}
+
+// ----------------------------------------------------- error table, live ---
+
+class DeviceLayerErrors : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)";
+        DevsimImage phone;
+        phone.location_id = 77;
+        phone.capacity_bytes = 1000000;
+        phone.files = {{"media/general_storage/full/inside.txt", "x"},
+                       {"media/general_storage/readme.txt", std::string(300000, 'r')}};
+        phone.apps = {{"com.example.notes", "Notes", true}};
+        if (!sim.start({phone})) GTEST_SKIP() << "devsim did not start: " << sim.error();
+    }
+    std::string udid() { return sim.udid(0); }
+
+    Devsim sim;
+};
+
+TEST_F(DeviceLayerErrors, MissingFileIsObjectNotFound) {
+    OpenDevice device;
+    ASSERT_EQ(device.open(77), 0);
+    libiusb_file_info info;
+    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/nope", &info), -70);
+    uint64_t file = 0;
+    EXPECT_EQ(libiusb_afc_file_open(device.afc, "/general_storage/nope", LIBIUSB_AFC_RDONLY, &file), -70);
+    EXPECT_EQ(file, 0u);
+    EXPECT_EQ(libiusb_afc_file_remove(device.afc, "/general_storage/nope"), -70);
+    int result = 0;
+    listFolder(device.afc, "/general_storage/nope", &result);
+    EXPECT_EQ(result, -70);
+}
+
+TEST_F(DeviceLayerErrors, FolderWithContentsCannotBeRemoved) {
+    OpenDevice device;
+    ASSERT_EQ(device.open(77), 0);
+    EXPECT_EQ(libiusb_afc_file_remove(device.afc, "/general_storage/full"), -33);
+    EXPECT_EQ(readWhole(device.afc, "/general_storage/full/inside.txt"), "x");
+    // An unexplained refusal of something else is not "not empty".
+    ASSERT_EQ(sim.control("afc-error " + udid() + " /general_storage/readme.txt unknown"), "ok");
+    EXPECT_EQ(libiusb_afc_file_remove(device.afc, "/general_storage/readme.txt"), LIBIUSB_ERROR_OTHER);
+}
+
+TEST_F(DeviceLayerErrors, WritingPastTheCapacityIsNoSpace) {
+    OpenDevice device;
+    ASSERT_EQ(device.open(77), 0);
+    uint64_t file = 0;
+    ASSERT_EQ(libiusb_afc_file_open(device.afc, "/general_storage/big.bin", LIBIUSB_AFC_WR, &file), 0);
+    std::string chunk(800000, 'z');  // 300001 bytes are stored already, of 1000000
+    uint32_t done = 0;
+    EXPECT_EQ(libiusb_afc_file_write(device.afc, file, chunk.data(), chunk.size(), 0, &done), -62);
+    // The refused handle still serves: a later write lands at its offset.
+    ASSERT_EQ(sim.control("capacity " + udid() + " 100000000"), "ok");
+    ASSERT_EQ(libiusb_afc_file_write(device.afc, file, "head", 4, 0, &done), 0);
+    libiusb_afc_file_close(device.afc, file);
+    EXPECT_EQ(readWhole(device.afc, "/general_storage/big.bin").substr(0, 4), "head");
+}
+
+TEST_F(DeviceLayerErrors, InjectedAfcErrorsMapRowByRow) {
+    OpenDevice device;
+    ASSERT_EQ(device.open(77), 0);
+    const std::pair<const char *, int> rows[] = {
+        {"object-not-found", -70}, {"no-space", -62},         {"object-is-dir", -72}, {"permission-denied", -3},
+        {"object-exists", -71},    {"io-error", -30},         {"busy", -6},           {"would-block", -6},
+        {"invalid-argument", -2},  {"33", -33},               {"unknown", -99},       {"not-a-directory", -30},
+        {"3", -11},                {"15", -12},               {"11", -32},            {"12", -30},
+    };
+    int index = 0;
+    for (const auto &row : rows) {
+        std::string path = "/general_storage/fault" + std::to_string(index++);
+        ASSERT_EQ(sim.control("afc-error " + udid() + " " + path + " " + row.first), "ok") << row.first;
+        libiusb_file_info info;
+        EXPECT_EQ(libiusb_afc_file_get_info(device.afc, path.c_str(), &info), row.second) << row.first;
+    }
+    // The connection survives answered errors.
+    libiusb_file_info info;
+    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/readme.txt", &info), 0);
+}
+
+TEST_F(DeviceLayerErrors, DroppedConnectionIsConnectionLost) {
+    OpenDevice device;
+    ASSERT_EQ(device.open(77), 0);
+    uint64_t file = 0;
+    ASSERT_EQ(libiusb_afc_file_open(device.afc, "/general_storage/readme.txt", LIBIUSB_AFC_RDONLY, &file), 0);
+    libiusb_instproxy *instproxy = nullptr;
+    ASSERT_EQ(libiusb_instproxy_init(device.handle, &instproxy), 0);
+    ASSERT_EQ(sim.control("drop-now " + udid()), "ok");
+
+    char buffer[100];
+    uint32_t done = 0;
+    int read = libiusb_afc_file_read(device.afc, file, buffer, sizeof buffer, 0, &done);
+    EXPECT_TRUE(read == -32 || read == -30) << read;
+    libiusb_file_info info;
+    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/readme.txt", &info), -32);
+    libiusb_app_node *apps = nullptr;
+    EXPECT_EQ(libiusb_instproxy_getAppId(instproxy, &apps), -32);
+    EXPECT_EQ(apps, nullptr);
+    libiusb_instproxy_exit(instproxy);
+    libiusb_device_info block;
+    EXPECT_EQ(libiusb_device_get_info(device.handle, &block), -32);
+}
+
+TEST_F(DeviceLayerErrors, DropAfterRequestsCutsOffMidway) {
+    OpenDevice device;
+    ASSERT_EQ(device.open(77), 0);
+    ASSERT_EQ(sim.control("drop-after-requests " + udid() + " 3"), "ok");
+    libiusb_file_info info;
+    int result = 0;
+    int served = 0;
+    for (int i = 0; i < 10 && result == 0; i++) {
+        result = libiusb_afc_file_get_info(device.afc, "/general_storage/readme.txt", &info);
+        if (result == 0) served++;
+    }
+    EXPECT_EQ(result, -32);
+    EXPECT_LE(served, 3);
+}
+
+TEST_F(DeviceLayerErrors, HouseArrestOnALostDeviceIsConnectionLost) {
+    OpenDevice device;
+    ASSERT_EQ(device.open(77), 0);
+    ASSERT_EQ(sim.control("unplug " + udid()), "ok");
+    libiusb_afc *sandbox = nullptr;
+    int result = libiusb_housearrest_init(device.handle, &sandbox);
+    EXPECT_EQ(result, -32);
+    EXPECT_EQ(sandbox, nullptr);
+}
+
+TEST_F(DeviceLayerErrors, TrustPromptThenAccepted) {
+    libiusb_context *context = nullptr;
+    ASSERT_EQ(libiusb_context_init(&context), 0);
+    libiusb_device *device = nullptr;
+    ASSERT_EQ(libiusb_device_find(context, 77, &device), 0);
+
+    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 60"), "ok");
+    libiusb_device_handle *handle = nullptr;
+    EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_TRUST_PENDING);
+    EXPECT_EQ(handle, nullptr);
+    // Listing a device that shows its prompt still works.
+    libiusb_device_info info;
+    EXPECT_EQ(libiusb_device_get_info(device, &info), 0);
+    EXPECT_EQ(info.location_id, 77u);
+
+    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 60 PasswordProtected"), "ok");
+    EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_PASSWORD_PROTECTED);
+
+    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 1"), "ok");
+    int result = LIBIUSB_ERROR_TRUST_PENDING;
+    for (int attempt = 0; attempt < 40 && result != 0; attempt++) {
+        result = libiusb_device_open(device, &handle);
+        if (result != 0) std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    }
+    EXPECT_EQ(result, 0);
+    if (handle != nullptr) libiusb_device_close(handle);
+    libiusb_context_exit(context);
+}
+
+TEST_F(DeviceLayerErrors, UnpluggedDeviceIsNoLongerInTheList) {
+    libiusb_context *context = nullptr;
+    ASSERT_EQ(libiusb_context_init(&context), 0);
+    libiusb_device *device = nullptr;
+    ASSERT_EQ(libiusb_device_find(context, 77, &device), 0);
+    ASSERT_EQ(sim.control("unplug " + udid()), "ok");
+    libiusb_device_handle *handle = nullptr;
+    EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_NO_DEVICE);
+    libiusb_context_exit(context);
+
+    ASSERT_EQ(libiusb_context_init(&context), 0);
+    EXPECT_EQ(libiusb_device_find(context, 77, &device), LIBIUSB_ERROR_NO_DEVICE);
+    libiusb_context_exit(context);
+}
+
+} // namespace
