@@ -101,11 +101,10 @@ void listMediaRoot(_CONTEXT *ctx, _KTL_OBJECT *media, void *buffer, fuse_fill_di
 }
 
 int endHouseArrest(libiusb_afc *client) {
+    // The device layer releases the connection whatever the exit reports, so
+    // a failed exit is logged and never repeated on a freed handle.
     int result = libiusb_housearrest_exit(client);
-    if (result != 0) {
-        QNLog(3, "%s libiusb_housearrest_exit failed. error : %d", "enumApps", result);
-        result = libiusb_housearrest_exit(client);
-    }
+    if (result != 0) QNLog(3, "%s libiusb_housearrest_exit failed. error : %d", "enumApps", result);
     return result;
 }
 

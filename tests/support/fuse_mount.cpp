@@ -68,10 +68,24 @@ std::vector<RecordedDialog> DialogRecorder::dialogs() const {
     return result;
 }
 
+std::vector<RecordedDialog> DialogRecorder::waitForDialogs(size_t count) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::vector<RecordedDialog> shown = dialogs();
+    while (shown.size() < count && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        shown = dialogs();
+    }
+    return shown;
+}
+
 bool isFuseMountPoint(const std::string &path) {
     std::ifstream mounts("/proc/self/mounts");
     std::string line;
-    std::string canonical = std::filesystem::weakly_canonical(path).string();
+    // Only the parent is resolved: the mount point itself may answer nothing.
+    std::error_code error;
+    std::filesystem::path given(path);
+    std::string canonical =
+        (std::filesystem::weakly_canonical(given.parent_path(), error) / given.filename()).string();
     while (std::getline(mounts, line)) {
         std::istringstream fields(line);
         std::string device, point, type;
@@ -131,8 +145,16 @@ bool QuorvelMount::start(unsigned int locationId, const std::vector<std::string>
         argv.push_back(nullptr);
         for (std::string &entry : environment) envp.push_back(&entry[0]);
         envp.push_back(nullptr);
+        // Its output goes to a file of its own: a mount left behind must never
+        // hold the test runner's pipes open.
         int devNull = open("/dev/null", O_RDONLY);
         dup2(devNull, 0);
+        std::string outputFile = logDir + "/quorvelfs.out";
+        int output = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        if (output >= 0) {
+            dup2(output, 1);
+            dup2(output, 2);
+        }
         execve(argv[0], argv.data(), envp.data());
         _exit(127);
     }
@@ -172,6 +194,7 @@ std::vector<std::string> QuorvelMount::logMessages() const {
     std::vector<std::string> all;
     std::error_code error;
     for (const auto &entry : std::filesystem::directory_iterator(logDir, error)) {
+        if (entry.path().filename().string().rfind("Quorvelfs", 0) != 0) continue;
         std::vector<std::string> lines = readLogMessages(entry.path().string());
         all.insert(all.end(), lines.begin(), lines.end());
     }

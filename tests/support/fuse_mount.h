@@ -21,6 +21,8 @@ struct DialogRecorder {
     std::string record;
     void create(const std::string &folder);
     std::vector<RecordedDialog> dialogs() const;
+    // Dialogs are shown by their own thread: waits (up to 20 s) until at least `count` were recorded.
+    std::vector<RecordedDialog> waitForDialogs(size_t count) const;
 };
 
 struct QuorvelMount {

@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# `ls -l` of a 30,000-entry Storage folder through Quorvel and through ifuse,
+# on the same simulated device, first and second listing, with shaping off and
+# with 300 us of latency per request. Usage: bench/listing_vs_ifuse.sh [BUILD_DIR]
+set -euo pipefail
+
+build=${1:-build}
+devsim="$build/devsim/devsim"
+quorvelfs="$build/tools/quorvelfs"
+for program in "$devsim" "$quorvelfs"; do
+  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
+done
+command -v ifuse >/dev/null || { echo "ifuse is not installed" >&2; exit 1; }
+[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
+
+work=$(mktemp -d /tmp/quorvel-bench-XXXXXX)
+pid=""
+cleanup() {
+  fusermount -u -z "$work/quorvel" 2>/dev/null || true
+  fusermount -u -z "$work/ifuse" 2>/dev/null || true
+  if [ -n "$pid" ]; then kill -TERM "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+udid=be9c0000000000000000000000000000000000dd
+location=31
+mkdir -p "$work/image/media/general_storage/big" "$work/quorvel" "$work/ifuse" "$work/log"
+cat > "$work/image/device.json" <<JSON
+{"name": "Bench", "udid": "$udid", "location_id": $location, "capacity_bytes": 64000000000, "block_size": 4096}
+JSON
+(cd "$work/image/media/general_storage/big" && seq -f 'entry%05g.txt' 1 30000 | xargs touch)
+
+seconds() {  # runs "$@" and prints the wall time in seconds
+  local start end
+  start=$(date +%s.%N)
+  "$@" > /dev/null
+  end=$(date +%s.%N)
+  awk -v s="$start" -v e="$end" 'BEGIN { printf "%.3f", e - s }'
+}
+
+wait_for_mount() {
+  for _ in $(seq 1 400); do grep -q " $1 fuse" /proc/mounts && return 0; sleep 0.05; done
+  echo "mount did not appear at $1" >&2; exit 1
+}
+
+run() {
+  local label=$1; shift
+  "$devsim" serve --socket "$work/mux.sock" "$@" "$work/image" > "$work/ready" 2> "$work/devsim.log" &
+  pid=$!
+  for _ in $(seq 1 200); do grep -q '^ready:' "$work/ready" && break; sleep 0.05; done
+  export USBMUXD_SOCKET_ADDRESS="UNIX:$work/mux.sock"
+  QUORVEL_LOG_DIR="$work/log" QUORVEL_PIPE="$work/no-tray" "$quorvelfs" "$work/quorvel" -devopt "$location" \
+    > "$work/quorvelfs.out" 2>&1 < /dev/null
+  wait_for_mount "$work/quorvel"
+  ifuse -u "$udid" "$work/ifuse" > "$work/ifuse.out" 2>&1 < /dev/null
+  wait_for_mount "$work/ifuse"
+
+  local q1 q2 i1 i2 count
+  q1=$(seconds ls -l "$work/quorvel/Storage/big")
+  q2=$(seconds ls -l "$work/quorvel/Storage/big")
+  i1=$(seconds ls -l "$work/ifuse/general_storage/big")
+  i2=$(seconds ls -l "$work/ifuse/general_storage/big")
+  count=$(ls "$work/quorvel/Storage/big" | wc -l)
+  [ "$count" -eq 30000 ] || { echo "Quorvel listed $count entries, not 30000" >&2; exit 1; }
+
+  fusermount -u "$work/quorvel"
+  fusermount -u "$work/ifuse"
+  kill -TERM "$pid"; wait "$pid" || true; pid=""
+  unset USBMUXD_SOCKET_ADDRESS
+  awk -v l="$label" -v q1="$q1" -v q2="$q2" -v i1="$i1" -v i2="$i2" 'BEGIN {
+    printf "%-22s first: Quorvel %7.3f s  ifuse %7.3f s  (ifuse/Quorvel %5.2f)\n", l, q1, i1, i1 / q1
+    printf "%-22s second: Quorvel %6.3f s  ifuse %7.3f s  (ifuse/Quorvel %5.2f)\n", "", q2, i2, i2 / q2
+  }'
+}
+
+echo "ls -l of a folder of 30000 entries"
+run "shaping off"
+run "--latency-us 300" --latency-us 300

@@ -1,0 +1,205 @@
+// Browsing a mounted device: the root layout, /Storage, /Apps and /Media,
+// compared with the device image the simulated device serves.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+const char kComposed[] = "caf\xC3\xA9.txt";
+const char kDecomposed[] = "cafe\xCC\x81.txt";
+
+// Names as readdir gives them, "." and ".." included, in order.
+std::vector<std::string> readFolder(const std::string &path, int *error = nullptr) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(path.c_str());
+    if (dir == nullptr) {
+        if (error != nullptr) *error = errno;
+        return names;
+    }
+    errno = 0;
+    while (struct dirent *entry = readdir(dir)) names.push_back(entry->d_name);
+    if (error != nullptr) *error = errno;
+    closedir(dir);
+    return names;
+}
+
+std::vector<std::string> sortedVisible(std::vector<std::string> names) {
+    names.erase(std::remove_if(names.begin(), names.end(), [](const std::string &n) { return n[0] == '.'; }),
+                names.end());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Walks an image folder and its mounted counterpart together: the same
+// visible names, kinds, sizes and modification times at every level.
+void expectSameTree(const std::string &image, const std::string &mounted) {
+    std::vector<std::string> expected = sortedVisible(readFolder(image));
+    std::vector<std::string> shown = sortedVisible(readFolder(mounted));
+    ASSERT_EQ(shown, expected) << mounted;
+    for (const std::string &name : expected) {
+        struct stat original, seen;
+        ASSERT_EQ(lstat((image + "/" + name).c_str(), &original), 0);
+        ASSERT_EQ(stat((mounted + "/" + name).c_str(), &seen), 0) << mounted << "/" << name;
+        EXPECT_EQ(S_ISDIR(seen.st_mode), S_ISDIR(original.st_mode)) << name;
+        EXPECT_EQ(seen.st_mtime, original.st_mtime) << name;
+        if (S_ISDIR(original.st_mode))
+            expectSameTree(image + "/" + name, mounted + "/" + name);
+        else
+            EXPECT_EQ(seen.st_size, original.st_size) << name;
+    }
+}
+
+class ListingTest : public MountedDeviceTest {
+protected:
+    DevsimImage sampleImage() {
+        DevsimImage image;
+        image.name = "Lister";
+        image.location_id = 12;
+        image.apps = {{"com.example.notes", "Notes", true},
+                      {"com.example.jotter", "Notes", true},
+                      {"com.example.scribble", "Notes", true},
+                      {"com.example.secret", "Vault", false},
+                      {"com.example.reader", "Reader", true}};
+        image.folders = {"media/general_storage/empty", "media/general_storage/a/b/c"};
+        image.files = {
+            {"media/general_storage/top.txt", "top level"},
+            {"media/general_storage/.hidden", "not shown"},
+            {"media/general_storage/._resource", "not shown either"},
+            {std::string("media/general_storage/") + kDecomposed, "decomposed on the device"},
+            {"media/general_storage/it's \"quoted\" $(touch x).txt", "odd name"},
+            {"media/general_storage/a/b/deep.bin", std::string(5000, 'x')},
+            {"media/general_storage/a/b/c/deeper.txt", "three levels down"},
+            {"apps/com.example.notes/Documents/first.txt", "notes"},
+            {"apps/com.example.jotter/Documents/second.txt", "jotter"},
+            {"apps/com.example.scribble/Documents/third.txt", "scribble"},
+            {"apps/com.example.reader/Documents/books/novel.epub", std::string(1234, 'b')},
+            {"apps/com.example.reader/Documents/.cache", "hidden"},
+        };
+        return image;
+    }
+
+    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
+};
+
+TEST_F(ListingTest, RootMediaStorageAndAppsMatchTheImage) {
+    ASSERT_TRUE(startDevice({sampleImage()}));
+    ASSERT_TRUE(mountDevice(12));
+
+    EXPECT_EQ(readFolder(mount.mountPoint), (std::vector<std::string>{".", "..", "Media", "Apps", "Storage"}));
+    // The second listing is answered from memory, identically.
+    EXPECT_EQ(readFolder(mount.mountPoint), (std::vector<std::string>{".", "..", "Media", "Apps", "Storage"}));
+    // Without media databases the media root holds the three kind folders.
+    EXPECT_EQ(readFolder(inMount("/Media")), (std::vector<std::string>{".", "..", "Music", "Movies", "Photo"}));
+
+    expectSameTree(storageImage(), inMount("/Storage"));
+    std::vector<std::string> storage = readFolder(inMount("/Storage"));
+    EXPECT_EQ(std::count(storage.begin(), storage.end(), ".hidden"), 0);
+    EXPECT_EQ(std::count(storage.begin(), storage.end(), "._resource"), 0);
+
+    // Either spelling of a name reaches the one entry.
+    struct stat viaComposed, viaDecomposed;
+    ASSERT_EQ(stat(inMount(std::string("/Storage/") + kComposed).c_str(), &viaComposed), 0);
+    ASSERT_EQ(stat(inMount(std::string("/Storage/") + kDecomposed).c_str(), &viaDecomposed), 0);
+    EXPECT_EQ(viaComposed.st_size, viaDecomposed.st_size);
+    EXPECT_EQ(viaComposed.st_size, static_cast<off_t>(strlen("decomposed on the device")));
+
+    // Apps that share files, duplicates numbered in the device's order.
+    EXPECT_EQ(sortedVisible(readFolder(inMount("/Apps"))),
+              (std::vector<std::string>{"Notes", "Notes (2)", "Notes (3)", "Reader"}));
+    std::map<std::string, std::string> expectedFile = {
+        {"Notes", "first.txt"}, {"Notes (2)", "second.txt"}, {"Notes (3)", "third.txt"}};
+    for (const auto &entry : expectedFile)
+        EXPECT_EQ(sortedVisible(readFolder(inMount("/Apps/" + entry.first))),
+                  std::vector<std::string>{entry.second})
+            << entry.first;
+    expectSameTree(sim.image_dir(0) + "/apps/com.example.reader/Documents", inMount("/Apps/Reader"));
+
+    // `ls -la` agrees with the image on a nested folder.
+    std::string listing = runProgram({"ls", "-la", "--time-style=+%s", inMount("/Storage/a/b")});
+    struct stat deep;
+    ASSERT_EQ(stat((storageImage() + "/a/b/deep.bin").c_str(), &deep), 0);
+    EXPECT_NE(listing.find(" 5000 " + std::to_string(deep.st_mtime) + " deep.bin"), std::string::npos) << listing;
+    EXPECT_NE(listing.find("drwxrwxrwx"), std::string::npos) << listing;
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(ListingTest, PathsAreFoundStraightAfterMountingWithoutAListing) {
+    ASSERT_TRUE(startDevice({sampleImage()}));
+    ASSERT_TRUE(mountDevice(12));
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/a/b/c/deeper.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, static_cast<off_t>(strlen("three levels down")));
+    EXPECT_EQ(access(inMount("/Apps/Reader/books").c_str(), F_OK), 0);
+    errno = 0;
+    EXPECT_NE(stat(inMount("/Storage/a/missing").c_str(), &st), 0);
+    EXPECT_EQ(errno, ENOENT);
+    // Folders listed that way answer a later listing exactly as the device has them.
+    expectSameTree(storageImage(), inMount("/Storage"));
+}
+
+TEST_F(ListingTest, AFailedListingShowsItsDialogAndIsTriedAgain) {
+    ASSERT_TRUE(startDevice({sampleImage()}));
+    ASSERT_TRUE(mountDevice(12));
+    ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /general_storage/a permission-denied"), "ok");
+
+    int error = 0;
+    readFolder(inMount("/Storage/a"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_EQ(shown[0].title, "Quorvel Error!!");
+    EXPECT_EQ(shown[0].message, "Could not read directory.\nError Code : -3");
+    EXPECT_EQ(shown[0].button, "Confirm");
+    EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -3"), 1);
+
+    // Once the device answers again, the same folder lists.
+    ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
+    EXPECT_EQ(sortedVisible(readFolder(inMount("/Storage/a"), &error)), std::vector<std::string>{"b"});
+
+    // A lost connection has its own text, and the next listing goes back to the device.
+    ASSERT_EQ(sim.control("drop-now " + sim.udid(0)), "ok");
+    readFolder(inMount("/Storage/empty"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    readFolder(inMount("/Storage/empty"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -32"), 2);
+    shown = dialogs.waitForDialogs(2);
+    ASSERT_GE(shown.size(), 2u);
+    EXPECT_EQ(shown.back().message, "Lost USB Connection.\nDirectory reading aborted.");
+    EXPECT_EQ(shown.back().title, "Quorvel Error!!");
+}
+
+TEST_F(ListingTest, OnlyFoldersOfMoreThan30000EntriesAreAnnouncedAsBusy) {
+    DevsimImage image;
+    image.location_id = 21;
+    image.folders = {"media/general_storage/exact", "media/general_storage/over"};
+    ASSERT_TRUE(startDevice({image}));
+    for (const char *folder : {"exact", "over"}) {
+        int count = std::string(folder) == "exact" ? 29998 : 29999;  // plus "." and ".."
+        std::string dir = sim.image_dir(0) + "/media/general_storage/" + folder;
+        for (int i = 0; i < count; ++i) std::ofstream(dir + "/f" + std::to_string(i)).close();
+    }
+    ASSERT_TRUE(mountDevice(21));
+    ASSERT_TRUE(tray.waitFor("-neoff"));
+    std::string before = tray.bytes();
+
+    EXPECT_EQ(readFolder(inMount("/Storage/exact")).size(), 29998u + 2);
+    EXPECT_EQ(tray.bytes(), before) << "30000 entries are not announced";
+
+    EXPECT_EQ(readFolder(inMount("/Storage/over")).size(), 29999u + 2);
+    ASSERT_TRUE(tray.waitFor(before + "-neon-neoff"));
+}
+
+} // namespace

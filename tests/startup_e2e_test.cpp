@@ -1,0 +1,103 @@
+// Start-up and shut-down of a real mount against the simulated device.
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tarnifs/mount.h"
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+class StartupTest : public MountedDeviceTest {};
+
+DevsimImage phone(const std::string &name, uint32_t locationId) {
+    DevsimImage image;
+    image.name = name;
+    image.location_id = locationId;
+    image.files = {{"media/general_storage/" + name + ".txt", "belongs to " + name}};
+    return image;
+}
+
+TEST_F(StartupTest, ChoosesTheDeviceWhoseLocationIdMatchesAndCleansUpAtUnmount) {
+    ASSERT_TRUE(startDevice({phone("first", 5), phone("second", 9)}));
+    ASSERT_TRUE(mountDevice(9));
+    // "-neoff" closes every start-up, so the tray listener knows it may go on.
+    EXPECT_TRUE(tray.waitFor("-neoff"));
+
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/second.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, static_cast<off_t>(strlen("belongs to second")));
+    EXPECT_NE(stat(inMount("/Storage/first.txt").c_str(), &st), 0);
+    EXPECT_EQ(mount.countLog("device_init Device Name : second"), 1);
+    EXPECT_EQ(mount.countLog("device_init Connected device 1 : 0x9"), 1);
+
+    ASSERT_EQ(lstat("/tmp/9", &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_NE(lstat("/tmp/9", &st), 0) << "the work folder outlived the mount";
+}
+
+TEST_F(StartupTest, FindsADeviceThatAppearsHalfASecondLater) {
+    ASSERT_TRUE(startDevice({phone("late", 3)}));
+    ASSERT_EQ(sim.control("appear-after " + sim.udid(0) + " 0.5"), "ok");
+    ASSERT_TRUE(mountDevice(3));
+    EXPECT_TRUE(std::filesystem::exists(inMount("/Storage/late.txt")));
+    int misses = mount.countLog("device_init no devices.");
+    EXPECT_GE(misses, 1);
+    EXPECT_LT(misses, 11);
+}
+
+TEST_F(StartupTest, GivesUpAfterElevenAttemptsAndAnswersWithoutContext) {
+    ASSERT_TRUE(startDevice({phone("elsewhere", 4)}));
+    ASSERT_TRUE(mountDevice(77));
+    // Start-up runs before the first request is answered.
+    struct stat st;
+    errno = 0;
+    EXPECT_NE(stat(inMount("/Storage").c_str(), &st), 0);
+    EXPECT_EQ(errno, ENOSYS);
+    EXPECT_EQ(mount.countLog("device_init no devices."), 11);
+    EXPECT_TRUE(tray.waitFor("-neoff"));
+    struct statvfs vfs;
+    EXPECT_NE(statvfs(mount.mountPoint.c_str(), &vfs), 0);
+    EXPECT_NE(access("/tmp/77", F_OK), 0) << "a failed start-up leaves no work folder";
+}
+
+TEST_F(StartupTest, WaitsOutAFiveSecondTrustPrompt) {
+    ASSERT_TRUE(startDevice({phone("careful", 6)}));
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 5"), "ok");
+    ASSERT_TRUE(mountDevice(6));
+    EXPECT_TRUE(std::filesystem::exists(inMount("/Storage/careful.txt")));
+    EXPECT_GE(mount.countLog("device_init libiusb fail cause trust dialog. retry(0/10)"), 1);
+    EXPECT_GE(mount.countLog("device_init libiusb fail cause trust dialog. retry(1/10)"), 1);
+    EXPECT_EQ(mount.countLog("device_init libiusb fail cause trust dialog. retry(3/10)"), 0);
+}
+
+TEST_F(StartupTest, VolumeFiguresAreTheCalibratedDeviceCapacities) {
+    DevsimImage image = phone("roomy", 8);
+    image.capacity_bytes = 68719476736ull;
+    image.block_size = 4096;
+    std::string imageDir = tempDir + "/roomy";
+    ASSERT_TRUE(write_devsim_image(imageDir, image));
+    // A sparse file leaves exactly 15,000,000,000 bytes free on the device.
+    std::string big = imageDir + "/media/general_storage/sparse.bin";
+    std::ofstream(big).close();
+    uint64_t stored = std::filesystem::file_size(imageDir + "/media/general_storage/roomy.txt");
+    ASSERT_EQ(truncate(big.c_str(), static_cast<off_t>(68719476736ull - 15000000000ull - stored)), 0);
+    ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
+    ASSERT_TRUE(mountDevice(8));
+
+    std::string figures = runProgram({"stat", "-f", "-c", "%S %b %f %a", mount.mountPoint});
+    EXPECT_EQ(figures, "4096 15625000 3408203 3408203\n");
+    std::string df = runProgram({"df", "--output=size,avail", "-B1", mount.mountPoint});
+    EXPECT_NE(df.find("64000000000"), std::string::npos) << df;
+    EXPECT_NE(df.find(std::to_string(3408203ull * 4096)), std::string::npos) << df;
+}
+
+} // namespace

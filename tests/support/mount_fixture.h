@@ -1,0 +1,33 @@
+// End-to-end fixture: devsim serving one or more images, quorvelfs mounted on
+// one of them through real FUSE, dialogs recorded and the tray pipe read.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/devsim_fixture.h"
+#include "tests/support/fuse_mount.h"
+#include "tests/support/pipe_reader.h"
+
+class MountedDeviceTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Starts devsim with `images`; skips the test when something it needs is missing.
+    bool startDevice(const std::vector<DevsimImage> &images, const std::vector<std::string> &serveOptions = {});
+    // Mounts the device with this location id; false when no mount appeared.
+    bool mountDevice(uint32_t locationId);
+    // Unmounts and waits for the file-system process to end.
+    int unmountDevice();
+
+    std::string inMount(const std::string &volumePath) const { return mount.mountPoint + volumePath; }
+
+    std::string tempDir;
+    Devsim sim;
+    QuorvelMount mount;
+    DialogRecorder dialogs;
+    PipeReader tray;
+};
