@@ -54,10 +54,11 @@ int tarnifs_getattr(const char *path, struct stat *st) {
 int tarnifs_fgetattr(const char *path, struct stat *st, struct fuse_file_info *) { return tarnifs_getattr(path, st); }
 
 int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
-    // The record is made before the lock is taken: an unknown path becomes an
-    // empty regular file.
-    _KTL_OBJECT *object = GetObject(path);
     TarniLock lock;
+    // An unknown path becomes an empty regular file. The record is made under
+    // the lock like every other catalogue change: two attribute changes
+    // arriving at once must not race on the map.
+    _KTL_OBJECT *object = GetObject(path);
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) {
