@@ -1,6 +1,9 @@
 // Start-up and shut-down of a real mount against the simulated device.
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -98,6 +101,57 @@ TEST_F(StartupTest, VolumeFiguresAreTheCalibratedDeviceCapacities) {
     std::string df = runProgram({"df", "--output=size,avail", "-B1", mount.mountPoint});
     EXPECT_NE(df.find("64000000000"), std::string::npos) << df;
     EXPECT_NE(df.find(std::to_string(3408203ull * 4096)), std::string::npos) << df;
+}
+
+} // namespace
+
+namespace {
+
+class TrayListenerTest : public MountedDeviceTest {};
+
+// Whether the tray listener is missing, listening, or killed in the middle,
+// the file system keeps answering and unmounts.
+TEST_F(TrayListenerTest, UnmountNeverWaitsForTheListener) {
+    DevsimImage image = phone("tray", 14);
+    image.apps = {{"com.example.notes", "Notes", true}};
+    ASSERT_TRUE(startDevice({image}));
+
+    // No listener at all: every pipe message fails quietly.
+    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + tempDir + "/nobody.fifo";
+    ASSERT_TRUE(mountDevice(14));
+    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
+    EXPECT_GE(mount.countLog("sendPipeMsg open pipe failed. errno : 2"), 1);
+    EXPECT_EQ(unmountDevice(), 0);
+
+    // A listener that is reading: it hears the busy signals of the app listing.
+    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + tempDir + "/tray.fifo";
+    ASSERT_TRUE(mountDevice(14));
+    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
+    EXPECT_TRUE(tray.waitFor("-neoff-neon-neoff"));
+    EXPECT_EQ(unmountDevice(), 0);
+
+#ifdef QUORVEL_PATH
+    // `quorvel tray` killed in the middle of the session.
+    std::string fifo = tempDir + "/killed.fifo";
+    pid_t listener = fork();
+    if (listener == 0) {
+        setenv("QUORVEL_PIPE", fifo.c_str(), 1);
+        int devNull = open("/dev/null", O_WRONLY);
+        dup2(devNull, 1);
+        execl(QUORVEL_PATH, QUORVEL_PATH, "tray", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    for (int i = 0; i < 200 && access(fifo.c_str(), F_OK) != 0; ++i) usleep(20000);
+    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + fifo;
+    ASSERT_TRUE(mountDevice(14));
+    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
+    kill(listener, SIGKILL);
+    waitpid(listener, nullptr, 0);
+    struct stat st;
+    EXPECT_EQ(stat(inMount("/Apps/Notes").c_str(), &st), 0);
+    EXPECT_EQ(unmountDevice(), 0);
+    unlink(fifo.c_str());
+#endif
 }
 
 } // namespace
