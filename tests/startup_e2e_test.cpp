@@ -155,3 +155,33 @@ TEST_F(TrayListenerTest, UnmountNeverWaitsForTheListener) {
 }
 
 } // namespace
+
+namespace {
+
+class WorkFolderTest : public MountedDeviceTest {};
+
+// "/tmp/<id>" taken by a link (or anything not ours) is left alone: the
+// mount works in a fresh private folder and removes only that.
+TEST_F(WorkFolderTest, ANameTakenByALinkIsNeverFollowed) {
+    ASSERT_TRUE(startDevice({phone("linked", 23)}));
+    std::string target = tempDir + "/precious";
+    ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
+    std::ofstream(target + "/keep.txt") << "keep me";
+    unlink("/tmp/23");
+    ASSERT_EQ(symlink(target.c_str(), "/tmp/23"), 0);
+
+    ASSERT_TRUE(mountDevice(23));
+    EXPECT_EQ(mount.countLog("tarnifs_init /tmp/23 is not a private folder of ours, using a fresh one"), 1);
+    struct stat st;
+    EXPECT_EQ(stat(inMount("/Storage/linked.txt").c_str(), &st), 0);
+    EXPECT_EQ(unmountDevice(), 0);
+
+    EXPECT_EQ(lstat("/tmp/23", &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_TRUE(std::filesystem::exists(target + "/keep.txt"));
+    for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
+        EXPECT_NE(entry.path().filename().string().rfind("quorvel-23-", 0), 0u) << "outlived the mount: " << entry.path();
+    unlink("/tmp/23");
+}
+
+} // namespace
