@@ -214,6 +214,10 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
     return result;
 }
 
+// Only a Storage listing stops half-way (at an entry whose information
+// cannot be read), leaving the entries before it linked.
+bool mayBeHalfListed(const char *path) { return strncmp(path, "/Storage", 8) == 0; }
+
 } // namespace
 
 int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t) {
@@ -280,7 +284,18 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
     emit(buffer, filler, "..");
     _KTL_OBJECT *folder = GetObject(path);
 
-    if (folder->child_list.next != &folder->child_list) {
+    bool hasChildren = folder->child_list.next != &folder->child_list;
+    if (hasChildren && folder->enumerated == 0 && mayBeHalfListed(path)) {
+        // What a listing that failed half-way left behind is not the folder's
+        // contents: drop it and ask the device again.
+        if (folder->open_count == 0) {
+            DeleteChildObject(folder, path);
+        } else {
+            while (folder->child_list.next != &folder->child_list) UnlinkObject(ObjectFromSibling(folder->child_list.next));
+        }
+        hasChildren = false;
+    }
+    if (hasChildren) {
         for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next) {
             _KTL_OBJECT *child = ObjectFromSibling(link);
             assert(child->file_name && "pObject->file_name");

@@ -181,6 +181,31 @@ TEST_F(ListingTest, AFailedListingShowsItsDialogAndIsTriedAgain) {
     EXPECT_EQ(shown.back().title, "Quorvel Error!!");
 }
 
+TEST_F(ListingTest, AnEntryThatCannotBeReadStopsTheListingUntilTheDeviceAnswersAgain) {
+    DevsimImage image = sampleImage();
+    image.files.push_back({"media/general_storage/mixed/a.txt", "a"});
+    image.files.push_back({"media/general_storage/mixed/b.txt", "b"});
+    image.files.push_back({"media/general_storage/mixed/c.txt", "c"});
+    image.files.push_back({"apps/com.example.reader/Documents/unreadable.txt", "u"});
+    ASSERT_TRUE(startDevice({image}));
+    ASSERT_TRUE(mountDevice(12));
+    ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /general_storage/mixed/b.txt io-error"), "ok");
+    ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /Documents/unreadable.txt io-error"), "ok");
+
+    int error = 0;
+    readFolder(inMount("/Storage/mixed"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    EXPECT_EQ(dialogs.waitForDialogs(1).at(0).message.rfind("Could not read directory.\nError Code : ", 0), 0u);
+    // In an app, an unreadable entry is only left out.
+    EXPECT_EQ(sortedVisible(readFolder(inMount("/Apps/Reader"), &error)), std::vector<std::string>{"books"});
+    EXPECT_EQ(error, 0);
+
+    ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
+    EXPECT_EQ(sortedVisible(readFolder(inMount("/Storage/mixed"), &error)),
+              (std::vector<std::string>{"a.txt", "b.txt", "c.txt"}));
+    EXPECT_EQ(error, 0);
+}
+
 TEST_F(ListingTest, OnlyFoldersOfMoreThan30000EntriesAreAnnouncedAsBusy) {
     DevsimImage image;
     image.location_id = 21;
