@@ -26,6 +26,15 @@ char *copyString(const char *text) {
     return copy;
 }
 
+// Two device names that differ only in Unicode form meet in one record; the
+// folder shows it once. (A device listing only runs on an empty folder, so a
+// record already linked was linked by this very listing.)
+bool listedAlready(_KTL_OBJECT *child, const char *caller, const std::string &childPath) {
+    if (child->sibling.next == &child->sibling) return false;
+    QNLog(3, "%s %s is listed once: another device name has the same form", caller, childPath.c_str());
+    return true;
+}
+
 // A folder this file system makes itself: named, a folder, stamped now, and
 // linked at the tail of its parent.
 _KTL_OBJECT *makeFixedFolder(_KTL_OBJECT *parent, const char *path) {
@@ -198,6 +207,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
                 }
                 std::string childPath = ChildPath(path, *entry);
                 _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
+                if (listedAlready(child, "enumApps", childPath)) continue;
                 bool isFolder = info.file_type == LIBIUSB_FILE_TYPE_FOLDER;
                 child->mode = isFolder ? KTL_MODE_FOLDER : KTL_MODE_FILE;
                 child->type = isFolder ? KTL_TYPE_DEVICE_FOLDER : KTL_TYPE_DEVICE_FILE;
@@ -261,6 +271,7 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
         }
         std::string childPath = ChildPath(path, *entry);
         _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
+        if (listedAlready(child, "enumStorage", childPath)) continue;
         // Links and other kinds keep the mode they have (a new record is a file).
         if (info.file_type == LIBIUSB_FILE_TYPE_REGULAR) child->mode = KTL_MODE_FILE;
         if (info.file_type == LIBIUSB_FILE_TYPE_FOLDER) child->mode = KTL_MODE_FOLDER;
