@@ -4,3 +4,6 @@
 
 int cmdList(int argc, char **argv);
 int cmdTray(int argc, char **argv);
+int cmdMount(int argc, char **argv);
+int cmdUnmount(int argc, char **argv);
+int cmdDemo(int argc, char **argv);

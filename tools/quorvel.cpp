@@ -14,6 +14,9 @@ struct Subcommand {
 
 const Subcommand subcommands[] = {
     {"list", cmdList, "show every attached device: location id, name, UDID, iOS version"},
+    {"mount", cmdMount, "mount a device at a folder: quorvel mount MOUNTPOINT [--udid UDID | --location ID]"},
+    {"unmount", cmdUnmount, "unmount it again: quorvel unmount MOUNTPOINT"},
+    {"demo", cmdDemo, "mount a simulated iPhone at ./quorvel-demo to browse, until Ctrl-C"},
     {"tray", cmdTray, "listen on the notification pipe and print what the file system reports"},
 };
 

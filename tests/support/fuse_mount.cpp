@@ -90,6 +90,9 @@ bool isFuseMountPoint(const std::string &path) {
         std::istringstream fields(line);
         std::string device, point, type;
         fields >> device >> point >> type;
+        // The table writes a space in a path as \040.
+        for (size_t at = point.find("\\040"); at != std::string::npos; at = point.find("\\040", at + 1))
+            point.replace(at, 4, " ");
         if (point == canonical && type.rfind("fuse", 0) == 0) return true;
     }
     return false;

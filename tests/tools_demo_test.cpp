@@ -1,0 +1,284 @@
+// `quorvel demo` run as a user runs it: it must reach a browsable mount, and
+// however it is stopped (Ctrl-C, SIGTERM, SIGKILL, a dead mount left by
+// someone else) the next run must work and nothing may stay behind.
+#include <gtest/gtest.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/devsim_fixture.h"
+#include "tests/support/fuse_mount.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+#ifdef QUORVEL_PATH
+const std::string kQuorvel = QUORVEL_PATH;
+#else
+const std::string kQuorvel;
+#endif
+
+std::string readFile(const std::string &path) {
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// The mount table writes a space in a path as \040 (and tab, newline and
+// backslash likewise), so a folder named "demo mount" is looked up that way.
+bool mounted(const std::string &path) {
+    std::string listed;
+    for (char c : path) {
+        if (c == ' ' || c == '\t' || c == '\n' || c == '\\') {
+            char octal[8];
+            snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(c));
+            listed += octal;
+        } else {
+            listed += c;
+        }
+    }
+    std::ifstream table("/proc/self/mounts");
+    for (std::string line; std::getline(table, line);) {
+        if (line.find(" " + listed + " fuse") != std::string::npos) return true;
+    }
+    return false;
+}
+
+bool deadMount(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) != 0 && errno == ENOTCONN;
+}
+
+// One `quorvel demo MOUNTPOINT` process, its output collected in a file.
+struct DemoRun {
+    pid_t pid = -1;
+    std::string output;
+    int status = -1;
+
+    void start(const std::string &mountPoint, const std::string &outputFile) {
+        output = outputFile;
+        pid = fork();
+        if (pid == 0) {
+            // Should the test die, the demo is stopped as by Ctrl-C.
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            dup2(out, 1);
+            dup2(out, 2);
+            execl(kQuorvel.c_str(), kQuorvel.c_str(), "demo", mountPoint.c_str(), static_cast<char *>(nullptr));
+            _exit(127);
+        }
+    }
+    std::string text() const { return readFile(output); }
+    // True once `wanted` was printed; false when the demo ended first or
+    // the generous wait ran out.
+    bool waitFor(const std::string &wanted, int seconds = 180) {
+        for (int i = 0; i < seconds * 20; ++i) {
+            if (text().find(wanted) != std::string::npos) return true;
+            if (finished(0)) return text().find(wanted) != std::string::npos;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+    bool finished(int seconds) {
+        if (pid <= 0) return true;
+        for (int i = 0; i <= seconds * 20; ++i) {
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                pid = -1;
+                return true;
+            }
+            if (seconds > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+    // Only ever this process: kill(-1, ...) would reach every process we own.
+    void signal(int sig) {
+        if (pid > 0) kill(pid, sig);
+    }
+    void kill9() {
+        if (pid <= 0) return;
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        pid = -1;
+    }
+    // The private folder the demo announced ("... image in /tmp/quorvel-demo-XXXXXX/image").
+    std::string workFolder() const {
+        std::string all = text();
+        size_t at = all.find("/tmp/quorvel-demo-");
+        if (at == std::string::npos) return "";
+        return all.substr(at, strlen("/tmp/quorvel-demo-XXXXXX"));
+    }
+};
+
+// Processes whose command line mentions `needle` (the demo's children name
+// its work folder in their arguments).
+int processesMentioning(const std::string &needle) {
+    int count = 0;
+    DIR *proc = opendir("/proc");
+    while (proc != nullptr) {
+        dirent *entry = readdir(proc);
+        if (entry == nullptr) break;
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+        std::string cmdline = readFile(std::string("/proc/") + entry->d_name + "/cmdline");
+        for (char &c : cmdline) c = c == '\0' ? ' ' : c;
+        if (cmdline.find(needle) != std::string::npos) count++;
+    }
+    if (proc != nullptr) closedir(proc);
+    return count;
+}
+
+bool eventually(const std::function<bool()> &condition, int seconds = 60) {
+    for (int i = 0; i < seconds * 20; ++i) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return condition();
+}
+
+const char kBrowsable[] = "The demo is browsable. Press Ctrl-C";
+
+class QuorvelDemoCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (kQuorvel.empty()) GTEST_SKIP() << "quorvel was not built (QUORVEL_PATH unset)";
+        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)";
+        std::string why = fuseUnavailableReason();
+        if (!why.empty()) GTEST_SKIP() << why;
+        char pattern[] = "/tmp/quorvel-demo-test-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        folder = pattern;
+        mountPoint = folder + "/demo mount";  // a space, as users' folders have
+    }
+    void TearDown() override {
+        if (folder.empty()) return;
+        for (DemoRun *run : {&first, &second}) {
+            if (run->pid > 0) {
+                run->signal(SIGTERM);
+                if (!run->finished(60)) run->kill9();
+            }
+        }
+        if (mounted(mountPoint) || deadMount(mountPoint)) run_program({"fusermount", "-u", "-z", mountPoint});
+        eventually([&] { return !mounted(mountPoint); }, 30);
+        std::error_code error;
+        fs::remove_all(folder, error);
+    }
+    // The run must have mounted the simulated device and shown it.
+    void expectBrowsable(DemoRun &run) {
+        ASSERT_TRUE(run.waitFor(kBrowsable)) << run.text();
+        EXPECT_TRUE(mounted(mountPoint)) << run.text();
+        std::string shown = run.text();
+        EXPECT_NE(shown.find("\n" + mountPoint + "\n├── Apps\n"), std::string::npos) << shown;
+        EXPECT_NE(shown.find("└── Storage\n"), std::string::npos) << shown;
+        EXPECT_NE(shown.find("directories, "), std::string::npos) << shown;
+        EXPECT_NE(shown.find("df -h '" + mountPoint + "'"), std::string::npos) << shown;
+        EXPECT_TRUE(fs::is_directory(mountPoint + "/Storage/Documents")) << "the sample's Storage is served";
+    }
+    // Stopped, it leaves no mount, no work folder and no process behind.
+    void expectNothingLeft(DemoRun &run, const std::string &workFolder, bool runMadeMountPoint = true) {
+        ASSERT_TRUE(run.finished(120)) << run.text();
+        EXPECT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0) << run.status << "\n" << run.text();
+        EXPECT_NE(run.text().find("Demo stopped; nothing left behind."), std::string::npos) << run.text();
+        EXPECT_FALSE(mounted(mountPoint));
+        if (runMadeMountPoint) {
+            EXPECT_FALSE(fs::exists(mountPoint)) << "the demo made the mount point, so it removes it";
+        }
+        ASSERT_FALSE(workFolder.empty()) << run.text();
+        EXPECT_FALSE(fs::exists(workFolder));
+        EXPECT_EQ(processesMentioning(workFolder), 0);
+    }
+
+    std::string folder, mountPoint;
+    DemoRun first, second;
+};
+
+TEST_F(QuorvelDemoCommand, BecomesBrowsableAndCtrlCLeavesNothingBehind) {
+    first.start(mountPoint, folder + "/first.out");
+    expectBrowsable(first);
+    std::string work = first.workFolder();
+    ASSERT_TRUE(fs::is_directory(work + "/log")) << "the file system logs into the demo's own folder";
+    // Inside the mount while Ctrl-C comes: clean-up must still finish.
+    int held = open((mountPoint + "/Storage").c_str(), O_RDONLY | O_DIRECTORY);
+    first.signal(SIGINT);
+    first.signal(SIGINT);  // impatient users press twice
+    expectNothingLeft(first, work);
+    if (held >= 0) close(held);
+}
+
+TEST_F(QuorvelDemoCommand, NextRunRecoversFromADemoKilledWithSigkill) {
+    first.start(mountPoint, folder + "/first.out");
+    ASSERT_TRUE(first.waitFor(kBrowsable)) << first.text();
+    std::string firstWork = first.workFolder();
+    first.kill9();
+    // Its children notice it died and stop; the mount and folder may stay.
+    EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork) == 0; })) << "devsim or quorvelfs outlived it";
+
+    second.start(mountPoint, folder + "/second.out");
+    expectBrowsable(second);
+    EXPECT_FALSE(fs::exists(firstWork)) << "the killed run's folder is cleared by the next run";
+    std::string secondWork = second.workFolder();
+    second.signal(SIGTERM);
+    expectNothingLeft(second, secondWork, false);
+}
+
+TEST_F(QuorvelDemoCommand, NextRunRecoversFromADeadMount) {
+    // A file-system process killed outright leaves a mount that answers
+    // every access with "Transport endpoint is not connected".
+    mountPoint = folder + "/stale";
+    Devsim sim;
+    DevsimImage phone;
+    phone.location_id = 4201;
+    ASSERT_TRUE(sim.start({phone})) << sim.error();
+    fs::create_directory(mountPoint);
+    fs::create_directory(folder + "/log");
+    QuorvelMount stale;
+    stale.mountPoint = mountPoint;
+    stale.logDir = folder + "/log";
+    ASSERT_TRUE(stale.start(sim.location_id(0)));
+    struct stat st;
+    stat(mountPoint.c_str(), &st);
+    ASSERT_GT(stale.pid, 0);
+    kill(stale.pid, SIGKILL);
+    waitpid(stale.pid, nullptr, 0);
+    stale.pid = -1;
+    sim.stop();
+    // Until the kernel's cached attributes expire, the root still stats fine.
+    ASSERT_TRUE(eventually([&] { return deadMount(mountPoint); }, 10)) << "could not make a dead mount to recover from";
+
+    first.start(mountPoint, folder + "/first.out");
+    ASSERT_TRUE(first.waitFor(kBrowsable)) << first.text();
+    EXPECT_NE(first.text().find("Found a leftover mount at " + mountPoint + " (its file system had stopped); "
+                                "unmounting it."),
+              std::string::npos)
+        << first.text();
+    EXPECT_TRUE(mounted(mountPoint));
+    std::string work = first.workFolder();
+    first.signal(SIGINT);
+    ASSERT_TRUE(first.finished(120)) << first.text();
+    EXPECT_FALSE(mounted(mountPoint));
+    EXPECT_TRUE(fs::is_directory(mountPoint)) << "a mount point the demo did not make is left in place";
+    EXPECT_FALSE(fs::exists(work));
+}
+
+TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInIt) {
+    fs::create_directory(mountPoint);
+    std::ofstream(mountPoint + "/precious.txt") << "mine";
+    first.start(mountPoint, folder + "/first.out");
+    ASSERT_TRUE(first.finished(120)) << first.text();
+    EXPECT_TRUE(WIFEXITED(first.status) && WEXITSTATUS(first.status) == 1) << first.text();
+    EXPECT_NE(first.text().find("is not empty"), std::string::npos) << first.text();
+    EXPECT_EQ(readFile(mountPoint + "/precious.txt"), "mine");
+}
+
+} // namespace

@@ -1,0 +1,256 @@
+// `quorvel mount` and `quorvel unmount` as a user runs them, against the
+// simulated device and a real FUSE mount.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/devsim_fixture.h"
+#include "tests/support/fuse_mount.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+#ifdef QUORVEL_PATH
+const std::string kQuorvel = QUORVEL_PATH;
+#else
+const std::string kQuorvel;
+#endif
+
+int runQuorvel(const std::vector<std::string> &args, std::string *output) {
+    std::vector<std::string> argv = {kQuorvel};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run_program(argv, output, 180);
+}
+
+// `quorvel ARGS...` left running, its output going to `outputFile`.
+pid_t startQuorvel(const std::vector<std::string> &args, const std::string &outputFile) {
+    std::vector<std::string> argv = {kQuorvel};
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(out, 1);
+        dup2(out, 2);
+        std::vector<char *> pointers;
+        for (std::string &arg : argv) pointers.push_back(&arg[0]);
+        pointers.push_back(nullptr);
+        execv(pointers[0], pointers.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+std::string readFile(const std::string &path) {
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+bool waitForText(const std::string &path, const std::string &text, int seconds) {
+    for (int i = 0; i < seconds * 20; ++i) {
+        if (readFile(path).find(text) != std::string::npos) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+std::vector<std::string> sortedNames(const std::string &folder) {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator(folder, error)) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+DevsimImage phone(const std::string &name, uint32_t locationId, const std::vector<std::string> &storageFiles) {
+    DevsimImage image;
+    image.name = name;
+    image.location_id = locationId;
+    for (const std::string &file : storageFiles) image.files.push_back({"media/general_storage/" + file, name});
+    return image;
+}
+
+// A private folder holding the mount point and the file system's log; it
+// unmounts whatever a failing test left mounted.
+class QuorvelMountCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (kQuorvel.empty()) GTEST_SKIP() << "quorvel was not built (QUORVEL_PATH unset)";
+        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)";
+        std::string why = fuseUnavailableReason();
+        if (!why.empty()) GTEST_SKIP() << why;
+        char pattern[] = "/tmp/quorvel-mount-test-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        folder = pattern;
+        mountPoint = folder + "/phone";
+        fs::create_directory(mountPoint);
+        fs::create_directory(folder + "/log");
+        setenv("QUORVEL_LOG_DIR", (folder + "/log").c_str(), 1);
+    }
+    void TearDown() override {
+        if (folder.empty()) return;
+        if (isFuseMountPoint(mountPoint)) run_program({"fusermount", "-u", "-z", mountPoint});
+        // The mount's process ends once unmounted; give it a moment before
+        // devsim goes, so devsim stops with no client left.
+        waitUntilUnmounted();
+        sim.stop();
+        unsetenv("QUORVEL_LOG_DIR");
+        std::error_code error;
+        fs::remove_all(folder, error);
+    }
+    bool waitUntilUnmounted() {
+        for (int i = 0; i < 200 && isFuseMountPoint(mountPoint); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        return !isFuseMountPoint(mountPoint);
+    }
+
+    Devsim sim;
+    std::string folder, mountPoint;
+};
+
+TEST_F(QuorvelMountCommand, NoDeviceIsSaidPlainlyAndFails) {
+    ASSERT_TRUE(sim.start({phone("Gone", 4101, {})})) << sim.error();
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    std::string output;
+    EXPECT_EQ(runQuorvel({"mount", mountPoint}, &output), 1);
+    EXPECT_NE(output.find("No device found. Connect an iPhone or iPad, unlock it, and try again."), std::string::npos)
+        << output;
+    EXPECT_FALSE(isFuseMountPoint(mountPoint));
+}
+
+TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMounted) {
+    ASSERT_TRUE(sim.start({phone("Alice", 4111, {"alice.txt", "shared.txt"}),
+                           phone("Bob", 4112, {"bob-1.txt", "bob-2.txt", "shared.txt"})}))
+        << sim.error();
+
+    std::string output;
+    EXPECT_EQ(runQuorvel({"mount", mountPoint}, &output), 1);
+    EXPECT_FALSE(isFuseMountPoint(mountPoint)) << "nothing is mounted until the user chooses";
+    for (const std::string &shown : {sim.udid(0), sim.udid(1), std::string("4111"), std::string("4112"),
+                                     std::string("Alice"), std::string("Bob"), std::string("--udid"),
+                                     std::string("--location")}) {
+        EXPECT_NE(output.find(shown), std::string::npos) << "missing " << shown << " in:\n" << output;
+    }
+
+    EXPECT_EQ(runQuorvel({"mount", mountPoint, "--location", "4999"}, &output), 1);
+    EXPECT_NE(output.find("No attached device has the location id 4999"), std::string::npos) << output;
+    EXPECT_EQ(runQuorvel({"mount", mountPoint, "--udid", "0000"}, &output), 1);
+    EXPECT_NE(output.find("No attached device has the UDID 0000"), std::string::npos) << output;
+
+    ASSERT_EQ(runQuorvel({"mount", mountPoint, "--udid", sim.udid(1)}, &output), 0) << output;
+    EXPECT_NE(output.find("Mounted Bob at " + mountPoint + ". Unmount with: quorvel unmount " + mountPoint),
+              std::string::npos)
+        << output;
+    ASSERT_TRUE(isFuseMountPoint(mountPoint)) << "the command returns once the mount is up";
+    EXPECT_EQ(sortedNames(mountPoint + "/Storage"), sortedNames(sim.image_dir(1) + "/media/general_storage"));
+
+    EXPECT_EQ(runQuorvel({"mount", mountPoint, "--udid", sim.udid(0)}, &output), 1);
+    EXPECT_NE(output.find("already mounted"), std::string::npos) << output;
+
+    EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &output), 0) << output;
+    EXPECT_NE(output.find("Unmounted " + mountPoint + "."), std::string::npos) << output;
+    EXPECT_TRUE(waitUntilUnmounted());
+    EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &output), 1);
+    EXPECT_NE(output.find("nothing is mounted at " + mountPoint), std::string::npos) << output;
+
+    // The other one by location id, in the foreground, ended by SIGTERM as a
+    // service manager would end it.
+    std::string log = folder + "/foreground.out";
+    pid_t foreground = startQuorvel({"mount", mountPoint, "--location", "4111", "-f"}, log);
+    ASSERT_GT(foreground, 0);
+    ASSERT_TRUE(waitForText(log, "Mounted Alice at", 120)) << readFile(log);
+    EXPECT_TRUE(isFuseMountPoint(mountPoint));
+    EXPECT_EQ(sortedNames(mountPoint + "/Storage"), sortedNames(sim.image_dir(0) + "/media/general_storage"));
+    kill(foreground, SIGTERM);
+    int status = -1;
+    EXPECT_EQ(waitpid(foreground, &status, 0), foreground);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << readFile(log);
+    EXPECT_TRUE(waitUntilUnmounted());
+}
+
+TEST_F(QuorvelMountCommand, BusyMountIsDetachedLazily) {
+    ASSERT_TRUE(sim.start({phone("Only", 4121, {"a.txt"})})) << sim.error();
+    std::string output;
+    ASSERT_EQ(runQuorvel({"mount", mountPoint}, &output), 0) << output;
+    int held = open((mountPoint + "/Storage/a.txt").c_str(), O_RDONLY);
+    ASSERT_GE(held, 0) << "the mount should serve a.txt";
+    EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &output), 0) << output;
+    EXPECT_NE(output.find("was busy"), std::string::npos) << output;
+    EXPECT_FALSE(isFuseMountPoint(mountPoint)) << "detached at once, even while the file is open";
+    close(held);
+}
+
+TEST_F(QuorvelMountCommand, WaitsWhileTheDeviceAsksForTrust) {
+    ASSERT_TRUE(sim.start({phone("Careful", 4131, {"t.txt"})})) << sim.error();
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 3"), "ok");
+    std::string output;
+    ASSERT_EQ(runQuorvel({"mount", mountPoint}, &output), 0) << output;
+    const std::string waiting = "Waiting for you to tap Trust on the device…";
+    size_t first = output.find(waiting);
+    ASSERT_NE(first, std::string::npos) << output;
+    EXPECT_EQ(output.find(waiting, first + 1), std::string::npos) << "said once, not on every retry:\n" << output;
+    EXPECT_TRUE(isFuseMountPoint(mountPoint));
+    EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &output), 0) << output;
+    EXPECT_TRUE(waitUntilUnmounted());
+
+    // Nobody taps Trust: the wait ends with a clear message.
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 60 PasswordProtected"), "ok");
+    setenv("QUORVEL_TRUST_TIMEOUT", "2", 1);
+    int status = runQuorvel({"mount", mountPoint}, &output);
+    unsetenv("QUORVEL_TRUST_TIMEOUT");
+    EXPECT_EQ(status, 1) << output;
+    EXPECT_NE(output.find(waiting), std::string::npos) << output;
+    EXPECT_NE(output.find("did not trust this computer within 2 seconds"), std::string::npos) << output;
+    EXPECT_FALSE(isFuseMountPoint(mountPoint));
+}
+
+TEST_F(QuorvelMountCommand, UnusableMountPointsAreRefusedBeforeAnythingStarts) {
+    std::string output;
+    EXPECT_EQ(runQuorvel({"mount", folder + "/missing"}, &output), 1);
+    EXPECT_NE(output.find("does not exist"), std::string::npos) << output;
+
+    std::ofstream(folder + "/plain-file") << "x";
+    EXPECT_EQ(runQuorvel({"mount", folder + "/plain-file"}, &output), 1);
+    EXPECT_NE(output.find("is not a folder"), std::string::npos) << output;
+
+    std::ofstream(mountPoint + "/keep.txt") << "x";
+    EXPECT_EQ(runQuorvel({"mount", mountPoint}, &output), 1);
+    EXPECT_NE(output.find("is not empty"), std::string::npos) << output;
+    EXPECT_TRUE(fs::exists(mountPoint + "/keep.txt"));
+
+    EXPECT_EQ(runQuorvel({"mount"}, &output), 2);
+    EXPECT_EQ(runQuorvel({"mount", mountPoint, "--udid", "a", "--location", "1"}, &output), 2);
+    EXPECT_NE(output.find("not both"), std::string::npos) << output;
+    EXPECT_EQ(runQuorvel({"unmount", folder}, &output), 1);
+    EXPECT_NE(output.find("nothing is mounted"), std::string::npos) << output;
+}
+
+TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {
+    std::string output;
+    ASSERT_EQ(runQuorvel({"--help"}, &output), 0);
+    for (const char *command : {"mount", "unmount", "demo"})
+        EXPECT_NE(output.find(std::string("  ") + command + " "), std::string::npos) << output;
+    ASSERT_EQ(runQuorvel({"mount", "--help"}, &output), 0);
+    EXPECT_NE(output.find("--udid UDID"), std::string::npos);
+    EXPECT_NE(output.find("quorvel unmount MOUNTPOINT"), std::string::npos);
+    ASSERT_EQ(runQuorvel({"unmount", "--help"}, &output), 0);
+    EXPECT_NE(output.find("fusermount -u -z"), std::string::npos);
+    ASSERT_EQ(runQuorvel({"demo", "--help"}, &output), 0);
+    EXPECT_NE(output.find("Ctrl-C"), std::string::npos);
+}
+
+} // namespace
