@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Runs every benchmark against a build folder and prints the figures.
+# Usage: bench/run.sh [BUILD_DIR]
+# The mount benchmarks need /dev/fuse and ifuse; without them they say so and
+# are left out, and the others still run.
+set -uo pipefail
+
+build=${1:-build}
+here=$(cd "$(dirname "$0")" && pwd)
+failed=0
+
+echo "== catalogue lookups (100,000 paths) =="
+if [ -x "$build/bench/catalogue_bench" ]; then
+  "$build/bench/catalogue_bench" || failed=1
+else
+  echo "not built: $build/bench/catalogue_bench (is Google Benchmark installed?)"
+  failed=1
+fi
+
+if [ -e /dev/fuse ] && command -v ifuse >/dev/null; then
+  echo "== cp of 256 MiB out of an ifuse mount of devsim =="
+  bash "$here/devsim_cp.sh" "$build" < /dev/null || failed=1
+  echo "== ls -l of a 30,000-entry folder: Quorvel and ifuse =="
+  bash "$here/listing_vs_ifuse.sh" "$build" < /dev/null || failed=1
+else
+  echo "left out: the mount benchmarks need /dev/fuse and ifuse"
+fi
+exit $failed
