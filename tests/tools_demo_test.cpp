@@ -37,26 +37,6 @@ std::string readFile(const std::string &path) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-// The mount table writes a space in a path as \040 (and tab, newline and
-// backslash likewise), so a folder named "demo mount" is looked up that way.
-bool mounted(const std::string &path) {
-    std::string listed;
-    for (char c : path) {
-        if (c == ' ' || c == '\t' || c == '\n' || c == '\\') {
-            char octal[8];
-            snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(c));
-            listed += octal;
-        } else {
-            listed += c;
-        }
-    }
-    std::ifstream table("/proc/self/mounts");
-    for (std::string line; std::getline(table, line);) {
-        if (line.find(" " + listed + " fuse") != std::string::npos) return true;
-    }
-    return false;
-}
-
 bool deadMount(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) != 0 && errno == ENOTCONN;
@@ -169,15 +149,15 @@ protected:
                 if (!run->finished(60)) run->kill9();
             }
         }
-        if (mounted(mountPoint) || deadMount(mountPoint)) run_program({"fusermount", "-u", "-z", mountPoint});
-        eventually([&] { return !mounted(mountPoint); }, 30);
+        if (isFuseMountPoint(mountPoint) || deadMount(mountPoint)) run_program({"fusermount", "-u", "-z", mountPoint});
+        eventually([&] { return !isFuseMountPoint(mountPoint); }, 30);
         std::error_code error;
         fs::remove_all(folder, error);
     }
     // The run must have mounted the simulated device and shown it.
     void expectBrowsable(DemoRun &run) {
         ASSERT_TRUE(run.waitFor(kBrowsable)) << run.text();
-        EXPECT_TRUE(mounted(mountPoint)) << run.text();
+        EXPECT_TRUE(isFuseMountPoint(mountPoint)) << run.text();
         std::string shown = run.text();
         EXPECT_NE(shown.find("\n" + mountPoint + "\n├── Apps\n"), std::string::npos) << shown;
         EXPECT_NE(shown.find("└── Storage\n"), std::string::npos) << shown;
@@ -190,7 +170,7 @@ protected:
         ASSERT_TRUE(run.finished(120)) << run.text();
         EXPECT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0) << run.status << "\n" << run.text();
         EXPECT_NE(run.text().find("Demo stopped; nothing left behind."), std::string::npos) << run.text();
-        EXPECT_FALSE(mounted(mountPoint));
+        EXPECT_FALSE(isFuseMountPoint(mountPoint));
         if (runMadeMountPoint) {
             EXPECT_FALSE(fs::exists(mountPoint)) << "the demo made the mount point, so it removes it";
         }
@@ -262,11 +242,11 @@ TEST_F(QuorvelDemoCommand, NextRunRecoversFromADeadMount) {
                                 "unmounting it."),
               std::string::npos)
         << first.text();
-    EXPECT_TRUE(mounted(mountPoint));
+    EXPECT_TRUE(isFuseMountPoint(mountPoint));
     std::string work = first.workFolder();
     first.signal(SIGINT);
     ASSERT_TRUE(first.finished(120)) << first.text();
-    EXPECT_FALSE(mounted(mountPoint));
+    EXPECT_FALSE(isFuseMountPoint(mountPoint));
     EXPECT_TRUE(fs::is_directory(mountPoint)) << "a mount point the demo did not make is left in place";
     EXPECT_FALSE(fs::exists(work));
 }

@@ -90,9 +90,11 @@ bool isFuseMountPoint(const std::string &path) {
         std::istringstream fields(line);
         std::string device, point, type;
         fields >> device >> point >> type;
-        // The table writes a space in a path as \040.
-        for (size_t at = point.find("\\040"); at != std::string::npos; at = point.find("\\040", at + 1))
-            point.replace(at, 4, " ");
+        // The table writes a space, tab, newline or backslash in a path as
+        // a backslash and three octal digits (a space is \040).
+        for (size_t at = point.find('\\'); at != std::string::npos && at + 3 < point.size();
+             at = point.find('\\', at + 1))
+            point.replace(at, 4, 1, static_cast<char>(std::stoi(point.substr(at + 1, 3), nullptr, 8)));
         if (point == canonical && type.rfind("fuse", 0) == 0) return true;
     }
     return false;
