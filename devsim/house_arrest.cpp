@@ -10,14 +10,8 @@ void serve_house_arrest(Connection& conn) {
   unsigned long long id = conn.id;
   const DeviceImage& image = conn.device->image;
   for (;;) {
-    plist_t request = nullptr;
-    std::string problem;
-    ReadStatus status = read_plist_message(conn, request, problem);
-    if (status == ReadStatus::closed) return;
-    if (status != ReadStatus::ok) {
-      log_line("[%llu] house_arrest: %s, closing", id, problem.empty() ? describe(status) : problem.c_str());
-      return;
-    }
+    plist_t request = next_plist_request(conn, "house_arrest");
+    if (request == nullptr) return;
     std::string command = plist_string(request, "Command");
     std::string bundle_id = plist_string(request, "Identifier");
     plist_free(request);

@@ -116,14 +116,8 @@ bool lookup(Connection& conn, plist_t request) {
 void serve_installation_proxy(Connection& conn) {
   unsigned long long id = conn.id;
   for (;;) {
-    plist_t request = nullptr;
-    std::string problem;
-    ReadStatus status = read_plist_message(conn, request, problem);
-    if (status == ReadStatus::closed) return;
-    if (status != ReadStatus::ok) {
-      log_line("[%llu] installation_proxy: %s, closing", id, problem.empty() ? describe(status) : problem.c_str());
-      return;
-    }
+    plist_t request = next_plist_request(conn, "installation_proxy");
+    if (request == nullptr) return;
     std::string command = plist_string(request, "Command");
     if (conn.server.verbose) log_line("[%llu] installation_proxy: %s", id, command.c_str());
     bool ok;

@@ -118,14 +118,8 @@ void serve_lockdown(Connection& conn) {
   unsigned long long id = conn.id;
   uint64_t session_counter = 0;
   for (;;) {
-    plist_t request = nullptr;
-    std::string problem;
-    ReadStatus status = read_plist_message(conn, request, problem);
-    if (status == ReadStatus::closed) return;
-    if (status != ReadStatus::ok) {
-      log_line("[%llu] lockdown: %s, closing", id, problem.empty() ? describe(status) : problem.c_str());
-      return;
-    }
+    plist_t request = next_plist_request(conn, "lockdown");
+    if (request == nullptr) return;
     std::string name = plist_string(request, "Request");
     if (conn.server.verbose) log_line("[%llu] lockdown: %s", id, name.c_str());
     plist_t reply = nullptr;

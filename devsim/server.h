@@ -150,6 +150,9 @@ void delay_reply(Connection& conn);
 // u32 length, then an XML or binary plist.
 constexpr uint32_t kMaxPlistMessage = 1u << 20;
 ReadStatus read_plist_message(Connection& conn, plist_t& message, std::string& problem);
+// The next request of a plist service, or null when the connection is to end:
+// closed by the client, or unreadable (logged as "[id] SERVICE: why, closing").
+plist_t next_plist_request(Connection& conn, const char* service);
 bool send_plist_message(Connection& conn, plist_t message);
 
 std::string plist_string(plist_t dict, const char* key);

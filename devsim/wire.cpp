@@ -120,6 +120,17 @@ ReadStatus read_plist_message(Connection& conn, plist_t& message, std::string& p
   return ReadStatus::ok;
 }
 
+plist_t next_plist_request(Connection& conn, const char* service) {
+  plist_t request = nullptr;
+  std::string problem;
+  ReadStatus status = read_plist_message(conn, request, problem);
+  if (status != ReadStatus::ok && status != ReadStatus::closed) {
+    log_line("[%llu] %s: %s, closing", static_cast<unsigned long long>(conn.id), service,
+             problem.empty() ? describe(status) : problem.c_str());
+  }
+  return status == ReadStatus::ok ? request : nullptr;
+}
+
 bool send_plist_message(Connection& conn, plist_t message) {
   char* xml = nullptr;
   uint32_t length = 0;
