@@ -161,6 +161,7 @@ TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMounted) {
     EXPECT_EQ(runQuorvel({"mount", mountPoint, "--udid", sim.udid(0)}, &output), 1);
     EXPECT_NE(output.find("already mounted"), std::string::npos) << output;
 
+    waitForQueuedReleases(mountPoint);
     EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &output), 0) << output;
     EXPECT_NE(output.find("Unmounted " + mountPoint + "."), std::string::npos) << output;
     EXPECT_TRUE(waitUntilUnmounted());
@@ -175,6 +176,7 @@ TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMounted) {
     ASSERT_TRUE(waitForText(log, "Mounted Alice at", 120)) << readFile(log);
     EXPECT_TRUE(isFuseMountPoint(mountPoint));
     EXPECT_EQ(sortedNames(mountPoint + "/Storage"), sortedNames(sim.image_dir(0) + "/media/general_storage"));
+    waitForQueuedReleases(mountPoint);
     kill(foreground, SIGTERM);
     int status = -1;
     EXPECT_EQ(waitpid(foreground, &status, 0), foreground);

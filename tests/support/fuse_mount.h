@@ -42,5 +42,8 @@ struct QuorvelMount {
 };
 
 bool isFuseMountPoint(const std::string &path);
+// Returns once every folder this process closed in the mount has been
+// released by the file system (see the definition for why that matters).
+void waitForQueuedReleases(const std::string &mountPoint);
 // Runs a program with an argument vector; its standard output, and its exit status in *status.
 std::string runProgram(const std::vector<std::string> &argv, int *status = nullptr);
