@@ -1,11 +1,19 @@
 #!/usr/bin/env bash
 # Installs the Debian packages Quorvel builds, tests and demos with.
 # Safe to run again: apt-get skips what is already there.
+#
+# Installing never removes: every install runs with --no-remove, so apt-get
+# refuses (and this script fails, saying so) rather than take away a package
+# the machine already has. That is why the FUSE tools are chosen here:
+# Debian's `fuse` (FUSE 2's tools) breaks `fuse3`, which desktops depend on
+# (flatpak, gvfs-fuse, sshfs, ntfs-3g), so `fuse3` is installed only where the
+# machine has neither; a machine that keeps `fuse` keeps it, and libfuse 3
+# mounts there too (as root it needs no fusermount3).
 set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config g++ git
-  libfuse-dev fuse
+  libfuse3-dev
   libimobiledevice-dev libplist-dev libusbmuxd-dev
   libsqlite3-dev sqlite3 libutf8proc-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
@@ -13,9 +21,18 @@ packages=(
   nlohmann-json3-dev
 )
 
+installed() {
+  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
+}
+
+# ifuse needs "fuse", which either tool package provides.
+if ! installed fuse3 && ! installed fuse; then
+  packages=(fuse3 "${packages[@]}")
+fi
+
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  installed "$p" || missing+=("$p")
 done
 
 if [ "${#missing[@]}" -eq 0 ]; then
@@ -26,8 +43,21 @@ fi
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 
+# QUORVEL_SETUP_SIMULATE=1 shows what apt-get would do and changes nothing.
+simulate=()
+if [ "${QUORVEL_SETUP_SIMULATE:-0}" = 1 ]; then simulate=(-s); fi
+
 echo "setup: installing ${missing[*]}"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if ! $SUDO apt-get install -y -qq --no-remove --no-install-recommends "${simulate[@]}" "${missing[@]}" \
+    >"$log" 2>&1; then
+  cat "$log" >&2
+  echo "setup: apt-get could not install these without removing a package this machine has;" >&2
+  echo "setup: nothing was changed. Install them by hand, choosing what to keep." >&2
+  exit 1
+fi
+if [ "${#simulate[@]}" -ne 0 ]; then cat "$log"; fi
 echo "setup: done"

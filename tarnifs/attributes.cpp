@@ -45,10 +45,15 @@ int tarnifs_getattr(const char *path, struct stat *st) {
         object = FindObject(path);
     }
     if (object == nullptr) return -ENOENT;
+    StatFromObject(object, st);
+    return 0;
+}
+
+void StatFromObject(const _KTL_OBJECT *object, struct stat *st) {
+    memset(st, 0, sizeof(*st));
     st->st_mode = static_cast<mode_t>(object->mode | 0777);
     st->st_size = static_cast<off_t>(object->size);
     fillTimes(st, object->birth_time, object->modify_time, object->access_time);
-    return 0;
 }
 
 int tarnifs_fgetattr(const char *path, struct stat *st, struct fuse_file_info *) { return tarnifs_getattr(path, st); }
@@ -77,36 +82,35 @@ int tarnifs_fsetattr_x(const char *path, struct setattr_x *attr, struct fuse_fil
 }
 
 #ifndef __APPLE__
-int tarnifs_chmod(const char *path, mode_t mode) {
+namespace {
+int setattrThroughFileOrPath(const char *path, struct setattr_x *attr, struct fuse_file_info *fi) {
+    return fi != nullptr ? tarnifs_fsetattr_x(path, attr, fi) : tarnifs_setattr_x(path, attr);
+}
+} // namespace
+
+int tarnifs_chmod(const char *path, mode_t mode, struct fuse_file_info *fi) {
     struct setattr_x attr{};
     attr.valid = 1 << 0;
     attr.mode = mode;
-    return tarnifs_setattr_x(path, &attr);
+    return setattrThroughFileOrPath(path, &attr, fi);
 }
 
-int tarnifs_chown(const char *path, uid_t uid, gid_t gid) {
+int tarnifs_chown(const char *path, uid_t uid, gid_t gid, struct fuse_file_info *fi) {
     struct setattr_x attr{};
     attr.valid = (1 << 1) | (1 << 2);
     attr.uid = uid;
     attr.gid = gid;
-    return tarnifs_setattr_x(path, &attr);
+    return setattrThroughFileOrPath(path, &attr, fi);
 }
 
-int tarnifs_truncate(const char *path, off_t size) {
+int tarnifs_truncate(const char *path, off_t size, struct fuse_file_info *fi) {
     struct setattr_x attr{};
     attr.valid = 1 << 3;
     attr.size = size;
-    return tarnifs_setattr_x(path, &attr);
+    return setattrThroughFileOrPath(path, &attr, fi);
 }
 
-int tarnifs_ftruncate(const char *path, off_t size, struct fuse_file_info *fi) {
-    struct setattr_x attr{};
-    attr.valid = 1 << 3;
-    attr.size = size;
-    return tarnifs_fsetattr_x(path, &attr, fi);
-}
-
-int tarnifs_utimens(const char *path, const struct timespec tv[2]) {
+int tarnifs_utimens(const char *path, const struct timespec tv[2], struct fuse_file_info *fi) {
     struct setattr_x attr{};
     // A null array means "now" for both; UTIME_OMIT leaves that time alone.
     bool setAccess = tv == nullptr || tv[0].tv_nsec != UTIME_OMIT;
@@ -119,7 +123,7 @@ int tarnifs_utimens(const char *path, const struct timespec tv[2]) {
         attr.valid |= 1 << 5;
         if (tv != nullptr) attr.modtime = tv[1];
     }
-    return tarnifs_setattr_x(path, &attr);
+    return setattrThroughFileOrPath(path, &attr, fi);
 }
 #endif
 

@@ -118,11 +118,15 @@ int tarnifs_setxattr(const char *path, const char *name, const char *value, size
 int tarnifs_removexattr(const char *path, const char *name);
 _KTL_XATTR *FindXattr(_KTL_XATTR *list_head, const char *name);
 
+// What getattr reports of a record; listings hand the same to the kernel.
+void StatFromObject(const _KTL_OBJECT *object, struct stat *st);
+
 #ifndef __APPLE__
-// Linux delivers attribute changes one by one; each enters tarnifs_setattr_x.
-int tarnifs_chmod(const char *path, mode_t mode);
-int tarnifs_chown(const char *path, uid_t uid, gid_t gid);
-int tarnifs_truncate(const char *path, off_t size);
-int tarnifs_ftruncate(const char *path, off_t size, struct fuse_file_info *fi);
-int tarnifs_utimens(const char *path, const struct timespec tv[2]);
+// Linux delivers attribute changes one by one, with the open file when the
+// change came through one (ftruncate, fchmod, futimens); each enters
+// tarnifs_setattr_x, or tarnifs_fsetattr_x when a file is given.
+int tarnifs_chmod(const char *path, mode_t mode, struct fuse_file_info *fi);
+int tarnifs_chown(const char *path, uid_t uid, gid_t gid, struct fuse_file_info *fi);
+int tarnifs_truncate(const char *path, off_t size, struct fuse_file_info *fi);
+int tarnifs_utimens(const char *path, const struct timespec tv[2], struct fuse_file_info *fi);
 #endif

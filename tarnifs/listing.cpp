@@ -16,7 +16,7 @@ namespace {
 constexpr char kStorageRoot[] = "/general_storage";
 
 void emit(void *buffer, fuse_fill_dir_t filler, const char *name) {
-    if (filler != nullptr) filler(buffer, name, nullptr, 0);
+    if (filler != nullptr) filler(buffer, name, nullptr, 0, static_cast<enum fuse_fill_dir_flags>(0));
 }
 
 char *copyString(const char *text) {

@@ -6,7 +6,16 @@
 
 #include "tarnifs/mount.h"
 
+// Emits every name with a null stat and offset 0, "." and ".." first; a null
+// filler only fills the catalogue.
 int tarnifs_readdir(const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset, struct fuse_file_info *fi);
+
+// What the kernel calls: an open folder keeps the names tarnifs_readdir gave,
+// and each page hands them on with the catalogue's attributes.
+int opendirForListing(const char *path, struct fuse_file_info *fi);
+int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset,
+                          struct fuse_file_info *fi, enum fuse_readdir_flags flags);
+int releasedirOfListing(const char *path, struct fuse_file_info *fi);
 
 int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset);
 int enumApps(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler);

@@ -15,19 +15,71 @@ char gBundlePath[512];
 
 namespace {
 
+// libfuse 3 hands getattr the open file when there is one (fstat); it then
+// answers as getattr does.
+int getattrOfPathOrFile(const char *path, struct stat *st, struct fuse_file_info *fi) {
+    return fi != nullptr ? tarnifs_fgetattr(path, st, fi) : tarnifs_getattr(path, st);
+}
+
+// Start-up, with the kernel cache settings libfuse 3 takes from init.
+void *initWithKernelCache(struct fuse_conn_info *conn, struct fuse_config *cfg) {
+    cfg->entry_timeout = kKernelCacheSeconds;
+    cfg->attr_timeout = kKernelCacheSeconds;
+    // A name that is not there is asked again: the device may gain it.
+    cfg->negative_timeout = 0;
+    // A removed file is removed on the device, never renamed to a hidden name
+    // while something still has it open.
+    cfg->hard_remove = 1;
+    // Every page of a listing carries its entries' attributes, not only the
+    // first: `ls -l` of a large folder then asks nothing per entry.
+    conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
+    void *context = tarnifs_init(conn);
+    struct fuse_context *fuse = currentFuseContext();
+    if (fuse != nullptr) StopSignalsEndSession(fuse->fuse);
+    return context;
+}
+
+int getxattrOutsideKernelNames(const char *path, const char *name, char *value, size_t size) {
+    if (IsKernelXattrName(name)) return -EOPNOTSUPP;
+    return tarnifs_getxattr(path, name, size == 0 ? nullptr : value, size);
+}
+
+int setxattrOutsideKernelNames(const char *path, const char *name, const char *value, size_t size, int flags) {
+    if (IsKernelXattrName(name)) return -EOPNOTSUPP;
+    return tarnifs_setxattr(path, name, value, size, flags);
+}
+
+int removexattrOutsideKernelNames(const char *path, const char *name) {
+    if (IsKernelXattrName(name)) return -EOPNOTSUPP;
+    return tarnifs_removexattr(path, name);
+}
+
+// renameat2's flags (no-replace, exchange, whiteout) have no device
+// counterpart: refused, as file systems without them do.
+int renameWithoutFlags(const char *from, const char *to, unsigned int flags) {
+    (void)from;
+    (void)to;
+    if (flags != 0) return -EINVAL;
+    return -ENOSYS;  // moving and renaming are not built yet
+}
+
 struct fuse_operations makeOperationTable() {
     struct fuse_operations ops;
     memset(&ops, 0, sizeof(ops));
-    ops.init = tarnifs_init;
+    ops.init = initWithKernelCache;
     ops.destroy = tarnifs_destroy;
     ops.statfs = tarnifs_statfs;
     ops.access = tarnifs_access;
-    ops.getattr = tarnifs_getattr;
-    ops.readdir = tarnifs_readdir;
-    ops.fgetattr = tarnifs_fgetattr;
-    ops.getxattr = tarnifs_getxattr;
-    ops.setxattr = tarnifs_setxattr;
-    ops.removexattr = tarnifs_removexattr;
+    ops.getattr = getattrOfPathOrFile;
+    // Listings reach the kernel with each entry's attributes (readdirplus);
+    // the open folder keeps what the listing gave, for the later pages.
+    ops.opendir = opendirForListing;
+    ops.readdir = readdirWithAttributes;
+    ops.releasedir = releasedirOfListing;
+    ops.getxattr = getxattrOutsideKernelNames;
+    ops.setxattr = setxattrOutsideKernelNames;
+    ops.removexattr = removexattrOutsideKernelNames;
+    ops.rename = renameWithoutFlags;
 #ifdef __APPLE__
     ops.setattr_x = tarnifs_setattr_x;
     ops.fsetattr_x = tarnifs_fsetattr_x;
@@ -36,7 +88,6 @@ struct fuse_operations makeOperationTable() {
     ops.chmod = tarnifs_chmod;
     ops.chown = tarnifs_chown;
     ops.truncate = tarnifs_truncate;
-    ops.ftruncate = tarnifs_ftruncate;
     ops.utimens = tarnifs_utimens;
 #endif
     return ops;
@@ -80,5 +131,6 @@ int tarnifs_main(int argc, char **argv) {
     umask(0);
     int locationId = 0;
     int fuseArgc = takeDevopt(argc, argv, &locationId);
+    InstallStopSignalHandlers();
     return fuse_main_real(fuseArgc, argv, &tarni_opers, sizeof(tarni_opers), &locationId);
 }

@@ -2,8 +2,8 @@
 // tested; the macOS side keeps the capability bits and the setattr_x family.
 #pragma once
 
-#define FUSE_USE_VERSION 26
-#include <fuse.h>
+#define FUSE_USE_VERSION 31
+#include <fuse.h>  // libfuse 3
 
 #include <cerrno>
 
@@ -17,3 +17,25 @@
 // called directly, without a mount.
 struct fuse_context *currentFuseContext();
 void SetFuseContextForTesting(struct fuse_context *context);  // null: back to FUSE's own
+
+// Ctrl-C, SIGTERM and SIGHUP end the mount as an unmount does: libfuse 3's
+// own handlers would make the process report a stop by signal as a failure
+// (exit status 8), where it is the ordinary way to end a foreground mount.
+// Installed before FUSE starts; the session is named once it exists.
+void InstallStopSignalHandlers();
+void StopSignalsEndSession(struct fuse *fuse);
+
+// How long the kernel may keep names and attributes without asking again.
+// The catalogue never forgets a listed folder, and every change made through
+// the mount updates or invalidates what the kernel holds, so a long time is
+// safe: a folder listed again soon costs no request per entry.
+constexpr double kKernelCacheSeconds = 3600.0;
+
+// Tells the kernel to drop what it caches of `path` (attributes and data), so
+// that its next question reaches the file system. Safe from any handler except
+// one reading or writing that very file; does nothing outside a mount.
+void InvalidateKernelView(const char *path);
+
+// Linux keeps "security.*" and "system.*" attributes for the kernel's own
+// use; this volume never stores them and answers "not supported".
+bool IsKernelXattrName(const char *name);

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "tests/support/devsim_fixture.h"
+#include "tests/support/fuse_mount.h"
 
 namespace fs = std::filesystem;
 
@@ -36,7 +37,7 @@ class DevsimIfuseTest : public ::testing::Test {
     if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built";
     if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is missing or not usable";
     std::string output;
-    if (run_program({"sh", "-c", "command -v ifuse && command -v fusermount"}, &output, 30) != 0)
+    if (run_program({"sh", "-c", "command -v ifuse && { command -v fusermount3 || command -v fusermount; }"}, &output, 30) != 0)
       GTEST_SKIP() << "ifuse or fusermount is not installed";
     char pattern[] = "/tmp/devsim-ifuse-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
@@ -56,7 +57,7 @@ class DevsimIfuseTest : public ::testing::Test {
   }
 
   void TearDown() override {
-    for (const std::string& mount : mounted_) run_program({"fusermount", "-u", "-z", mount});
+    for (const std::string& mount : mounted_) run_program({fusermountProgram(), "-u", "-z", mount});
     EXPECT_TRUE(sim_.stop()) << sim_.error();
     if (!scratch_.empty()) {
       std::error_code ec;

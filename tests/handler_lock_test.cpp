@@ -52,7 +52,7 @@ TEST_F(HandlerLockTest, EveryHandlerWaitsWhileAnotherOperationRuns) {
     EXPECT_TRUE(waitsForTheLock([&] { tarnifs_getattr("/Storage", &st); })) << "getattr";
     EXPECT_TRUE(waitsForTheLock([&] { tarnifs_fgetattr("/Storage", &st, nullptr); })) << "fgetattr";
     EXPECT_TRUE(waitsForTheLock([&] { tarnifs_readdir("/Storage", nullptr, nullptr, 0, nullptr); })) << "readdir";
-    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_truncate("/Storage/x", 1); })) << "truncate";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_truncate("/Storage/x", 1, nullptr); })) << "truncate";
     EXPECT_TRUE(waitsForTheLock([&] { tarnifs_setxattr("/Storage", "user.a", "v", 1, 0); })) << "setxattr";
     EXPECT_TRUE(waitsForTheLock([&] { tarnifs_getxattr("/Storage", "user.a", value, sizeof(value)); })) << "getxattr";
     EXPECT_TRUE(waitsForTheLock([&] { tarnifs_removexattr("/Storage", "user.a"); })) << "removexattr";
@@ -66,7 +66,7 @@ TEST_F(HandlerLockTest, ConcurrentCallsLeaveTheCatalogueConsistent) {
         threads.emplace_back([t] {
             for (int i = 0; i < 300; ++i) {
                 std::string path = "/Storage/t" + std::to_string(t) + "-" + std::to_string(i);
-                tarnifs_truncate(path.c_str(), i);
+                tarnifs_truncate(path.c_str(), i, nullptr);
                 struct stat st;
                 tarnifs_getattr(path.c_str(), &st);
                 tarnifs_setxattr(path.c_str(), "user.n", "v", 1, 0);

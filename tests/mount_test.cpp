@@ -63,7 +63,6 @@ TEST(OperationTableTest, OnlyBuiltHandlersAreFilledAndErrnoValuesAreLinuxs) {
     EXPECT_EQ(tarni_opers.link, nullptr);
     EXPECT_EQ(tarni_opers.listxattr, nullptr);
     EXPECT_EQ(tarni_opers.flush, nullptr);
-    EXPECT_EQ(tarni_opers.opendir, nullptr);
     EXPECT_EQ(ENOSYS, 38);
     EXPECT_EQ(ECANCELED, 125);
     EXPECT_EQ(ENOATTR, ENODATA);

@@ -21,6 +21,7 @@
 
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
+#include "tools/process.h"
 
 namespace fs = std::filesystem;
 
@@ -37,10 +38,7 @@ std::string readFile(const std::string &path) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-bool deadMount(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) != 0 && errno == ENOTCONN;
-}
+bool deadMount(const std::string &path) { return quorvel_tools::isDeadMount(path); }
 
 // One `quorvel demo MOUNTPOINT` process, its output collected in a file.
 struct DemoRun {
@@ -149,7 +147,7 @@ protected:
                 if (!run->finished(60)) run->kill9();
             }
         }
-        if (isFuseMountPoint(mountPoint) || deadMount(mountPoint)) run_program({"fusermount", "-u", "-z", mountPoint});
+        if (isFuseMountPoint(mountPoint) || deadMount(mountPoint)) run_program({fusermountProgram(), "-u", "-z", mountPoint});
         eventually([&] { return !isFuseMountPoint(mountPoint); }, 30);
         std::error_code error;
         fs::remove_all(folder, error);
@@ -233,7 +231,6 @@ TEST_F(QuorvelDemoCommand, NextRunRecoversFromADeadMount) {
     waitpid(stale.pid, nullptr, 0);
     stale.pid = -1;
     sim.stop();
-    // Until the kernel's cached attributes expire, the root still stats fine.
     ASSERT_TRUE(eventually([&] { return deadMount(mountPoint); }, 10)) << "could not make a dead mount to recover from";
 
     first.start(mountPoint, folder + "/first.out");

@@ -103,7 +103,7 @@ protected:
     }
     void TearDown() override {
         if (folder.empty()) return;
-        if (isFuseMountPoint(mountPoint)) run_program({"fusermount", "-u", "-z", mountPoint});
+        if (isFuseMountPoint(mountPoint)) run_program({fusermountProgram(), "-u", "-z", mountPoint});
         // The mount's process ends once unmounted; give it a moment before
         // devsim goes, so devsim stops with no client left.
         waitUntilUnmounted();
@@ -250,7 +250,7 @@ TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {
     EXPECT_NE(output.find("--udid UDID"), std::string::npos);
     EXPECT_NE(output.find("quorvel unmount MOUNTPOINT"), std::string::npos);
     ASSERT_EQ(runQuorvel({"unmount", "--help"}, &output), 0);
-    EXPECT_NE(output.find("fusermount -u -z"), std::string::npos);
+    EXPECT_NE(output.find("fusermount3 -u -z"), std::string::npos);
     ASSERT_EQ(runQuorvel({"demo", "--help"}, &output), 0);
     EXPECT_NE(output.find("Ctrl-C"), std::string::npos);
 }

@@ -45,7 +45,7 @@ void printMountUsage(FILE *out) {
             "the command waits up to %d seconds for you to tap Trust (QUORVEL_TRUST_TIMEOUT\n"
             "sets another number of seconds).\n"
             "\n"
-            "Unmount with: quorvel unmount MOUNTPOINT (or fusermount -u MOUNTPOINT).\n"
+            "Unmount with: quorvel unmount MOUNTPOINT (or fusermount3 -u MOUNTPOINT).\n"
             "The file system logs to QUORVEL_LOG_DIR when set, else /var/log, else\n"
             "~/.local/state/quorvel. Devices are reached through usbmuxd, or through the\n"
             "server named by USBMUXD_SOCKET_ADDRESS (for example UNIX:/tmp/devsim.sock).\n",
@@ -135,6 +135,32 @@ bool hasOption(const std::vector<std::string> &options, const std::string &name)
         }
     }
     return false;
+}
+
+// "nonempty" is ours to honour: libfuse 3 mounts over a non-empty folder
+// anyway and refuses the option as unknown, so it is never passed on.
+std::vector<std::string> withoutOption(const std::vector<std::string> &options, const std::string &name) {
+    std::vector<std::string> kept;
+    for (size_t i = 0; i < options.size(); ++i) {
+        if (options[i] != "-o" || i + 1 >= options.size()) {
+            kept.push_back(options[i]);
+            continue;
+        }
+        std::string remaining;
+        const std::string &list = options[++i];
+        size_t start = 0;
+        while (start <= list.size()) {
+            size_t end = list.find(',', start);
+            if (end == std::string::npos) end = list.size();
+            std::string one = list.substr(start, end - start);
+            if (!one.empty() && one != name) remaining += (remaining.empty() ? "" : ",") + one;
+            start = end + 1;
+        }
+        if (remaining.empty()) continue;
+        kept.push_back("-o");
+        kept.push_back(remaining);
+    }
+    return kept;
 }
 
 bool folderIsEmpty(const std::string &path) {
@@ -409,7 +435,8 @@ int cmdMount(int argc, char **argv) {
 
     ChildSpec spec;
     spec.argv = {fileSystem, mountPoint};
-    spec.argv.insert(spec.argv.end(), request.fuseOptions.begin(), request.fuseOptions.end());
+    std::vector<std::string> passedOn = withoutOption(request.fuseOptions, "nonempty");
+    spec.argv.insert(spec.argv.end(), passedOn.begin(), passedOn.end());
     if (request.foreground) spec.argv.push_back("-f");
     // quorvelfs takes "-devopt ID" as its last two arguments.
     spec.argv.push_back("-devopt");

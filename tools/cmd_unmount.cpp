@@ -15,9 +15,10 @@ void printUnmountUsage(FILE *out) {
     fprintf(out,
             "usage: quorvel unmount MOUNTPOINT\n"
             "\n"
-            "Unmounts the device mounted at MOUNTPOINT (runs fusermount -u). When the\n"
+            "Unmounts the device mounted at MOUNTPOINT (runs fusermount3 -u, or fusermount\n"
+            "-u where only FUSE 2's tools are installed). When the\n"
             "mount is busy (a shell is inside it, a program has a file open), it is\n"
-            "detached at once instead (fusermount -u -z) and goes away completely as\n"
+            "detached at once instead (fusermount3 -u -z) and goes away completely as\n"
             "soon as nothing uses it. A mount left behind by a file-system process that\n"
             "stopped (\"Transport endpoint is not connected\") is cleared the same way.\n");
 }
@@ -73,6 +74,6 @@ int cmdUnmount(int argc, char **argv) {
         break;
     }
     fprintf(stderr, "quorvel unmount: could not unmount %s.\n", mountPoint.c_str());
-    if (!detail.empty()) fprintf(stderr, "fusermount said: %s\n", detail.c_str());
+    if (!detail.empty()) fprintf(stderr, "%s said: %s\n", fusermountProgram().c_str(), detail.c_str());
     return 1;
 }

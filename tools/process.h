@@ -13,6 +13,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -303,22 +304,31 @@ inline bool isFuseMount(const std::string &absolutePath) {
 }
 
 // A FUSE mount whose process is gone: the kernel still lists it, and every
-// access fails with "Transport endpoint is not connected".
+// request fails with "Transport endpoint is not connected". Asked with statfs,
+// which always reaches the file system: a stat may still be answered from the
+// kernel's cache of attributes.
 inline bool isDeadMount(const std::string &absolutePath) {
-    struct stat st;
-    return stat(absolutePath.c_str(), &st) != 0 && errno == ENOTCONN;
+    struct statvfs st;
+    return statvfs(absolutePath.c_str(), &st) != 0 && errno == ENOTCONN;
+}
+
+// The FUSE unmount helper this machine has: libfuse 3's fusermount3, or the
+// older fusermount where only FUSE 2's tools are installed (either unmounts a
+// libfuse 3 mount).
+inline std::string fusermountProgram() {
+    std::string program =
+        firstExecutable({"/bin/fusermount3", "/usr/bin/fusermount3", "/bin/fusermount", "/usr/bin/fusermount"});
+    return program.empty() ? "fusermount3" : program;
 }
 
 enum class UnmountResult { Unmounted, Detached, NotMounted, Failed };
 
-// `fusermount -u`, and when the mount is busy (a shell inside it, a file open)
-// `fusermount -u -z`, which detaches it now and finishes once nothing uses it.
-// *detail gets fusermount's words on failure.
+// `fusermount3 -u`, and when the mount is busy (a shell inside it, a file
+// open) `fusermount3 -u -z`, which detaches it now and finishes once nothing
+// uses it. *detail gets the helper's words on failure.
 inline UnmountResult unmountFuse(const std::string &absolutePath, std::string *detail = nullptr) {
     if (!findMount(absolutePath) && !isDeadMount(absolutePath)) return UnmountResult::NotMounted;
-    std::string program = firstExecutable({"/bin/fusermount", "/usr/bin/fusermount", "/bin/fusermount3",
-                                           "/usr/bin/fusermount3"});
-    if (program.empty()) program = "fusermount";
+    std::string program = fusermountProgram();
     std::string output;
     int status = runAndCapture({program, "-u", absolutePath}, &output, 30);
     if (status == 0 && !findMount(absolutePath)) return UnmountResult::Unmounted;

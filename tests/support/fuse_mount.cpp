@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "tests/support/catalogue_fixture.h"
+#include "tools/process.h"
 #include "util/log.h"
 
 extern char **environ;
@@ -25,8 +26,8 @@ std::string fuseUnavailableReason() {
     return "the quorvel programs were not built";
 #else
     if (access("/dev/fuse", R_OK | W_OK) != 0) return "/dev/fuse is not available";
-    if (access("/bin/fusermount", X_OK) != 0 && access("/usr/bin/fusermount", X_OK) != 0)
-        return "fusermount is not installed (package fuse)";
+    if (access(fusermountProgram().c_str(), X_OK) != 0)
+        return "neither fusermount3 (package fuse3) nor fusermount (package fuse) is installed";
     return "";
 #endif
 }
@@ -78,6 +79,8 @@ std::vector<RecordedDialog> DialogRecorder::waitForDialogs(size_t count) const {
     }
     return shown;
 }
+
+std::string fusermountProgram() { return quorvel_tools::fusermountProgram(); }
 
 bool isFuseMountPoint(const std::string &path) {
     std::ifstream mounts("/proc/self/mounts");
@@ -193,7 +196,7 @@ void waitForQueuedReleases(const std::string &mountPoint) {
 int QuorvelMount::stop() {
     if (pid <= 0) return -1;
     if (isFuseMountPoint(mountPoint)) waitForQueuedReleases(mountPoint);
-    if (isFuseMountPoint(mountPoint)) runProgram({"fusermount", "-u", "-z", mountPoint});
+    if (isFuseMountPoint(mountPoint)) runProgram({fusermountProgram(), "-u", "-z", mountPoint});
     int status = 0;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (waitpid(pid, &status, WNOHANG) == 0) {

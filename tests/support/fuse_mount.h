@@ -42,6 +42,8 @@ struct QuorvelMount {
 };
 
 bool isFuseMountPoint(const std::string &path);
+// fusermount3, or fusermount where only FUSE 2's tools are installed.
+std::string fusermountProgram();
 // Returns once every folder this process closed in the mount has been
 // released by the file system (see the definition for why that matters).
 void waitForQueuedReleases(const std::string &mountPoint);

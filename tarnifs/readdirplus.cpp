@@ -1,0 +1,79 @@
+// Listings as the Linux kernel takes them: each name with its attributes
+// (readdirplus), page by page. The names and their order are exactly what
+// tarnifs_readdir emits; they are taken once per open folder (and again on a
+// rewind), and each page is then served from that snapshot with the
+// catalogue's attributes. The kernel keeps those attributes, so `ls -l` asks
+// nothing per entry.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/listing.h"
+#include "tarnifs/mount.h"
+
+namespace {
+
+struct ListingSnapshot {
+    std::vector<std::string> names;  // ".", "..", then the folder's entries, as emitted
+    bool taken = false;
+};
+
+int collectName(void *buffer, const char *name, const struct stat *, off_t, enum fuse_fill_dir_flags) {
+    static_cast<ListingSnapshot *>(buffer)->names.emplace_back(name);
+    return 0;
+}
+
+bool isDotOrDotDot(const std::string &name) { return name == "." || name == ".."; }
+
+} // namespace
+
+int opendirForListing(const char *, struct fuse_file_info *fi) {
+    fi->fh = reinterpret_cast<uint64_t>(new ListingSnapshot());
+    return 0;
+}
+
+int releasedirOfListing(const char *, struct fuse_file_info *fi) {
+    delete reinterpret_cast<ListingSnapshot *>(fi->fh);
+    fi->fh = 0;
+    return 0;
+}
+
+int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler, off_t offset,
+                          struct fuse_file_info *fi, enum fuse_readdir_flags flags) {
+    ListingSnapshot unopened;
+    ListingSnapshot *snapshot = fi != nullptr && fi->fh != 0 ? reinterpret_cast<ListingSnapshot *>(fi->fh) : &unopened;
+    // A rewind (offset 0) lists again, as POSIX asks of rewinddir.
+    if (offset == 0 || !snapshot->taken) {
+        snapshot->names.clear();
+        snapshot->taken = false;
+        int result = tarnifs_readdir(path, snapshot, collectName, 0, fi);
+        if (result != 0) return result;
+        snapshot->taken = true;
+    }
+
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
+    bool plus = (flags & FUSE_READDIR_PLUS) != 0;
+    const std::vector<std::string> &names = snapshot->names;
+    for (size_t index = offset < 0 ? 0 : static_cast<size_t>(offset); index < names.size(); ++index) {
+        struct stat st;
+        bool known = false;
+        if (!isDotOrDotDot(names[index])) {
+            std::string childPath = ChildPath(path, names[index].c_str());
+            const _KTL_OBJECT *child = FindObject(childPath.c_str());
+            // A record removed since the snapshot goes out as a bare name.
+            if (child != nullptr) {
+                StatFromObject(child, &st);
+                known = true;
+            }
+        }
+        // The offset handed with an entry is where the next page starts.
+        enum fuse_fill_dir_flags fill = plus && known ? FUSE_FILL_DIR_PLUS : static_cast<enum fuse_fill_dir_flags>(0);
+        if (filler(buffer, names[index].c_str(), known ? &st : nullptr, static_cast<off_t>(index + 1), fill) != 0)
+            break;  // the page is full
+    }
+    return 0;
+}
