@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# `ls -l` of a 30,000-entry Storage folder through Quorvel and through ifuse,
-# on the same simulated device, first and second listing, with shaping off and
-# with 300 us of latency per request. Usage: bench/listing_vs_ifuse.sh [BUILD_DIR]
+# `ls -l` of a Storage folder of 30,000 entries and of one of 1,000 through
+# Quorvel and through ifuse, on the same simulated device, first and second
+# listing, with shaping off and with 300 us of latency per request.
+# Usage: bench/listing_vs_ifuse.sh [BUILD_DIR]
 set -euo pipefail
 
 build=${1:-build}
@@ -13,11 +14,14 @@ done
 command -v ifuse >/dev/null || { echo "ifuse is not installed" >&2; exit 1; }
 [ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
 
+fusermount=$(command -v fusermount3 || command -v fusermount || true)
+[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+
 work=$(mktemp -d /tmp/quorvel-bench-XXXXXX)
 pid=""
 cleanup() {
-  fusermount -u -z "$work/quorvel" 2>/dev/null || true
-  fusermount -u -z "$work/ifuse" 2>/dev/null || true
+  "$fusermount" -u -z "$work/quorvel" 2>/dev/null || true
+  "$fusermount" -u -z "$work/ifuse" 2>/dev/null || true
   if [ -n "$pid" ]; then kill -TERM "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; fi
   rm -rf "$work"
 }
@@ -25,11 +29,13 @@ trap cleanup EXIT
 
 udid=be9c0000000000000000000000000000000000dd
 location=31
-mkdir -p "$work/image/media/general_storage/big" "$work/quorvel" "$work/ifuse" "$work/log"
+mkdir -p "$work/image/media/general_storage/big" "$work/image/media/general_storage/small" \
+  "$work/quorvel" "$work/ifuse" "$work/log"
 cat > "$work/image/device.json" <<JSON
 {"name": "Bench", "udid": "$udid", "location_id": $location, "capacity_bytes": 64000000000, "block_size": 4096}
 JSON
 (cd "$work/image/media/general_storage/big" && seq -f 'entry%05g.txt' 1 30000 | xargs touch)
+(cd "$work/image/media/general_storage/small" && seq -f 'entry%04g.txt' 1 1000 | xargs touch)
 
 seconds() {  # runs "$@" and prints the wall time in seconds
   local start end
@@ -56,24 +62,28 @@ run() {
   ifuse -u "$udid" "$work/ifuse" > "$work/ifuse.out" 2>&1 < /dev/null
   wait_for_mount "$work/ifuse"
 
-  local q1 q2 i1 i2 count
-  q1=$(seconds ls -l "$work/quorvel/Storage/big")
-  q2=$(seconds ls -l "$work/quorvel/Storage/big")
-  i1=$(seconds ls -l "$work/ifuse/general_storage/big")
-  i2=$(seconds ls -l "$work/ifuse/general_storage/big")
-  count=$(ls "$work/quorvel/Storage/big" | wc -l)
-  [ "$count" -eq 30000 ] || { echo "Quorvel listed $count entries, not 30000" >&2; exit 1; }
+  for folder in big small; do
+    local q1 q2 i1 i2 count expected
+    expected=$(ls "$work/image/media/general_storage/$folder" | wc -l)
+    q1=$(seconds ls -l "$work/quorvel/Storage/$folder")
+    q2=$(seconds ls -l "$work/quorvel/Storage/$folder")
+    i1=$(seconds ls -l "$work/ifuse/general_storage/$folder")
+    i2=$(seconds ls -l "$work/ifuse/general_storage/$folder")
+    count=$(ls "$work/quorvel/Storage/$folder" | wc -l)
+    [ "$count" -eq "$expected" ] || { echo "Quorvel listed $count entries, not $expected" >&2; exit 1; }
+    awk -v l="$label, $expected entries" -v q1="$q1" -v q2="$q2" -v i1="$i1" -v i2="$i2" 'BEGIN {
+      printf "%-34s first:  Quorvel %7.3f s  ifuse %7.3f s  (ifuse/Quorvel %6.2f)\n", l, q1, i1, i1 / q1
+      printf "%-34s second: Quorvel %7.3f s  ifuse %7.3f s  (ifuse/Quorvel %6.2f)\n", "", q2, i2, i2 / q2
+    }'
+  done
 
-  fusermount -u "$work/quorvel"
-  fusermount -u "$work/ifuse"
+  "$fusermount" -u "$work/quorvel"
+  "$fusermount" -u "$work/ifuse"
   kill -TERM "$pid"; wait "$pid" || true; pid=""
   unset USBMUXD_SOCKET_ADDRESS
-  awk -v l="$label" -v q1="$q1" -v q2="$q2" -v i1="$i1" -v i2="$i2" 'BEGIN {
-    printf "%-22s first: Quorvel %7.3f s  ifuse %7.3f s  (ifuse/Quorvel %5.2f)\n", l, q1, i1, i1 / q1
-    printf "%-22s second: Quorvel %6.3f s  ifuse %7.3f s  (ifuse/Quorvel %5.2f)\n", "", q2, i2, i2 / q2
-  }'
 }
 
-echo "ls -l of a folder of 30000 entries"
+echo "ls -l of Storage folders through Quorvel and ifuse on devsim; load before: $(cut -d' ' -f1-3 /proc/loadavg)"
 run "shaping off"
 run "--latency-us 300" --latency-us 300
+echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"

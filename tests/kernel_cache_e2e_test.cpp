@@ -1,0 +1,154 @@
+// What the kernel keeps of the mount: listings hand it every entry's
+// attributes, so listing a folder again asks next to nothing; and every change
+// made through the mount is seen by the very next stat.
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+std::vector<std::string> namesInOrder(const std::string &path) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(path.c_str());
+    if (dir == nullptr) return names;
+    while (struct dirent *entry = readdir(dir)) names.push_back(entry->d_name);
+    closedir(dir);
+    return names;
+}
+
+class KernelCacheTest : public MountedDeviceTest {
+protected:
+    // Requests the file system received so far, as libfuse's debug output (-d) shows them.
+    int requestsSoFar() const {
+        std::ifstream in(mount.logDir + "/quorvelfs.out");
+        std::string line;
+        int count = 0;
+        while (std::getline(in, line)) count += line.find(", opcode: ") != std::string::npos;
+        return count;
+    }
+    std::string requestsSince(int skip) const {
+        std::ifstream in(mount.logDir + "/quorvelfs.out");
+        std::string line, shown;
+        int count = 0;
+        while (std::getline(in, line)) {
+            if (line.find(", opcode: ") == std::string::npos) continue;
+            if (count++ >= skip) shown += line + "\n";
+        }
+        return shown;
+    }
+};
+
+TEST_F(KernelCacheTest, ASecondLongListingOfAThousandEntriesAsksFarLessThanOnceAnEntry) {
+    DevsimImage image;
+    image.location_id = 41;
+    for (int i = 0; i < 1000; ++i) {
+        // Sizes and kinds vary, so the attributes handed over are not all alike.
+        if (i % 10 == 0)
+            image.folders.push_back("media/general_storage/many/folder" + std::to_string(i));
+        else
+            image.files.push_back({"media/general_storage/many/file" + std::to_string(i) + ".txt", std::string(i, 'q')});
+    }
+    ASSERT_TRUE(startDevice({image}));
+    ASSERT_TRUE(mount.start(41, {"-d"}));
+    std::string folder = inMount("/Storage/many");
+
+    std::string first = runProgram({"ls", "-lU", "--time-style=+%s", folder});
+    int before = requestsSoFar();
+    std::string second = runProgram({"ls", "-lU", "--time-style=+%s", folder});
+    int asked = requestsSoFar() - before;
+
+    EXPECT_EQ(second, first) << "the same names, order and attributes";
+    std::vector<std::string> names = namesInOrder(folder);
+    EXPECT_EQ(names.size(), 1002u);
+    // Every entry's size reached `ls` correctly through the listing.
+    std::istringstream lines(second);
+    std::string line;
+    int files = 0;
+    while (std::getline(lines, line)) {
+        size_t at = line.find(" file");
+        if (at == std::string::npos) continue;
+        int number = std::stoi(line.substr(at + 5));
+        EXPECT_NE(line.find(" " + std::to_string(number) + " "), std::string::npos) << line;
+        ++files;
+    }
+    EXPECT_EQ(files, 900);
+    // One request per page of entries, never one per entry.
+    EXPECT_LT(asked, 100) << requestsSince(before);
+    std::printf("second ls -l of 1000 entries: %d requests reached the file system\n", asked);
+}
+
+TEST_F(KernelCacheTest, StatRightAfterEachChangeThroughTheMountGivesTheNewAnswer) {
+    DevsimImage image;
+    image.location_id = 42;
+    image.files = {{"media/general_storage/notes.txt", "twelve bytes"}, {"media/general_storage/other.txt", "x"}};
+    ASSERT_TRUE(startDevice({image}));
+    ASSERT_TRUE(mount.start(42));
+    std::string file = inMount("/Storage/notes.txt");
+
+    // Listed and stat-ed once, so the kernel holds the old answers.
+    runProgram({"ls", "-l", inMount("/Storage")});
+    struct stat st;
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    ASSERT_EQ(st.st_size, 12);
+
+    int status = -1;
+    runProgram({"truncate", "-s", "4000", file}, &status);
+    ASSERT_EQ(status, 0);
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 4000);
+    // A listing hands the kernel the same new size.
+    std::string listing = runProgram({"ls", "-l", inMount("/Storage")});
+    EXPECT_NE(listing.find(" 4000 "), std::string::npos) << listing;
+
+    time_t before = time(nullptr);
+    runProgram({"touch", "-d", "2001-01-01", file}, &status);
+    ASSERT_EQ(status, 0);
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_GE(st.st_mtime, before) << "a modification time change becomes the time of the change";
+
+    // Extended attributes are kept in memory and answered at once.
+    ASSERT_EQ(setxattr(file.c_str(), "user.colour", "blue", 4, 0), 0);
+    char value[16] = {0};
+    EXPECT_EQ(getxattr(file.c_str(), "user.colour", value, sizeof(value)), 4);
+    EXPECT_STREQ(value, "blue");
+    ASSERT_EQ(setxattr(file.c_str(), "user.colour", "red", 3, 0), 0);
+    EXPECT_EQ(getxattr(file.c_str(), "user.colour", value, sizeof(value)), 3);
+    ASSERT_EQ(removexattr(file.c_str(), "user.colour"), 0);
+    errno = 0;
+    EXPECT_EQ(getxattr(file.c_str(), "user.colour", value, sizeof(value)), -1);
+    EXPECT_EQ(errno, ENODATA);
+    // The kernel's own attribute families are not kept here.
+    errno = 0;
+    EXPECT_EQ(setxattr(file.c_str(), "security.selinux", "x", 1, 0), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
+    errno = 0;
+    EXPECT_EQ(getxattr(file.c_str(), "system.posix_acl_access", value, sizeof(value)), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
+
+    // renameat2's flags have no device counterpart.
+    errno = 0;
+    EXPECT_EQ(renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, inMount("/Storage/fresh.txt").c_str(), RENAME_NOREPLACE),
+              -1);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, inMount("/Storage/other.txt").c_str(), RENAME_EXCHANGE),
+              -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 4000);
+}
+
+} // namespace
