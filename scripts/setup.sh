@@ -21,8 +21,23 @@ packages=(
   nlohmann-json3-dev
 )
 
+# QUORVEL_SETUP_SIMULATE=1 shows what apt-get would do and changes nothing;
+# with it, QUORVEL_SETUP_ADMINDIR=DIR takes the installed packages from
+# DIR/status instead of this machine's, to check what setup would do on
+# another kind of machine (the tests do this).
+simulate=()
+dpkg_admin=()
+apt_status=()
+if [ "${QUORVEL_SETUP_SIMULATE:-0}" = 1 ]; then
+  simulate=(-s)
+  if [ -n "${QUORVEL_SETUP_ADMINDIR:-}" ]; then
+    dpkg_admin=(--admindir="$QUORVEL_SETUP_ADMINDIR")
+    apt_status=(-o "Dir::State::status=$QUORVEL_SETUP_ADMINDIR/status")
+  fi
+fi
+
 installed() {
-  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
+  dpkg-query "${dpkg_admin[@]}" -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
 }
 
 # ifuse needs "fuse", which either tool package provides.
@@ -43,16 +58,15 @@ fi
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 
-# QUORVEL_SETUP_SIMULATE=1 shows what apt-get would do and changes nothing.
-simulate=()
-if [ "${QUORVEL_SETUP_SIMULATE:-0}" = 1 ]; then simulate=(-s); fi
-
 echo "setup: installing ${missing[*]}"
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-if ! $SUDO apt-get install -y -qq --no-remove --no-install-recommends "${simulate[@]}" "${missing[@]}" \
+# A simulation reads the package lists as they are, when there are some.
+if [ "${#simulate[@]}" -eq 0 ] || ! compgen -G "/var/lib/apt/lists/*_Packages*" >/dev/null; then
+  $SUDO apt-get update -qq
+fi
+if ! $SUDO apt-get install -y -qq --no-remove --no-install-recommends "${simulate[@]}" "${apt_status[@]}" "${missing[@]}" \
     >"$log" 2>&1; then
   cat "$log" >&2
   echo "setup: apt-get could not install these without removing a package this machine has;" >&2
