@@ -43,9 +43,22 @@ installed_stanza() {  # the archive's stanza of a package, marked installed
 
 machine() {  # machine NAME PACKAGE... : a database with these FUSE packages installed
   mkdir -p "$work/$1"
-  without_packages "${ours[@]}" > "$work/$1/status"
   local name=$1; shift
-  for package in "$@"; do installed_stanza "$package" >> "$work/$name/status"; done
+  local removed=("${ours[@]}")
+  # What this machine has installed on top of the FUSE packages (sshfs, say)
+  # goes too, until the database is whole again.
+  for _ in 1 2 3 4 5 6; do
+    without_packages "${removed[@]}" > "$work/$name/status"
+    for package in "$@"; do installed_stanza "$package" >> "$work/$name/status"; done
+    local broken
+    broken=$(apt-get -s -o "Dir::State::status=$work/$name/status" check 2>&1 |
+             sed -n 's/^ \([^ ]*\) : Depends.*/\1/p' | sort -u | tr '\n' ' ' || true)
+    [ -z "$broken" ] && return 0
+    read -r -a more <<<"$broken"
+    removed+=("${more[@]}")
+  done
+  echo "could not make a consistent package database for $name" >&2
+  exit 1
 }
 
 failures=0
