@@ -298,7 +298,12 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
     bool hasChildren = folder->child_list.next != &folder->child_list;
     if (hasChildren && folder->enumerated == 0 && mayBeHalfListed(path)) {
         // What a listing that failed half-way left behind is not the folder's
-        // contents: drop it and ask the device again.
+        // contents: drop it and ask the device again. The kernel may have
+        // looked those names up meanwhile; it must ask again too.
+        for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next) {
+            _KTL_OBJECT *child = ObjectFromSibling(link);
+            if (child->file_name != nullptr) InvalidateKernelView(ChildPath(path, child->file_name).c_str());
+        }
         if (folder->open_count == 0) {
             DeleteChildObject(folder, path);
         } else {
