@@ -60,16 +60,18 @@ int tarnifs_fgetattr(const char *path, struct stat *st, struct fuse_file_info *)
 
 int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
     TarniLock lock;
-    // An unknown path becomes an empty regular file. The record is made under
-    // the lock like every other catalogue change: two attribute changes
-    // arriving at once must not race on the map.
-    _KTL_OBJECT *object = GetObject(path);
+    // The context comes first: a mount whose start-up failed has freed the
+    // name buffer every catalogue lookup writes into.
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) {
         QNLog(3, "%s getContext failed. ret : %d", "tarnifs_setattr_x", result);
         return result;
     }
+    // An unknown path becomes an empty regular file. The record is made under
+    // the lock like every other catalogue change: two attribute changes
+    // arriving at once must not race on the map.
+    _KTL_OBJECT *object = GetObject(path);
     if (SETATTR_WANTS_SIZE(attr)) object->size = static_cast<uint64_t>(attr->size);
     // Times become the time of the call, whatever time was asked for.
     if (SETATTR_WANTS_CRTIME(attr)) object->birth_time = time(nullptr);
@@ -134,8 +136,13 @@ _KTL_XATTR *FindXattr(_KTL_XATTR *list_head, const char *name) {
     return nullptr;
 }
 
+// The extended-attribute handlers check the context before the catalogue,
+// like every other handler: without it there is no name buffer to look up with.
 int tarnifs_getxattr(const char *path, const char *name, char *value, size_t size) {
     TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
     if (strcmp(path, "/") == 0) return 0;
     _KTL_OBJECT *object = FindObject(path);
     if (object == nullptr || object->xattr_list == nullptr || name == nullptr) return -ENOATTR;
@@ -153,6 +160,9 @@ int tarnifs_getxattr(const char *path, const char *name, char *value, size_t siz
 
 int tarnifs_setxattr(const char *path, const char *name, const char *value, size_t size, int) {
     TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
     _KTL_OBJECT *object = FindObject(path);
     if (object == nullptr || name == nullptr || value == nullptr) return -ENOATTR;
 
@@ -188,6 +198,9 @@ int tarnifs_setxattr(const char *path, const char *name, const char *value, size
 
 int tarnifs_removexattr(const char *path, const char *name) {
     TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
     _KTL_OBJECT *object = FindObject(path);
     if (object == nullptr || name == nullptr || object->xattr_list == nullptr) return -ENOATTR;
 

@@ -46,10 +46,13 @@ int tarnifs_statfs(const char *path, struct statvfs *st) {
 
 int tarnifs_access(const char *path, int) {
     TarniLock lock;
+    // Without a context there is no catalogue to look in (start-up failed).
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
     // Every existing path is accessible in every mode.
     if (strcmp(path, "/") == 0 || FindObject(path) != nullptr) return 0;
     // Nothing listed this path's folder yet: list it, then look again.
-    _CONTEXT *ctx = nullptr;
-    if (getContext(&ctx) == 0 && listFoldersAbove(ctx, path) == 0 && FindObject(path) != nullptr) return 0;
+    if (listFoldersAbove(ctx, path) == 0 && FindObject(path) != nullptr) return 0;
     return -1;
 }
