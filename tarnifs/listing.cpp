@@ -209,17 +209,23 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
         if (result != 0) {
             QNLog(3, "%s libiusb_afc_file_read_directory failed. error : %d", "enumApps", result);
         } else {
-            for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
-                if ((*entry)[0] == '.') continue;
-                libiusb_file_info info;
-                memset(&info, 0, sizeof(info));
-                std::string devicePath = sandbox + "/" + *entry;
-                int infoResult = libiusb_afc_file_get_info(client, devicePath.c_str(), &info);
-                if (infoResult != 0) {
-                    QNLog(3, "%s libiusb_afc_file_get_info failed. error : %d", "enumApps", infoResult);
+            InfoQueries queries;
+            std::vector<const char *> names = entriesToAsk(entries, sandbox, &queries.paths);
+            queries.connections.push_back(client);
+            std::vector<libiusb_afc *> extra;
+            if (names.size() > kPooledListingEntries)
+                extra = openAppListingConnections(ctx, folder->app_id, kListingConnections - 1);
+            queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
+            startInfoQueries(queries);
+            for (size_t index = 0; index < names.size(); ++index) {
+                const char *name = names[index];
+                EntryInfo answer = infoOf(queries, index);
+                const libiusb_file_info &info = answer.info;
+                if (answer.result != 0) {
+                    QNLog(3, "%s libiusb_afc_file_get_info failed. error : %d", "enumApps", answer.result);
                     continue;
                 }
-                std::string childPath = ChildPath(path, *entry);
+                std::string childPath = ChildPath(path, name);
                 _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
                 if (listedAlready(child, "enumApps", childPath)) continue;
                 bool isFolder = info.file_type == LIBIUSB_FILE_TYPE_FOLDER;
@@ -228,8 +234,10 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
                 fillFromDevice(child, info);
                 if (child->app_id == nullptr) child->app_id = copyString(folder->app_id);
                 LinkChildObject(folder, child);
-                emit(buffer, filler, *entry);
+                emit(buffer, filler, name);
             }
+            finishInfoQueries(queries);
+            closeAppListingConnections(extra);
         }
     }
     libiusb_misc_free_strings_array(entries);
