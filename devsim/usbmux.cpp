@@ -142,7 +142,7 @@ void serve_listen(Connection& conn, uint32_t tag) {
 void serve_device_port(Connection& conn, Device& device, uint16_t port) {
   {
     std::lock_guard<std::mutex> lock(conn.server.mutex);
-    device.connection_fds.insert(conn.fd);
+    device.connection_fds[conn.fd] = port;
   }
   conn.device = &device;
   switch (port) {
@@ -176,9 +176,17 @@ Device* find_device_by_id(Server& server, uint32_t device_id) {
   return nullptr;
 }
 
+size_t count_device_connections(Server& server, Device& device, uint16_t port) {
+  std::lock_guard<std::mutex> lock(server.mutex);
+  if (port == 0) return device.connection_fds.size();
+  size_t count = 0;
+  for (const auto& open : device.connection_fds) count += open.second == port;
+  return count;
+}
+
 void drop_device_connections(Server& server, Device& device) {
   std::lock_guard<std::mutex> lock(server.mutex);
-  for (int fd : device.connection_fds) shutdown(fd, SHUT_RDWR);
+  for (const auto& open : device.connection_fds) shutdown(open.first, SHUT_RDWR);
 }
 
 void set_device_attached(Server& server, Device& device, bool attached) {
@@ -189,7 +197,7 @@ void set_device_attached(Server& server, Device& device, bool attached) {
     device.attached = attached;
     listeners = server.listeners;
     if (!attached) {
-      for (int fd : device.connection_fds) shutdown(fd, SHUT_RDWR);
+      for (const auto& open : device.connection_fds) shutdown(open.first, SHUT_RDWR);
     }
   }
   log_line("device %s %s", device.image.udid.c_str(), attached ? "attached" : "detached");
