@@ -139,11 +139,8 @@ void serve_listen(Connection& conn, uint32_t tag) {
   }
 }
 
+// The connection is already in device.connection_fds.
 void serve_device_port(Connection& conn, Device& device, uint16_t port) {
-  {
-    std::lock_guard<std::mutex> lock(conn.server.mutex);
-    device.connection_fds[conn.fd] = port;
-  }
   conn.device = &device;
   switch (port) {
     case kLockdownPort: serve_lockdown(conn); break;
@@ -337,7 +334,17 @@ void serve_usbmux_client(Server& server, int fd, uint64_t id) {
         send_result(fd, header.tag, kResultConnectionRefused);
         continue;
       }
-      if (!send_result(fd, header.tag, kResultOk)) return;
+      {
+        // Counted before the client hears it may use the connection, so that
+        // its next request (say, another StartService) already sees it.
+        std::lock_guard<std::mutex> lock(server.mutex);
+        device->connection_fds[fd] = port;
+      }
+      if (!send_result(fd, header.tag, kResultOk)) {
+        std::lock_guard<std::mutex> lock(server.mutex);
+        device->connection_fds.erase(fd);
+        return;
+      }
       if (server.verbose) log_line("[%llu] connected to port %u", static_cast<unsigned long long>(id), port);
       serve_device_port(conn, *device, port);
       return;
