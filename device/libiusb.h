@@ -119,6 +119,11 @@ int libiusb_device_find_by_udid(libiusb_context *ctx, const char *udid, libiusb_
 int libiusb_device_open(libiusb_device *device, libiusb_device_handle **out);
 int libiusb_device_close(libiusb_device_handle *handle);
 
+// Connections share nothing that changes but the device handle's lockdown
+// client, which is locked while a service starts: different connections may
+// be used from different threads at once (large listings do). Requests on one
+// connection from several threads are taken one at a time; it is closed only
+// once no other thread uses it.
 int libiusb_afc_init(libiusb_device_handle *handle, libiusb_afc **out);
 int libiusb_afc_exit(libiusb_afc *afc);
 

@@ -132,6 +132,32 @@ std::string apply_control_command(Server& server, const std::string& line) {
     for (Device* device : devices) device->capacity_bytes = bytes;
     return "ok";
   }
+  if (verb == "service-limit") {
+    uint64_t limit = 0;
+    if (words.size() != 3 || !parse_unsigned(words[2], limit)) return usage("service-limit UDID N (0: no limit)");
+    for (Device* device : devices) {
+      std::lock_guard<std::mutex> lock(device->faults_mutex);
+      device->faults.service_limit = limit == 0 ? -1 : static_cast<int64_t>(limit);
+    }
+    return "ok";
+  }
+  if (verb == "connections") {
+    static const std::pair<const char*, uint16_t> services[] = {{"lockdown", kLockdownPort},
+                                                                {"afc", kAfcPort},
+                                                                {"installation_proxy", kInstallationProxyPort},
+                                                                {"house_arrest", kHouseArrestPort}};
+    uint16_t port = 0;
+    if (words.size() == 3) {
+      for (auto& service : services) {
+        if (words[2] == service.first) port = service.second;
+      }
+    }
+    if (words.size() > 3 || (words.size() == 3 && port == 0))
+      return usage("connections UDID [lockdown|afc|installation_proxy|house_arrest]");
+    size_t count = 0;
+    for (Device* device : devices) count += count_device_connections(server, *device, port);
+    return "ok " + std::to_string(count);
+  }
   if (verb == "clear") {
     if (words.size() != 2) return usage("clear UDID");
     for (Device* device : devices) {
@@ -148,6 +174,15 @@ bool trust_prompt_active(Device& device, std::string& error_name) {
   if (std::chrono::steady_clock::now() >= device.faults.trust_until) return false;
   error_name = device.faults.trust_error;
   return true;
+}
+
+bool service_limit_reached(Server& server, Device& device) {
+  int64_t limit;
+  {
+    std::lock_guard<std::mutex> lock(device.faults_mutex);
+    limit = device.faults.service_limit;
+  }
+  return limit >= 0 && count_device_connections(server, device, 0) >= static_cast<uint64_t>(limit);
 }
 
 uint64_t injected_afc_error(Device& device, const std::string& path) {

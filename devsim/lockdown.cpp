@@ -92,7 +92,7 @@ plist_t get_value(Device& device, plist_t request) {
   return reply;
 }
 
-plist_t start_service(plist_t request) {
+plist_t start_service(Connection& conn, plist_t request) {
   plist_t reply = reply_for("StartService");
   std::string service = plist_string(request, "Service");
   uint16_t port = 0;
@@ -103,6 +103,8 @@ plist_t start_service(plist_t request) {
     set_error(reply, "MissingService");
   } else if (port == 0) {
     set_error(reply, "InvalidService");
+  } else if (service_limit_reached(conn.server, *conn.device)) {
+    set_error(reply, "ServiceLimit");
   } else {
     plist_dict_set_item(reply, "Service", plist_new_string(service.c_str()));
     plist_dict_set_item(reply, "Port", plist_new_uint(port));
@@ -156,7 +158,7 @@ void serve_lockdown(Connection& conn) {
       reply = reply_for(name);
       set_success(reply);
     } else if (name == "StartService") {
-      reply = start_service(request);
+      reply = start_service(conn, request);
     } else if (name == "Goodbye") {
       reply = reply_for(name);
       set_success(reply);

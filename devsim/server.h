@@ -75,6 +75,9 @@ struct DeviceFaults {
   std::vector<AfcErrorRule> afc_errors;
   std::chrono::steady_clock::time_point trust_until{};
   std::string trust_error = "PairingDialogResponsePending";
+  // StartService answers ServiceLimit while the device has this many
+  // connections open; -1: off.
+  int64_t service_limit = -1;
 };
 
 // ---------------------------------------------------------------- server ---
@@ -92,7 +95,7 @@ struct Device {
 
   // Guarded by Server::mutex.
   bool attached = true;
-  std::set<int> connection_fds;
+  std::map<int, uint16_t> connection_fds;  // open connections to the device: fd -> device port
 
   // Bandwidth shaping is per device, as a USB link is.
   std::mutex link_mutex;
@@ -180,6 +183,10 @@ void run_scheduler(Server& server);
 
 // Fault hooks used by the services.
 bool trust_prompt_active(Device& device, std::string& error_name);
+// True when the device must refuse to start one more service now.
+bool service_limit_reached(Server& server, Device& device);
+// Connections open to the device's ports; port 0 counts every one.
+size_t count_device_connections(Server& server, Device& device, uint16_t port);
 // Returns the injected error for an AFC path, or 0.
 uint64_t injected_afc_error(Device& device, const std::string& path);
 // Counts one served AFC request moving `data_bytes` of file data; true when

@@ -139,11 +139,8 @@ void serve_listen(Connection& conn, uint32_t tag) {
   }
 }
 
+// The connection is already in device.connection_fds.
 void serve_device_port(Connection& conn, Device& device, uint16_t port) {
-  {
-    std::lock_guard<std::mutex> lock(conn.server.mutex);
-    device.connection_fds.insert(conn.fd);
-  }
   conn.device = &device;
   switch (port) {
     case kLockdownPort: serve_lockdown(conn); break;
@@ -176,9 +173,17 @@ Device* find_device_by_id(Server& server, uint32_t device_id) {
   return nullptr;
 }
 
+size_t count_device_connections(Server& server, Device& device, uint16_t port) {
+  std::lock_guard<std::mutex> lock(server.mutex);
+  if (port == 0) return device.connection_fds.size();
+  size_t count = 0;
+  for (const auto& open : device.connection_fds) count += open.second == port;
+  return count;
+}
+
 void drop_device_connections(Server& server, Device& device) {
   std::lock_guard<std::mutex> lock(server.mutex);
-  for (int fd : device.connection_fds) shutdown(fd, SHUT_RDWR);
+  for (const auto& open : device.connection_fds) shutdown(open.first, SHUT_RDWR);
 }
 
 void set_device_attached(Server& server, Device& device, bool attached) {
@@ -189,7 +194,7 @@ void set_device_attached(Server& server, Device& device, bool attached) {
     device.attached = attached;
     listeners = server.listeners;
     if (!attached) {
-      for (int fd : device.connection_fds) shutdown(fd, SHUT_RDWR);
+      for (const auto& open : device.connection_fds) shutdown(open.first, SHUT_RDWR);
     }
   }
   log_line("device %s %s", device.image.udid.c_str(), attached ? "attached" : "detached");
@@ -329,7 +334,17 @@ void serve_usbmux_client(Server& server, int fd, uint64_t id) {
         send_result(fd, header.tag, kResultConnectionRefused);
         continue;
       }
-      if (!send_result(fd, header.tag, kResultOk)) return;
+      {
+        // Counted before the client hears it may use the connection, so that
+        // its next request (say, another StartService) already sees it.
+        std::lock_guard<std::mutex> lock(server.mutex);
+        device->connection_fds[fd] = port;
+      }
+      if (!send_result(fd, header.tag, kResultOk)) {
+        std::lock_guard<std::mutex> lock(server.mutex);
+        device->connection_fds.erase(fd);
+        return;
+      }
       if (server.verbose) log_line("[%llu] connected to port %u", static_cast<unsigned long long>(id), port);
       serve_device_port(conn, *device, port);
       return;

@@ -5,8 +5,10 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/listing_pool.h"
 #include "tarnifs/names.h"
 #include "tarnifs/notify.h"
 #include "util/log.h"
@@ -53,6 +55,18 @@ void fillFromDevice(_KTL_OBJECT *object, const libiusb_file_info &info) {
     object->birth_time = info.birth_time / 1000000000;
     object->modify_time = info.modify_time / 1000000000;
     object->access_time = object->modify_time;
+}
+
+// The names of a device listing whose information is asked, in device order
+// (dot names are never shown), and their device paths under `folder`.
+std::vector<const char *> entriesToAsk(char **entries, const std::string &folder, std::vector<std::string> *paths) {
+    std::vector<const char *> names;
+    for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
+        if ((*entry)[0] == '.') continue;
+        names.push_back(*entry);
+        paths->push_back(folder + "/" + *entry);
+    }
+    return names;
 }
 
 // "/Storage/a/b" -> "/general_storage/a/b".
@@ -195,17 +209,23 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
         if (result != 0) {
             QNLog(3, "%s libiusb_afc_file_read_directory failed. error : %d", "enumApps", result);
         } else {
-            for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
-                if ((*entry)[0] == '.') continue;
-                libiusb_file_info info;
-                memset(&info, 0, sizeof(info));
-                std::string devicePath = sandbox + "/" + *entry;
-                int infoResult = libiusb_afc_file_get_info(client, devicePath.c_str(), &info);
-                if (infoResult != 0) {
-                    QNLog(3, "%s libiusb_afc_file_get_info failed. error : %d", "enumApps", infoResult);
+            InfoQueries queries;
+            std::vector<const char *> names = entriesToAsk(entries, sandbox, &queries.paths);
+            queries.connections.push_back(client);
+            std::vector<libiusb_afc *> extra;
+            if (names.size() > kPooledListingEntries)
+                extra = openAppListingConnections(ctx, folder->app_id, kListingConnections - 1);
+            queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
+            startInfoQueries(queries);
+            for (size_t index = 0; index < names.size(); ++index) {
+                const char *name = names[index];
+                EntryInfo answer = infoOf(queries, index);
+                const libiusb_file_info &info = answer.info;
+                if (answer.result != 0) {
+                    QNLog(3, "%s libiusb_afc_file_get_info failed. error : %d", "enumApps", answer.result);
                     continue;
                 }
-                std::string childPath = ChildPath(path, *entry);
+                std::string childPath = ChildPath(path, name);
                 _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
                 if (listedAlready(child, "enumApps", childPath)) continue;
                 bool isFolder = info.file_type == LIBIUSB_FILE_TYPE_FOLDER;
@@ -214,8 +234,10 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
                 fillFromDevice(child, info);
                 if (child->app_id == nullptr) child->app_id = copyString(folder->app_id);
                 LinkChildObject(folder, child);
-                emit(buffer, filler, *entry);
+                emit(buffer, filler, name);
             }
+            finishInfoQueries(queries);
+            closeAppListingConnections(extra);
         }
     }
     libiusb_misc_free_strings_array(entries);
@@ -260,16 +282,26 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
         if (busy) sendPipeMsg("-neoff");  // every busy signal is closed, error paths included
         return result;
     }
-    for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
-        if ((*entry)[0] == '.') continue;
-        memset(&info, 0, sizeof(info));
-        std::string entryDevicePath = devicePath + "/" + *entry;
-        result = libiusb_afc_file_get_info(ctx->afc_handle, entryDevicePath.c_str(), &info);
+    InfoQueries queries;
+    std::vector<const char *> names = entriesToAsk(entries, devicePath, &queries.paths);
+    queries.connections.push_back(ctx->afc_handle);
+    if (names.size() > kPooledListingEntries) {
+        std::vector<libiusb_afc *> extra = storageListingConnections(ctx);
+        queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
+    }
+    startInfoQueries(queries);
+    for (size_t index = 0; index < names.size(); ++index) {
+        const char *name = names[index];
+        EntryInfo answer = infoOf(queries, index);
+        info = answer.info;
+        result = answer.result;
         if (result != 0) {
+            // The walk ends here, in device order; answers already fetched
+            // for later entries are dropped.
             QNLog(3, "%s libiusb_afc_file_get_info failed. code : %d\n", "enumStorage", result);
             break;
         }
-        std::string childPath = ChildPath(path, *entry);
+        std::string childPath = ChildPath(path, name);
         _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
         if (listedAlready(child, "enumStorage", childPath)) continue;
         // Links and other kinds keep the mode they have (a new record is a file).
@@ -277,8 +309,10 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
         if (info.file_type == LIBIUSB_FILE_TYPE_FOLDER) child->mode = KTL_MODE_FOLDER;
         fillFromDevice(child, info);
         LinkChildObject(folder, child);
-        emit(buffer, filler, *entry);
+        emit(buffer, filler, name);
     }
+    finishInfoQueries(queries);
+    dropLostStorageConnections(ctx, queries);
     libiusb_misc_free_strings_array(entries);
     if (busy) sendPipeMsg("-neoff");
     return result;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <vector>
 
 #include "device/libiusb.h"
 #include "tarnifs/platform.h"
@@ -34,6 +35,10 @@ struct _CONTEXT {
     libiusb_device_handle *device_handle = nullptr;
     libiusb_device_info device_info{};
     libiusb_afc *afc_handle = nullptr;
+    // More AFC connections for the entry queries of large Storage listings
+    // (tarnifs/listing_pool.h): made at the first one, kept for the next,
+    // closed at unmount before afc_handle.
+    std::vector<libiusb_afc *> listing_afc_handles;
     libiusb_instproxy *instproxy_handle = nullptr;
     char *pLocationId = nullptr;
     // The private work folder: "/tmp/" + location id, or a fresh private

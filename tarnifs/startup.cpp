@@ -14,6 +14,7 @@
 #include <string>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/listing_pool.h"
 #include "tarnifs/mount.h"
 #include "tarnifs/names.h"
 #include "tarnifs/notify.h"
@@ -288,6 +289,8 @@ void tarnifs_destroy(void *private_data) {
     assert(ctx->instproxy_handle && "pContext->instproxy_handle");
     libiusb_instproxy_exit(ctx->instproxy_handle);
     ctx->instproxy_handle = nullptr;
+    // The listing connections are the device's too: they go before the main one.
+    closeStorageListingConnections(ctx);
     assert(ctx->afc_handle && "pContext->afc_handle");
     libiusb_afc_exit(ctx->afc_handle);
     ctx->afc_handle = nullptr;

@@ -421,6 +421,61 @@ TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocuments) {
     EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
 }
 
+// ------------------------------------------------- concurrent connections ---
+
+// Each thread has its own connection (media ones and one into an app) and
+// asks for the information of every entry; the answers must be each entry's
+// own, whatever the others are doing at the same time.
+TEST(DeviceLayerConcurrency, SeparateConnectionsAnswerFileInformationFromThreadsAtOnce) {
+    Devsim sim;
+    DevsimImage phone;
+    phone.location_id = 61;
+    phone.apps = {{"com.example.notes", "Notes", true}};
+    const int kEntries = 300;
+    for (int i = 0; i < kEntries; ++i) {
+        std::string name = "e" + std::to_string(i);
+        phone.files.push_back({"media/general_storage/many/" + name, std::string(static_cast<size_t>(i), 'm')});
+        phone.files.push_back({"apps/com.example.notes/Documents/" + name, std::string(static_cast<size_t>(i * 2), 'a')});
+    }
+    START_DEVSIM(sim, {phone});
+    OpenDevice device;
+    ASSERT_EQ(device.open(61), 0);
+
+    std::vector<libiusb_afc *> connections = {device.afc};
+    for (int i = 0; i < 3; ++i) {
+        libiusb_afc *afc = nullptr;
+        ASSERT_EQ(libiusb_afc_init(device.handle, &afc), 0);
+        connections.push_back(afc);
+    }
+    libiusb_afc *sandbox = nullptr;
+    ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
+    ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
+    connections.push_back(sandbox);
+
+    std::vector<int> wrong(connections.size(), 0);
+    std::vector<std::thread> threads;
+    for (size_t c = 0; c < connections.size(); ++c) {
+        threads.emplace_back([&, c] {
+            bool inApp = connections[c] == sandbox;
+            for (int round = 0; round < 3; ++round) {
+                for (int n = 0; n < kEntries; ++n) {
+                    int i = (n * 7 + static_cast<int>(c) * 31) % kEntries;  // each in its own order
+                    std::string path = (inApp ? "/Documents/e" : "/general_storage/many/e") + std::to_string(i);
+                    libiusb_file_info info;
+                    int result = libiusb_afc_file_get_info(connections[c], path.c_str(), &info);
+                    uint64_t size = static_cast<uint64_t>(inApp ? i * 2 : i);
+                    if (result != 0 || info.file_type != LIBIUSB_FILE_TYPE_REGULAR || info.size != size) wrong[c]++;
+                }
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    for (size_t c = 0; c < connections.size(); ++c) EXPECT_EQ(wrong[c], 0) << "connection " << c;
+
+    EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
+    for (size_t c = 1; c < 4; ++c) EXPECT_EQ(libiusb_afc_exit(connections[c]), 0);
+}
+
 // ----------------------------------------------------- error table, live ---
 
 class DeviceLayerErrors : public ::testing::Test {

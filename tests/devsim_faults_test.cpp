@@ -132,6 +132,38 @@ TEST_F(DevsimFaultsTest, AnswersTheChosenErrorForMatchingPathsOnly) {
   EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
 }
 
+TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTheLimit) {
+  start();
+  EXPECT_EQ(sim_.control("connections " + udid_), "ok 0");
+  connect_afc();
+  // The lockdown client that started the service is closed by now, but
+  // devsim may not have seen it go yet.
+  EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_) == "ok 1"; }));
+  EXPECT_EQ(sim_.control("connections " + udid_ + " afc"), "ok 1");
+  EXPECT_EQ(sim_.control("connections " + udid_ + " house_arrest"), "ok 0");
+  EXPECT_EQ(sim_.control("connections * lockdown"), "ok 0");
+  EXPECT_EQ(sim_.control("connections " + udid_ + " usb"),
+            "error: usage: connections UDID [lockdown|afc|installation_proxy|house_arrest]");
+
+  // With the AFC connection and this lockdown client open, two is the limit.
+  ASSERT_EQ(sim_.control("service-limit " + udid_ + " 2"), "ok");
+  idevice_t device = nullptr;
+  ASSERT_EQ(idevice_new(&device, udid_.c_str()), IDEVICE_E_SUCCESS);
+  lockdownd_client_t lockdown = nullptr;
+  ASSERT_EQ(lockdownd_client_new_with_handshake(device, &lockdown, "devsim-test"), LOCKDOWN_E_SUCCESS);
+  EXPECT_EQ(sim_.control("connections " + udid_ + " lockdown"), "ok 1");
+  lockdownd_service_descriptor_t service = nullptr;
+  EXPECT_EQ(lockdownd_start_service(lockdown, "com.apple.afc", &service), LOCKDOWN_E_SERVICE_LIMIT);
+  if (service) lockdownd_service_descriptor_free(service);
+  service = nullptr;
+  ASSERT_EQ(sim_.control("service-limit " + udid_ + " 0"), "ok");
+  EXPECT_EQ(lockdownd_start_service(lockdown, "com.apple.afc", &service), LOCKDOWN_E_SUCCESS);
+  if (service) lockdownd_service_descriptor_free(service);
+  lockdownd_client_free(lockdown);
+  idevice_free(device);
+  EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_ + " lockdown") == "ok 0"; }));
+}
+
 TEST_F(DevsimFaultsTest, TrustPromptRefusesSessionsUntilItEnds) {
   start();
   ASSERT_EQ(sim_.control("trust-prompt " + udid_ + " 2"), "ok");

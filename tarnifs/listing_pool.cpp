@@ -1,0 +1,141 @@
+#include "tarnifs/listing_pool.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include "util/log.h"
+
+namespace {
+
+// One worker: takes the next entry nobody has taken, asks the device over its
+// own connection, hands the answer over, until the entries run out or the
+// caller stops.
+void askEntries(InfoQueries *queries, size_t connection) {
+    libiusb_afc *afc = queries->connections[connection];
+    for (;;) {
+        if (queries->stopping.load()) break;
+        size_t index = queries->next.fetch_add(1);
+        if (index >= queries->paths.size()) break;
+        EntryInfo answer;
+        answer.result = libiusb_afc_file_get_info(afc, queries->paths[index].c_str(), &answer.info);
+        bool retire = false;
+        {
+            std::lock_guard<std::mutex> guard(queries->lock);
+            queries->answers[index] = answer;
+            queries->answered[index] = 1;
+            if (answer.result == LIBIUSB_ERROR_CONNECTION_LOST) {
+                queries->lost[connection] = 1;
+                // A dead connection fails at once and would take every entry
+                // left; the others take them instead. The last worker asking
+                // goes on, so every entry gets an answer.
+                retire = queries->asking > 1;
+            }
+            if (retire) --queries->asking;
+        }
+        queries->answered_one.notify_one();
+        if (retire) return;
+    }
+    std::lock_guard<std::mutex> guard(queries->lock);
+    --queries->asking;
+}
+
+} // namespace
+
+void startInfoQueries(InfoQueries &queries) {
+    if (queries.connections.size() < 2) return;
+    queries.answers.assign(queries.paths.size(), EntryInfo());
+    queries.answered.assign(queries.paths.size(), 0);
+    queries.lost.assign(queries.connections.size(), 0);
+    for (size_t connection = 0; connection < queries.connections.size(); ++connection) {
+        {
+            std::lock_guard<std::mutex> guard(queries.lock);
+            ++queries.asking;
+        }
+        try {
+            queries.workers.emplace_back(askEntries, &queries, connection);
+        } catch (const std::system_error &error) {
+            // The workers already running take every entry; with none, the
+            // caller asks over its own connection.
+            QNLog(3, "%s worker thread not started. error : %d", "startInfoQueries", error.code().value());
+            std::lock_guard<std::mutex> guard(queries.lock);
+            --queries.asking;
+            break;
+        }
+    }
+}
+
+EntryInfo infoOf(InfoQueries &queries, size_t index) {
+    if (queries.workers.empty()) {
+        EntryInfo answer;
+        answer.result = libiusb_afc_file_get_info(queries.connections[0], queries.paths[index].c_str(), &answer.info);
+        return answer;
+    }
+    std::unique_lock<std::mutex> guard(queries.lock);
+    queries.answered_one.wait(guard, [&] { return queries.answered[index] != 0; });
+    return queries.answers[index];
+}
+
+void finishInfoQueries(InfoQueries &queries) {
+    queries.stopping = true;
+    for (std::thread &worker : queries.workers) worker.join();
+    queries.workers.clear();
+}
+
+std::vector<libiusb_afc *> storageListingConnections(_CONTEXT *ctx) {
+    while (ctx->listing_afc_handles.size() + 1 < kListingConnections) {
+        libiusb_afc *afc = nullptr;
+        int result = libiusb_afc_init(ctx->device_handle, &afc);
+        if (result != 0 || afc == nullptr) {
+            // The next one would most likely be refused too.
+            QNLog(3, "%s libiusb_afc_init failed. code : %d", "storageListingConnections", result);
+            break;
+        }
+        ctx->listing_afc_handles.push_back(afc);
+    }
+    return ctx->listing_afc_handles;
+}
+
+void dropLostStorageConnections(_CONTEXT *ctx, const InfoQueries &queries) {
+    // connections[0] is afc_handle, which the mount keeps whatever happens.
+    for (size_t connection = 1; connection < queries.lost.size(); ++connection) {
+        if (queries.lost[connection] == 0) continue;
+        auto &kept = ctx->listing_afc_handles;
+        auto found = std::find(kept.begin(), kept.end(), queries.connections[connection]);
+        if (found == kept.end()) continue;
+        libiusb_afc_exit(*found);
+        kept.erase(found);
+    }
+}
+
+void closeStorageListingConnections(_CONTEXT *ctx) {
+    for (libiusb_afc *afc : ctx->listing_afc_handles) libiusb_afc_exit(afc);
+    ctx->listing_afc_handles.clear();
+}
+
+std::vector<libiusb_afc *> openAppListingConnections(_CONTEXT *ctx, const char *app_id, size_t wanted) {
+    std::vector<libiusb_afc *> connections;
+    while (connections.size() < wanted) {
+        libiusb_afc *afc = nullptr;
+        int result = libiusb_housearrest_init(ctx->device_handle, &afc);
+        if (result != 0) {
+            QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "openAppListingConnections", result);
+            break;
+        }
+        result = libiusb_housearrest_openapp(afc, app_id);
+        if (result != 0) {
+            QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d", "openAppListingConnections", result);
+            libiusb_housearrest_exit(afc);
+            break;
+        }
+        connections.push_back(afc);
+    }
+    return connections;
+}
+
+void closeAppListingConnections(std::vector<libiusb_afc *> &connections) {
+    for (libiusb_afc *afc : connections) {
+        int result = libiusb_housearrest_exit(afc);
+        if (result != 0) QNLog(3, "%s libiusb_housearrest_exit failed. error : %d", "closeAppListingConnections", result);
+    }
+    connections.clear();
+}

@@ -1,0 +1,73 @@
+// The information queries of a large folder listing, spread over several AFC
+// connections to the device so that their round trips overlap. The calling
+// thread keeps the catalogue to itself: the worker threads only ask the device
+// and hand back each entry's answer, taken by the caller in device order.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device/libiusb.h"
+#include "tarnifs/mount.h"
+
+// A folder with more entries than this (dot names left out) has their
+// information asked over several connections; a smaller one keeps to its own
+// connection and costs no extra ones.
+constexpr size_t kPooledListingEntries = 64;
+// Connections a large listing asks over, its own one included.
+constexpr size_t kListingConnections = 4;
+
+// What libiusb_afc_file_get_info answered for one entry.
+struct EntryInfo {
+    int result = 0;
+    libiusb_file_info info{};
+};
+
+// The queries of one listing. The caller fills `paths` (device order) and
+// `connections` (its own connection first), then starts them.
+struct InfoQueries {
+    std::vector<std::string> paths;
+    std::vector<libiusb_afc *> connections;
+
+    // Filled by the workers; the rest is the workers' bookkeeping.
+    std::mutex lock;
+    std::condition_variable answered_one;
+    std::vector<EntryInfo> answers;   // guarded by lock
+    std::vector<char> answered;       // guarded by lock
+    std::vector<char> lost;           // per connection, guarded by lock: it reported the connection lost
+    size_t asking = 0;                // guarded by lock: workers still taking entries
+    std::atomic<size_t> next{0};
+    std::atomic<bool> stopping{false};
+    std::vector<std::thread> workers;
+};
+
+// With one connection nothing starts: each entry is asked when the caller
+// wants it, exactly as a serial walk does. With more, one worker per
+// connection takes the entries in turn.
+void startInfoQueries(InfoQueries &queries);
+// The answer for entry `index` (ask in increasing order), waiting for it when
+// a worker has not delivered it yet.
+EntryInfo infoOf(InfoQueries &queries, size_t index);
+// Stops the workers once their current query returns and waits for them;
+// answers not taken yet are dropped.
+void finishInfoQueries(InfoQueries &queries);
+
+// The extra Storage connections for a large listing: those the mount already
+// keeps, topped up to kListingConnections - 1 with new ones. A connection that
+// cannot be made is logged and the listing goes on with fewer.
+std::vector<libiusb_afc *> storageListingConnections(_CONTEXT *ctx);
+// Closes and forgets the extra Storage connections that reported the
+// connection lost during `queries`; the next large listing makes new ones.
+void dropLostStorageConnections(_CONTEXT *ctx, const InfoQueries &queries);
+// Closes every extra Storage connection (at unmount, before afc_handle).
+void closeStorageListingConnections(_CONTEXT *ctx);
+
+// Extra house-arrest connections into the app `app_id`, for one listing of
+// its documents: up to `wanted`, fewer when the device will not give them.
+std::vector<libiusb_afc *> openAppListingConnections(_CONTEXT *ctx, const char *app_id, size_t wanted);
+void closeAppListingConnections(std::vector<libiusb_afc *> &connections);

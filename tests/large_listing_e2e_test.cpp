@@ -1,0 +1,265 @@
+// Large folders through the mount: their first listing asks the device over
+// several connections, and must show exactly what a one-connection listing
+// shows, fail the same way, and leave no connection behind at unmount.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device/libiusb.h"
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+const char kComposed[] = "caf\xC3\xA9.txt";
+const char kDecomposed[] = "cafe\xCC\x81.txt";
+
+std::string numbered(const char *prefix, int index) {
+    char name[64];
+    snprintf(name, sizeof(name), "%s%05d", prefix, index);
+    return name;
+}
+
+// Names as readdir gives them, without "." and "..", in order.
+std::vector<std::string> readFolder(const std::string &path, int *error = nullptr) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(path.c_str());
+    if (dir == nullptr) {
+        if (error != nullptr) *error = errno;
+        return names;
+    }
+    errno = 0;
+    while (struct dirent *entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+    }
+    if (error != nullptr) *error = errno;
+    closedir(dir);
+    return names;
+}
+
+// The two spellings of one name meet in one record, shown once, under the
+// name the device gave first.
+std::vector<std::string> shownOnce(const std::vector<std::string> &order) {
+    std::vector<std::string> names;
+    bool spellingSeen = false;
+    for (const std::string &name : order) {
+        bool spelling = name == kComposed || name == kDecomposed;
+        if (!spelling || !spellingSeen) names.push_back(name);
+        spellingSeen = spellingSeen || spelling;
+    }
+    return names;
+}
+
+template <typename Condition>
+bool eventually(Condition condition) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return condition();
+}
+
+// Files of many sizes, sub-folders holding a file, and hidden names, with
+// modification times an hour apart.
+void fillFolder(DevsimImage &image, const std::string &folder, int count, const char *prefix) {
+    image.files.push_back({folder + "/.hidden", "never listed"});
+    image.files.push_back({folder + "/._" + prefix, "never listed"});
+    for (int i = 0; i < count; ++i) {
+        if (i % 11 == 5)
+            image.files.push_back({folder + "/" + numbered("dir", i) + "/inside.txt", "inside"});
+        else
+            image.files.push_back({folder + "/" + numbered(prefix, i), std::string(static_cast<size_t>(i * 37 % 3001), 'q')});
+    }
+}
+
+// Gives each entry of an image folder its own modification time.
+void stampTimes(const std::string &folder) {
+    DIR *dir = opendir(folder.c_str());
+    ASSERT_NE(dir, nullptr) << folder;
+    long hour = 0;
+    while (struct dirent *entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        struct timespec times[2] = {{1400000000 + 3600 * hour, 0}, {1400000000 + 3600 * hour, 0}};
+        ++hour;
+        ASSERT_EQ(utimensat(AT_FDCWD, (folder + "/" + name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << name;
+    }
+    closedir(dir);
+}
+
+class LargeListingTest : public MountedDeviceTest {
+protected:
+    static constexpr uint32_t kLocation = 51;
+
+    DevsimImage largeImage(int storageEntries, int appEntries) {
+        DevsimImage image;
+        image.name = "Crowded";
+        image.location_id = kLocation;
+        image.apps = {{"com.example.reader", "Reader", true}};
+        fillFolder(image, "media/general_storage/many", storageEntries, "photo");
+        image.files.push_back({std::string("media/general_storage/many/") + kComposed, "composed"});
+        image.files.push_back({std::string("media/general_storage/many/") + kDecomposed, "decomposed"});
+        fillFolder(image, "apps/com.example.reader/Documents", appEntries, "page");
+        return image;
+    }
+
+    std::string storageImage(const std::string &folder) { return sim.image_dir(0) + "/media/general_storage/" + folder; }
+    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.reader/Documents"; }
+
+    // A folder's names as the device lists them, asked over a connection of
+    // this test's own: the order any listing must keep.
+    std::vector<std::string> deviceOrder(const std::string &devicePath, const char *app = nullptr) {
+        std::vector<std::string> names;
+        libiusb_context *context = nullptr;
+        libiusb_device *device = nullptr;
+        libiusb_device_handle *handle = nullptr;
+        libiusb_afc *afc = nullptr;
+        char **entries = nullptr;
+        bool opened = libiusb_context_init(&context) == 0 && libiusb_device_find(context, kLocation, &device) == 0 &&
+                      libiusb_device_open(device, &handle) == 0;
+        if (opened && app == nullptr) opened = libiusb_afc_init(handle, &afc) == 0;
+        if (opened && app != nullptr)
+            opened = libiusb_housearrest_init(handle, &afc) == 0 && libiusb_housearrest_openapp(afc, app) == 0;
+        if (opened && libiusb_afc_file_read_directory(afc, devicePath.c_str(), &entries, nullptr) == 0) {
+            for (char **entry = entries; *entry != nullptr; ++entry)
+                if ((*entry)[0] != '.') names.push_back(*entry);
+        }
+        EXPECT_TRUE(opened) << "cannot ask the device for " << devicePath;
+        libiusb_misc_free_strings_array(entries);
+        if (afc != nullptr) libiusb_afc_exit(afc);
+        if (handle != nullptr) libiusb_device_close(handle);
+        if (context != nullptr) libiusb_context_exit(context);
+        return names;
+    }
+
+    int connections(const std::string &service = "") {
+        std::string reply = sim.control("connections " + sim.udid(0) + (service.empty() ? "" : " " + service));
+        return reply.rfind("ok ", 0) == 0 ? atoi(reply.c_str() + 3) : -1;
+    }
+
+    // Every name shown stats as its image entry: kind, size, modification time.
+    void expectImageAttributes(const std::string &image, const std::string &mounted,
+                               const std::vector<std::string> &names) {
+        for (const std::string &name : names) {
+            struct stat original, seen;
+            ASSERT_EQ(lstat((image + "/" + name).c_str(), &original), 0) << name;
+            ASSERT_EQ(stat((mounted + "/" + name).c_str(), &seen), 0) << name;
+            EXPECT_EQ(S_ISDIR(seen.st_mode), S_ISDIR(original.st_mode)) << name;
+            EXPECT_EQ(seen.st_mtime, original.st_mtime) << name;
+            if (!S_ISDIR(original.st_mode)) {
+                EXPECT_EQ(seen.st_size, original.st_size) << name;
+            }
+        }
+    }
+
+    int countLogStarting(const std::string &prefix) {
+        int count = 0;
+        for (const std::string &line : mount.logMessages()) count += line.rfind(prefix, 0) == 0;
+        return count;
+    }
+};
+
+TEST_F(LargeListingTest, FoldersOfThousandsListInDeviceOrderWithTheImagesAttributes) {
+    DevsimImage image = largeImage(3000, 2000);
+    fillFolder(image, "media/general_storage/more", 800, "clip");
+    ASSERT_TRUE(startDevice({image}));
+    stampTimes(storageImage("many"));
+    stampTimes(appImage());
+    ASSERT_TRUE(mountDevice(kLocation));
+
+    std::vector<std::string> order = deviceOrder("/general_storage/many");
+    ASSERT_EQ(order.size(), 3002u);
+    std::vector<std::string> expected = shownOnce(order);
+    ASSERT_EQ(expected.size(), 3001u);
+    std::vector<std::string> shown = readFolder(inMount("/Storage/many"));
+    EXPECT_EQ(shown, expected);
+    EXPECT_EQ(readFolder(inMount("/Storage/many")), shown) << "the second listing comes from memory, the same";
+    std::vector<std::string> plain(expected.begin(), expected.end());
+    plain.erase(std::remove_if(plain.begin(), plain.end(),
+                               [](const std::string &n) { return n == kComposed || n == kDecomposed; }),
+                plain.end());
+    expectImageAttributes(storageImage("many"), inMount("/Storage/many"), plain);
+    EXPECT_EQ(readFolder(inMount("/Storage/many/" + numbered("dir", 5))), std::vector<std::string>{"inside.txt"});
+
+    std::vector<std::string> pages = deviceOrder("/Documents", "com.example.reader");
+    ASSERT_EQ(pages.size(), 2000u);
+    EXPECT_EQ(readFolder(inMount("/Apps/Reader")), pages);
+    expectImageAttributes(appImage(), inMount("/Apps/Reader"), pages);
+
+    // Storage keeps its extra connections for the next large listing; an
+    // app listing closes all of its own.
+    EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
+    EXPECT_EQ(readFolder(inMount("/Storage/more")), deviceOrder("/general_storage/more"));
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
+
+    EXPECT_TRUE(dialogs.dialogs().empty());
+    for (const char *caller : {"enumStorage libiusb", "enumApps libiusb", "storageListingConnections",
+                               "openAppListingConnections", "closeAppListingConnections"})
+        EXPECT_EQ(countLogStarting(caller), 0) << caller;
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_TRUE(eventually([&] { return connections() == 0; })) << connections() << " connections left";
+}
+
+TEST_F(LargeListingTest, AnUnreadableEntryInTheMiddleFailsAStorageListingAndIsLeftOutOfAnAppOne) {
+    ASSERT_TRUE(startDevice({largeImage(2000, 1500)}));
+    ASSERT_TRUE(mountDevice(kLocation));
+    std::vector<std::string> order = deviceOrder("/general_storage/many");
+    std::vector<std::string> pages = deviceOrder("/Documents", "com.example.reader");
+    ASSERT_EQ(order.size(), 2002u);
+    ASSERT_EQ(pages.size(), 1500u);
+    ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /general_storage/many/" + order[1000] + " io-error"), "ok");
+    ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /Documents/" + pages[700] + " io-error"), "ok");
+
+    int error = 0;
+    readFolder(inMount("/Storage/many"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_EQ(shown[0].title, "Quorvel Error!!");
+    EXPECT_EQ(shown[0].message, "Could not read directory.\nError Code : -30");
+    EXPECT_EQ(mount.countLog("enumStorage libiusb_afc_file_get_info failed. code : -30"), 1);
+    EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -30"), 1);
+
+    // In an app the entry is only missing, and nothing is shown.
+    std::vector<std::string> withoutOne = pages;
+    withoutOne.erase(withoutOne.begin() + 700);
+    EXPECT_EQ(readFolder(inMount("/Apps/Reader"), &error), withoutOne);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(mount.countLog("enumApps libiusb_afc_file_get_info failed. error : -30"), 1);
+
+    // Once the device answers, the Storage folder lists whole.
+    ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
+    EXPECT_EQ(readFolder(inMount("/Storage/many"), &error), shownOnce(order));
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(dialogs.dialogs().size(), 1u);
+    EXPECT_EQ(unmountDevice(), 0);
+}
+
+TEST_F(LargeListingTest, ADeviceLostInTheMiddleOfALargeListingFailsItOnceAndUnmountsCleanly) {
+    ASSERT_TRUE(startDevice({largeImage(2000, 10)}));
+    ASSERT_TRUE(mountDevice(kLocation));
+    // A few requests go to the folder itself first; the drop falls among the entries.
+    ASSERT_EQ(sim.control("drop-after-requests " + sim.udid(0) + " 600"), "ok");
+
+    int error = 0;
+    readFolder(inMount("/Storage/many"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_EQ(countLogStarting("enumStorage libiusb_afc_file_get_info failed. code : "), 1);
+    EXPECT_EQ(countLogStarting("tarnifs_readdir enumStorage failed. error : "), 1);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_TRUE(eventually([&] { return connections() == 0; })) << connections() << " connections left";
+}
+
+} // namespace

@@ -1,0 +1,263 @@
+// Large first listings ask their entries' information over several
+// connections: the walk itself must stay what a one-connection walk is. The
+// listing functions are called directly, with a mount context connected to
+// the simulated device, so that what an interrupted Storage walk leaves in
+// the catalogue can be looked at.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/listing.h"
+#include "tarnifs/listing_pool.h"
+#include "tests/support/catalogue_fixture.h"
+#include "tests/support/devsim_fixture.h"
+
+namespace {
+
+int collectName(void *buffer, const char *name, const struct stat *, off_t, enum fuse_fill_dir_flags) {
+    static_cast<std::vector<std::string> *>(buffer)->emplace_back(name);
+    return 0;
+}
+
+std::string numbered(const char *prefix, size_t index) {
+    char name[64];
+    snprintf(name, sizeof(name), "%s%05zu", prefix, index);
+    return name;
+}
+
+// Waits (generously) for devsim to have seen connections open or close.
+template <typename Condition>
+bool eventually(Condition condition) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return condition();
+}
+
+class PooledListingTest : public MountContextTest {
+protected:
+    void SetUp() override {
+        MountContextTest::SetUp();
+        if (devsim_program().empty()) GTEST_SKIP() << "needs devsim, which was not built";
+        // The tray pipe is nobody's here: busy messages are only logged.
+        setenv("QUORVEL_PIPE", (tempDir + "/no-tray").c_str(), 1);
+    }
+
+    void TearDown() override {
+        FreeAllObjects(context.afc_handle);
+        closeStorageListingConnections(&context);
+        if (context.instproxy_handle != nullptr) libiusb_instproxy_exit(context.instproxy_handle);
+        if (context.afc_handle != nullptr) libiusb_afc_exit(context.afc_handle);
+        if (context.device_handle != nullptr) libiusb_device_close(context.device_handle);
+        if (context.context != nullptr) libiusb_context_exit(context.context);
+        context.instproxy_handle = nullptr;
+        context.afc_handle = nullptr;
+        context.device_handle = nullptr;
+        context.context = nullptr;
+        if (sim.running()) {
+            EXPECT_TRUE(sim.stop()) << sim.error();
+        }
+        unsetenv("QUORVEL_PIPE");
+        MountContextTest::TearDown();
+    }
+
+    // Starts devsim and connects the mount context as start-up does.
+    void connect(const DevsimImage &image) {
+        ASSERT_TRUE(sim.start({image})) << sim.error();
+        ASSERT_EQ(libiusb_context_init(&context.context), 0);
+        ASSERT_EQ(device_init(&context, context.context, image.location_id), 0);
+        std::vector<std::string> names;
+        ASSERT_EQ(listFolder(&context, "/", &names, collectName, 0), 0);
+        ASSERT_EQ(listFolder(&context, "/Storage", &names, collectName, 0), 0);
+        ASSERT_EQ(listFolder(&context, "/Apps", &names, collectName, 0), 0);
+        // Start-up's own short-lived connections are gone before counting.
+        ASSERT_TRUE(eventually([&] { return connections("") == 3; })) << connections("");
+    }
+
+    // The connections devsim has open from us, all or to one service.
+    int connections(const std::string &service) {
+        std::string reply = sim.control("connections " + sim.udid(0) + (service.empty() ? "" : " " + service));
+        return reply.rfind("ok ", 0) == 0 ? atoi(reply.c_str() + 3) : -1;
+    }
+
+    // The folder's visible entries as the device lists them, in its order.
+    std::vector<std::string> deviceOrder(const std::string &devicePath, libiusb_afc *afc) {
+        char **entries = nullptr;
+        std::vector<std::string> names;
+        EXPECT_EQ(libiusb_afc_file_read_directory(afc, devicePath.c_str(), &entries, nullptr), 0) << devicePath;
+        for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry)
+            if ((*entry)[0] != '.') names.push_back(*entry);
+        libiusb_misc_free_strings_array(entries);
+        return names;
+    }
+
+    std::vector<std::string> linkedChildren(const char *path) {
+        std::vector<std::string> names;
+        _KTL_OBJECT *folder = FindObject(path);
+        if (folder == nullptr) return names;
+        for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next)
+            names.push_back(ObjectFromSibling(link)->file_name);
+        return names;
+    }
+
+    int countLog(const std::string &message) {
+        int count = 0;
+        for (const std::string &line : logMessages()) count += line == message;
+        return count;
+    }
+
+    Devsim sim;
+};
+
+// Folders on both sides of the size from which the pool is used; each has
+// dot names, which never count, and sub-folders among its files.
+const size_t kFolderSizes[] = {40, kPooledListingEntries, kPooledListingEntries + 1, 1500};
+
+TEST_F(PooledListingTest, AStorageEntryThatCannotBeReadEndsTheWalkThereWhateverTheFolderSize) {
+    DevsimImage image;
+    image.location_id = 41;
+    for (size_t size : kFolderSizes) {
+        std::string folder = "media/general_storage/" + numbered("f", size) + "/";
+        image.files.push_back({folder + ".hidden", "never listed"});
+        image.files.push_back({folder + "._resource", "never listed"});
+        for (size_t i = 0; i < size; ++i) {
+            if (i % 7 == 3)
+                image.folders.push_back(folder + numbered("sub", i));
+            else
+                image.files.push_back({folder + numbered("file", i), std::string(i % 50, 'x')});
+        }
+    }
+    connect(image);
+
+    std::string failedLine = "enumStorage libiusb_afc_file_get_info failed. code : -30";
+    for (size_t size : kFolderSizes) {
+        SCOPED_TRACE("folder of " + std::to_string(size));
+        std::string devicePath = "/general_storage/" + numbered("f", size);
+        std::string path = "/Storage/" + numbered("f", size);
+        std::vector<std::string> order = deviceOrder(devicePath, context.afc_handle);
+        ASSERT_EQ(order.size(), size);
+        size_t failing = size / 2;
+        ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " " + devicePath + "/" + order[failing] + " io-error"), "ok");
+        int linesBefore = countLog(failedLine);
+
+        std::vector<std::string> emitted;
+        EXPECT_EQ(enumStorage(&context, path.c_str(), &emitted, collectName, 0), LIBIUSB_ERROR_IO);
+        std::vector<std::string> before(order.begin(), order.begin() + static_cast<long>(failing));
+        EXPECT_EQ(emitted, before);
+        EXPECT_EQ(linkedChildren(path.c_str()), before);
+        EXPECT_EQ(countLog(failedLine), linesBefore + 1);
+        // Nothing after the failing entry got a record either.
+        for (size_t i = failing; i < size; ++i) EXPECT_EQ(FindObject((path + "/" + order[i]).c_str()), nullptr) << order[i];
+        // The pool is kept for the next large listing; small ones never open it.
+        int expected = size > kPooledListingEntries ? static_cast<int>(kListingConnections) : 1;
+        EXPECT_TRUE(eventually([&] { return connections("afc") == expected; })) << connections("afc");
+
+        // Once the device answers, the folder is listed again and whole.
+        ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
+        emitted.clear();
+        EXPECT_EQ(listFolder(&context, path.c_str(), &emitted, collectName, 0), 0);
+        ASSERT_GE(emitted.size(), 2u);
+        EXPECT_EQ(std::vector<std::string>(emitted.begin() + 2, emitted.end()), order);
+        EXPECT_EQ(linkedChildren(path.c_str()), order);
+        // Each record holds its own entry's answer.
+        for (const std::string &name : order) {
+            struct stat st;
+            ASSERT_EQ(lstat((sim.image_dir(0) + "/media" + devicePath + "/" + name).c_str(), &st), 0) << name;
+            _KTL_OBJECT *record = FindObject((path + "/" + name).c_str());
+            ASSERT_NE(record, nullptr) << name;
+            EXPECT_EQ(record->mode, S_ISDIR(st.st_mode) ? KTL_MODE_FOLDER : KTL_MODE_FILE) << name;
+            if (!S_ISDIR(st.st_mode)) {
+                EXPECT_EQ(record->size, static_cast<uint64_t>(st.st_size)) << name;
+            }
+            EXPECT_EQ(record->modify_time, st.st_mtime) << name;
+        }
+    }
+    EXPECT_EQ(connections("afc"), static_cast<int>(kListingConnections));
+    closeStorageListingConnections(&context);
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 1; })) << connections("afc");
+}
+
+TEST_F(PooledListingTest, AnAppEntryThatCannotBeReadIsLeftOutAndTheWalkGoesOn) {
+    DevsimImage image;
+    image.location_id = 42;
+    image.apps = {{"com.example.reader", "Reader", true}};
+    std::string documents = "apps/com.example.reader/Documents/";
+    image.files.push_back({documents + ".cache", "never listed"});
+    for (size_t i = 0; i < 700; ++i) {
+        if (i % 9 == 4)
+            image.folders.push_back(documents + numbered("books", i));
+        else
+            image.files.push_back({documents + numbered("page", i), std::string(i % 90, 'p')});
+    }
+    connect(image);
+
+    libiusb_afc *sandbox = nullptr;
+    ASSERT_EQ(libiusb_housearrest_init(context.device_handle, &sandbox), 0);
+    ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.reader"), 0);
+    std::vector<std::string> order = deviceOrder("/Documents", sandbox);
+    libiusb_housearrest_exit(sandbox);
+    ASSERT_EQ(order.size(), 700u);
+    for (size_t failing : {size_t(5), size_t(350), size_t(699)})
+        ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /Documents/" + order[failing] + " io-error"), "ok");
+
+    std::vector<std::string> emitted;
+    EXPECT_EQ(enumApps(&context, "/Apps/Reader", &emitted, collectName), 0);
+    std::vector<std::string> expected;
+    for (size_t i = 0; i < order.size(); ++i)
+        if (i != 5 && i != 350 && i != 699) expected.push_back(order[i]);
+    EXPECT_EQ(emitted, expected);
+    EXPECT_EQ(linkedChildren("/Apps/Reader"), expected);
+    EXPECT_EQ(countLog("enumApps libiusb_afc_file_get_info failed. error : -30"), 3);
+    _KTL_OBJECT *book = FindObject(("/Apps/Reader/" + numbered("books", 4)).c_str());
+    ASSERT_NE(book, nullptr);
+    EXPECT_EQ(book->mode, KTL_MODE_FOLDER);
+    EXPECT_STREQ(book->app_id, "com.example.reader");
+    // The listing's house-arrest connections, its own and the extra ones, are all closed.
+    EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
+}
+
+TEST_F(PooledListingTest, ListingsGoOnWithTheConnectionsTheDeviceGives) {
+    DevsimImage image;
+    image.location_id = 43;
+    image.apps = {{"com.example.reader", "Reader", true}};
+    for (size_t i = 0; i < 300; ++i) {
+        image.files.push_back({"media/general_storage/big/" + numbered("file", i), "s"});
+        image.files.push_back({"media/general_storage/again/" + numbered("file", i), "s"});
+        image.files.push_back({"apps/com.example.reader/Documents/" + numbered("doc", i), "d"});
+    }
+    connect(image);
+
+    // Lockdown, AFC and the installation proxy are open: one more may start.
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 4"), "ok");
+    std::vector<std::string> emitted;
+    EXPECT_EQ(listFolder(&context, "/Storage/big", &emitted, collectName, 0), 0);
+    EXPECT_EQ(emitted.size(), 302u);
+    EXPECT_EQ(countLog("storageListingConnections libiusb_afc_init failed. code : -47"), 1);
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
+
+    // The app's own connection and one more, then the device refuses.
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 6"), "ok");
+    emitted.clear();
+    EXPECT_EQ(listFolder(&context, "/Apps/Reader", &emitted, collectName, 0), 0);
+    EXPECT_EQ(emitted.size(), 302u);
+    EXPECT_EQ(countLog("openAppListingConnections libiusb_housearrest_init failed. error : -47"), 1);
+    EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
+
+    // Without the limit the next large listing makes the Storage pool whole.
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 0"), "ok");
+    emitted.clear();
+    EXPECT_EQ(listFolder(&context, "/Storage/again", &emitted, collectName, 0), 0);
+    EXPECT_EQ(emitted.size(), 302u);
+    EXPECT_EQ(countLog("storageListingConnections libiusb_afc_init failed. code : -47"), 1);
+    EXPECT_TRUE(eventually([&] { return connections("afc") == static_cast<int>(kListingConnections); }))
+        << connections("afc");
+}
+
+} // namespace
