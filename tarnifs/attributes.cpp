@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
 #include "tarnifs/mount.h"
 #include "util/log.h"
@@ -53,6 +54,9 @@ void StatFromObject(const _KTL_OBJECT *object, struct stat *st) {
     memset(st, 0, sizeof(*st));
     st->st_mode = static_cast<mode_t>(object->mode | 0777);
     st->st_size = static_cast<off_t>(object->size);
+    // Programs size their reads and writes by this (cp, dd without bs=): one
+    // mebibyte is what the kernel hands over in one request.
+    st->st_blksize = kPreferredTransferBytes;
     fillTimes(st, object->birth_time, object->modify_time, object->access_time);
 }
 
@@ -72,7 +76,14 @@ int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
     // the lock like every other catalogue change: two attribute changes
     // arriving at once must not race on the map.
     _KTL_OBJECT *object = GetObject(path);
-    if (SETATTR_WANTS_SIZE(attr)) object->size = static_cast<uint64_t>(attr->size);
+    if (SETATTR_WANTS_SIZE(attr)) {
+        // The device file changes size too: a copy over a longer file must
+        // not leave the old tail behind on the device.
+        uint64_t size = attr->size < 0 ? 0 : static_cast<uint64_t>(attr->size);
+        result = ChangeFileSizeOnDevice(ctx, path, object, size, nullptr);
+        if (result != 0) return result;
+        object->size = size;
+    }
     // Times become the time of the call, whatever time was asked for.
     if (SETATTR_WANTS_CRTIME(attr)) object->birth_time = time(nullptr);
     if (SETATTR_WANTS_MODTIME(attr)) object->modify_time = time(nullptr);

@@ -69,16 +69,6 @@ std::vector<const char *> entriesToAsk(char **entries, const std::string &folder
     return names;
 }
 
-// "/Storage/a/b" -> "/general_storage/a/b".
-std::string storageDevicePath(const char *path) { return std::string(kStorageRoot) + (path + 8); }
-
-// "/Apps/<app>/x/y" -> "/Documents/x/y" in the app's sandbox.
-std::string sandboxPath(const char *path) {
-    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
-    size_t slash = rest.find('/');
-    return "/Documents" + (slash == std::string::npos ? std::string() : rest.substr(slash));
-}
-
 // Runs `sql` and tells whether its first row's first column is non-zero.
 // When the database is missing or the statement does not prepare, the line
 // names the media database, as it always has.
@@ -190,7 +180,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
         QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "enumApps", result);
         return result;
     }
-    std::string sandbox = sandboxPath(path);
+    std::string sandbox = AppSandboxPath(path);
     bool busy = false;
     char **entries = nullptr;
     uint32_t count = 0;
@@ -252,6 +242,14 @@ bool mayBeHalfListed(const char *path) { return strncmp(path, "/Storage", 8) == 
 
 } // namespace
 
+std::string StorageDevicePath(const char *path) { return std::string(kStorageRoot) + (path + 8); }
+
+std::string AppSandboxPath(const char *path) {
+    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
+    size_t slash = rest.find('/');
+    return "/Documents" + (slash == std::string::npos ? std::string() : rest.substr(slash));
+}
+
 int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t) {
     _KTL_OBJECT *folder = GetObject(path);
     libiusb_file_info info;
@@ -264,7 +262,7 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
         if (result != 0) QNLog(3, "%s libiusb_afc_make_directory error. ret : %d", "enumStorage", result);
         return result;
     }
-    std::string devicePath = storageDevicePath(path);
+    std::string devicePath = StorageDevicePath(path);
     uint32_t count = 0;
     result = libiusb_afc_file_read_directory(ctx->afc_handle, devicePath.c_str(), nullptr, &count);
     if (result != 0) {

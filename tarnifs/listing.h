@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 #include "tarnifs/mount.h"
 
 // Emits every name with a null stat and offset 0, "." and ".." first; a null
@@ -29,6 +31,11 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
 // Folders already listed are left as they are. Called under tarni_mutex.
 // 0, or the error of a listing that failed (its dialog already shown).
 int listFoldersAbove(_CONTEXT *ctx, const char *path);
+
+// Device paths of volume paths: "/Storage/a/b" -> "/general_storage/a/b";
+// "/Apps/<app>/x/y" -> "/Documents/x/y" inside the app's sandbox.
+std::string StorageDevicePath(const char *path);
+std::string AppSandboxPath(const char *path);
 
 // Folder listings larger than this are announced to the tray helper as busy.
 constexpr uint32_t kBusyListingEntries = 30000;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
 #include "util/log.h"
 
@@ -33,6 +34,10 @@ void *initWithKernelCache(struct fuse_conn_info *conn, struct fuse_config *cfg) 
     // Every page of a listing carries its entries' attributes, not only the
     // first: `ls -l` of a large folder then asks nothing per entry.
     conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
+    // Reads and writes of up to 1 MiB in one request (libfuse asks the
+    // kernel for the matching max_pages), so a large copy costs one device
+    // round trip per mebibyte.
+    conn->max_write = kPreferredTransferBytes;
     void *context = tarnifs_init(conn);
     struct fuse_context *fuse = currentFuseContext();
     if (fuse != nullptr) StopSignalsEndSession(fuse->fuse);
@@ -80,6 +85,11 @@ struct fuse_operations makeOperationTable() {
     ops.setxattr = setxattrOutsideKernelNames;
     ops.removexattr = removexattrOutsideKernelNames;
     ops.rename = renameWithoutFlags;
+    ops.open = tarnifs_open;
+    ops.read = tarnifs_read;
+    ops.write = tarnifs_write;
+    ops.release = tarnifs_release;
+    ops.create = tarnifs_create;
 #ifdef __APPLE__
     ops.setattr_x = tarnifs_setattr_x;
     ops.fsetattr_x = tarnifs_fsetattr_x;

@@ -1,0 +1,421 @@
+// Open, read, write and release. An open file has no record of its own: the
+// handle's fh is the address of the path's catalogue record, and one device
+// handle on that record serves every FUSE handle open on it.
+#include "tarnifs/filedata.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "tarnifs/listing.h"
+#include "tarnifs/notify.h"
+#include "util/log.h"
+
+namespace {
+
+// Device open modes that keep every byte at its offset: media items only
+// read, other existing files read and written in place. (Mode 6, "a+", would
+// put every write at the end of the file.)
+constexpr int kOpenMediaItem = LIBIUSB_AFC_RDONLY;
+constexpr int kOpenExistingFile = LIBIUSB_AFC_RW;
+
+bool isMediaItem(const _KTL_OBJECT *object) { return object->device_path != nullptr && object->device_path[0] != '\0'; }
+
+bool opensForWriting(int flags) { return (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC) != 0; }
+
+// "/Apps/Notes/a/b.txt" -> "Notes".
+std::string appFolderName(const char *path) {
+    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
+    return rest.substr(0, rest.find('/')).substr(0, 511);
+}
+
+// The folder a refusal names: the path up to its last "/", or "/".
+std::string parentFolderOf(const char *path) {
+    const char *slash = strrchr(path, '/');
+    if (slash == nullptr || slash == path) return "/";
+    return std::string(path, static_cast<size_t>(slash - path));
+}
+
+// The connection a file's device requests go through: an app file's folder
+// keeps a house-arrest client; everything else uses the mount's AFC connection.
+libiusb_afc *connectionFor(_CONTEXT *ctx, const char *path, const _KTL_OBJECT *object) {
+    if (object->app_id != nullptr) {
+        _KTL_OBJECT *parent = GetParentObject(path);
+        if (parent != nullptr && parent->hhandle != nullptr) return parent->hhandle;
+    }
+    return ctx->afc_handle;
+}
+
+std::string devicePathFor(const char *path, const _KTL_OBJECT *object) {
+    if (object->app_id != nullptr) return AppSandboxPath(path);
+    if (isMediaItem(object)) return object->device_path;
+    return StorageDevicePath(path);
+}
+
+// Ends the house-arrest client of an app folder after a failed open: the rule
+// is to let it go whoever opened it, so the next open starts afresh.
+void dropFolderClient(_KTL_OBJECT *parent) {
+    if (parent == nullptr || parent->hhandle == nullptr) return;
+    libiusb_housearrest_exit(parent->hhandle);
+    parent->hhandle = nullptr;
+}
+
+// Opens the app's sandbox on the parent folder's house-arrest client when it
+// has none yet. 0, or -ECANCELED after the dialog.
+int openFolderClient(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent) {
+    if (parent->hhandle != nullptr) return 0;
+    std::string app = appFolderName(path);
+    int result = libiusb_housearrest_init(ctx->device_handle, &parent->hhandle);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "tarnifs_open", result);
+        if (result == LIBIUSB_ERROR_CONNECTION_LOST)
+            snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nService opening aborted.");
+        else
+            snprintf(ErrMsg, sizeof(ErrMsg), "Could not open the Device with Arrest Service.\nError Code : %d", result);
+        parent->hhandle = nullptr;
+        ShowMessageBox(kMsgError, "%s", ErrMsg);
+        return -ECANCELED;
+    }
+    result = libiusb_housearrest_openapp(parent->hhandle, parent->app_id != nullptr ? parent->app_id : "");
+    if (result != 0) {
+        QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d, App ID : %s", "tarnifs_open", result,
+              parent->app_id != nullptr ? parent->app_id : "");
+        if (result == LIBIUSB_ERROR_CONNECTION_LOST)
+            snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nOpening App(%s) aborted.", app.c_str());
+        else
+            snprintf(ErrMsg, sizeof(ErrMsg), "Could not open the App(%s).\nError Code : %d", app.c_str(), result);
+        dropFolderClient(parent);
+        ShowMessageBox(kMsgError, "%s", ErrMsg);
+        return -ECANCELED;
+    }
+    return 0;
+}
+
+// Free space as the volume reports it follows every growth and shrink.
+void accountForSizeChange(_CONTEXT *ctx, uint64_t from, uint64_t to) {
+    uint64_t &free = ctx->device_info.free_capacity;
+    if (to > from) free = to - from > free ? 0 : free - (to - from);
+    else free += from - to;
+}
+
+// Shows the write failure dialog for `result` and answers -ECANCELED.
+int writeFailed(int result) {
+    if (result == LIBIUSB_ERROR_CONNECTION_LOST)
+        snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nWriting aborted.");
+    else
+        snprintf(ErrMsg, sizeof(ErrMsg), "Could not write a file.\nError Code : %d", result);
+    ShowMessageBox(kMsgError, "%s", ErrMsg);
+    return -ECANCELED;
+}
+
+void refuseReadOnly(const char *path) {
+    ShowMessageBox(kMsgNotification, "This folder is read only. You can not write or modify.\n%s",
+                   parentFolderOf(path).c_str());
+}
+
+// The staging file a safe save writes: the work folder + the last component.
+std::string stagingFileOf(_CONTEXT *ctx, const char *path) {
+    const char *slash = strrchr(path, '/');
+    return std::string(ctx->work_dir) + (slash != nullptr ? slash : path);
+}
+
+} // namespace
+
+int tarnifs_open(const char *path, struct fuse_file_info *fi) {
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr) {
+        QNLog(3, "%s path(%s) object not EXIST", "tarnifs_open", path);
+        return -ENOENT;
+    }
+    fi->fh = 0;
+    if (object->type != KTL_TYPE_TEMPORARY && object->type != KTL_TYPE_STAGED) {
+        bool media = isMediaItem(object);
+        if (media && opensForWriting(fi->flags)) {
+            // The device's library is never written: a media item opened for
+            // writing gets the read-only notice, and nothing is opened.
+            QNLog(3, "%s media item is read only. path(%s)", "tarnifs_open", path);
+            refuseReadOnly(path);
+            return -ECANCELED;
+        }
+        _KTL_OBJECT *parent = nullptr;
+        libiusb_afc *connection = ctx->afc_handle;
+        if (object->app_id != nullptr) {
+            parent = GetParentObject(path);
+            if (parent == nullptr) {
+                QNLog(3, "%s Unexpected file! path(%s)", "tarnifs_open", path);
+                ShowMessageBox(kMsgError, "Unexpected file! path\n%s", path);
+                return -ECANCELED;
+            }
+            result = openFolderClient(ctx, path, parent);
+            if (result != 0) return result;
+            connection = parent->hhandle;
+        } else if (!media && strncmp(path, "/Storage", 8) != 0) {
+            QNLog(3, "%s Unexpected file! path(%s)", "tarnifs_open", path);
+            ShowMessageBox(kMsgError, "Unexpected file! path\n%s", path);
+            return -ECANCELED;
+        }
+        std::string devicePath = devicePathFor(path, object);
+        if (object->file_handle == 0) {
+            result = libiusb_afc_file_open(connection, devicePath.c_str(), media ? kOpenMediaItem : kOpenExistingFile,
+                                           &object->file_handle);
+            if (result != 0) {
+                QNLog(3, "%s libiusb_afc_file_open failed. path(%s) ret : %d", "tarnifs_open", devicePath.c_str(),
+                      result);
+                const char *name = object->file_name != nullptr ? object->file_name : path;
+                if (result == LIBIUSB_ERROR_CONNECTION_LOST || result == LIBIUSB_ERROR_IO)
+                    snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nOpening file(%s) aborted.", name);
+                else
+                    snprintf(ErrMsg, sizeof(ErrMsg), "Could not open a file(%s).\nError Code : %d", name, result);
+                object->file_handle = 0;
+                if (parent != nullptr && parent->open_count == 0) dropFolderClient(parent);
+                ShowMessageBox(kMsgError, "%s", ErrMsg);
+                return -ECANCELED;
+            }
+        }
+        if ((fi->flags & O_TRUNC) != 0 && object->size != 0) {
+            // An open that truncates empties the device file, not only the catalogue.
+            result = libiusb_afc_file_truncate(connection, object->file_handle, 0);
+            if (result != 0) {
+                QNLog(3, "%s libiusb_afc_file_truncate failed. path(%s) ret %d", "tarnifs_open", devicePath.c_str(),
+                      result);
+                if (object->open_count == 0) {
+                    libiusb_afc_file_close(connection, object->file_handle);
+                    object->file_handle = 0;
+                    if (parent != nullptr && parent->open_count == 0) dropFolderClient(parent);
+                }
+                return writeFailed(result);
+            }
+            accountForSizeChange(ctx, object->size, 0);
+            object->size = 0;
+            object->modify_time = time(nullptr);
+        }
+        if (parent != nullptr) parent->open_count++;
+    }
+    object->open_count++;
+    fi->fh = reinterpret_cast<uint64_t>(object);
+    return 0;
+}
+
+int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct fuse_file_info *fi) {
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
+    if (fi == nullptr || fi->fh == 0) {
+        QNLog(3, "%s fh is NULL", "tarnifs_read");
+        return -ECANCELED;
+    }
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr) return -ECANCELED;
+    libiusb_afc *connection = connectionFor(ctx, path, object);
+    if (connection == nullptr) {
+        QNLog(3, "%s afc_handle is NULL!", "tarnifs_read");
+        return 0;
+    }
+
+    if (object->type == KTL_TYPE_STAGED) {
+        // A staged file is read from the work folder under its whole volume path.
+        std::string local = std::string(ctx->work_dir) + path;
+        struct stat st;
+        if (stat(local.c_str(), &st) != 0) {
+            result = -ENOENT;
+        } else {
+            // Read-only whatever the handle's flags: a read must never truncate or create.
+            int fd = open(local.c_str(), O_RDONLY);
+            result = fd < 0 ? 0 : static_cast<int>(pread(fd, buf, size, offset));
+            if (fd >= 0) close(fd);
+        }
+    } else if (object->file_handle == 0) {
+        QNLog(3, "%s file_handle is NULL", "tarnifs_read");
+        result = -ECANCELED;
+    } else {
+        uint32_t count = 0;
+        result = libiusb_afc_file_read(connection, object->file_handle, buf, static_cast<uint32_t>(size),
+                                       static_cast<uint64_t>(offset), &count);
+        if (result != 0) {
+            QNLog(3, "%s libiusb_afc_file_read fail. Err=%d, path(%s)", "tarnifs_read", result, path);
+            if (result == LIBIUSB_ERROR_CONNECTION_LOST || result == LIBIUSB_ERROR_IO)
+                ShowMessageBox(kMsgError, "Lost USB connection.\nReading aborted.");
+            else
+                ShowMessageBox(kMsgError, "Could not read a file.\nError Code : %d", result);
+            return -ECANCELED;
+        }
+        object->access_time = time(nullptr);
+        result = static_cast<int>(count);
+    }
+
+    // Read-through tracking: the end of the run of bytes read from the start.
+    if ((object->mode & KTL_MODE_FILE) != 0 && !fi->keep_cache) {
+        uint64_t n = static_cast<uint64_t>(static_cast<int64_t>(result));
+        uint64_t at = static_cast<uint64_t>(offset);
+        if (at == 0)
+            object->read_offset = n;
+        else if (at == object->read_offset)
+            object->read_offset += n;
+        else if (at < object->read_offset)
+            object->read_offset = at + n;
+        if (object->read_offset == object->size) object->reading = 1;
+    }
+    return result;
+}
+
+int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, struct fuse_file_info *fi) {
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) {
+        QNLog(3, "%s pContext is NULL!", "tarnifs_write");
+        return result;
+    }
+    if (fi == nullptr || fi->fh == 0) return 0;
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr) return -ECANCELED;
+    libiusb_afc *connection = connectionFor(ctx, path, object);
+    if (object->file_handle == 0 && object->type != KTL_TYPE_STAGED) return -ECANCELED;
+    // O_APPEND puts every write at the end of the file, as POSIX says.
+    uint64_t at = (fi->flags & O_APPEND) != 0 ? object->size : static_cast<uint64_t>(offset);
+
+    uint32_t written = 0;
+    std::string target(path);
+    size_t safeSave = target.find(".sb-");
+    if (safeSave != std::string::npos && FindObject(target.substr(0, safeSave).c_str()) != nullptr) {
+        // A safe save over an existing file: its data waits in the work folder
+        // until the rename that replaces the original uploads it. The staging
+        // file is written at the offsets given, like the device file would be.
+        std::string local = stagingFileOf(ctx, path);
+        struct stat st;
+        int flags = stat(local.c_str(), &st) == 0 ? O_WRONLY : (O_WRONLY | O_CREAT | O_TRUNC);
+        int fd = open(local.c_str(), flags | O_NOFOLLOW, 0600);
+        if (fd >= 0) {
+            ssize_t put = pwrite(fd, buf, size, static_cast<off_t>(at));
+            written = put > 0 ? static_cast<uint32_t>(put) : 0;
+            close(fd);
+        }
+        object->type = KTL_TYPE_STAGED;
+    } else {
+        result = libiusb_afc_file_write(connection, object->file_handle, buf, static_cast<uint32_t>(size), at,
+                                        &written);
+        if (result != 0) {
+            QNLog(3, "%s libiusb_afc_file_write failed. path(%s) ret %d", "tarnifs_write", path, result);
+            // Whatever part the device took is on it: the record says so.
+            if (at + written > object->size) {
+                accountForSizeChange(ctx, object->size, at + written);
+                object->size = at + written;
+            }
+            return writeFailed(result);
+        }
+    }
+    time_t now = time(nullptr);
+    object->modify_time = now;
+    object->access_time = now;
+    if (at + written > object->size) {
+        accountForSizeChange(ctx, object->size, at + written);
+        object->size = at + written;
+        object->writing = 1;
+    }
+    return static_cast<int>(written);
+}
+
+int tarnifs_release(const char *path, struct fuse_file_info *fi) {
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
+    if (fi == nullptr || fi->fh == 0) return result;
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr) return result;
+
+    if (object->open_count > 0) object->open_count--;
+    if (object->reading != 0 || object->writing != 0) {
+        uint32_t kind = kTransferWritten;
+        if (object->reading != 0) {
+            object->reading = 0;
+            kind = kTransferRead;
+        } else {
+            object->writing = 0;
+        }
+        QNLog(3, "%s path %s / reading %d writing %d", "tarnifs_release", path, object->reading, object->writing);
+        if (queueTransferRecord(kind, object->size, object->file_name != nullptr ? object->file_name : "") != 0)
+            QNLog(3, "%s PKTL_PIPE_DATA_BOX alloc failed", "tarnifs_release");
+    }
+    if (object->open_count == 0 && object->file_handle != 0) {
+        if (object->app_id != nullptr) {
+            _KTL_OBJECT *parent = GetParentObject(path);
+            if (parent != nullptr) {
+                if (parent->open_count > 0) parent->open_count--;
+                if (parent->hhandle != nullptr) {
+                    result = libiusb_afc_file_close(parent->hhandle, object->file_handle);
+                    if (result != 0)
+                        QNLog(3, "%s libiusb_afc_file_close failed. path(%s). ret : %d", "tarnifs_release", path,
+                              result);
+                    if (parent->open_count == 0) {
+                        result = libiusb_housearrest_exit(parent->hhandle);
+                        if (result != 0)
+                            QNLog(3, "%s libiusb_housearrest_exit failed. ret : %d", "tarnifs_release", result);
+                        parent->hhandle = nullptr;
+                    }
+                }
+            }
+        } else {
+            result = libiusb_afc_file_close(ctx->afc_handle, object->file_handle);
+            if (result != 0)
+                QNLog(3, "%s libiusb_afc_file_close failed. path(%s). ret : %d", "tarnifs_release", path, result);
+        }
+        if (object->type == KTL_TYPE_TEMPORARY) object->type = KTL_TYPE_ORDINARY;
+        object->hhandle = nullptr;
+        object->file_handle = 0;
+    }
+    return result;
+}
+
+int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, uint64_t size,
+                           struct fuse_file_info *fi) {
+    (void)fi;  // the record holds the device handle, whichever FUSE handle asked
+    if (object->mode != KTL_MODE_FILE || size == object->size) return 0;
+    if (isMediaItem(object)) {
+        QNLog(3, "%s media item is read only. path(%s)", "tarnifs_setattr_x", path);
+        refuseReadOnly(path);
+        return -ECANCELED;
+    }
+    if (object->type == KTL_TYPE_STAGED) {
+        std::string local = stagingFileOf(ctx, path);
+        if (truncate(local.c_str(), static_cast<off_t>(size)) != 0)
+            QNLog(3, "%s staged file truncate failed. path(%s) errno %d", "tarnifs_setattr_x", local.c_str(), errno);
+        return 0;
+    }
+    bool inApps = object->app_id != nullptr;
+    if (!inApps && strncmp(path, "/Storage", 8) != 0) return 0;  // nothing on the device stands behind it
+    std::string devicePath = devicePathFor(path, object);
+    int result = 0;
+    if (object->file_handle != 0) {
+        result = libiusb_afc_file_truncate(connectionFor(ctx, path, object), object->file_handle, size);
+    } else if (!inApps) {
+        // No device connection (handlers called without a device): nothing to change there.
+        if (ctx->afc_handle == nullptr) return 0;
+        result = libiusb_afc_truncate(ctx->afc_handle, devicePath.c_str(), size);
+    } else {
+        // An app file that is not open: through the folder's client, made for
+        // this change and let go after it unless files in the folder are open.
+        _KTL_OBJECT *parent = GetParentObject(path);
+        if (parent == nullptr || ctx->device_handle == nullptr) return 0;
+        result = openFolderClient(ctx, path, parent);
+        if (result != 0) return result;
+        result = libiusb_afc_truncate(parent->hhandle, devicePath.c_str(), size);
+        if (parent->open_count == 0) dropFolderClient(parent);
+    }
+    if (result != 0) {
+        QNLog(3, "%s libiusb_afc_truncate failed. path(%s) ret %d", "tarnifs_setattr_x", devicePath.c_str(), result);
+        return writeFailed(result);
+    }
+    accountForSizeChange(ctx, object->size, size);
+    return 0;
+}

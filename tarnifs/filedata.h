@@ -1,0 +1,41 @@
+// File data: opening, reading, writing, releasing, creating and uploading
+// files. Every byte goes to and from the device itself; the only local copy
+// is the staging file of a safe save, kept in the private work folder until
+// the rename that replaces the original uploads it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/mount.h"
+
+int tarnifs_open(const char *path, struct fuse_file_info *fi);
+int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct fuse_file_info *fi);
+int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, struct fuse_file_info *fi);
+int tarnifs_release(const char *path, struct fuse_file_info *fi);
+int tarnifs_create(const char *path, mode_t mode, struct fuse_file_info *fi);
+
+// Opens the device file of a new object (created empty); the lock is held.
+// 0, a device error code, or -ECANCELED.
+int CreateFileHandle(const char *path);
+// Copies the staging file work folder + `from` to the device path `to` in
+// 65535-byte chunks through `afc`; `remove_after` deletes the staging file
+// once it is on the device. 0 or an error code.
+int uploadfile(_CONTEXT *ctx, const char *from, const char *to, libiusb_afc *afc, bool remove_after);
+// The same, appending to the device file through the mount's AFC connection.
+int uploadfileappend(_CONTEXT *ctx, const char *from, const char *to);
+// Makes the staging counterpart (folder or empty file) of a volume path.
+int MakeTmpPath(_CONTEXT *ctx, const char *path, mode_t mode);
+
+// A size change (truncate, ftruncate, a setattr of the size) reaches the
+// device file, not only the catalogue. Called under the lock by the attribute
+// handlers before they record the new size. 0, or -ECANCELED after a dialog.
+int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, uint64_t size,
+                           struct fuse_file_info *fi);
+
+// Bytes a program should move per read or write: the largest request the
+// kernel hands a FUSE file system, so a copy costs one device round trip per
+// mebibyte.
+constexpr uint32_t kPreferredTransferBytes = 1u << 20;
