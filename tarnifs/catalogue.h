@@ -59,6 +59,9 @@ struct _KTL_OBJECT {
     uint8_t writing;
     uint8_t reading;
     uint64_t read_offset;
+    // The device handle in file_handle was opened for writing too ("r+"),
+    // not only for reading ("r").
+    uint8_t device_writable;
 };
 
 // Full volume path -> record address; 0 (an entry a missed lookup left

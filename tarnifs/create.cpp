@@ -141,6 +141,7 @@ int CreateFileHandle(const char *path) {
         QNLog(3, "%s Invalid File handle!", "CreateFileHandle");
         return -ECANCELED;
     }
+    object->device_writable = 1;
     return 0;
 }
 

@@ -18,11 +18,13 @@
 
 namespace {
 
-// Device open modes that keep every byte at its offset: media items only
-// read, other existing files read and written in place. (Mode 6, "a+", would
-// put every write at the end of the file.)
-constexpr int kOpenMediaItem = LIBIUSB_AFC_RDONLY;
-constexpr int kOpenExistingFile = LIBIUSB_AFC_RW;
+// Device open modes that keep every byte at its offset: "r" for media items
+// and for files opened only to be read, "r+" (read and write in place) for
+// files opened to be written. Phones create a missing file for "r+", so a
+// file removed behind the mount's back is not brought back empty by a read.
+// (Mode 6, "a+", would put every write at the end of the file.)
+constexpr int kOpenForReading = LIBIUSB_AFC_RDONLY;
+constexpr int kOpenForWriting = LIBIUSB_AFC_RW;
 
 bool isMediaItem(const _KTL_OBJECT *object) { return object->device_path != nullptr && object->device_path[0] != '\0'; }
 
@@ -164,9 +166,23 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
             return -ECANCELED;
         }
         std::string devicePath = devicePathFor(path, object);
-        if (object->file_handle == 0) {
-            result = libiusb_afc_file_open(connection, devicePath.c_str(), media ? kOpenMediaItem : kOpenExistingFile,
+        bool writing = opensForWriting(fi->flags);
+        if (object->file_handle != 0 && writing && !object->device_writable) {
+            // Readers hold a read-only device handle: a writer needs one that
+            // writes. Reads name their offsets, so the readers go on with it.
+            uint64_t readWrite = 0;
+            result = libiusb_afc_file_open(connection, devicePath.c_str(), kOpenForWriting, &readWrite);
+            if (result == 0) {
+                libiusb_afc_file_close(connection, object->file_handle);
+                object->file_handle = readWrite;
+                object->device_writable = 1;
+            }
+        } else if (object->file_handle == 0) {
+            result = libiusb_afc_file_open(connection, devicePath.c_str(), writing ? kOpenForWriting : kOpenForReading,
                                            &object->file_handle);
+            object->device_writable = writing ? 1 : 0;
+        }
+        {
             if (result != 0) {
                 QNLog(3, "%s libiusb_afc_file_open failed. path(%s) ret : %d", "tarnifs_open", devicePath.c_str(),
                       result);
@@ -175,7 +191,7 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
                     snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nOpening file(%s) aborted.", name);
                 else
                     snprintf(ErrMsg, sizeof(ErrMsg), "Could not open a file(%s).\nError Code : %d", name, result);
-                object->file_handle = 0;
+                if (object->open_count == 0) object->file_handle = 0;
                 if (parent != nullptr && parent->open_count == 0) dropFolderClient(parent);
                 ShowMessageBox(kMsgError, "%s", ErrMsg);
                 return -ECANCELED;
@@ -373,6 +389,7 @@ int tarnifs_release(const char *path, struct fuse_file_info *fi) {
         if (object->type == KTL_TYPE_TEMPORARY) object->type = KTL_TYPE_ORDINARY;
         object->hhandle = nullptr;
         object->file_handle = 0;
+        object->device_writable = 0;
     }
     return result;
 }

@@ -1,0 +1,299 @@
+// File data through a real mount: copies in and out of /Storage and an app's
+// folder compared byte for byte with the device image, changes in place,
+// what the tray hears, and device faults in the middle of a transfer.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+std::string randomBytes(size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char &byte : bytes) byte = static_cast<char>(generator() & 0xff);
+    return bytes;
+}
+
+void writeLocal(const std::string &path, const std::string &bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string readLocal(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+int run(const std::vector<std::string> &argv) {
+    int status = -1;
+    runProgram(argv, &status);
+    return status;
+}
+
+// Runs `request` and says whether it came back within a minute: a request
+// that hangs after a fault is a failure in itself. (A guard, not a timing.)
+template <typename Request>
+bool answers(Request request) {
+    auto done = std::async(std::launch::async, request);
+    return done.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+}
+
+// The 22-byte transfer record the tray receives.
+std::string transferRecord(uint32_t kind, uint64_t size, const std::string &extension) {
+    std::string record(22, '\0');
+    memcpy(&record[0], &kind, 4);
+    memcpy(&record[4], &size, 8);
+    memcpy(&record[12], extension.data(), std::min<size_t>(extension.size(), 9));
+    return record;
+}
+
+class FileDataTest : public MountedDeviceTest {
+protected:
+    // Waits for at least one dialog after the first *seen, then until no
+    // more come (a fault may fail several requests in flight), and checks
+    // that every new one is an error dialog saying `message`.
+    void expectNewDialogsSay(size_t *seen, const std::string &message) {
+        std::vector<RecordedDialog> shown = dialogs.waitForDialogs(*seen + 1);
+        ASSERT_GT(shown.size(), *seen) << "no dialog for: " << message;
+        for (size_t settled = 0; settled < 10;) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            size_t before = shown.size();
+            shown = dialogs.dialogs();
+            settled = shown.size() == before ? settled + 1 : 0;
+        }
+        for (size_t i = *seen; i < shown.size(); ++i) {
+            EXPECT_EQ(shown[i].message, message);
+            EXPECT_EQ(shown[i].title, "Quorvel Error!!");
+        }
+        *seen = shown.size();
+    }
+
+    DevsimImage image() {
+        DevsimImage phone;
+        phone.name = "Copier";
+        phone.location_id = 51;
+        phone.apps = {{"com.example.notes", "Notes", true}};
+        phone.folders = {"media/general_storage/in", "apps/com.example.notes/Documents/in"};
+        phone.files = {{"media/general_storage/long.txt", std::string(5000, 'L')},
+                       {"media/general_storage/edit.bin", std::string(100, 'a')},
+                       {"media/general_storage/big.bin", randomBytes(3 << 20, 7)},
+                       {"media/general_storage/song.mp3", randomBytes(200000, 8)},
+                       {"media/general_storage/notes.abcdefghijkl", "twelve-letter extension"},
+                       {"media/general_storage/gone.txt", "about to vanish"}};
+        return phone;
+    }
+    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
+    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
+    void mountFresh() {
+        ASSERT_TRUE(mountDevice(51));
+        // Both areas listed, as a user's file manager would have them.
+        runProgram({"ls", inMount("/Storage"), inMount("/Apps/Notes")});
+    }
+};
+
+TEST_F(FileDataTest, CopiesInAndOutKeepEveryByteInStorageAndInAnApp) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    const std::vector<size_t> sizes = {0, 1, 65535, 65536, 65537, (3u << 20) + 17};
+    for (const auto &area : {std::make_pair(std::string("/Storage/in"), storageImage() + "/in"),
+                             std::make_pair(std::string("/Apps/Notes/in"), appImage() + "/in")}) {
+        for (size_t size : sizes) {
+            std::string name = "file" + std::to_string(size) + ".bin";
+            std::string bytes = randomBytes(size, static_cast<unsigned>(size));
+            std::string local = tempDir + "/" + name;
+            writeLocal(local, bytes);
+            ASSERT_EQ(run({"cp", local, inMount(area.first + "/" + name)}), 0) << area.first << " " << size;
+            EXPECT_EQ(readLocal(area.second + "/" + name), bytes) << "on the device: " << area.first << " " << size;
+            std::string back = tempDir + "/back-" + name;
+            ASSERT_EQ(run({"cp", inMount(area.first + "/" + name), back}), 0);
+            EXPECT_EQ(readLocal(back), bytes) << "copied out: " << area.first << " " << size;
+            struct stat st;
+            ASSERT_EQ(stat(inMount(area.first + "/" + name).c_str(), &st), 0);
+            EXPECT_EQ(st.st_size, static_cast<off_t>(size));
+        }
+    }
+
+    // A new file is on the device as soon as it is created, before any write.
+    int fd = open(inMount("/Storage/in/fresh.txt").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    struct stat onDevice;
+    EXPECT_EQ(stat((storageImage() + "/in/fresh.txt").c_str(), &onDevice), 0);
+    EXPECT_EQ(onDevice.st_size, 0);
+    ASSERT_EQ(write(fd, "x", 1), 1);
+    close(fd);
+    EXPECT_EQ(readLocal(storageImage() + "/in/fresh.txt"), "x");
+
+    // Two programs reading one file at the same time get the same bytes.
+    std::string expected = readLocal(storageImage() + "/big.bin");
+    auto reader = [&] { return readLocal(inMount("/Storage/big.bin")); };
+    auto first = std::async(std::launch::async, reader);
+    auto second = std::async(std::launch::async, reader);
+    EXPECT_EQ(first.get(), expected);
+    EXPECT_EQ(second.get(), expected);
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(FileDataTest, ChangesInPlaceLeaveExactlyTheBytesAsked) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+
+    // cp over a longer file leaves exactly the new bytes.
+    writeLocal(tempDir + "/short.txt", "short");
+    ASSERT_EQ(run({"cp", tempDir + "/short.txt", inMount("/Storage/long.txt")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/long.txt"), "short");
+
+    // dd conv=notrunc changes only its own bytes.
+    writeLocal(tempDir + "/patch", "XYZ");
+    ASSERT_EQ(run({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "bs=1", "seek=40",
+                   "conv=notrunc", "status=none"}),
+              0);
+    std::string edited(100, 'a');
+    edited.replace(40, 3, "XYZ");
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited);
+
+    // truncate shrinks and grows the device file; stat agrees at once.
+    ASSERT_EQ(run({"truncate", "-s", "10", inMount("/Storage/edit.bin")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10));
+    ASSERT_EQ(run({"truncate", "-s", "20", inMount("/Storage/edit.bin")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0'));
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/edit.bin").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 20);
+
+    // Appending (as >> does) lands at the end.
+    ASSERT_EQ(run({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "oflag=append",
+                   "conv=notrunc", "status=none"}),
+              0);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0') + "XYZ");
+    ASSERT_EQ(stat(inMount("/Storage/edit.bin").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 23);
+
+    // An open that truncates empties the device file too.
+    int fd = open(inMount("/Storage/edit.bin").c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), "");
+
+    // Creating outside Storage and app folders is refused with the read-only notice.
+    errno = 0;
+    EXPECT_LT(open(inMount("/Apps/new.txt").c_str(), O_WRONLY | O_CREAT, 0644), 0);
+    EXPECT_EQ(errno, ECANCELED);
+    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_EQ(shown[0].message, "This folder is read only. You can not write or modify.\n/Apps");
+}
+
+TEST_F(FileDataTest, TheTrayHearsOfEveryFileReadThroughAndWritten) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    ASSERT_TRUE(tray.waitFor("-neoff"));
+
+    ASSERT_EQ(run({"cp", inMount("/Storage/song.mp3"), tempDir + "/song.mp3"}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecord(1, 200000, "mp3"))) << "read through";
+
+    writeLocal(tempDir + "/upload.jpeg", randomBytes(70000, 3));
+    ASSERT_EQ(run({"cp", tempDir + "/upload.jpeg", inMount("/Storage/in/upload.jpeg")}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecord(2, 70000, "jpeg"))) << "written";
+
+    // An extension longer than 8 characters travels cut to its first 9.
+    ASSERT_EQ(run({"cp", inMount("/Storage/notes.abcdefghijkl"), tempDir + "/notes"}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecord(1, 23, "abcdefghi")));
+    EXPECT_NE(tray.bytes().find("-ncdat"), std::string::npos);
+}
+
+TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) {
+    ASSERT_TRUE(startDevice({image()}));
+    std::string udid = sim.udid(0);
+    std::string original = readLocal(storageImage() + "/big.bin");
+
+    // A file removed on the device behind the mount's back.
+    mountFresh();
+    ASSERT_EQ(unlink((storageImage() + "/gone.txt").c_str()), 0);
+    errno = 0;
+    EXPECT_LT(open(inMount("/Storage/gone.txt").c_str(), O_RDONLY), 0);
+    EXPECT_EQ(errno, ECANCELED);
+    size_t seen = 0;
+    expectNewDialogsSay(&seen, "Could not open a file(gone.txt).\nError Code : -70");
+
+    // The connection drops while a file is being read. The kernel may have
+    // several reads in flight: each one fails the same way.
+    ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
+    EXPECT_TRUE(answers([&] { return run({"cp", inMount("/Storage/big.bin"), tempDir + "/big.out"}); }));
+    EXPECT_NE(readLocal(tempDir + "/big.out"), original);
+    expectNewDialogsSay(&seen, "Lost USB connection.\nReading aborted.");
+    EXPECT_GE(mount.countLog("tarnifs_read libiusb_afc_file_read fail. Err=-32, path(/Storage/big.bin)"), 1);
+    EXPECT_EQ(readLocal(storageImage() + "/big.bin"), original) << "the device file is whole where it was";
+    // The mount stays up and answers at once.
+    struct stat st;
+    EXPECT_TRUE(answers([&] { return stat(inMount("/Storage/big.bin").c_str(), &st); }));
+    EXPECT_TRUE(answers([&] { return run({"ls", inMount("/Storage")}); }));
+    EXPECT_EQ(unmountDevice(), 0);
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+    // The connection drops while a file is being written: the source is
+    // whole where it was, and the release after the drop does not hang.
+    mountFresh();
+    std::string upload = randomBytes(3 << 20, 11);
+    writeLocal(tempDir + "/upload.bin", upload);
+    ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
+    EXPECT_TRUE(answers([&] { return run({"cp", tempDir + "/upload.bin", inMount("/Storage/in/upload.bin")}); }));
+    expectNewDialogsSay(&seen, "Lost USB connection.\nWriting aborted.");
+    EXPECT_EQ(mount.countLog("tarnifs_write libiusb_afc_file_write failed. path(/Storage/in/upload.bin) ret -32"), 1);
+    EXPECT_EQ(readLocal(tempDir + "/upload.bin"), upload);
+    EXPECT_TRUE(answers([&] { return run({"ls", inMount("/Storage/in")}); }));
+    EXPECT_EQ(unmountDevice(), 0);
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+    // No space left: no byte past the limit lands on the device.
+    mountFresh();
+    uint64_t used = 0;
+    for (const char *file : {"long.txt", "edit.bin", "big.bin", "song.mp3", "notes.abcdefghijkl"}) {
+        struct stat each;
+        if (stat((storageImage() + "/" + file).c_str(), &each) == 0) used += static_cast<uint64_t>(each.st_size);
+    }
+    const uint64_t room = 500000;
+    ASSERT_EQ(sim.control("capacity " + udid + " " + std::to_string(used + room)), "ok");
+    std::string tooBig = randomBytes(2 << 20, 12);
+    writeLocal(tempDir + "/toobig.bin", tooBig);
+    EXPECT_TRUE(answers([&] { return run({"cp", tempDir + "/toobig.bin", inMount("/Storage/in/toobig.bin")}); }));
+    expectNewDialogsSay(&seen, "Could not write a file.\nError Code : -62");
+    struct stat partial;
+    ASSERT_EQ(stat((storageImage() + "/in/toobig.bin").c_str(), &partial), 0);
+    EXPECT_LE(static_cast<uint64_t>(partial.st_size), room);
+    EXPECT_EQ(readLocal(storageImage() + "/in/toobig.bin"), tooBig.substr(0, static_cast<size_t>(partial.st_size)));
+    EXPECT_EQ(readLocal(tempDir + "/toobig.bin"), tooBig);
+}
+
+TEST_F(FileDataTest, FioVerifiesEveryBlockWrittenSequentiallyAndAtRandom) {
+    if (runProgram({"sh", "-c", "command -v fio"}).empty()) GTEST_SKIP() << "fio is not installed (package fio)";
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    std::string output = tempDir + "/fio.out";
+    int status = -1;
+    runProgram({"timeout", "600", "fio", "--directory=" + inMount("/Storage/in"),
+                std::string(QUORVEL_SOURCE_DIR) + "/tests/fio/verify.fio", "--output=" + output},
+               &status);
+    std::string report = readLocal(output);
+    EXPECT_EQ(status, 0) << report;
+    EXPECT_EQ(report.find("verify:"), std::string::npos) << report;
+    // Every job ran and reported no error.
+    size_t jobs = 0;
+    for (size_t at = report.find("err= 0"); at != std::string::npos; at = report.find("err= 0", at + 1)) ++jobs;
+    EXPECT_EQ(jobs, 3u) << report;
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+} // namespace

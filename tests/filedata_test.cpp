@@ -1,0 +1,173 @@
+// File-data handlers called directly, without a device: the refusals that
+// must never reach one, the safe-save staging, read-through tracking and the
+// transfer records queued for the tray.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "tarnifs/filedata.h"
+#include "tarnifs/notify.h"
+#include "tests/support/catalogue_fixture.h"
+
+namespace {
+
+std::string readLocal(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Takes every queued transfer record off the queue.
+std::vector<_KTL_PIPE_DATA_BOX_FS_VALUE> takeQueued() {
+    std::vector<_KTL_PIPE_DATA_BOX_FS_VALUE> records;
+    std::lock_guard<std::mutex> guard(gQueueLock);
+    while (!gQueue.empty()) {
+        records.push_back(*gQueue.front());
+        free(gQueue.front());
+        gQueue.pop_front();
+    }
+    return records;
+}
+
+class FileDataUnitTest : public MountContextTest {
+protected:
+    void SetUp() override {
+        MountContextTest::SetUp();
+        drainQueue();
+        snprintf(context.work_dir, sizeof(context.work_dir), "%s/work", tempDir.c_str());
+        mkdir(context.work_dir, 0700);
+        context.device_info.free_capacity = 1000000;
+        for (const char *folder : {"/", "/Storage", "/Media", "/Media/Music"}) {
+            _KTL_OBJECT *record = GetObjectWithFileName(folder);
+            record->mode = KTL_MODE_FOLDER;
+            record->enumerated = 1;
+        }
+    }
+    void TearDown() override {
+        drainQueue();
+        MountContextTest::TearDown();
+    }
+    _KTL_OBJECT *file(const char *path, uint64_t size) {
+        _KTL_OBJECT *record = GetObjectWithFileName(path);
+        record->mode = KTL_MODE_FILE;
+        record->size = size;
+        return record;
+    }
+    std::string dialogText() { return context.dialog.dialog_message; }
+};
+
+TEST_F(FileDataUnitTest, AMediaItemIsNeverOpenedOrResizedForWriting) {
+    _KTL_OBJECT *song = file("/Media/Music/Artist - Title.mp3", 4000);
+    const char *devicePath = "/iTunes_Control/Music/F00/ABCD.mp3";
+    song->device_path = new char[strlen(devicePath) + 1];
+    strcpy(song->device_path, devicePath);
+
+    for (int flags : {O_WRONLY, O_RDWR, O_RDONLY | O_TRUNC}) {
+        struct fuse_file_info fi {};
+        fi.flags = flags;
+        memset(context.dialog.dialog_message, 0, sizeof(context.dialog.dialog_message));
+        EXPECT_EQ(tarnifs_open("/Media/Music/Artist - Title.mp3", &fi), -ECANCELED) << flags;
+        EXPECT_EQ(fi.fh, 0u);
+        EXPECT_EQ(dialogText(), "This folder is read only. You can not write or modify.\n/Media/Music");
+        EXPECT_STREQ(context.dialog.dialog_title, "Quorvel Notification");
+    }
+    EXPECT_EQ(song->open_count, 0u);
+    EXPECT_EQ(song->file_handle, 0u);
+
+    EXPECT_EQ(tarnifs_truncate("/Media/Music/Artist - Title.mp3", 0, nullptr), -ECANCELED);
+    EXPECT_EQ(song->size, 4000u);
+    EXPECT_EQ(context.device_info.free_capacity, 1000000u);
+}
+
+TEST_F(FileDataUnitTest, ASafeSaveOverAnExistingFileIsStagedAtItsOffsetsAndTheDeviceIsLeftAlone) {
+    file("/Storage/report.doc", 300);
+    _KTL_OBJECT *temporary = file("/Storage/report.doc.sb-1234-x1", 0);
+    temporary->file_handle = 77;  // created on the device, as create does
+    temporary->open_count = 1;
+    struct fuse_file_info fi {};
+    fi.fh = reinterpret_cast<uint64_t>(temporary);
+
+    EXPECT_EQ(tarnifs_write("/Storage/report.doc.sb-1234-x1", "hello", 5, 0, &fi), 5);
+    EXPECT_EQ(tarnifs_write("/Storage/report.doc.sb-1234-x1", "XY", 2, 1, &fi), 2);
+    EXPECT_EQ(tarnifs_write("/Storage/report.doc.sb-1234-x1", "!", 1, 5, &fi), 1);
+    std::string staged = std::string(context.work_dir) + "/report.doc.sb-1234-x1";
+    EXPECT_EQ(readLocal(staged), "hXYlo!");
+    struct stat st;
+    ASSERT_EQ(stat(staged.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "staged files are private";
+    EXPECT_EQ(temporary->type, static_cast<uint32_t>(KTL_TYPE_STAGED));
+    EXPECT_EQ(temporary->size, 6u);
+    EXPECT_EQ(temporary->writing, 1);
+    EXPECT_EQ(context.device_info.free_capacity, 1000000u - 6);
+
+    // A safe-save name whose original does not exist is an ordinary file:
+    // its writes go to the device (here: no device handle, so refused).
+    _KTL_OBJECT *loose = file("/Storage/nothing.sb-1", 0);
+    struct fuse_file_info looseFi {};
+    looseFi.fh = reinterpret_cast<uint64_t>(loose);
+    EXPECT_EQ(tarnifs_write("/Storage/nothing.sb-1", "x", 1, 0, &looseFi), -ECANCELED);
+    EXPECT_EQ(readLocal(std::string(context.work_dir) + "/nothing.sb-1"), "");
+}
+
+TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritten) {
+    // A staged file is read from the work folder under its volume path; the
+    // mount's connection is only looked at, never used, for it.
+    alignas(8) static char connectionStandIn[64];
+    context.afc_handle = reinterpret_cast<libiusb_afc *>(connectionStandIn);
+    _KTL_OBJECT *notes = file("/Storage/notes.abcdefghijkl", 10);
+    notes->type = KTL_TYPE_STAGED;
+    mkdir((std::string(context.work_dir) + "/Storage").c_str(), 0700);
+    std::ofstream(std::string(context.work_dir) + "/Storage/notes.abcdefghijkl") << "0123456789";
+    struct fuse_file_info fi {};
+    ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);
+    char buffer[16] = {0};
+    EXPECT_EQ(tarnifs_read("/Storage/notes.abcdefghijkl", buffer, 4, 0, &fi), 4);
+    EXPECT_EQ(notes->reading, 0);
+    EXPECT_EQ(tarnifs_read("/Storage/notes.abcdefghijkl", buffer, 3, 7, &fi), 3);  // a gap: not through yet
+    EXPECT_EQ(notes->reading, 0);
+    EXPECT_EQ(tarnifs_read("/Storage/notes.abcdefghijkl", buffer, 6, 4, &fi), 6);  // the run reaches the end
+    EXPECT_EQ(notes->reading, 1);
+    EXPECT_EQ(std::string(buffer, 6), "456789");
+    notes->writing = 1;
+    EXPECT_EQ(tarnifs_release("/Storage/notes.abcdefghijkl", &fi), 0);
+
+    std::vector<_KTL_PIPE_DATA_BOX_FS_VALUE> queued = takeQueued();
+    ASSERT_EQ(queued.size(), 1u) << "one record per release, reading first";
+    EXPECT_EQ(queued[0].kind, 1u);
+    EXPECT_EQ(queued[0].size, 10u);
+    EXPECT_STREQ(queued[0].extension, "abcdefghi");
+    EXPECT_EQ(notes->writing, 1) << "left for the next release";
+
+    ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);
+    EXPECT_EQ(tarnifs_release("/Storage/notes.abcdefghijkl", &fi), 0);
+    queued = takeQueued();
+    ASSERT_EQ(queued.size(), 1u);
+    EXPECT_EQ(queued[0].kind, 2u);
+    EXPECT_EQ(notes->open_count, 0u);
+
+    // Nothing read through, nothing written: nothing to report.
+    ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);
+    EXPECT_EQ(tarnifs_read("/Storage/notes.abcdefghijkl", buffer, 2, 0, &fi), 2);
+    EXPECT_EQ(tarnifs_release("/Storage/notes.abcdefghijkl", &fi), 0);
+    EXPECT_TRUE(takeQueued().empty());
+    context.afc_handle = nullptr;
+}
+
+TEST_F(FileDataUnitTest, CreatingOutsideStorageAndAppFoldersIsRefused) {
+    struct fuse_file_info fi {};
+    for (const auto &refused : {std::make_pair("/Apps/new.txt", "/Apps"), std::make_pair("/new.txt", "/"),
+                                std::make_pair("/Media/Music/new.mp3", "/Media/Music")}) {
+        EXPECT_EQ(tarnifs_create(refused.first, 0644, &fi), -ECANCELED) << refused.first;
+        EXPECT_EQ(dialogText(), std::string("This folder is read only. You can not write or modify.\n") + refused.second);
+        EXPECT_EQ(fi.fh, 0u);
+    }
+    // The file manager's index is accepted and never written.
+    EXPECT_EQ(tarnifs_create("/Storage/.Spotlight-V100", 0644, &fi), 0);
+    EXPECT_EQ(fi.fh, 0u);
+    EXPECT_EQ(FindObject("/Storage/.Spotlight-V100"), nullptr);
+}
+
+} // namespace
