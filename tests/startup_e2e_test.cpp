@@ -6,7 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sys/xattr.h>
+
 #include <chrono>
+#include <functional>
+#include <future>
+#include <vector>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -70,6 +75,62 @@ TEST_F(StartupTest, GivesUpAfterElevenAttemptsAndAnswersWithoutContext) {
     struct statvfs vfs;
     EXPECT_NE(statvfs(mount.mountPoint.c_str(), &vfs), 0);
     EXPECT_NE(access("/tmp/77", F_OK), 0) << "a failed start-up leaves no work folder";
+}
+
+TEST_F(StartupTest, AMountThatCouldNotReachItsDeviceAnswersEveryOperationAndStaysUp) {
+    ASSERT_TRUE(startDevice({phone("elsewhere", 4)}));
+    ASSERT_TRUE(mountDevice(78));
+    std::string root = mount.mountPoint;
+    std::string local = tempDir + "/local.txt";
+    std::ofstream(local) << "local";
+
+    // Every operation of the table, as programs issue them. Each must fail
+    // with the missing-context error and leave the file system running.
+    struct Step {
+        const char *what;
+        std::function<int()> run;
+    };
+    auto program = [](std::vector<std::string> argv) {
+        return [argv] {
+            int status = -1;
+            runProgram(argv, &status);
+            return status == 0 ? 0 : -1;
+        };
+    };
+    std::vector<Step> steps = {
+        {"chmod of the mount point", [&] { return chmod(root.c_str(), 0700); }},
+        {"setxattr on the mount point", [&] { return setxattr(root.c_str(), "user.a", "v", 1, 0); }},
+        {"getxattr on the mount point", [&] { char v[8]; return static_cast<int>(getxattr(root.c_str(), "user.a", v, 8)); }},
+        {"removexattr on the mount point", [&] { return removexattr(root.c_str(), "user.a"); }},
+        {"utimens of the mount point", [&] { return utimensat(AT_FDCWD, root.c_str(), nullptr, 0); }},
+        {"ls", program({"ls", root})},
+        {"ls Storage", program({"ls", root + "/Storage"})},
+        {"stat", [&] { struct stat st; return stat((root + "/Storage/a.txt").c_str(), &st); }},
+        {"cat", program({"cat", root + "/Storage/a.txt"})},
+        {"cp in", program({"cp", local, root + "/Storage/new.txt"})},
+        {"mkdir", [&] { return mkdir((root + "/Storage/folder").c_str(), 0755); }},
+        {"rm", [&] { return unlink((root + "/Storage/a.txt").c_str()); }},
+        {"mv", [&] { return rename((root + "/Storage/a.txt").c_str(), (root + "/Storage/b.txt").c_str()); }},
+        {"truncate", [&] { return truncate((root + "/Storage/a.txt").c_str(), 0); }},
+        {"df", [&] { struct statvfs vfs; return statvfs(root.c_str(), &vfs); }},
+        {"access", [&] { return access((root + "/Storage").c_str(), R_OK); }},
+    };
+    for (const Step &step : steps) {
+        errno = 0;
+        auto done = std::async(std::launch::async, step.run);
+        ASSERT_EQ(done.wait_for(std::chrono::seconds(60)), std::future_status::ready) << step.what << " hung";
+        EXPECT_NE(done.get(), 0) << step.what;
+        EXPECT_EQ(kill(mount.pid, 0), 0) << "quorvelfs ended after: " << step.what;
+        struct statvfs vfs;
+        errno = 0;
+        statvfs(root.c_str(), &vfs);
+        EXPECT_NE(errno, ENOTCONN) << "the mount died after: " << step.what;
+    }
+    errno = 0;
+    EXPECT_NE(chmod(root.c_str(), 0700), 0);
+    EXPECT_EQ(errno, ENOSYS);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_FALSE(isFuseMountPoint(root));
 }
 
 TEST_F(StartupTest, WaitsOutAFiveSecondTrustPrompt) {
