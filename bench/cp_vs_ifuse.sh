@@ -124,7 +124,8 @@ copy_through_mount() {
   timeout -k 5 "$limit" cp "$source" "$dest" 2> "$work/cp.err"
   status=$?
   if [ "$status" -eq 0 ] && [ "$direction" = in ]; then
-    wait_for_size "$reference" "$bytes" || { why="the device's copy never reached $bytes bytes"; return; }
+    wait_for_size "$reference" "$bytes" ||
+      { why="broken copy: the device's file has $(stat -c %s "$reference" 2>/dev/null || echo no) bytes, not $bytes"; return; }
   fi
   end=$(now)
   if [ "$status" -eq 124 ] || [ "$status" -eq 137 ]; then why="timed out after $limit s"; return; fi
