@@ -22,6 +22,8 @@ if [ -e /dev/fuse ] && command -v ifuse >/dev/null; then
   bash "$here/devsim_cp.sh" "$build" < /dev/null || failed=1
   echo "== ls -l of a 30,000-entry folder: Quorvel and ifuse =="
   bash "$here/listing_vs_ifuse.sh" "$build" < /dev/null || failed=1
+  echo "== cp of 256 MiB out of and into the device: Quorvel, ifuse and raw AFC =="
+  bash "$here/cp_vs_ifuse.sh" "$build" < /dev/null || failed=1
 else
   echo "left out: the mount benchmarks need /dev/fuse and ifuse"
 fi
