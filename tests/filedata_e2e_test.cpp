@@ -228,6 +228,17 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     size_t seen = 0;
     expectNewDialogsSay(&seen, "Could not open a file(gone.txt).\nError Code : -70");
 
+    // A device file shorter than the mount last saw it (changed behind its
+    // back): the read brings what the device has, and nothing breaks.
+    std::string longBytes = readLocal(storageImage() + "/long.txt");
+    ASSERT_EQ(truncate((storageImage() + "/long.txt").c_str(), 100), 0);
+    std::string shortened;
+    EXPECT_TRUE(answers([&] {
+        shortened = readLocal(inMount("/Storage/long.txt"));
+        return 0;
+    }));
+    EXPECT_EQ(shortened, longBytes.substr(0, 100));
+
     // The connection drops while a file is being read. The kernel may have
     // several reads in flight: each one fails the same way.
     ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
