@@ -428,9 +428,13 @@ void printThingsToTry(const Demo &demo) {
     printf("  ls -la %s\n", shellWord(demo.mountPoint + "/Apps").c_str());
     printf("  find %s | head -20\n", shellWord(demo.mountPoint).c_str());
     std::string sample = fileToShow(storage);
-    if (!sample.empty()) printf("  stat %s\n", shellWord(sample).c_str());
+    if (!sample.empty()) {
+        printf("  stat %s\n", shellWord(sample).c_str());
+        printf("  cat %s\n", shellWord(sample).c_str());
+    }
+    printf("  cp /etc/hostname %s\n", shellWord(storage + "/hello.txt").c_str());
     printf("  df -h %s\n", shellWord(demo.mountPoint).c_str());
-    printf("Reading and copying file contents is not built yet: cat and cp answer \"Function not implemented\".\n");
+    printf("Folders cannot be made, removed or renamed yet (mkdir, rm and mv answer \"Function not implemented\").\n");
     printf("\nThe file system's log is in %s/log (removed when the demo stops).\n", demo.workDir.c_str());
     printf("The demo is browsable. Press Ctrl-C to stop it: it unmounts %s, stops the simulated device\n"
            "and removes %s.\n",
