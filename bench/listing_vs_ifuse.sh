@@ -41,11 +41,13 @@ JSON
 (cd "$work/image/media/general_storage/small" && seq -f 'entry%04g.txt' 1 1000 | xargs touch)
 
 seconds() {  # runs "$@" and prints the wall time in seconds
+  # bash's own clock: starting `date` twice would add milliseconds to
+  # listings that take only a few.
   local start end
-  start=$(date +%s.%N)
+  start=$EPOCHREALTIME
   "$@" > /dev/null
-  end=$(date +%s.%N)
-  awk -v s="$start" -v e="$end" 'BEGIN { printf "%.3f", e - s }'
+  end=$EPOCHREALTIME
+  awk -v s="$start" -v e="$end" 'BEGIN { printf "%.4f", e - s }'
 }
 
 wait_for_mount() {
@@ -77,8 +79,8 @@ run() {
     count=$(ls "$work/quorvel/Storage/$folder" | wc -l)
     [ "$count" -eq "$expected" ] || { echo "Quorvel listed $count entries, not $expected" >&2; exit 1; }
     awk -v l="$label, $expected entries" -v q1="$q1" -v q2="$q2" -v i1="$i1" -v i2="$i2" 'BEGIN {
-      printf "%-34s first:  Quorvel %7.3f s  ifuse %7.3f s  (ifuse/Quorvel %6.2f)\n", l, q1, i1, i1 / q1
-      printf "%-34s second: Quorvel %7.3f s  ifuse %7.3f s  (ifuse/Quorvel %6.2f)\n", "", q2, i2, i2 / q2
+      printf "%-34s first:  Quorvel %8.4f s  ifuse %8.4f s  (ifuse/Quorvel %6.2f)\n", l, q1, i1, i1 / q1
+      printf "%-34s second: Quorvel %8.4f s  ifuse %8.4f s  (ifuse/Quorvel %6.2f)\n", "", q2, i2, i2 / q2
     }'
   done
 
