@@ -143,9 +143,11 @@ void forgetRemovedFile(_CONTEXT *ctx, _KTL_OBJECT *object, const char *path) {
 }
 
 // What is in a folder nothing listed yet is not in the catalogue: list it, so
-// that a folder with contents answers "not empty" as the host expects.
-void listIfNeverListed(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
-    if (folder->enumerated == 0 && folder->mode == KTL_MODE_FOLDER) listFolder(ctx, path, nullptr, nullptr, 0);
+// that a folder with contents answers "not empty" as the host expects. 0, or
+// -ECANCELED when the listing failed (its dialog shown).
+int listIfNeverListed(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
+    if (folder->enumerated != 0 || folder->mode != KTL_MODE_FOLDER) return 0;
+    return listFolder(ctx, path, nullptr, nullptr, 0);
 }
 
 bool hasChildren(const _KTL_OBJECT *folder) { return folder->child_list.next != &folder->child_list; }
@@ -153,7 +155,8 @@ bool hasChildren(const _KTL_OBJECT *folder) { return folder->child_list.next != 
 int rmdirInStorage(_CONTEXT *ctx, const char *path) {
     _KTL_OBJECT *record = FindObject(path);
     if (record == nullptr) return 0;
-    listIfNeverListed(ctx, path, record);
+    int listed = listIfNeverListed(ctx, path, record);
+    if (listed != 0) return listed;
     if (hasChildren(record)) return -ENOTEMPTY;
     std::string devicePath = StorageDevicePath(path);
     int result = libiusb_afc_file_remove(ctx->afc_handle, devicePath.c_str());
@@ -170,7 +173,8 @@ int rmdirInStorage(_CONTEXT *ctx, const char *path) {
 int rmdirInApp(_CONTEXT *ctx, const char *path) {
     _KTL_OBJECT *record = FindObject(path);
     if (record == nullptr) return 0;
-    listIfNeverListed(ctx, path, record);
+    int listed = listIfNeverListed(ctx, path, record);
+    if (listed != 0) return listed;
     if (hasChildren(record)) return -ENOTEMPTY;
     _KTL_OBJECT *parent = GetParentObject(path);
     if (parent == nullptr) {
