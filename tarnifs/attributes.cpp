@@ -23,6 +23,11 @@ void fillTimes(struct stat *st, time_t birth, time_t modify, time_t access) {
 
 } // namespace
 
+namespace {
+int applyAttributeChange(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, struct setattr_x *attr,
+                         struct fuse_file_info *fi);
+} // namespace
+
 int tarnifs_getattr(const char *path, struct stat *st) {
     TarniLock lock;
     _CONTEXT *ctx = nullptr;
@@ -60,7 +65,24 @@ void StatFromObject(const _KTL_OBJECT *object, struct stat *st) {
     fillTimes(st, object->birth_time, object->modify_time, object->access_time);
 }
 
-int tarnifs_fgetattr(const char *path, struct stat *st, struct fuse_file_info *) { return tarnifs_getattr(path, st); }
+int tarnifs_fgetattr(const char *path, struct stat *st, struct fuse_file_info *fi) {
+    {
+        TarniLock lock;
+        _CONTEXT *ctx = nullptr;
+        int result = getContext(&ctx);
+        if (result != 0) return result;
+        std::string removedPath;
+        _KTL_OBJECT *removed = objectOfHandle(nullptr, fi, &removedPath);
+        if (removed != nullptr) {
+            // fstat of a file removed while open: its last attributes, no links.
+            StatFromObject(removed, st);
+            st->st_nlink = 0;
+            return 0;
+        }
+        if (path == nullptr) return -ENOENT;
+    }
+    return tarnifs_getattr(path, st);
+}
 
 int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
     TarniLock lock;
@@ -76,11 +98,18 @@ int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
     // the lock like every other catalogue change: two attribute changes
     // arriving at once must not race on the map.
     _KTL_OBJECT *object = GetObject(path);
+    return applyAttributeChange(ctx, path, object, attr, nullptr);
+}
+
+namespace {
+int applyAttributeChange(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, struct setattr_x *attr,
+                         struct fuse_file_info *fi) {
+    int result = 0;
     if (SETATTR_WANTS_SIZE(attr)) {
         // The device file changes size too: a copy over a longer file must
         // not leave the old tail behind on the device.
         uint64_t size = attr->size < 0 ? 0 : static_cast<uint64_t>(attr->size);
-        result = ChangeFileSizeOnDevice(ctx, path, object, size, nullptr);
+        result = ChangeFileSizeOnDevice(ctx, path, object, size, fi);
         if (result != 0) return result;
         object->size = size;
     }
@@ -89,8 +118,24 @@ int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
     if (SETATTR_WANTS_MODTIME(attr)) object->modify_time = time(nullptr);
     return 0;
 }
+} // namespace
 
-int tarnifs_fsetattr_x(const char *path, struct setattr_x *attr, struct fuse_file_info *) {
+int tarnifs_fsetattr_x(const char *path, struct setattr_x *attr, struct fuse_file_info *fi) {
+    {
+        TarniLock lock;
+        _CONTEXT *ctx = nullptr;
+        int result = getContext(&ctx);
+        if (result != 0) {
+            QNLog(3, "%s getContext failed. ret : %d", "tarnifs_setattr_x", result);
+            return result;
+        }
+        std::string removedPath;
+        _KTL_OBJECT *removed = objectOfHandle(nullptr, fi, &removedPath);
+        // A file removed while open changes through its handle only; it is
+        // never made again under its old path.
+        if (removed != nullptr) return applyAttributeChange(ctx, removedPath.c_str(), removed, attr, fi);
+        if (path == nullptr) return -ENOENT;
+    }
     return tarnifs_setattr_x(path, attr);
 }
 

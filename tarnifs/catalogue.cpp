@@ -14,6 +14,9 @@ std::unordered_map<std::string, uint64_t> Object_list(11);
 
 namespace {
 
+// Records of files removed while open, with the volume path each had.
+std::unordered_map<_KTL_OBJECT *, std::string> removedOpenObjects;
+
 void selfLink(_KTL_LIST_ENTRY *entry) {
     entry->next = entry;
     entry->previous = entry;
@@ -204,7 +207,35 @@ void FreeAllObjects(libiusb_afc *afc_handle) {
         if (entry.second != 0) records.insert(recordAt(entry.second));
     }
     // Unlinking touches neighbours, so every record is released before any is freed.
+    for (auto &removed : removedOpenObjects) records.insert(removed.first);
+    removedOpenObjects.clear();
     for (_KTL_OBJECT *object : records) releaseRecord(object, afc_handle);
     for (_KTL_OBJECT *object : records) delete object;
     Object_list.clear();
+}
+
+void KeepUntilLastRelease(_KTL_OBJECT *object, const char *path) {
+    UnlinkObject(object);
+    // The map forgets the record under both forms of its path, as DeleteObject does.
+    Object_list.erase(path);
+    std::string key;
+    buildKey(path, &key);
+    auto stale = Object_list.find(key);
+    if (stale != Object_list.end() && (stale->second == 0 || stale->second == addressOf(object)))
+        Object_list.erase(stale);
+    removedOpenObjects[object] = path;
+}
+
+_KTL_OBJECT *RemovedOpenObject(uint64_t fh, std::string *path) {
+    // Only an address this catalogue kept is ever followed.
+    auto found = removedOpenObjects.find(recordAt(fh));
+    if (found == removedOpenObjects.end()) return nullptr;
+    if (path != nullptr) *path = found->second;
+    return found->first;
+}
+
+void FreeRemovedObject(_KTL_OBJECT *object) {
+    if (removedOpenObjects.erase(object) == 0) return;
+    releaseRecord(object, nullptr);
+    delete object;
 }

@@ -83,8 +83,22 @@ _KTL_OBJECT *ObjectFromSibling(_KTL_LIST_ENTRY *link);
 std::string ChildPath(const std::string &folder, const char *name);
 
 // Releases every record's device handles, strings and attributes and empties
-// the map; unmount calls it.
+// the map; unmount calls it. Records kept for open handles are freed too.
 void FreeAllObjects(libiusb_afc *afc_handle);
+
+// A file removed while FUSE handles are still open on it. Its record leaves
+// the map and its folder's list at once (the name is free for a new file),
+// but stays allocated, device handle open, until the last release: every
+// open handle's fh points at it. libfuse hands such handles a null path; the
+// handlers find the record again through the handle.
+void KeepUntilLastRelease(_KTL_OBJECT *object, const char *path);
+// The record of a removed file that `fh` (a FUSE handle's fh) points at, or
+// null when fh is not one. *path gets the volume path it had, so that its
+// folder (and that folder's connection) can still be found.
+_KTL_OBJECT *RemovedOpenObject(uint64_t fh, std::string *path);
+// Frees a removed file's record once its last handle is released; its device
+// handle must already be closed.
+void FreeRemovedObject(_KTL_OBJECT *object);
 
 // Attributes and extended attributes, answered from the catalogue alone.
 #ifndef __APPLE__

@@ -230,8 +230,10 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
         QNLog(3, "%s fh is NULL", "tarnifs_read");
         return -ECANCELED;
     }
-    _KTL_OBJECT *object = FindObject(path);
+    std::string removedPath;
+    _KTL_OBJECT *object = objectOfHandle(path, fi, &removedPath);
     if (object == nullptr) return -ECANCELED;
+    if (!removedPath.empty()) path = removedPath.c_str();
     libiusb_afc *connection = connectionFor(ctx, path, object);
     if (connection == nullptr) {
         QNLog(3, "%s afc_handle is NULL!", "tarnifs_read");
@@ -293,8 +295,10 @@ int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, 
         return result;
     }
     if (fi == nullptr || fi->fh == 0) return 0;
-    _KTL_OBJECT *object = FindObject(path);
+    std::string removedPath;
+    _KTL_OBJECT *object = objectOfHandle(path, fi, &removedPath);
     if (object == nullptr) return -ECANCELED;
+    if (!removedPath.empty()) path = removedPath.c_str();
     libiusb_afc *connection = connectionFor(ctx, path, object);
     if (object->file_handle == 0 && object->type != KTL_TYPE_STAGED) return -ECANCELED;
     // O_APPEND puts every write at the end of the file, as POSIX says.
@@ -347,8 +351,11 @@ int tarnifs_release(const char *path, struct fuse_file_info *fi) {
     int result = getContext(&ctx);
     if (result != 0) return result;
     if (fi == nullptr || fi->fh == 0) return result;
-    _KTL_OBJECT *object = FindObject(path);
+    std::string removedPath;
+    _KTL_OBJECT *object = objectOfHandle(path, fi, &removedPath);
     if (object == nullptr) return result;
+    bool removed = !removedPath.empty();
+    if (removed) path = removedPath.c_str();
 
     if (object->open_count > 0) object->open_count--;
     if (object->reading != 0 || object->writing != 0) {
@@ -391,7 +398,19 @@ int tarnifs_release(const char *path, struct fuse_file_info *fi) {
         object->file_handle = 0;
         object->device_writable = 0;
     }
+    // A file removed while open lives until its last handle is gone.
+    if (removed && object->open_count == 0) FreeRemovedObject(object);
     return result;
+}
+
+_KTL_OBJECT *objectOfHandle(const char *path, const struct fuse_file_info *fi, std::string *removedPath) {
+    removedPath->clear();
+    if (fi != nullptr && fi->fh != 0) {
+        _KTL_OBJECT *removed = RemovedOpenObject(fi->fh, removedPath);
+        if (removed != nullptr) return removed;
+    }
+    // libfuse names no path for a handle whose file was removed.
+    return path != nullptr ? FindObject(path) : nullptr;
 }
 
 int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, uint64_t size,

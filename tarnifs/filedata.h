@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <string>
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/mount.h"
@@ -16,6 +17,11 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
 int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, struct fuse_file_info *fi);
 int tarnifs_release(const char *path, struct fuse_file_info *fi);
 int tarnifs_create(const char *path, mode_t mode, struct fuse_file_info *fi);
+
+// The record an open handle stands for: the record of a file removed while
+// open (then *removedPath is the volume path it had), else the path's record.
+// The handle's path is null once its file was removed. Lock held.
+_KTL_OBJECT *objectOfHandle(const char *path, const struct fuse_file_info *fi, std::string *removedPath);
 
 // Opens the device file of a new object (created empty); the lock is held.
 // 0, a device error code, or -ECANCELED.

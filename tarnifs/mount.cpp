@@ -9,6 +9,7 @@
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
+#include "tarnifs/namespace.h"
 #include "util/log.h"
 
 pthread_mutex_t tarni_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -90,6 +91,9 @@ struct fuse_operations makeOperationTable() {
     ops.write = tarnifs_write;
     ops.release = tarnifs_release;
     ops.create = tarnifs_create;
+    ops.mkdir = tarnifs_mkdir;
+    ops.rmdir = tarnifs_rmdir;
+    ops.unlink = tarnifs_unlink;
 #ifdef __APPLE__
     ops.setattr_x = tarnifs_setattr_x;
     ops.fsetattr_x = tarnifs_fsetattr_x;

@@ -56,6 +56,12 @@ TEST_F(MissingContextTest, EveryOperationAnswersTheMissingContextErrorAndTouches
     EXPECT_EQ(tarni_opers.setxattr(path, "user.a", "v", 1, 0), missing);
     EXPECT_EQ(tarni_opers.removexattr(path, "user.a"), missing);
     EXPECT_EQ(tarni_opers.access(path, R_OK), missing);
+    EXPECT_EQ(tarni_opers.mkdir("/Storage/new", 0755), missing);
+    EXPECT_EQ(tarni_opers.mkdir("/Apps/Notes/new", 0755), missing);
+    EXPECT_EQ(tarni_opers.rmdir("/Storage/kept.txt"), missing);
+    EXPECT_EQ(tarni_opers.rmdir("/Apps/Notes/in"), missing);
+    EXPECT_EQ(tarni_opers.unlink(path), missing);
+    EXPECT_EQ(tarni_opers.unlink("/Media/Music/x.mp3"), missing);
     struct statvfs volume;
     EXPECT_EQ(tarni_opers.statfs("/", &volume), missing);
     int entries = 0;

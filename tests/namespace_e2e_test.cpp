@@ -1,0 +1,294 @@
+// mkdir, rmdir and rm through a real mount, each step compared with the
+// device image folder and with what stat answers right after it; the
+// refusals with their notices; device failures that change nothing; and a
+// file removed while a program still has it open.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+bool exists(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+bool isFolder(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// stat through the mount: 0, or the errno it failed with.
+int statError(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? 0 : errno;
+}
+
+std::vector<std::string> namesIn(const std::string &path) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(path.c_str());
+    if (dir == nullptr) return names;
+    while (struct dirent *entry = readdir(dir))
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+    closedir(dir);
+    return names;
+}
+
+bool listed(const std::string &folder, const std::string &name) {
+    std::vector<std::string> names = namesIn(folder);
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+int run(const std::vector<std::string> &argv) {
+    int status = -1;
+    runProgram(argv, &status);
+    return status;
+}
+
+class NamespaceTest : public MountedDeviceTest {
+protected:
+    DevsimImage image() {
+        DevsimImage phone;
+        phone.name = "Remover";
+        phone.location_id = 61;
+        phone.apps = {{"com.example.notes", "Notes", true}};
+        phone.folders = {"media/general_storage/empty", "media/general_storage/tree/a/b",
+                         "apps/com.example.notes/Documents/in"};
+        phone.files = {{"media/general_storage/keep.txt", "keep me"},
+                       {"media/general_storage/full/x.txt", "x"},
+                       {"media/general_storage/tree/top.txt", "top"},
+                       {"media/general_storage/tree/a/mid.txt", "mid"},
+                       {"media/general_storage/tree/a/b/deep.txt", "deep"},
+                       {"apps/com.example.notes/Documents/in/n.txt", "note"},
+                       {"apps/com.example.notes/Documents/gone.txt", "gone"}};
+        return phone;
+    }
+    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
+    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
+    void mountFresh() {
+        ASSERT_TRUE(mountDevice(61));
+        runProgram({"ls", inMount("/Storage"), inMount("/Apps/Notes")});
+    }
+    // A dialog shown while another waits replaces it, so each refusal or
+    // failure is checked before the next is provoked: the one new dialog
+    // since *seen says `text` and is of `kind`.
+    void expectDialog(size_t *seen, const std::string &text, const std::string &kind) {
+        std::vector<RecordedDialog> shown = dialogs.waitForDialogs(*seen + 1);
+        ASSERT_GT(shown.size(), *seen) << "no dialog for: " << text;
+        std::string all;
+        for (const RecordedDialog &dialog : shown) all += "[" + dialog.kind + "] " + dialog.message + "\n";
+        ASSERT_EQ(shown.size(), *seen + 1) << all;
+        EXPECT_EQ(shown.back().message, text);
+        EXPECT_EQ(shown.back().kind, kind) << text;
+        *seen = shown.size();
+    }
+};
+
+TEST_F(NamespaceTest, FoldersAndFilesAreMadeAndRemovedOnTheDeviceAndStatAgreesAtOnce) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+
+    // mkdir -p in Storage and inside an app.
+    ASSERT_EQ(run({"mkdir", "-p", inMount("/Storage/new/deeper/deepest")}), 0);
+    EXPECT_TRUE(isFolder(storageImage() + "/new/deeper/deepest"));
+    EXPECT_TRUE(isFolder(inMount("/Storage/new/deeper/deepest")));
+    EXPECT_EQ(namesIn(inMount("/Storage")).back(), "new") << "a new folder is listed last";
+    ASSERT_EQ(run({"mkdir", "-p", inMount("/Apps/Notes/made/inner")}), 0);
+    EXPECT_TRUE(isFolder(appImage() + "/made/inner"));
+    EXPECT_TRUE(isFolder(inMount("/Apps/Notes/made/inner")));
+    EXPECT_TRUE(namesIn(inMount("/Apps/Notes/made/inner")).empty());
+    // A file can go into a folder made through the mount.
+    std::ofstream(inMount("/Apps/Notes/made/inner/hello.txt")) << "hello";
+    EXPECT_TRUE(exists(appImage() + "/made/inner/hello.txt"));
+
+    // rmdir of an empty folder.
+    ASSERT_EQ(rmdir(inMount("/Storage/new/deeper/deepest").c_str()), 0) << strerror(errno);
+    EXPECT_FALSE(exists(storageImage() + "/new/deeper/deepest"));
+    EXPECT_TRUE(exists(storageImage() + "/new/deeper"));
+    EXPECT_EQ(statError(inMount("/Storage/new/deeper/deepest")), ENOENT);
+    ASSERT_EQ(rmdir(inMount("/Storage/empty").c_str()), 0) << strerror(errno);
+    EXPECT_FALSE(exists(storageImage() + "/empty"));
+    EXPECT_FALSE(listed(inMount("/Storage"), "empty"));
+
+    // rm of single files, in Storage and in an app.
+    ASSERT_EQ(unlink(inMount("/Storage/keep.txt").c_str()), 0) << strerror(errno);
+    EXPECT_FALSE(exists(storageImage() + "/keep.txt"));
+    EXPECT_EQ(statError(inMount("/Storage/keep.txt")), ENOENT);
+    EXPECT_FALSE(listed(inMount("/Storage"), "keep.txt"));
+    ASSERT_EQ(unlink(inMount("/Apps/Notes/in/n.txt").c_str()), 0) << strerror(errno);
+    EXPECT_FALSE(exists(appImage() + "/in/n.txt"));
+    EXPECT_EQ(statError(inMount("/Apps/Notes/in/n.txt")), ENOENT);
+    EXPECT_TRUE(exists(appImage() + "/in"));
+
+    // rm -r of whole trees, nothing beside them touched.
+    ASSERT_EQ(run({"rm", "-r", inMount("/Storage/tree")}), 0);
+    EXPECT_FALSE(exists(storageImage() + "/tree"));
+    EXPECT_EQ(statError(inMount("/Storage/tree")), ENOENT);
+    EXPECT_EQ(statError(inMount("/Storage/tree/a/b/deep.txt")), ENOENT);
+    ASSERT_EQ(run({"rm", "-r", inMount("/Apps/Notes/made")}), 0);
+    EXPECT_FALSE(exists(appImage() + "/made"));
+    EXPECT_EQ(statError(inMount("/Apps/Notes/made/inner")), ENOENT);
+    EXPECT_TRUE(exists(storageImage() + "/full/x.txt"));
+    EXPECT_TRUE(exists(storageImage() + "/new/deeper"));
+    EXPECT_TRUE(exists(appImage() + "/gone.txt"));
+
+    // A name removed can be made again at once.
+    ASSERT_EQ(mkdir(inMount("/Storage/tree").c_str(), 0755), 0) << strerror(errno);
+    EXPECT_TRUE(isFolder(storageImage() + "/tree"));
+    EXPECT_TRUE(isFolder(inMount("/Storage/tree")));
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(NamespaceTest, ReadOnlyPlacesAreRefusedWithTheirNoticesAndNothingChanges) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    size_t seen = 0;
+
+    for (const auto &refused : {std::make_pair("/Media/Music/x", "/Media/Music"), std::make_pair("/Apps/NewApp", "/Apps"),
+                                std::make_pair("/newtop", "/")}) {
+        errno = 0;
+        EXPECT_NE(mkdir(inMount(refused.first).c_str(), 0755), 0) << refused.first;
+        EXPECT_EQ(errno, ECANCELED) << refused.first;
+        expectDialog(&seen, std::string("This folder is read only. You can not write or modify.\n") + refused.second,
+                     "notification");
+    }
+    EXPECT_EQ(mount.countLog("tarnifs_mkdir make directory not supported. path : /Apps/NewApp"), 1);
+
+    for (const char *path : {"/Storage", "/Apps/Notes", "/Apps", "/Media/Music"}) {
+        errno = 0;
+        EXPECT_NE(rmdir(inMount(path).c_str()), 0) << path;
+        EXPECT_EQ(errno, ECANCELED) << path;
+        expectDialog(&seen, std::string("You can not remove this folder.\n") + path, "notification");
+    }
+    EXPECT_EQ(mount.countLog("tarnifs_rmdir rmdir not supported. path : /Apps/Notes "), 1);
+    EXPECT_TRUE(isFolder(inMount("/Apps/Notes")));
+    EXPECT_TRUE(isFolder(appImage()));
+
+    // A folder whose contents are catalogued is not empty: no dialog, and
+    // once the contents are gone it goes too.
+    EXPECT_TRUE(listed(inMount("/Storage/full"), "x.txt"));
+    errno = 0;
+    EXPECT_NE(rmdir(inMount("/Storage/full").c_str()), 0);
+    EXPECT_EQ(errno, ENOTEMPTY);
+    EXPECT_TRUE(exists(storageImage() + "/full/x.txt"));
+    // Never listed before: it is listed first, and answers the same.
+    errno = 0;
+    EXPECT_NE(rmdir(inMount("/Apps/Notes/in").c_str()), 0);
+    EXPECT_EQ(errno, ENOTEMPTY);
+    ASSERT_EQ(unlink(inMount("/Storage/full/x.txt").c_str()), 0);
+    ASSERT_EQ(rmdir(inMount("/Storage/full").c_str()), 0);
+    EXPECT_FALSE(exists(storageImage() + "/full"));
+
+    // Names that are not there.
+    errno = 0;
+    EXPECT_NE(rmdir(inMount("/Storage/nothing").c_str()), 0);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_NE(unlink(inMount("/Storage/nothing.txt").c_str()), 0);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(dialogs.dialogs().size(), seen);
+}
+
+TEST_F(NamespaceTest, ADeviceFailureIsShownAndLeavesTheCatalogueAsItWas) {
+    ASSERT_TRUE(startDevice({image()}));
+    std::string udid = sim.udid(0);
+    mountFresh();
+    size_t seen = 0;
+
+    ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/keep.txt permission-denied"), "ok");
+    errno = 0;
+    EXPECT_NE(unlink(inMount("/Storage/keep.txt").c_str()), 0);
+    EXPECT_EQ(errno, ECANCELED);
+    expectDialog(&seen, "Could not remove a file.\nError Code : -3", "error");
+    EXPECT_EQ(mount.countLog(
+                  "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/keep.txt). ret : -3"),
+              1);
+    EXPECT_TRUE(exists(storageImage() + "/keep.txt"));
+    EXPECT_TRUE(listed(inMount("/Storage"), "keep.txt"));
+    EXPECT_EQ(statError(inMount("/Storage/keep.txt")), 0);
+
+    ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/blocked permission-denied"), "ok");
+    EXPECT_NE(mkdir(inMount("/Storage/blocked").c_str(), 0755), 0);
+    EXPECT_EQ(errno, ECANCELED);
+    expectDialog(&seen, "Could not make a directory.\nError Code : -3", "error");
+    EXPECT_EQ(mount.countLog("tarnifs_mkdir libiusb_afc_make_directory failed. path(/general_storage/blocked), error : -3"),
+              1);
+    EXPECT_EQ(statError(inMount("/Storage/blocked")), ENOENT);
+    EXPECT_FALSE(listed(inMount("/Storage"), "blocked"));
+
+    EXPECT_TRUE(namesIn(inMount("/Storage/empty")).empty());  // listed before the fault
+    ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/empty permission-denied"), "ok");
+    EXPECT_NE(rmdir(inMount("/Storage/empty").c_str()), 0);
+    EXPECT_EQ(errno, ECANCELED);
+    expectDialog(&seen, "Could not remove a Directory.\nError Code : -3", "error");
+    EXPECT_EQ(mount.countLog("tarnifs_rmdir libiusb_afc_file_remove failed. path(/general_storage/empty). error : -3"), 1);
+    EXPECT_TRUE(listed(inMount("/Storage"), "empty"));
+    EXPECT_TRUE(isFolder(inMount("/Storage/empty")));
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+    // The connection is gone: the lost-connection text, nothing forgotten.
+    ASSERT_EQ(sim.control("drop-now " + udid), "ok");
+    EXPECT_NE(unlink(inMount("/Storage/keep.txt").c_str()), 0);
+    EXPECT_EQ(errno, ECANCELED);
+    expectDialog(&seen, "Lost USB connection.\nFile remove aborted.", "error");
+    EXPECT_EQ(mount.countLog(
+                  "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/keep.txt). ret : -32"),
+              1);
+    EXPECT_TRUE(listed(inMount("/Storage"), "keep.txt"));
+    EXPECT_EQ(statError(inMount("/Storage/keep.txt")), 0);
+    EXPECT_NE(mkdir(inMount("/Storage/later").c_str(), 0755), 0);
+    expectDialog(&seen, "Lost USB connection.\nDirectory making aborted.", "error");
+    EXPECT_TRUE(exists(storageImage() + "/keep.txt"));
+}
+
+TEST_F(NamespaceTest, AFileAlreadyGoneOnTheDeviceIsRemovedWithoutADialog) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    ASSERT_EQ(unlink((storageImage() + "/keep.txt").c_str()), 0);
+    ASSERT_EQ(unlink((appImage() + "/gone.txt").c_str()), 0);
+    EXPECT_EQ(unlink(inMount("/Storage/keep.txt").c_str()), 0) << strerror(errno);
+    EXPECT_EQ(unlink(inMount("/Apps/Notes/gone.txt").c_str()), 0) << strerror(errno);
+    EXPECT_EQ(mount.countLog("UnlinkStorageContents libiusb_afc_file_remove return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND"),
+              1);
+    EXPECT_EQ(statError(inMount("/Storage/keep.txt")), ENOENT);
+    EXPECT_FALSE(listed(inMount("/Apps/Notes"), "gone.txt"));
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(NamespaceTest, AFileRemovedWhileOpenStaysReadableThroughItsHandleUntilClosed) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    for (const auto &file : {std::make_pair(std::string("/Storage/keep.txt"), storageImage() + "/keep.txt"),
+                             std::make_pair(std::string("/Apps/Notes/in/n.txt"), appImage() + "/in/n.txt")}) {
+        int fd = open(inMount(file.first).c_str(), O_RDONLY);
+        ASSERT_GE(fd, 0) << file.first;
+        ASSERT_EQ(unlink(inMount(file.first).c_str()), 0) << strerror(errno);
+        EXPECT_FALSE(exists(file.second)) << "removed on the device at once";
+        EXPECT_EQ(statError(inMount(file.first)), ENOENT);
+        // The open handle still reads what the file held. (fstat is asked
+        // by path, which libfuse no longer has: it answers ESTALE.)
+        char buffer[16] = {0};
+        ssize_t got = pread(fd, buffer, sizeof(buffer), 0);
+        EXPECT_GT(got, 0) << file.first;
+        // A new file may take the name while the old one is still open.
+        std::ofstream(inMount(file.first)) << "new";
+        EXPECT_TRUE(exists(file.second));
+        EXPECT_EQ(close(fd), 0);
+        struct stat fresh;
+        ASSERT_EQ(stat(inMount(file.first).c_str(), &fresh), 0) << "closing the old handle leaves the new file alone";
+        EXPECT_EQ(fresh.st_size, 3);
+    }
+    EXPECT_TRUE(dialogs.dialogs().empty());
+    EXPECT_EQ(unmountDevice(), 0);
+}
+
+} // namespace

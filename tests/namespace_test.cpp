@@ -1,0 +1,191 @@
+// mkdir, rmdir and unlink called directly, without a device: the refusals
+// and answers that never reach one, and the record of a file removed while
+// open, which must outlive every handle that points at it.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+
+#include "tarnifs/filedata.h"
+#include "tarnifs/namespace.h"
+#include "tarnifs/notify.h"
+#include "tests/support/catalogue_fixture.h"
+
+namespace {
+
+class NamespaceUnitTest : public MountContextTest {
+protected:
+    void SetUp() override {
+        MountContextTest::SetUp();
+        drainQueue();
+        context.device_info.free_capacity = 1000;
+        for (const char *path : {"/", "/Storage", "/Apps", "/Media", "/Media/Music", "/Apps/Notes", "/Storage/full"})
+            folder(path);
+        FindObject("/Apps/Notes")->app_id = copy("com.example.notes");
+        file("/Storage/full/x.txt", 10);
+        noDialog();
+    }
+    void TearDown() override {
+        drainQueue();
+        MountContextTest::TearDown();
+    }
+    static char *copy(const char *text) {
+        char *result = new char[strlen(text) + 1];
+        strcpy(result, text);
+        return result;
+    }
+    _KTL_OBJECT *folder(const char *path) {
+        _KTL_OBJECT *record = GetObjectWithFileName(path);
+        record->mode = KTL_MODE_FOLDER;
+        record->enumerated = 1;
+        if (strcmp(path, "/") != 0) LinkChildObject(GetParentObject(path), record);
+        return record;
+    }
+    _KTL_OBJECT *file(const char *path, uint64_t size) {
+        _KTL_OBJECT *record = GetObjectWithFileName(path);
+        record->mode = KTL_MODE_FILE;
+        record->size = size;
+        LinkChildObject(GetParentObject(path), record);
+        return record;
+    }
+    void noDialog() {
+        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+        memset(context.dialog.dialog_message, 0, sizeof(context.dialog.dialog_message));
+        context.dialog.dialog_title = nullptr;
+    }
+    std::string dialogText() {
+        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+        return context.dialog.dialog_message;
+    }
+    std::string dialogTitle() {
+        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+        return context.dialog.dialog_title != nullptr ? context.dialog.dialog_title : "";
+    }
+};
+
+TEST_F(NamespaceUnitTest, MakingAFolderOutsideTheWritablePlacesIsRefusedWithTheReadOnlyNotice) {
+    for (const auto &refused : {std::make_pair("/Media/Music/x", "/Media/Music"), std::make_pair("/Apps/NewApp", "/Apps"),
+                                std::make_pair("/Media", "/"), std::make_pair("/newtop", "/"),
+                                std::make_pair("/Storage", "/"), std::make_pair("/Storagex", "/")}) {
+        noDialog();
+        EXPECT_EQ(tarnifs_mkdir(refused.first, 0755), -ECANCELED) << refused.first;
+        EXPECT_EQ(dialogText(), std::string("This folder is read only. You can not write or modify.\n") + refused.second);
+        EXPECT_EQ(dialogTitle(), "Quorvel Notification");
+        EXPECT_TRUE(logContains(std::string("tarnifs_mkdir make directory not supported. path : ") + refused.first));
+    }
+    EXPECT_EQ(FindObject("/Media/Music/x"), nullptr);
+    EXPECT_EQ(FindObject("/Apps/NewApp"), nullptr);
+    EXPECT_EQ(FindObject("/newtop"), nullptr);
+}
+
+TEST_F(NamespaceUnitTest, HousekeepingFoldersAreNotThereAndNothingIsShown) {
+    for (const char *path : {"/.Trashes", "/.TemporaryItems", "/.fseventsd"})
+        EXPECT_EQ(tarnifs_mkdir(path, 0755), -ENOENT) << path;
+    for (const char *path : {"/.Trashes", "/.TemporaryItems"}) EXPECT_EQ(tarnifs_rmdir(path), -ENOENT) << path;
+    EXPECT_EQ(dialogText(), "");
+    // rmdir knows only two of them: the third is an ordinary refusal.
+    EXPECT_EQ(tarnifs_rmdir("/.fseventsd"), -ECANCELED);
+    EXPECT_EQ(dialogText(), "You can not remove this folder.\n/.fseventsd");
+}
+
+TEST_F(NamespaceUnitTest, RemovingAFolderOutsideTheWritablePlacesIsRefused) {
+    for (const char *path : {"/Storage", "/Apps", "/Apps/Notes", "/Media", "/Media/Music", "/", "/Storagex"}) {
+        noDialog();
+        EXPECT_EQ(tarnifs_rmdir(path), -ECANCELED) << path;
+        EXPECT_EQ(dialogText(), std::string("You can not remove this folder.\n") + path);
+        EXPECT_EQ(dialogTitle(), "Quorvel Notification");
+        EXPECT_TRUE(logContains(std::string("tarnifs_rmdir rmdir not supported. path : ") + path + " "));
+    }
+    EXPECT_NE(FindObject("/Apps/Notes"), nullptr);
+    EXPECT_NE(FindObject("/Storage"), nullptr);
+}
+
+TEST_F(NamespaceUnitTest, RemovingAFileOutsideTheWritablePlacesIsRefused) {
+    file("/Media/Music/song.mp3", 5);
+    for (const char *path : {"/Media/Music/song.mp3", "/top.txt", "/Apps/Notes", "/Apps/loose.txt"}) {
+        noDialog();
+        EXPECT_EQ(tarnifs_unlink(path), -ECANCELED) << path;
+        EXPECT_EQ(dialogText(), std::string("You can not remove this file.\n") + path);
+        EXPECT_EQ(dialogTitle(), "Quorvel Notification");
+        EXPECT_TRUE(logContains(std::string("tarnifs_unlink unlink not supported. path : ") + path));
+    }
+    EXPECT_TRUE(logContains("UnlinkAppsContents unlink not supported. path : /Apps/Notes "));
+    EXPECT_NE(FindObject("/Media/Music/song.mp3"), nullptr);
+    EXPECT_EQ(UnlinkAppsContents(&context, "/Apps/Notes"), 1);
+}
+
+TEST_F(NamespaceUnitTest, AFolderWithCataloguedChildrenIsNotEmptyAndUnknownPathsAreDoneAlready) {
+    EXPECT_EQ(tarnifs_rmdir("/Storage/full"), -ENOTEMPTY);
+    EXPECT_EQ(dialogText(), "") << "no dialog for a folder that is not empty";
+    EXPECT_NE(FindObject("/Storage/full/x.txt"), nullptr);
+    folder("/Apps/Notes/in");
+    FindObject("/Apps/Notes/in")->app_id = copy("com.example.notes");
+    file("/Apps/Notes/in/n.txt", 3);
+    EXPECT_EQ(tarnifs_rmdir("/Apps/Notes/in"), -ENOTEMPTY);
+
+    // Nothing in the catalogue: nothing is asked of the device (there is none here).
+    EXPECT_EQ(tarnifs_rmdir("/Storage/full/nothing"), 0);
+    EXPECT_EQ(tarnifs_unlink("/Storage/full/nothing.txt"), 0);
+    EXPECT_TRUE(logContains("UnlinkStorageContents Target not exitst! path(/Storage/full/nothing.txt)"));
+    EXPECT_EQ(tarnifs_unlink("/Apps/Notes/in/nothing.txt"), 0);
+    EXPECT_TRUE(logContains("UnlinkAppsContents Target not exitst! path(/Apps/Notes/in/nothing.txt)"));
+    EXPECT_EQ(dialogText(), "");
+    EXPECT_EQ(context.device_info.free_capacity, 1000u);
+    // A folder with nothing in it has nothing to clean.
+    EXPECT_EQ(CleanupSubFiles(&context, "/Apps/Notes", folder("/Apps/Notes/empty")), 0);
+}
+
+TEST_F(NamespaceUnitTest, AFileRemovedWhileOpenLivesUntilItsLastHandleIsReleased) {
+    _KTL_OBJECT *open = file("/Storage/full/open.txt", 42);
+    open->open_count = 2;
+    struct fuse_file_info first {}, second {};
+    first.fh = second.fh = reinterpret_cast<uint64_t>(open);
+    // What a successful device removal of an open file leaves.
+    KeepUntilLastRelease(open, "/Storage/full/open.txt");
+    EXPECT_EQ(FindObject("/Storage/full/open.txt"), nullptr) << "the name is free";
+    auto entry = Object_list.find("/Storage/full/open.txt");
+    EXPECT_TRUE(entry == Object_list.end() || entry->second == 0) << "a missed lookup may leave an empty entry";
+    _KTL_OBJECT *full = FindObject("/Storage/full");
+    EXPECT_EQ(full->child_list.next, &FindObject("/Storage/full/x.txt")->sibling);
+    EXPECT_EQ(full->child_list.next->next, &full->child_list) << "no longer listed";
+
+    // A new file under the same name is another record.
+    _KTL_OBJECT *fresh = file("/Storage/full/open.txt", 1);
+    EXPECT_NE(fresh, open);
+
+    // libfuse gives the old handles a null path; they still reach their file.
+    std::string path;
+    EXPECT_EQ(RemovedOpenObject(first.fh, &path), open);
+    EXPECT_EQ(path, "/Storage/full/open.txt");
+    EXPECT_EQ(RemovedOpenObject(reinterpret_cast<uint64_t>(fresh), nullptr), nullptr);
+    struct stat st;
+    ASSERT_EQ(tarnifs_fgetattr(nullptr, &st, &first), 0);
+    EXPECT_EQ(st.st_size, 42);
+    EXPECT_EQ(st.st_nlink, 0u);
+
+    EXPECT_EQ(tarnifs_release(nullptr, &first), 0);
+    EXPECT_EQ(RemovedOpenObject(second.fh, nullptr), open) << "one handle is still open";
+    EXPECT_EQ(tarnifs_release(nullptr, &second), 0);
+    EXPECT_EQ(RemovedOpenObject(second.fh, nullptr), nullptr) << "freed with the last release";
+    EXPECT_EQ(fresh->open_count, 0u) << "the new file was never touched";
+    EXPECT_EQ(fresh->size, 1u);
+    // A handle the catalogue does not know is answered, never followed.
+    struct fuse_file_info stranger {};
+    stranger.fh = 0x1234;
+    EXPECT_EQ(tarnifs_release(nullptr, &stranger), 0);
+    EXPECT_EQ(tarnifs_fgetattr(nullptr, &st, &stranger), -ENOENT);
+    char buffer[4];
+    EXPECT_EQ(tarnifs_read(nullptr, buffer, sizeof(buffer), 0, &stranger), -ECANCELED);
+}
+
+TEST_F(NamespaceUnitTest, ARemovedFileStillOpenAtUnmountIsFreedWithTheCatalogue) {
+    _KTL_OBJECT *open = file("/Storage/full/left-open.txt", 1);
+    open->open_count = 1;
+    KeepUntilLastRelease(open, "/Storage/full/left-open.txt");
+    FreeAllObjects(nullptr);  // the sanitizer build reports a leak otherwise
+    EXPECT_EQ(RemovedOpenObject(reinterpret_cast<uint64_t>(open), nullptr), nullptr);
+}
+
+} // namespace
