@@ -241,6 +241,24 @@ TEST_F(QuorvelMountCommand, UnusableMountPointsAreRefusedBeforeAnythingStarts) {
     EXPECT_NE(output.find("nothing is mounted"), std::string::npos) << output;
 }
 
+TEST_F(QuorvelMountCommand, NonemptyMountsOverAFolderWithFilesAndIsNotPassedToFuse) {
+    // libfuse 3 refuses "nonempty" as an unknown option: the command must
+    // honour it itself and leave it out of what quorvelfs is given.
+    ASSERT_TRUE(sim.start({phone("Over", 4131, {"over.txt"})})) << sim.error();
+    std::ofstream(mountPoint + "/hidden-while-mounted.txt") << "x";
+    std::string output;
+    ASSERT_EQ(runQuorvel({"mount", mountPoint, "-o", "nonempty,ro"}, &output), 0) << output;
+    EXPECT_TRUE(isFuseMountPoint(mountPoint));
+    EXPECT_EQ(sortedNames(mountPoint + "/Storage"), sortedNames(sim.image_dir(0) + "/media/general_storage"));
+    errno = 0;
+    EXPECT_NE(mkdir((mountPoint + "/Storage/x").c_str(), 0755), 0) << "the other option, ro, was passed on";
+    EXPECT_EQ(errno, EROFS);
+    waitForQueuedReleases(mountPoint);
+    ASSERT_EQ(runQuorvel({"unmount", mountPoint}, &output), 0) << output;
+    EXPECT_TRUE(waitUntilUnmounted());
+    EXPECT_TRUE(fs::exists(mountPoint + "/hidden-while-mounted.txt"));
+}
+
 TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {
     std::string output;
     ASSERT_EQ(runQuorvel({"--help"}, &output), 0);
