@@ -158,8 +158,8 @@ run() {
   local quorvel_up="" ifuse_up="" mount_why=""
   "$devsim" serve --socket "$work/mux.sock" "$@" "$work/image" > "$work/ready" 2> "$work/devsim.log" &
   pid=$!
-  for _ in $(seq 1 200); do grep -q '^ready:' "$work/ready" && break; sleep 0.05; done
-  grep -q '^ready:' "$work/ready" || { echo "devsim did not start: $(head -n 3 "$work/devsim.log")" >&2; exit 1; }
+  for _ in $(seq 1 200); do grep -qs '^ready:' "$work/ready" && break; sleep 0.05; done
+  grep -qs '^ready:' "$work/ready" || { echo "devsim did not start: $(head -n 3 "$work/devsim.log")" >&2; exit 1; }
   export USBMUXD_SOCKET_ADDRESS="UNIX:$work/mux.sock"
 
   # A cache folder of its own per configuration, so nothing Quorvel keeps on

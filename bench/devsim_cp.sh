@@ -29,7 +29,7 @@ run() {
   local label=$1; shift
   "$devsim" serve --socket "$work/mux.sock" "$@" "$work/image" > "$work/ready" 2> "$work/log" &
   pid=$!
-  for _ in $(seq 1 200); do grep -q '^ready:' "$work/ready" && break; sleep 0.05; done
+  for _ in $(seq 1 200); do grep -qs '^ready:' "$work/ready" && break; sleep 0.05; done
   USBMUXD_SOCKET_ADDRESS="UNIX:$work/mux.sock" ifuse -u "$udid" "$work/mnt"
   local start end
   start=$(date +%s.%N)

@@ -59,7 +59,7 @@ run() {
   local label=$1; shift
   "$devsim" serve --socket "$work/mux.sock" "$@" "$work/image" > "$work/ready" 2> "$work/devsim.log" &
   pid=$!
-  for _ in $(seq 1 200); do grep -q '^ready:' "$work/ready" && break; sleep 0.05; done
+  for _ in $(seq 1 200); do grep -qs '^ready:' "$work/ready" && break; sleep 0.05; done
   export USBMUXD_SOCKET_ADDRESS="UNIX:$work/mux.sock"
   QUORVEL_LOG_DIR="$work/log" QUORVEL_PIPE="$work/no-tray" "$quorvelfs" "$work/quorvel" -devopt "$location" \
     > "$work/quorvelfs.out" 2>&1 < /dev/null
