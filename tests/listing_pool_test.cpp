@@ -41,38 +41,23 @@ bool eventually(Condition condition) {
     return condition();
 }
 
-class PooledListingTest : public MountContextTest {
+class PooledListingTest : public ConnectedContextTest {
 protected:
     void SetUp() override {
-        MountContextTest::SetUp();
-        if (devsim_program().empty()) GTEST_SKIP() << "needs devsim, which was not built";
+        ConnectedContextTest::SetUp();
         // The tray pipe is nobody's here: busy messages are only logged.
         setenv("QUORVEL_PIPE", (tempDir + "/no-tray").c_str(), 1);
     }
 
     void TearDown() override {
-        FreeAllObjects(context.afc_handle);
-        closeStorageListingConnections(&context);
-        if (context.instproxy_handle != nullptr) libiusb_instproxy_exit(context.instproxy_handle);
-        if (context.afc_handle != nullptr) libiusb_afc_exit(context.afc_handle);
-        if (context.device_handle != nullptr) libiusb_device_close(context.device_handle);
-        if (context.context != nullptr) libiusb_context_exit(context.context);
-        context.instproxy_handle = nullptr;
-        context.afc_handle = nullptr;
-        context.device_handle = nullptr;
-        context.context = nullptr;
-        if (sim.running()) {
-            EXPECT_TRUE(sim.stop()) << sim.error();
-        }
+        ConnectedContextTest::TearDown();
         unsetenv("QUORVEL_PIPE");
-        MountContextTest::TearDown();
     }
 
     // Starts devsim and connects the mount context as start-up does.
     void connect(const DevsimImage &image) {
-        ASSERT_TRUE(sim.start({image})) << sim.error();
-        ASSERT_EQ(libiusb_context_init(&context.context), 0);
-        ASSERT_EQ(device_init(&context, context.context, image.location_id), 0);
+        connectTo(image);
+        if (HasFatalFailure()) return;
         std::vector<std::string> names;
         ASSERT_EQ(listFolder(&context, "/", &names, collectName, 0), 0);
         ASSERT_EQ(listFolder(&context, "/Storage", &names, collectName, 0), 0);
@@ -113,7 +98,6 @@ protected:
         return count;
     }
 
-    Devsim sim;
 };
 
 // Folders on both sides of the size from which the pool is used; each has

@@ -26,39 +26,22 @@ std::string readLocal(const std::string &path) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-class UploadTest : public MountContextTest {
+class UploadTest : public ConnectedContextTest {
 protected:
     void SetUp() override {
-        MountContextTest::SetUp();
-        if (devsim_program().empty()) GTEST_SKIP() << "needs devsim, which was not built";
+        ConnectedContextTest::SetUp();
+        if (IsSkipped()) return;
         DevsimImage image;
         image.location_id = 71;
         image.files = {{"media/general_storage/longer.bin", std::string(300000, 'o')}};
-        ASSERT_TRUE(sim.start({image})) << sim.error();
-        ASSERT_EQ(libiusb_context_init(&context.context), 0);
-        ASSERT_EQ(device_init(&context, context.context, 71), 0);
+        connectTo(image);
         snprintf(context.work_dir, sizeof(context.work_dir), "%s/work", tempDir.c_str());
         mkdir(context.work_dir, 0700);
         storage = sim.image_dir(0) + "/media/general_storage";
     }
-    void TearDown() override {
-        if (context.instproxy_handle != nullptr) libiusb_instproxy_exit(context.instproxy_handle);
-        if (context.afc_handle != nullptr) libiusb_afc_exit(context.afc_handle);
-        if (context.device_handle != nullptr) libiusb_device_close(context.device_handle);
-        if (context.context != nullptr) libiusb_context_exit(context.context);
-        context.instproxy_handle = nullptr;
-        context.afc_handle = nullptr;
-        context.device_handle = nullptr;
-        context.context = nullptr;
-        if (sim.running()) {
-            EXPECT_TRUE(sim.stop()) << sim.error();
-        }
-        MountContextTest::TearDown();
-    }
     void stage(const std::string &name, const std::string &bytes) {
         std::ofstream(std::string(context.work_dir) + "/" + name, std::ios::binary) << bytes;
     }
-    Devsim sim;
     std::string storage;
 };
 

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/listing_pool.h"
 #include "tarnifs/names.h"
 #include "util/log.h"
 
@@ -60,4 +61,33 @@ bool MountContextTest::logContains(const std::string &message) const {
     for (const std::string &line : logMessages())
         if (line == message) return true;
     return false;
+}
+
+void ConnectedContextTest::SetUp() {
+    MountContextTest::SetUp();
+    if (devsim_program().empty()) GTEST_SKIP() << "needs devsim, which was not built";
+}
+
+void ConnectedContextTest::connectTo(const DevsimImage &image) {
+    ASSERT_TRUE(sim.start({image})) << sim.error();
+    ASSERT_EQ(libiusb_context_init(&context.context), 0);
+    ASSERT_EQ(device_init(&context, context.context, image.location_id), 0);
+}
+
+void ConnectedContextTest::TearDown() {
+    // Records first: they may hold device handles on these connections.
+    FreeAllObjects(context.afc_handle);
+    closeStorageListingConnections(&context);
+    if (context.instproxy_handle != nullptr) libiusb_instproxy_exit(context.instproxy_handle);
+    if (context.afc_handle != nullptr) libiusb_afc_exit(context.afc_handle);
+    if (context.device_handle != nullptr) libiusb_device_close(context.device_handle);
+    if (context.context != nullptr) libiusb_context_exit(context.context);
+    context.instproxy_handle = nullptr;
+    context.afc_handle = nullptr;
+    context.device_handle = nullptr;
+    context.context = nullptr;
+    if (sim.running()) {
+        EXPECT_TRUE(sim.stop()) << sim.error();
+    }
+    MountContextTest::TearDown();
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tarnifs/mount.h"
+#include "tests/support/devsim_fixture.h"
 
 class MountContextTest : public ::testing::Test {
 protected:
@@ -22,6 +23,19 @@ protected:
     _CONTEXT context;
     struct fuse_context fuse {};
     std::string tempDir;
+};
+
+// A mount context connected to the simulated device as start-up connects it
+// (device, AFC and installation proxy), for tests that call handlers and
+// device helpers directly. Tests skip when devsim was not built.
+class ConnectedContextTest : public MountContextTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Starts devsim with `image` and connects the context to it.
+    void connectTo(const DevsimImage &image);
+
+    Devsim sim;
 };
 
 // A private temporary folder, removed by the caller.
