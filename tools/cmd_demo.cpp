@@ -435,7 +435,8 @@ void printThingsToTry(const Demo &demo) {
     printf("  cp /etc/hostname %s\n", shellWord(storage + "/hello.txt").c_str());
     printf("  df -h %s\n", shellWord(demo.mountPoint).c_str());
     printf("  mkdir %s && rm -r %s\n", shellWord(storage + "/new folder").c_str(), shellWord(storage + "/new folder").c_str());
-    printf("Renaming and moving are not built yet (mv answers \"Function not implemented\").\n");
+    printf("  mv %s %s\n", shellWord(storage + "/hello.txt").c_str(), shellWord(storage + "/renamed.txt").c_str());
+    printf("Moving between /Storage and an app is done by mv itself (copy, then remove).\n");
     printf("\nThe file system's log is in %s/log (removed when the demo stops).\n", demo.workDir.c_str());
     printf("The demo is browsable. Press Ctrl-C to stop it: it unmounts %s, stops the simulated device\n"
            "and removes %s.\n",
