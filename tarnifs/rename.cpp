@@ -11,6 +11,7 @@
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
+#include "tarnifs/move.h"
 #include "tarnifs/notify.h"
 #include "util/log.h"
 
@@ -227,16 +228,32 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
     return result;
 }
 
-// The move rows of the dispatch. The copies between areas and between apps
-// are not built yet: EXDEV makes `mv` (and file managers) copy and then
+// Moves out of /Media wait for the media views, and the whole Apps area is
+// not copied in one go: EXDEV makes `mv` (and file managers) copy and then
 // remove by themselves, which works through file data and unlink.
 int notYetAcrossAreas() { return -EXDEV; }
+
+// A move that copies: both ends ready, room for a file's copy, the tray told
+// when it is long, and the failure shown.
+int moveAcross(_CONTEXT *ctx, const char *from, const char *to, int (*move)(_CONTEXT *, const char *, const char *)) {
+    _KTL_OBJECT *source = nullptr;
+    int result = prepareDeviceRename(ctx, from, to, &source);
+    if (result != 0) return result;
+    if (source->mode == KTL_MODE_FILE && source->size >= ctx->device_info.free_capacity)
+        return reportFailure(LIBIUSB_ERROR_NO_SPACE);
+    {
+        LongMoveBracket busy(source);
+        result = move(ctx, from, to);
+    }
+    return result == 0 ? 0 : reportFailure(result);
+}
 
 } // namespace
 
 int movetoapps(_CONTEXT *ctx, const char *from, const char *to) {
-    if (!sameApp(from, to)) return -EXDEV;  // the dispatch sends nothing else yet
-    return renameInsideApp(ctx, from, to);
+    if (sameApp(from, to)) return renameInsideApp(ctx, from, to);
+    if (begins(from, "/Media")) return -EXDEV;  // the dispatch keeps these for now
+    return MoveByCopy(ctx, from, to, "movetoapps");
 }
 
 int tarnifs_rename(const char *from, const char *to) {
@@ -251,7 +268,9 @@ int tarnifs_rename(const char *from, const char *to) {
 
     if (begins(from, "/Storage")) {
         if (begins(to, "/Apps/")) {
-            if (depthOf(to) > 2) return notYetAcrossAreas();
+            // /Storage itself stays: only what is in it can move.
+            if (depthOf(to) > 2) return strcmp(from, "/Storage") == 0 ? notYetAcrossAreas()
+                                                                       : moveAcross(ctx, from, to, movetoapps);
             logNotSupported();
             return refuseReadOnly(to);
         }
@@ -270,8 +289,13 @@ int tarnifs_rename(const char *from, const char *to) {
         return refuseReadOnly(to);
     }
     if (begins(from, "/Apps")) {
-        // The whole Apps area copied into Storage is a copy between areas too.
-        if (begins(to, "/Storage/")) return notYetAcrossAreas();
+        if (begins(to, "/Storage/")) {
+            if (strcmp(from, "/Apps") == 0) return notYetAcrossAreas();
+            // An app folder itself is the app's Documents: its contents can
+            // move, the folder cannot go.
+            if (depthOf(from) < 3) return notYetAcrossAreas();
+            return moveAcross(ctx, from, to, movetostorage);
+        }
         if (begins(to, "/Media")) return refuseReadOnly(to);
         if (begins(to, "/Apps/")) {
             if (depthOf(from) < 3) {
@@ -279,7 +303,7 @@ int tarnifs_rename(const char *from, const char *to) {
                 return refuseRename(from, to);
             }
             if (depthOf(to) > 2) {
-                if (!sameApp(from, to)) return notYetAcrossAreas();
+                if (!sameApp(from, to)) return moveAcross(ctx, from, to, movetoapps);
                 _KTL_OBJECT *source = nullptr;
                 result = prepareDeviceRename(ctx, from, to, &source);
                 if (result != 0) return result;
