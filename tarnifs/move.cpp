@@ -187,7 +187,13 @@ int moveFolder(_CONTEXT *ctx, const MoveSide &source, _KTL_OBJECT *folder, const
         QNLog(3, "%s libiusb_afc_file_remove failed. from(%s), ret : %d", caller, deviceFrom.c_str(), removed);
         return 0;
     }
-    if (!hasChildren(folder)) DeleteObject(folder, from);
+    if (hasChildren(folder)) return 0;
+    // An app folder whose files are still open keeps the connection they
+    // use: its record lives on, out of the catalogue, until unmount.
+    if (folder->open_count > 0)
+        KeepUntilLastRelease(folder, from);
+    else
+        DeleteObject(folder, from);
     return 0;
 }
 

@@ -393,6 +393,36 @@ TEST_F(RenameTest, AMoveThatFailsKeepsItsSourceWhole) {
     EXPECT_EQ(namesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
 }
 
+TEST_F(RenameTest, FilesOpenWhileRenamedOrMovedStayUsableThroughTheirHandles) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+
+    // Renamed within Storage, with its folder: the handle writes on.
+    EXPECT_EQ(namesIn(inMount("/Storage/dir/inner")), std::vector<std::string>{"two.txt"});
+    int fd = open(inMount("/Storage/dir/inner/two.txt").c_str(), O_RDWR);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/dir"), inMount("/Storage/dir2")), 0);
+    ASSERT_EQ(pwrite(fd, "TWO", 3, 0), 3);
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/dir2/inner/two.txt"), "TWO");
+    EXPECT_EQ(readLocal(inMount("/Storage/dir2/inner/two.txt")), "TWO");
+
+    // Moved into an app while open for reading: the old handle still reads
+    // what it had, and closing it leaves the moved file alone.
+    fd = open(inMount("/Storage/a.txt").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/a.txt"), inMount("/Apps/Notes/a.txt")), 0);
+    char buffer[16] = {0};
+    EXPECT_EQ(pread(fd, buffer, sizeof(buffer), 0), 5);
+    EXPECT_STREQ(buffer, "old a");
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(readLocal(appImage() + "/a.txt"), "old a");
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/a.txt")), "old a");
+    EXPECT_EQ(statError(inMount("/Storage/a.txt")), ENOENT);
+    EXPECT_TRUE(dialogs.dialogs().empty());
+    EXPECT_EQ(unmountDevice(), 0);
+}
+
 TEST_F(RenameTest, ADeviceFailureIsShownAndLeavesDeviceAndCatalogueAsTheyWere) {
     ASSERT_TRUE(startDevice({image()}));
     std::string udid = sim.udid(0);
