@@ -233,13 +233,14 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
 // remove by themselves, which works through file data and unlink.
 int notYetAcrossAreas() { return -EXDEV; }
 
-// A move that copies: both ends ready, room for a file's copy, the tray told
-// when it is long, and the failure shown.
-int moveAcross(_CONTEXT *ctx, const char *from, const char *to, int (*move)(_CONTEXT *, const char *, const char *)) {
+// A move: both ends ready, room for a file's copy when it copies, the tray
+// told when it is long, and the failure shown.
+int moveAcross(_CONTEXT *ctx, const char *from, const char *to, int (*move)(_CONTEXT *, const char *, const char *),
+               bool copies = true) {
     _KTL_OBJECT *source = nullptr;
     int result = prepareDeviceRename(ctx, from, to, &source);
     if (result != 0) return result;
-    if (source->mode == KTL_MODE_FILE && source->size >= ctx->device_info.free_capacity)
+    if (copies && source->mode == KTL_MODE_FILE && source->size >= ctx->device_info.free_capacity)
         return reportFailure(LIBIUSB_ERROR_NO_SPACE);
     {
         LongMoveBracket busy(source);
@@ -302,17 +303,8 @@ int tarnifs_rename(const char *from, const char *to) {
                 logNotSupported();
                 return refuseRename(from, to);
             }
-            if (depthOf(to) > 2) {
-                if (!sameApp(from, to)) return moveAcross(ctx, from, to, movetoapps);
-                _KTL_OBJECT *source = nullptr;
-                result = prepareDeviceRename(ctx, from, to, &source);
-                if (result != 0) return result;
-                {
-                    LongMoveBracket busy(source);
-                    result = movetoapps(ctx, from, to);
-                }
-                return result == 0 ? 0 : reportFailure(result);
-            }
+            // Within one app nothing is copied, so nothing needs room.
+            if (depthOf(to) > 2) return moveAcross(ctx, from, to, movetoapps, !sameApp(from, to));
             logNotSupported();
             return refuseReadOnly(to);
         }
