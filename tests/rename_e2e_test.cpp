@@ -22,7 +22,8 @@
 
 namespace {
 
-constexpr uint32_t kLocation = 81;
+// Its own location id, so its work folder ("/tmp/" + id) is its own.
+constexpr uint32_t kLocation = 8117;
 
 bool exists(const std::string &path) {
     struct stat st;
@@ -233,26 +234,28 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalWithExactlyTheNewBytes) {
 
     // A ".sb-" safe save: its data waits in the work folder until the rename.
     std::string saved = "saved through a staging file\n";
-    writeLocal(inMount("/Storage/b.txt.sb-x1"), saved);
-    EXPECT_EQ(readLocal(workFolder() + "/b.txt.sb-x1"), saved) << "staged in the work folder";
+    const std::string temporary = "b.txt.sb-" + std::to_string(getpid());
+    writeLocal(inMount("/Storage/" + temporary), saved);
+    EXPECT_EQ(readLocal(workFolder() + "/" + temporary), saved) << "staged in the work folder";
     EXPECT_EQ(readLocal(storageImage() + "/b.txt"), "bee") << "the original untouched until the rename";
-    ASSERT_EQ(renameError(inMount("/Storage/b.txt.sb-x1"), inMount("/Storage/b.txt")), 0);
+    ASSERT_EQ(renameError(inMount("/Storage/" + temporary), inMount("/Storage/b.txt")), 0);
     EXPECT_EQ(readLocal(storageImage() + "/b.txt"), saved);
-    EXPECT_FALSE(exists(storageImage() + "/b.txt.sb-x1"));
-    EXPECT_FALSE(exists(workFolder() + "/b.txt.sb-x1")) << "no staging file left behind";
+    EXPECT_FALSE(exists(storageImage() + "/" + temporary));
+    EXPECT_FALSE(exists(workFolder() + "/" + temporary)) << "no staging file left behind";
     EXPECT_EQ(readLocal(inMount("/Storage/b.txt")), saved);
     struct stat st;
     ASSERT_EQ(stat(inMount("/Storage/b.txt").c_str(), &st), 0);
     EXPECT_EQ(st.st_size, static_cast<off_t>(saved.size()));
-    EXPECT_EQ(statError(inMount("/Storage/b.txt.sb-x1")), ENOENT);
+    EXPECT_EQ(statError(inMount("/Storage/" + temporary)), ENOENT);
 
     // The same inside an app folder.
-    writeLocal(inMount("/Apps/Notes/over.txt.sb-y2"), saved);
+    const std::string appTemporary = "over.txt.sb-" + std::to_string(getpid());
+    writeLocal(inMount("/Apps/Notes/" + appTemporary), saved);
     EXPECT_EQ(readLocal(appImage() + "/over.txt"), "over old");
-    ASSERT_EQ(renameError(inMount("/Apps/Notes/over.txt.sb-y2"), inMount("/Apps/Notes/over.txt")), 0);
+    ASSERT_EQ(renameError(inMount("/Apps/Notes/" + appTemporary), inMount("/Apps/Notes/over.txt")), 0);
     EXPECT_EQ(readLocal(appImage() + "/over.txt"), saved);
-    EXPECT_FALSE(exists(appImage() + "/over.txt.sb-y2"));
-    EXPECT_FALSE(exists(workFolder() + "/over.txt.sb-y2"));
+    EXPECT_FALSE(exists(appImage() + "/" + appTemporary));
+    EXPECT_FALSE(exists(workFolder() + "/" + appTemporary));
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
