@@ -22,8 +22,11 @@
 
 namespace {
 
-// Its own location id, so its work folder ("/tmp/" + id) is its own.
+// Location ids no other test uses: a mount's work folder is "/tmp/" + id,
+// and unmounting removes it. The safe-save test, which looks into its work
+// folder, has an id of its own, since ctest runs test cases side by side.
 constexpr uint32_t kLocation = 8117;
+constexpr uint32_t kSafeSaveLocation = 8118;
 
 bool exists(const std::string &path) {
     struct stat st;
@@ -85,10 +88,11 @@ int renameError(const std::string &from, const std::string &to) {
 
 class RenameTest : public MountedDeviceTest {
 protected:
-    DevsimImage image() {
+    DevsimImage image(uint32_t location = kLocation) {
         DevsimImage phone;
         phone.name = "Mover";
-        phone.location_id = kLocation;
+        phone.location_id = location;
+        this->location = location;
         phone.apps = {{"com.example.notes", "Notes", true}, {"com.example.other", "Other", true}};
         phone.folders = {"media/general_storage/empty", "apps/com.example.notes/Documents/sub",
                          "apps/com.example.other/Documents"};
@@ -106,11 +110,12 @@ protected:
     std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
     std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
     std::string otherImage() { return sim.image_dir(0) + "/apps/com.example.other/Documents"; }
-    std::string workFolder() { return "/tmp/" + std::to_string(kLocation); }
+    std::string workFolder() { return "/tmp/" + std::to_string(location); }
     void mountFresh() {
-        ASSERT_TRUE(mountDevice(kLocation));
+        ASSERT_TRUE(mountDevice(location));
         runProgram({"ls", inMount("/Storage"), inMount("/Apps/Notes")});
     }
+    uint32_t location = kLocation;
     // The one new dialog since *seen says `text` and is of `kind`.
     void expectDialog(size_t *seen, const std::string &text, const std::string &kind) {
         std::vector<RecordedDialog> shown = dialogs.waitForDialogs(*seen + 1);
@@ -221,7 +226,7 @@ TEST_F(RenameTest, InsideOneAppFolderARenameIsOneDeviceStep) {
 }
 
 TEST_F(RenameTest, SafeSavesReplaceTheOriginalWithExactlyTheNewBytes) {
-    ASSERT_TRUE(startDevice({image()}));
+    ASSERT_TRUE(startDevice({image(kSafeSaveLocation)}));
     mountFresh();
 
     // A temporary written beside the file and renamed over it.
