@@ -191,6 +191,27 @@ void DeleteChildObject(_KTL_OBJECT *object, const char *path) {
     }
 }
 
+void MoveObject(_KTL_OBJECT *object, const char *from, const char *to) {
+    _KTL_LIST_ENTRY *head = &object->child_list;
+    for (_KTL_LIST_ENTRY *link = head->next; link != head; link = link->next) {
+        _KTL_OBJECT *child = ObjectFromSibling(link);
+        if (child->file_name == nullptr) continue;
+        MoveObject(child, ChildPath(from, child->file_name).c_str(), ChildPath(to, child->file_name).c_str());
+    }
+    // Forget the old path under both its forms, as DeleteObject does.
+    Object_list.erase(from);
+    std::string key;
+    buildKey(from, &key);
+    auto stale = Object_list.find(key);
+    if (stale != Object_list.end() && (stale->second == 0 || stale->second == addressOf(object)))
+        Object_list.erase(stale);
+    buildKey(to, &key);
+    Object_list[key] = addressOf(object);
+    const char *slash = strrchr(to, '/');
+    delete[] object->file_name;
+    object->file_name = copyString(slash != nullptr ? slash + 1 : to);
+}
+
 void CleanupTmpObject(const char *path, _KTL_LIST_ENTRY *list_head) {
     for (_KTL_LIST_ENTRY *link = list_head->next; link != list_head;) {
         _KTL_LIST_ENTRY *following = link->next;

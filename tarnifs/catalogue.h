@@ -75,6 +75,10 @@ _KTL_OBJECT *GetParentObject(const char *path);
 void DeleteObject(_KTL_OBJECT *object, const char *path);
 void DeleteChildObject(_KTL_OBJECT *object, const char *path);
 void CleanupTmpObject(const char *path, _KTL_LIST_ENTRY *list_head);
+// A rename: the record of `from`, and every record below it, moves to the
+// same place under `to` (name and map keys change, the records stay), so
+// handles open on them stay good. `to` must have no record of its own.
+void MoveObject(_KTL_OBJECT *object, const char *from, const char *to);
 
 // Tree helpers for the code that lists and creates.
 void LinkChildObject(_KTL_OBJECT *parent, _KTL_OBJECT *child);  // at the tail

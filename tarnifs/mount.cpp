@@ -10,6 +10,7 @@
 #include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
 #include "tarnifs/namespace.h"
+#include "tarnifs/rename.h"
 #include "util/log.h"
 
 pthread_mutex_t tarni_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -63,10 +64,8 @@ int removexattrOutsideKernelNames(const char *path, const char *name) {
 // renameat2's flags (no-replace, exchange, whiteout) have no device
 // counterpart: refused, as file systems without them do.
 int renameWithoutFlags(const char *from, const char *to, unsigned int flags) {
-    (void)from;
-    (void)to;
     if (flags != 0) return -EINVAL;
-    return -ENOSYS;  // moving and renaming are not built yet
+    return tarnifs_rename(from, to);
 }
 
 struct fuse_operations makeOperationTable() {

@@ -425,7 +425,7 @@ void printThingsToTry(const Demo &demo) {
     std::string storage = demo.mountPoint + "/Storage";
     printf("\nTry, in another terminal:\n");
     printf("  ls -la %s\n", shellWord(storage).c_str());
-    printf("  ls -la %s\n", shellWord(demo.mountPoint + "/Apps").c_str());
+    printf("  ls -la %s\n", shellWord(demo.mountPoint + "/Apps/Reader/").c_str());
     printf("  find %s | head -20\n", shellWord(demo.mountPoint).c_str());
     std::string sample = fileToShow(storage);
     if (!sample.empty()) {
@@ -435,7 +435,8 @@ void printThingsToTry(const Demo &demo) {
     printf("  cp /etc/hostname %s\n", shellWord(storage + "/hello.txt").c_str());
     printf("  df -h %s\n", shellWord(demo.mountPoint).c_str());
     printf("  mkdir %s && rm -r %s\n", shellWord(storage + "/new folder").c_str(), shellWord(storage + "/new folder").c_str());
-    printf("Renaming and moving are not built yet (mv answers \"Function not implemented\").\n");
+    printf("  mv %s %s\n", shellWord(storage + "/hello.txt").c_str(), shellWord(storage + "/renamed.txt").c_str());
+    printf("  mv %s %s\n", shellWord(storage + "/renamed.txt").c_str(), shellWord(demo.mountPoint + "/Apps/Reader/").c_str());
     printf("\nThe file system's log is in %s/log (removed when the demo stops).\n", demo.workDir.c_str());
     printf("The demo is browsable. Press Ctrl-C to stop it: it unmounts %s, stops the simulated device\n"
            "and removes %s.\n",

@@ -1,0 +1,26 @@
+// Moves that copy, between /Storage and an app folder and between two apps:
+// a source is removed only after its whole copy is on the device, its size
+// checked, and a file it replaces is replaced in one device step.
+#pragma once
+
+#include <string>
+
+#include "tarnifs/mount.h"
+
+// One end of a move: the mount's AFC connection for /Storage, or a
+// house-arrest client of its own for an app folder.
+struct MoveSide {
+    libiusb_afc *afc = nullptr;
+    bool app = false;
+    std::string appId;
+};
+
+int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *caller);
+void CloseMoveSide(MoveSide *side, const char *caller);
+
+// Carries the file or folder `from` (with everything below it) to `to`, then
+// removes it. 0 or a device error; logged under `caller`. Lock held.
+int MoveByCopy(_CONTEXT *ctx, const char *from, const char *to, const char *caller);
+
+// An app's file or folder moved into /Storage. 0 or a device error.
+int movetostorage(_CONTEXT *ctx, const char *from, const char *to);

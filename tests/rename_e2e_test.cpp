@@ -1,0 +1,559 @@
+// Rename through a real mount: mv of files and folders in /Storage and inside
+// one app folder, each step compared with the device image and with what
+// stat and listings answer right after it; renames over existing names and
+// safe saves leave exactly the new bytes; the refusals with their notices;
+// device failures that change nothing; and real programs (rsync, git) that
+// write temporaries and rename them into place.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+// Location ids no other test uses: a mount's work folder is "/tmp/" + id,
+// and unmounting removes it. The safe-save test, which looks into its work
+// folder, has an id of its own, since ctest runs test cases side by side.
+constexpr uint32_t kLocation = 8117;
+constexpr uint32_t kSafeSaveLocation = 8118;
+
+bool exists(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+bool isFolder(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int statError(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? 0 : errno;
+}
+
+std::vector<std::string> namesIn(const std::string &path) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(path.c_str());
+    if (dir == nullptr) return names;
+    while (struct dirent *entry = readdir(dir))
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string readLocal(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void writeLocal(const std::string &path, const std::string &bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string randomBytes(size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char &byte : bytes) byte = static_cast<char>(generator() & 0xff);
+    return bytes;
+}
+
+int run(const std::vector<std::string> &argv, std::string *output = nullptr) {
+    int status = -1;
+    std::string out = runProgram(argv, &status);
+    if (output != nullptr) *output = out;
+    return status;
+}
+
+bool haveProgram(const std::string &name) { return !runProgram({"sh", "-c", "command -v " + name}).empty(); }
+
+// rename(2) through the mount: 0, or the errno it failed with.
+int renameError(const std::string &from, const std::string &to) {
+    errno = 0;
+    return rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+class RenameTest : public MountedDeviceTest {
+protected:
+    DevsimImage image(uint32_t location = kLocation) {
+        DevsimImage phone;
+        phone.name = "Mover";
+        phone.location_id = location;
+        this->location = location;
+        phone.apps = {{"com.example.notes", "Notes", true}, {"com.example.other", "Other", true}};
+        phone.folders = {"media/general_storage/empty", "apps/com.example.notes/Documents/sub",
+                         "apps/com.example.other/Documents"};
+        phone.files = {{"media/general_storage/a.txt", "old a"},
+                       {"media/general_storage/b.txt", "bee"},
+                       {"media/general_storage/keep.txt", "keep me"},
+                       {"media/general_storage/big.bin", randomBytes(3000001, 5)},
+                       {"media/general_storage/dir/one.txt", "one"},
+                       {"media/general_storage/dir/inner/two.txt", "two"},
+                       {"apps/com.example.notes/Documents/n.txt", "note"},
+                       {"apps/com.example.notes/Documents/over.txt", "over old"},
+                       {"apps/com.example.notes/Documents/folder/f.txt", "eff"}};
+        return phone;
+    }
+    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
+    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
+    std::string otherImage() { return sim.image_dir(0) + "/apps/com.example.other/Documents"; }
+    std::string workFolder() { return "/tmp/" + std::to_string(location); }
+    void mountFresh() {
+        ASSERT_TRUE(mountDevice(location));
+        runProgram({"ls", inMount("/Storage"), inMount("/Apps/Notes")});
+    }
+    uint32_t location = kLocation;
+    // The one new dialog since *seen says `text` and is of `kind`.
+    void expectDialog(size_t *seen, const std::string &text, const std::string &kind) {
+        std::vector<RecordedDialog> shown = dialogs.waitForDialogs(*seen + 1);
+        ASSERT_GT(shown.size(), *seen) << "no dialog for: " << text;
+        std::string all;
+        for (const RecordedDialog &dialog : shown) all += "[" + dialog.kind + "] " + dialog.message + "\n";
+        ASSERT_EQ(shown.size(), *seen + 1) << all;
+        EXPECT_EQ(shown.back().message, text);
+        EXPECT_EQ(shown.back().kind, kind) << text;
+        *seen = shown.size();
+    }
+};
+
+TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+
+    // A file, to a new name in another folder.
+    ASSERT_EQ(run({"mv", inMount("/Storage/keep.txt"), inMount("/Storage/empty/kept.txt")}), 0);
+    EXPECT_FALSE(exists(storageImage() + "/keep.txt"));
+    EXPECT_EQ(readLocal(storageImage() + "/empty/kept.txt"), "keep me");
+    EXPECT_EQ(statError(inMount("/Storage/keep.txt")), ENOENT);
+    EXPECT_EQ(readLocal(inMount("/Storage/empty/kept.txt")), "keep me");
+    EXPECT_EQ(namesIn(inMount("/Storage/empty")), std::vector<std::string>{"kept.txt"});
+
+    // A folder whose contents were listed (and looked up) before.
+    EXPECT_EQ(namesIn(inMount("/Storage/dir")), (std::vector<std::string>{"inner", "one.txt"}));
+    EXPECT_EQ(readLocal(inMount("/Storage/dir/inner/two.txt")), "two");
+    ASSERT_EQ(run({"mv", inMount("/Storage/dir"), inMount("/Storage/moved")}), 0);
+    EXPECT_FALSE(exists(storageImage() + "/dir"));
+    EXPECT_EQ(readLocal(storageImage() + "/moved/inner/two.txt"), "two");
+    EXPECT_EQ(statError(inMount("/Storage/dir")), ENOENT);
+    EXPECT_EQ(statError(inMount("/Storage/dir/inner/two.txt")), ENOENT);
+    EXPECT_EQ(namesIn(inMount("/Storage/moved")), (std::vector<std::string>{"inner", "one.txt"}));
+    EXPECT_EQ(readLocal(inMount("/Storage/moved/inner/two.txt")), "two");
+    EXPECT_EQ(readLocal(inMount("/Storage/moved/one.txt")), "one");
+    // What is below the moved folder can be changed under its new name.
+    std::ofstream(inMount("/Storage/moved/inner/three.txt")) << "three";
+    EXPECT_EQ(readLocal(storageImage() + "/moved/inner/three.txt"), "three");
+    ASSERT_EQ(unlink(inMount("/Storage/moved/one.txt").c_str()), 0) << strerror(errno);
+    EXPECT_FALSE(exists(storageImage() + "/moved/one.txt"));
+    // And it moves back.
+    ASSERT_EQ(renameError(inMount("/Storage/moved"), inMount("/Storage/dir")), 0);
+    EXPECT_EQ(namesIn(storageImage() + "/dir/inner"), (std::vector<std::string>{"three.txt", "two.txt"}));
+    EXPECT_EQ(namesIn(inMount("/Storage/dir/inner")), (std::vector<std::string>{"three.txt", "two.txt"}));
+
+    // Onto an existing name: exactly the new bytes, the old name gone.
+    ASSERT_EQ(renameError(inMount("/Storage/b.txt"), inMount("/Storage/a.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/a.txt"), "bee");
+    EXPECT_FALSE(exists(storageImage() + "/b.txt"));
+    EXPECT_EQ(readLocal(inMount("/Storage/a.txt")), "bee");
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/a.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 3);
+    EXPECT_EQ(statError(inMount("/Storage/b.txt")), ENOENT);
+
+    // Onto a folder with contents: not empty, nothing changes, no dialog.
+    ASSERT_EQ(mkdir(inMount("/Storage/other").c_str(), 0755), 0);
+    EXPECT_EQ(renameError(inMount("/Storage/other"), inMount("/Storage/dir")), ENOTEMPTY);
+    EXPECT_TRUE(isFolder(storageImage() + "/other"));
+    EXPECT_TRUE(exists(storageImage() + "/dir/inner/two.txt"));
+    // Onto an empty folder: replaced.
+    ASSERT_EQ(renameError(inMount("/Storage/dir"), inMount("/Storage/other")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/other/inner/two.txt"), "two");
+    EXPECT_EQ(statError(inMount("/Storage/dir")), ENOENT);
+
+    // A large file moves in the one step too.
+    ASSERT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Storage/big2.bin")), 0);
+    EXPECT_EQ(stat((storageImage() + "/big2.bin").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 3000001);
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(RenameTest, InsideOneAppFolderARenameIsOneDeviceStep) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    ASSERT_TRUE(tray.waitFor("-neoff"));
+    size_t neonBefore = 0;
+    for (size_t at = tray.bytes().find("-neon"); at != std::string::npos; at = tray.bytes().find("-neon", at + 1))
+        ++neonBefore;
+
+    ASSERT_EQ(renameError(inMount("/Apps/Notes/n.txt"), inMount("/Apps/Notes/sub/n2.txt")), 0);
+    EXPECT_FALSE(exists(appImage() + "/n.txt"));
+    EXPECT_EQ(readLocal(appImage() + "/sub/n2.txt"), "note");
+    EXPECT_EQ(statError(inMount("/Apps/Notes/n.txt")), ENOENT);
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/sub/n2.txt")), "note");
+    EXPECT_EQ(namesIn(inMount("/Apps/Notes/sub")), std::vector<std::string>{"n2.txt"});
+
+    // Over an existing file.
+    ASSERT_EQ(renameError(inMount("/Apps/Notes/sub/n2.txt"), inMount("/Apps/Notes/over.txt")), 0);
+    EXPECT_EQ(readLocal(appImage() + "/over.txt"), "note");
+    EXPECT_FALSE(exists(appImage() + "/sub/n2.txt"));
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/over.txt")), "note");
+
+    // A folder, listed before; it is a long move for the tray.
+    EXPECT_EQ(namesIn(inMount("/Apps/Notes/folder")), std::vector<std::string>{"f.txt"});
+    ASSERT_EQ(run({"mv", inMount("/Apps/Notes/folder"), inMount("/Apps/Notes/sub/folder2")}), 0);
+    EXPECT_EQ(readLocal(appImage() + "/sub/folder2/f.txt"), "eff");
+    EXPECT_FALSE(exists(appImage() + "/folder"));
+    EXPECT_EQ(statError(inMount("/Apps/Notes/folder/f.txt")), ENOENT);
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/sub/folder2/f.txt")), "eff");
+    EXPECT_TRUE(tray.waitFor("-neon"));
+    size_t neonAfter = 0;
+    for (size_t at = tray.bytes().find("-neon"); at != std::string::npos; at = tray.bytes().find("-neon", at + 1))
+        ++neonAfter;
+    EXPECT_GT(neonAfter, neonBefore);
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(RenameTest, SafeSavesReplaceTheOriginalWithExactlyTheNewBytes) {
+    ASSERT_TRUE(startDevice({image(kSafeSaveLocation)}));
+    mountFresh();
+
+    // A temporary written beside the file and renamed over it.
+    std::string fresh = randomBytes(200000, 9);
+    writeLocal(inMount("/Storage/a.txt.tmp"), fresh);
+    ASSERT_EQ(renameError(inMount("/Storage/a.txt.tmp"), inMount("/Storage/a.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/a.txt"), fresh);
+    EXPECT_FALSE(exists(storageImage() + "/a.txt.tmp"));
+    EXPECT_EQ(readLocal(inMount("/Storage/a.txt")), fresh);
+
+    // A ".sb-" safe save: its data waits in the work folder until the rename.
+    std::string saved = "saved through a staging file\n";
+    const std::string temporary = "b.txt.sb-" + std::to_string(getpid());
+    writeLocal(inMount("/Storage/" + temporary), saved);
+    EXPECT_EQ(readLocal(workFolder() + "/" + temporary), saved) << "staged in the work folder";
+    EXPECT_EQ(readLocal(storageImage() + "/b.txt"), "bee") << "the original untouched until the rename";
+    ASSERT_EQ(renameError(inMount("/Storage/" + temporary), inMount("/Storage/b.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/b.txt"), saved);
+    EXPECT_FALSE(exists(storageImage() + "/" + temporary));
+    EXPECT_FALSE(exists(workFolder() + "/" + temporary)) << "no staging file left behind";
+    EXPECT_EQ(readLocal(inMount("/Storage/b.txt")), saved);
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/b.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, static_cast<off_t>(saved.size()));
+    EXPECT_EQ(statError(inMount("/Storage/" + temporary)), ENOENT);
+
+    // The same inside an app folder.
+    const std::string appTemporary = "over.txt.sb-" + std::to_string(getpid());
+    writeLocal(inMount("/Apps/Notes/" + appTemporary), saved);
+    EXPECT_EQ(readLocal(appImage() + "/over.txt"), "over old");
+    ASSERT_EQ(renameError(inMount("/Apps/Notes/" + appTemporary), inMount("/Apps/Notes/over.txt")), 0);
+    EXPECT_EQ(readLocal(appImage() + "/over.txt"), saved);
+    EXPECT_FALSE(exists(appImage() + "/" + appTemporary));
+    EXPECT_FALSE(exists(workFolder() + "/" + appTemporary));
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(RenameTest, RefusalsShowTheirNoticesAndWholeAreasAreLeftToTheHost) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    size_t seen = 0;
+
+    // Out of Storage to the root.
+    EXPECT_EQ(renameError(inMount("/Storage/keep.txt"), inMount("/keep.txt")), ECANCELED);
+    expectDialog(&seen, "You can not rename this file.\n/Storage/keep.txt", "notification");
+    EXPECT_EQ(mount.countLog("tarnifs_rename rename not supported. path from : /Storage/keep.txt, to : /keep.txt"), 1);
+    // The area folder itself.
+    EXPECT_EQ(renameError(inMount("/Storage"), inMount("/Store")), ECANCELED);
+    expectDialog(&seen, "You can not rename this folder.\n/Storage", "notification");
+    // Into /Apps itself.
+    EXPECT_EQ(renameError(inMount("/Storage/keep.txt"), inMount("/Apps/keep.txt")), ECANCELED);
+    expectDialog(&seen, "This folder is read only. You can not write or modify.\n/Apps", "notification");
+    EXPECT_EQ(mount.countLog("tarnifs_rename rename not supported. "), 1);
+    EXPECT_EQ(mount.countLog("tarnifs_rename create not supported. path : /Apps/keep.txt"), 1);
+    // Into the media views.
+    EXPECT_EQ(renameError(inMount("/Storage/keep.txt"), inMount("/Media/Music/keep.txt")), ECANCELED);
+    expectDialog(&seen, "This folder is read only. You can not write or modify.\n/Media/Music", "notification");
+    // An app folder.
+    EXPECT_EQ(renameError(inMount("/Apps/Notes"), inMount("/Apps/Notes2")), ECANCELED);
+    expectDialog(&seen, "You can not rename this folder.\n/Apps/Notes", "notification");
+    EXPECT_EQ(mount.countLog("tarnifs_rename rename not supported. path from : /Apps/Notes, to : /Apps/Notes2"), 1);
+    // A media folder within its own folder, and to another.
+    EXPECT_EQ(renameError(inMount("/Media/Music"), inMount("/Media/Songs")), ECANCELED);
+    expectDialog(&seen, "You can not rename this folder.\n/Media/Music", "notification");
+    EXPECT_EQ(renameError(inMount("/Media/Music"), inMount("/Media/Movies/Music")), ECANCELED);
+    expectDialog(&seen, "This folder is read only. You can not write or modify.\n/Media/Movies", "notification");
+    EXPECT_TRUE(exists(storageImage() + "/keep.txt"));
+    EXPECT_TRUE(isFolder(inMount("/Apps/Notes")));
+
+    // Whole areas and app folders do not move as one: mv is left to copy.
+    EXPECT_EQ(renameError(inMount("/Apps/Notes"), inMount("/Storage/Notes")), EXDEV);
+    EXPECT_EQ(renameError(inMount("/Storage"), inMount("/Apps/Notes/Storage")), EXDEV);
+    EXPECT_TRUE(isFolder(appImage()));
+    EXPECT_TRUE(exists(storageImage() + "/keep.txt"));
+    EXPECT_EQ(dialogs.dialogs().size(), seen);
+}
+
+TEST_F(RenameTest, MovesBetweenStorageAndAppsCopyThenRemoveTheSource) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    std::string big = readLocal(storageImage() + "/big.bin");
+
+    // A file from Storage into an app: one rename, the source gone after.
+    ASSERT_EQ(renameError(inMount("/Storage/keep.txt"), inMount("/Apps/Notes/sub/keep.txt")), 0);
+    EXPECT_EQ(readLocal(appImage() + "/sub/keep.txt"), "keep me");
+    EXPECT_FALSE(exists(storageImage() + "/keep.txt"));
+    EXPECT_EQ(statError(inMount("/Storage/keep.txt")), ENOENT);
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/sub/keep.txt")), "keep me");
+    EXPECT_EQ(namesIn(inMount("/Apps/Notes/sub")), std::vector<std::string>{"keep.txt"});
+
+    // A large file over an existing one in an app: exactly the new bytes.
+    ASSERT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Apps/Notes/over.txt")), 0);
+    EXPECT_EQ(readLocal(appImage() + "/over.txt"), big);
+    EXPECT_FALSE(exists(storageImage() + "/big.bin"));
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Apps/Notes/over.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, static_cast<off_t>(big.size()));
+
+    // A folder with contents, listed before, from Storage into an app.
+    EXPECT_EQ(namesIn(inMount("/Storage/dir")), (std::vector<std::string>{"inner", "one.txt"}));
+    ASSERT_EQ(run({"mv", inMount("/Storage/dir"), inMount("/Apps/Notes/dir")}), 0);
+    EXPECT_EQ(readLocal(appImage() + "/dir/inner/two.txt"), "two");
+    EXPECT_EQ(readLocal(appImage() + "/dir/one.txt"), "one");
+    EXPECT_FALSE(exists(storageImage() + "/dir"));
+    EXPECT_EQ(statError(inMount("/Storage/dir/inner/two.txt")), ENOENT);
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/dir/inner/two.txt")), "two");
+
+    // From an app into Storage, a folder never listed.
+    ASSERT_EQ(renameError(inMount("/Apps/Notes/folder"), inMount("/Storage/folder")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/folder/f.txt"), "eff");
+    EXPECT_FALSE(exists(appImage() + "/folder"));
+    EXPECT_EQ(namesIn(inMount("/Storage/folder")), std::vector<std::string>{"f.txt"});
+    EXPECT_EQ(statError(inMount("/Apps/Notes/folder")), ENOENT);
+
+    // From one app to another.
+    ASSERT_EQ(renameError(inMount("/Apps/Notes/n.txt"), inMount("/Apps/Other/n.txt")), 0);
+    EXPECT_EQ(readLocal(otherImage() + "/n.txt"), "note");
+    EXPECT_FALSE(exists(appImage() + "/n.txt"));
+    EXPECT_EQ(readLocal(inMount("/Apps/Other/n.txt")), "note");
+    ASSERT_EQ(run({"mv", inMount("/Apps/Notes/dir"), inMount("/Apps/Other/dir")}), 0);
+    EXPECT_EQ(readLocal(otherImage() + "/dir/inner/two.txt"), "two");
+    EXPECT_FALSE(exists(appImage() + "/dir"));
+
+    // No staging copy is left anywhere.
+    for (const std::string &folder : {storageImage(), appImage(), otherImage(), otherImage() + "/dir"})
+        for (const std::string &name : namesIn(folder))
+            EXPECT_EQ(name.find("quorvel-move"), std::string::npos) << folder << "/" << name;
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(RenameTest, AMoveThatFailsKeepsItsSourceWhole) {
+    ASSERT_TRUE(startDevice({image()}));
+    std::string udid = sim.udid(0);
+    mountFresh();
+    size_t seen = 0;
+    std::string big = readLocal(storageImage() + "/big.bin");
+
+    // The device refuses the copy.
+    ASSERT_EQ(sim.control("afc-error " + udid + " *.quorvel-move io-error"), "ok");
+    EXPECT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")), ECANCELED);
+    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(seen + 1);
+    ASSERT_EQ(shown.size(), seen + 1);
+    EXPECT_EQ(shown.back().kind, "error");
+    EXPECT_EQ(shown.back().message.find("Could not rename or move the contents.\nError Code : "), 0u)
+        << shown.back().message;
+    seen = shown.size();
+    EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
+    EXPECT_FALSE(exists(appImage() + "/big.bin"));
+    EXPECT_EQ(namesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
+    EXPECT_EQ(statError(inMount("/Storage/big.bin")), 0);
+    EXPECT_EQ(statError(inMount("/Apps/Notes/big.bin")), ENOENT);
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+    // The connection drops in the middle of the copy.
+    ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
+    EXPECT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")), ECANCELED);
+    expectDialog(&seen, "Lost USB connection.\nRenaming or moving aborted.", "error");
+    EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
+    EXPECT_FALSE(exists(appImage() + "/big.bin"));
+    // With the connection gone the hidden staging copy cannot be removed; it
+    // is never listed, and the next move to that name starts it afresh.
+    unlink((appImage() + "/.big.bin.quorvel-move").c_str());
+
+    // No room for the copy: refused before anything is written.
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+    ASSERT_EQ(sim.control("capacity " + udid + " 3500000"), "ok");
+    ASSERT_EQ(unmountDevice(), 0);
+    mountFresh();
+    EXPECT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")), ECANCELED);
+    expectDialog(&seen, "Not enough space on device.", "error");
+    EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
+    EXPECT_EQ(namesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
+}
+
+TEST_F(RenameTest, FilesOpenWhileRenamedOrMovedStayUsableThroughTheirHandles) {
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+
+    // Renamed within Storage, with its folder: the handle writes on.
+    EXPECT_EQ(namesIn(inMount("/Storage/dir/inner")), std::vector<std::string>{"two.txt"});
+    int fd = open(inMount("/Storage/dir/inner/two.txt").c_str(), O_RDWR);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/dir"), inMount("/Storage/dir2")), 0);
+    ASSERT_EQ(pwrite(fd, "TWO", 3, 0), 3);
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/dir2/inner/two.txt"), "TWO");
+    EXPECT_EQ(readLocal(inMount("/Storage/dir2/inner/two.txt")), "TWO");
+
+    // Moved into an app while open for reading: the old handle still reads
+    // what it had, and closing it leaves the moved file alone.
+    fd = open(inMount("/Storage/a.txt").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/a.txt"), inMount("/Apps/Notes/a.txt")), 0);
+    char buffer[16] = {0};
+    EXPECT_EQ(pread(fd, buffer, sizeof(buffer), 0), 5);
+    EXPECT_STREQ(buffer, "old a");
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(readLocal(appImage() + "/a.txt"), "old a");
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/a.txt")), "old a");
+    EXPECT_EQ(statError(inMount("/Storage/a.txt")), ENOENT);
+    EXPECT_TRUE(dialogs.dialogs().empty());
+    EXPECT_EQ(unmountDevice(), 0);
+}
+
+TEST_F(RenameTest, ADeviceFailureIsShownAndLeavesDeviceAndCatalogueAsTheyWere) {
+    ASSERT_TRUE(startDevice({image()}));
+    std::string udid = sim.udid(0);
+    mountFresh();
+    size_t seen = 0;
+
+    ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/keep.txt permission-denied"), "ok");
+    EXPECT_EQ(renameError(inMount("/Storage/keep.txt"), inMount("/Storage/k2.txt")), ECANCELED);
+    expectDialog(&seen, "Could not rename or move the contents.\nError Code : -3", "error");
+    EXPECT_EQ(mount.countLog("tarnifs_rename libiusb_afc_rename failed. from(/general_storage/keep.txt) "
+                             "to(/general_storage/k2.txt). error : -3"),
+              1);
+    EXPECT_EQ(readLocal(storageImage() + "/keep.txt"), "keep me");
+    EXPECT_FALSE(exists(storageImage() + "/k2.txt"));
+    EXPECT_EQ(statError(inMount("/Storage/keep.txt")), 0);
+    EXPECT_EQ(statError(inMount("/Storage/k2.txt")), ENOENT);
+    EXPECT_EQ(namesIn(inMount("/Storage")), namesIn(storageImage()));
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+    // Inside an app, the same, with its own log line.
+    ASSERT_EQ(sim.control("afc-error " + udid + " /Documents/n.txt permission-denied"), "ok");
+    EXPECT_EQ(renameError(inMount("/Apps/Notes/n.txt"), inMount("/Apps/Notes/n2.txt")), ECANCELED);
+    expectDialog(&seen, "Could not rename or move the contents.\nError Code : -3", "error");
+    EXPECT_EQ(mount.countLog("movetoapps libiusb_afc_rename filed, from(/Documents/n.txt), to(/Documents/n2.txt), "
+                             "ret : -3"),
+              1);
+    EXPECT_EQ(readLocal(appImage() + "/n.txt"), "note");
+    EXPECT_EQ(statError(inMount("/Apps/Notes/n.txt")), 0);
+    EXPECT_EQ(statError(inMount("/Apps/Notes/n2.txt")), ENOENT);
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+    // The connection is gone: the lost-connection text, nothing forgotten.
+    ASSERT_EQ(sim.control("drop-now " + udid), "ok");
+    EXPECT_EQ(renameError(inMount("/Storage/a.txt"), inMount("/Storage/b.txt")), ECANCELED);
+    expectDialog(&seen, "Lost USB connection.\nRenaming or moving aborted.", "error");
+    EXPECT_EQ(mount.countLog("tarnifs_rename libiusb_afc_rename failed. from(/general_storage/a.txt) "
+                             "to(/general_storage/b.txt). error : -32"),
+              1);
+    EXPECT_EQ(readLocal(storageImage() + "/a.txt"), "old a");
+    EXPECT_EQ(readLocal(storageImage() + "/b.txt"), "bee");
+    EXPECT_EQ(statError(inMount("/Storage/a.txt")), 0);
+    EXPECT_EQ(statError(inMount("/Storage/b.txt")), 0);
+}
+
+// A tree of a few hundred files in nested folders, with odd names.
+void makeTree(const std::string &root) {
+    mkdir(root.c_str(), 0755);
+    for (int folder = 0; folder < 6; ++folder) {
+        std::string dir = root + "/d" + std::to_string(folder);
+        mkdir(dir.c_str(), 0755);
+        mkdir((dir + "/deeper").c_str(), 0755);
+        for (int file = 0; file < 30; ++file) {
+            size_t size = static_cast<size_t>((folder * 37 + file * 1013) % 70000);
+            writeLocal(dir + "/f" + std::to_string(file) + ".bin",
+                       randomBytes(size, static_cast<unsigned>(folder * 100 + file)));
+            writeLocal(dir + "/deeper/g " + std::to_string(file) + ".txt", "file " + std::to_string(file) + "\n");
+        }
+    }
+}
+
+TEST_F(RenameTest, RsyncCopiesATreeInAndBackThroughItsTemporaries) {
+    if (!haveProgram("rsync")) GTEST_SKIP() << "rsync is not installed (package rsync)";
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    std::string tree = tempDir + "/tree";
+    makeTree(tree);
+    std::string output;
+    ASSERT_EQ(run({"rsync", "-a", tree + "/", inMount("/Storage/synced/")}, &output), 0) << output;
+    ASSERT_EQ(run({"diff", "-r", tree, storageImage() + "/synced"}, &output), 0) << output;
+    ASSERT_EQ(run({"rsync", "-a", inMount("/Storage/synced/"), tempDir + "/back/"}, &output), 0) << output;
+    EXPECT_EQ(run({"diff", "-r", tree, tempDir + "/back"}, &output), 0) << output;
+    // A second run over changed files renames over what is there.
+    writeLocal(tree + "/d2/f3.bin", "changed");
+    ASSERT_EQ(run({"rsync", "-a", tree + "/", inMount("/Storage/synced/")}, &output), 0) << output;
+    EXPECT_EQ(readLocal(storageImage() + "/synced/d2/f3.bin"), "changed");
+    EXPECT_EQ(run({"diff", "-r", tree, inMount("/Storage/synced")}, &output), 0) << output;
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(RenameTest, GitRepositoriesWorkInStorage) {
+    if (!haveProgram("git")) GTEST_SKIP() << "git is not installed (package git)";
+    ASSERT_TRUE(startDevice({image()}));
+    mountFresh();
+    const std::vector<std::string> git = {"git", "-c", "user.name=Quorvel Test", "-c", "user.email=test@example.com",
+                                          "-c", "init.defaultBranch=main"};
+    auto inRepo = [&](const std::string &repo, std::vector<std::string> args) {
+        std::vector<std::string> argv = git;
+        argv.push_back("-C");
+        argv.push_back(repo);
+        argv.insert(argv.end(), args.begin(), args.end());
+        return argv;
+    };
+    std::string output;
+
+    // A repository made and committed to in Storage.
+    std::string repo = inMount("/Storage/repo");
+    ASSERT_EQ(run(inRepo(inMount("/Storage"), {"init", "-q", "repo"}), &output), 0) << output;
+    for (int commit = 0; commit < 3; ++commit) {
+        writeLocal(repo + "/file" + std::to_string(commit) + ".txt", "commit " + std::to_string(commit) + "\n");
+        writeLocal(repo + "/changing.txt", "version " + std::to_string(commit) + "\n");
+        ASSERT_EQ(run(inRepo(repo, {"add", "-A"}), &output), 0) << output;
+        ASSERT_EQ(run(inRepo(repo, {"commit", "-q", "-m", "commit " + std::to_string(commit)}), &output), 0)
+            << output;
+    }
+    EXPECT_EQ(run(inRepo(repo, {"fsck", "--full"}), &output), 0) << output;
+    ASSERT_EQ(run(inRepo(repo, {"status", "--porcelain"}), &output), 0);
+    EXPECT_EQ(output, "");
+    ASSERT_EQ(run(inRepo(repo, {"rev-list", "--count", "HEAD"}), &output), 0);
+    EXPECT_EQ(output, "3\n");
+
+    // A local repository cloned into Storage.
+    std::string source = tempDir + "/source";
+    ASSERT_EQ(run(inRepo(tempDir, {"init", "-q", "source"}), &output), 0) << output;
+    makeTree(source + "/tree");
+    ASSERT_EQ(run(inRepo(source, {"add", "-A"}), &output), 0) << output;
+    ASSERT_EQ(run(inRepo(source, {"commit", "-q", "-m", "tree"}), &output), 0) << output;
+    ASSERT_EQ(run(inRepo(tempDir, {"clone", "-q", "--no-local", source, inMount("/Storage/clone")}), &output), 0)
+        << output;
+    EXPECT_EQ(run(inRepo(inMount("/Storage/clone"), {"fsck", "--full"}), &output), 0) << output;
+    ASSERT_EQ(run(inRepo(inMount("/Storage/clone"), {"status", "--porcelain"}), &output), 0);
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(run({"diff", "-r", source + "/tree", storageImage() + "/clone/tree"}, &output), 0) << output;
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+} // namespace

@@ -1,0 +1,218 @@
+// Rename called directly, without a device: the whole decision table's
+// refusals and their texts, the moves left to the host, a device refusal
+// that changes nothing, and the catalogue move that keeps records (and the
+// handles pointing at them) alive under their new names.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/names.h"
+#include "tarnifs/notify.h"
+#include "tarnifs/rename.h"
+#include "tests/support/catalogue_fixture.h"
+
+namespace {
+
+class RenameUnitTest : public MountContextTest {
+protected:
+    void SetUp() override {
+        MountContextTest::SetUp();
+        context.device_info.free_capacity = 1000;
+        for (const char *path : {"/", "/Storage", "/Apps", "/Media", "/Media/Music", "/Media/Movies", "/Apps/Notes",
+                                 "/Apps/Other", "/Storage/dir", "/Storage/dir/inner"})
+            folder(path);
+        FindObject("/Apps/Notes")->app_id = copy("com.example.notes");
+        FindObject("/Apps/Other")->app_id = copy("com.example.other");
+        file("/Storage/a.txt", 10);
+        file("/Storage/dir/one.txt", 3);
+        file("/Storage/dir/inner/two.txt", 4);
+        file("/Media/Music/song.mp3", 5);
+        file("/Apps/Notes/n.txt", 6)->app_id = copy("com.example.notes");
+        noDialog();
+    }
+    static char *copy(const char *text) {
+        char *result = new char[strlen(text) + 1];
+        strcpy(result, text);
+        return result;
+    }
+    _KTL_OBJECT *folder(const char *path) {
+        _KTL_OBJECT *record = GetObjectWithFileName(path);
+        record->mode = KTL_MODE_FOLDER;
+        record->enumerated = 1;
+        if (strcmp(path, "/") != 0) LinkChildObject(GetParentObject(path), record);
+        return record;
+    }
+    _KTL_OBJECT *file(const char *path, uint64_t size) {
+        _KTL_OBJECT *record = GetObjectWithFileName(path);
+        record->mode = KTL_MODE_FILE;
+        record->size = size;
+        LinkChildObject(GetParentObject(path), record);
+        return record;
+    }
+    void noDialog() {
+        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+        memset(context.dialog.dialog_message, 0, sizeof(context.dialog.dialog_message));
+        context.dialog.dialog_title = nullptr;
+    }
+    std::string dialogText() {
+        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+        return context.dialog.dialog_message;
+    }
+    std::string dialogTitle() {
+        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+        return context.dialog.dialog_title != nullptr ? context.dialog.dialog_title : "";
+    }
+    // The file names in a folder's child list, in list order.
+    std::vector<std::string> children(const char *path) {
+        std::vector<std::string> names;
+        _KTL_OBJECT *record = FindObject(path);
+        if (record == nullptr) return names;
+        for (_KTL_LIST_ENTRY *link = record->child_list.next; link != &record->child_list; link = link->next)
+            names.push_back(ObjectFromSibling(link)->file_name);
+        return names;
+    }
+};
+
+struct Refusal {
+    const char *from;
+    const char *to;
+    const char *dialog;
+    const char *log;  // besides the "not supported" line every refusal has
+};
+
+TEST_F(RenameUnitTest, EveryRefusalOfTheTableShowsItsNoticeAndChangesNothing) {
+    const Refusal refusals[] = {
+        {"/Storage/a.txt", "/Apps/a.txt", "This folder is read only. You can not write or modify.\n/Apps",
+         "tarnifs_rename create not supported. path : /Apps/a.txt"},
+        {"/Storage/a.txt", "/Media/Music/a.txt",
+         "This folder is read only. You can not write or modify.\n/Media/Music",
+         "tarnifs_rename create not supported. path : /Media/Music/a.txt"},
+        {"/Storage/a.txt", "/a.txt", "You can not rename this file.\n/Storage/a.txt",
+         "tarnifs_rename rename not supported. path from : /Storage/a.txt, to : /a.txt"},
+        {"/Storage", "/Store", "You can not rename this folder.\n/Storage",
+         "tarnifs_rename rename not supported. path from : /Storage, to : /Store"},
+        {"/Media/Music/song.mp3", "/Apps/song.mp3", "This folder is read only. You can not write or modify.\n/Apps",
+         "tarnifs_rename create not supported. path : /Apps/song.mp3"},
+        {"/Media/Music/song.mp3", "/Media/Music/tune.mp3", "You can not rename this file.\n/Media/Music/song.mp3",
+         "tarnifs_rename rename not supported. path from : /Media/Music/song.mp3, to : /Media/Music/tune.mp3"},
+        {"/Media/Music/song.mp3", "/Media/Movies/song.mp3",
+         "This folder is read only. You can not write or modify.\n/Media/Movies",
+         "tarnifs_rename create not supported. path : /Media/Movies/song.mp3"},
+        {"/Media/Music", "/Media/Songs", "You can not rename this folder.\n/Media/Music",
+         "tarnifs_rename rename not supported. path from : /Media/Music, to : /Media/Songs"},
+        {"/Apps/Notes/n.txt", "/Media/Music/n.txt",
+         "This folder is read only. You can not write or modify.\n/Media/Music",
+         "tarnifs_rename create not supported. path : /Media/Music/n.txt"},
+        {"/Apps/Notes", "/Apps/Notes2", "You can not rename this folder.\n/Apps/Notes",
+         "tarnifs_rename rename not supported. path from : /Apps/Notes, to : /Apps/Notes2"},
+        {"/Apps", "/Apps/Notes/Apps", "You can not rename this folder.\n/Apps",
+         "tarnifs_rename rename not supported. path from : /Apps, to : /Apps/Notes/Apps"},
+        {"/Apps/Notes/n.txt", "/Apps/n.txt", "This folder is read only. You can not write or modify.\n/Apps",
+         "tarnifs_rename create not supported. path : /Apps/n.txt"},
+        {"/Apps/Notes/n.txt", "/n.txt", "You can not rename this file.\n/Apps/Notes/n.txt",
+         "tarnifs_rename rename not supported. path from : /Apps/Notes/n.txt, to : /n.txt"},
+        {"/top.txt", "/Storage/top.txt", "You can not rename this file.\n/top.txt",
+         "tarnifs_rename rename not supported. path from : /top.txt, to : /Storage/top.txt"},
+    };
+    for (const Refusal &refusal : refusals) {
+        noDialog();
+        EXPECT_EQ(tarnifs_rename(refusal.from, refusal.to), -ECANCELED) << refusal.from << " " << refusal.to;
+        EXPECT_EQ(dialogText(), refusal.dialog) << refusal.from << " " << refusal.to;
+        EXPECT_EQ(dialogTitle(), "Quorvel Notification");
+        EXPECT_TRUE(logContains(refusal.log)) << refusal.log;
+        EXPECT_EQ(FindObject(refusal.to), nullptr) << refusal.to;
+    }
+    // The rows that refuse into a place above an app's contents say so first.
+    size_t notSupported = 0;
+    for (const std::string &line : logMessages())
+        if (line == "tarnifs_rename rename not supported. ") ++notSupported;
+    EXPECT_EQ(notSupported, 5u);
+    EXPECT_NE(FindObject("/Storage/a.txt"), nullptr);
+    EXPECT_NE(FindObject("/Apps/Notes"), nullptr);
+}
+
+TEST_F(RenameUnitTest, MovesTheHostMustCopyAnswerExdevAndFlagsAreRefused) {
+    // Media items wait for the media views; whole areas and app folders are
+    // copied by the host, which cannot remove what must stay.
+    for (const auto &move :
+         {std::make_pair("/Media/Music/song.mp3", "/Storage/s.mp3"), std::make_pair("/Media/Music/song.mp3", "/Apps/Notes/s.mp3"),
+          std::make_pair("/Apps", "/Storage/Apps"), std::make_pair("/Apps/Notes", "/Storage/Notes"),
+          std::make_pair("/Storage", "/Apps/Notes/Storage")}) {
+        EXPECT_EQ(tarnifs_rename(move.first, move.second), -EXDEV) << move.first << " " << move.second;
+        EXPECT_NE(FindObject(move.first), nullptr);
+        EXPECT_EQ(FindObject(move.second), nullptr);
+    }
+    EXPECT_EQ(dialogText(), "");
+    // renameat2's flags are refused before anything else.
+    EXPECT_EQ(tarni_opers.rename("/Storage/a.txt", "/Storage/b.txt", 1), -EINVAL);
+    EXPECT_EQ(FindObject("/Storage/b.txt"), nullptr);
+    // A name renamed to itself is already there.
+    EXPECT_EQ(tarnifs_rename("/Storage/a.txt", "/Storage/a.txt"), 0);
+    EXPECT_NE(FindObject("/Storage/a.txt"), nullptr);
+}
+
+TEST_F(RenameUnitTest, ADeviceRefusalIsShownAndLeavesTheCatalogueAsItWas) {
+    // No device connection here: the device layer refuses the request.
+    _KTL_OBJECT *source = FindObject("/Storage/a.txt");
+    EXPECT_EQ(tarnifs_rename("/Storage/a.txt", "/Storage/dir/b.txt"), -ECANCELED);
+    EXPECT_EQ(dialogText(), "Could not rename or move the contents.\nError Code : -2");
+    EXPECT_EQ(dialogTitle(), "Quorvel Error!!");
+    EXPECT_TRUE(logContains("tarnifs_rename libiusb_afc_rename failed. from(/general_storage/a.txt) "
+                            "to(/general_storage/dir/b.txt). error : -2"));
+    EXPECT_EQ(FindObject("/Storage/a.txt"), source);
+    EXPECT_EQ(FindObject("/Storage/dir/b.txt"), nullptr);
+    EXPECT_EQ(children("/Storage"), (std::vector<std::string>{"dir", "a.txt"}));
+    // A folder with contents is never replaced: no dialog, nothing asked.
+    noDialog();
+    folder("/Storage/full");
+    file("/Storage/full/x.txt", 1);
+    EXPECT_EQ(tarnifs_rename("/Storage/dir", "/Storage/full"), -ENOTEMPTY);
+    EXPECT_EQ(dialogText(), "");
+    // A source the catalogue does not know is not there.
+    EXPECT_EQ(tarnifs_rename("/Storage/none.txt", "/Storage/b.txt"), -ENOENT);
+}
+
+TEST_F(RenameUnitTest, AMovedRecordKeepsItsAddressAndTakesItsSubtreeAlong) {
+    _KTL_OBJECT *dir = FindObject("/Storage/dir");
+    _KTL_OBJECT *two = FindObject("/Storage/dir/inner/two.txt");
+    two->open_count = 1;  // a handle points at it
+    MoveObject(dir, "/Storage/dir", "/Storage/moved");
+    EXPECT_EQ(FindObject("/Storage/moved"), dir);
+    EXPECT_STREQ(dir->file_name, "moved");
+    EXPECT_EQ(FindObject("/Storage/moved/inner/two.txt"), two);
+    EXPECT_NE(FindObject("/Storage/moved/one.txt"), nullptr);
+    EXPECT_EQ(FindObject("/Storage/dir"), nullptr);
+    EXPECT_EQ(FindObject("/Storage/dir/inner"), nullptr);
+    EXPECT_EQ(FindObject("/Storage/dir/inner/two.txt"), nullptr);
+    EXPECT_EQ(children("/Storage/moved"), (std::vector<std::string>{"inner", "one.txt"}));
+    EXPECT_EQ(two->size, 4u);
+    // (Lookups that missed leave entries of 0 behind; they stand for no record.)
+    for (const auto &entry : Object_list)
+        if (entry.second != 0) {
+            EXPECT_EQ(entry.first.find("/Storage/dir"), std::string::npos) << entry.first;
+        }
+    // A decomposed name is found under its composed key after the move.
+    MoveObject(FindObject("/Storage/a.txt"), "/Storage/a.txt", "/Storage/Re\xcc\x81sume\xcc\x81.txt");
+    EXPECT_NE(FindObject("/Storage/R\xc3\xa9sum\xc3\xa9.txt"), nullptr);
+    two->open_count = 0;
+}
+
+} // namespace
+
+// Without a mount context nothing is looked up or changed; the failure takes
+// the way of every other rename failure.
+class RenameWithoutContextTest : public MountContextTest {};
+
+TEST_F(RenameWithoutContextTest, AnswersCanceledAndTouchesNothing) {
+    GetObjectWithFileName("/Storage/kept.txt")->size = 5;
+    fuse.private_data = nullptr;
+    char *saved = gEncodedPath;
+    gEncodedPath = nullptr;
+    EXPECT_EQ(tarni_opers.rename("/Storage/kept.txt", "/Storage/other.txt", 0), -ECANCELED);
+    gEncodedPath = saved;
+    EXPECT_NE(FindObject("/Storage/kept.txt"), nullptr);
+    EXPECT_EQ(FindObject("/Storage/other.txt"), nullptr);
+    EXPECT_TRUE(logContains("tarnifs_rename getContext failed"));
+}
