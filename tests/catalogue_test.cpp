@@ -57,8 +57,11 @@ TEST_F(CatalogueTest, ComposedAndDecomposedSpellingsReachOneRecord) {
     EXPECT_EQ(GetObject(kComposed), made);
     EXPECT_EQ(FindObject(kComposed), made);
     EXPECT_EQ(FindObject(kDecomposed), made);
-    // Only the last component is converted; the parent part is used as given.
+    // Folder components are composed too: a path through either spelling of
+    // the folder is one key.
     EXPECT_EQ(FindObject("/Storage/cafe\xCC\x81/x"), nullptr);
+    _KTL_OBJECT *inside = GetObject("/Storage/caf\xC3\xA9/x");
+    EXPECT_EQ(FindObject("/Storage/cafe\xCC\x81/x"), inside);
     // A "/" inside a name (from the device) is stored as ":".
     EXPECT_EQ(GetObject("/Storage/AC:DC"), GetObject("/Storage/AC:DC"));
 }
@@ -152,6 +155,30 @@ TEST_F(CatalogueTest, DeletedRecordLeavesNoEntryUnderItsComposedKey) {
     _KTL_OBJECT *again = GetObject(kComposed);
     EXPECT_EQ(again->file_name, nullptr);
     EXPECT_EQ(FindObject(kDecomposed), again);
+}
+
+// Found by the catalogue fuzz target (tests/fuzz/corpus/fuzz_catalogue/
+// folder-removed-under-other-form): a child made through the composed folder
+// name, then the folder removed through the decomposed one. The child's key
+// kept the folder as first spelled, so removing the folder freed the child
+// but left it in the map, and the next lookup returned freed memory.
+TEST_F(CatalogueTest, FolderRemovedUnderTheOtherSpellingTakesItsChildrenFromTheMap) {
+    GetObject("/");
+    _KTL_OBJECT *storage = addChild("/Storage", KTL_MODE_FOLDER);
+    _KTL_OBJECT *folder = addChild(kComposed, KTL_MODE_FOLDER);
+    addChild(std::string(kComposed) + "/e\xCC\x81" "b", KTL_MODE_FOLDER);
+    addChild(std::string(kDecomposed) + "/plain", KTL_MODE_FILE);
+    EXPECT_EQ(childNames(folder), (std::vector<std::string>{"e\xCC\x81" "b", "plain"}));
+
+    DeleteChildObject(folder, kDecomposed);
+    DeleteObject(folder, kDecomposed);
+    EXPECT_EQ(FindObject(std::string(kComposed).append("/\xC3\xA9" "b").c_str()), nullptr);
+    EXPECT_EQ(FindObject(std::string(kComposed).append("/e\xCC\x81" "b").c_str()), nullptr);
+    EXPECT_EQ(FindObject(std::string(kComposed).append("/plain").c_str()), nullptr);
+    EXPECT_EQ(FindObject(std::string(kDecomposed).append("/plain").c_str()), nullptr);
+    EXPECT_EQ(FindObject(kComposed), nullptr);
+    EXPECT_TRUE(childNames(storage).empty());
+    EXPECT_EQ(liveEntries(), 2u);  // the root and /Storage
 }
 
 TEST_F(CatalogueTest, CleanupRemovesOnlyTemporaryRecords) {
