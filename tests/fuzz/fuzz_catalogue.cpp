@@ -85,6 +85,9 @@ void checkInvariants() {
     for (const std::string &path : paths) {
         _KTL_OBJECT *object = FindObject(path.c_str());
         if (object == nullptr) continue;
+        // Reading the record lets the address sanitizer catch a freed one
+        // still reachable through the map.
+        FUZZ_CHECK(object->mode == KTL_MODE_FILE || object->mode == KTL_MODE_FOLDER);
         if (loose.count(object) != 0) continue;
         _KTL_OBJECT *parent = GetParentObject(path.c_str());
         FUZZ_CHECK(parent != nullptr);
