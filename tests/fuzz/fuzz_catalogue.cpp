@@ -22,10 +22,15 @@
 
 namespace {
 
-const char *const kPieces[] = {
+// Two long runs put components on both sides of the 2048-byte buffer every
+// lookup converts the last component in.
+const std::string kLongRun(2040, 'x');
+const std::string kLongDecomposed = std::string(2044, 'y') + "e\xCC\x81";
+const std::string kPieces[] = {
     "a",          "b",        "\xC3\xA9" /* e-acute, composed */, "e\xCC\x81" /* e + combining acute */,
     "\xC3\x85" /* A-ring composed */, "A\xCC\x8A" /* A + combining ring */, "/", ".", "..",
     "\xFF" /* never UTF-8 */, "\xC3" /* cut short */, ":", "\xE0\xA5\x98" /* composes to something longer */,
+    kLongRun, kLongDecomposed,
 };
 constexpr size_t kPieceCount = sizeof(kPieces) / sizeof(kPieces[0]);
 
