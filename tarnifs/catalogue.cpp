@@ -34,7 +34,8 @@ char *copyString(const char *text) {
 // path reached through a decomposed folder name and one reached through the
 // composed name are one key. A record kept under the folder's path as given
 // outlived its folder when the folder was removed under the other form.
-// Components that do not convert stay as given.
+// Components that do not convert, or would not as a last component, stay as
+// given.
 std::string composedFolder(const std::string &folder) {
     std::string out;
     size_t start = 0;
@@ -44,7 +45,10 @@ std::string composedFolder(const std::string &folder) {
         std::string component = folder.substr(start, slash - start);
         bool ascii = true;
         for (unsigned char c : component) ascii = ascii && c < 0x80;
-        if (!ascii) {
+        // The same rule as for the last component: one that cannot fit the
+        // lookup buffer stays as given, so a folder's key and its children's
+        // keys spell it alike.
+        if (!ascii && component.size() < kEncodedPathSize) {
             std::vector<char> converted(component.size() + 1, '\0');
             if (getUTF8MACName(component.c_str(), converted.data()) >= 0)
                 component.assign(converted.data(), strnlen(converted.data(), component.size()));

@@ -181,6 +181,30 @@ TEST_F(CatalogueTest, FolderRemovedUnderTheOtherSpellingTakesItsChildrenFromTheM
     EXPECT_EQ(liveEntries(), 2u);  // the root and /Storage
 }
 
+// Names too long for the lookup buffer are never composed as a last
+// component, so their folder part must not be composed either: the two
+// spellings are two folders, each with its own children.
+TEST_F(CatalogueTest, FoldersTooLongToComposeKeepTheirChildrenApart) {
+    GetObject("/");
+    addChild("/Storage", KTL_MODE_FOLDER);
+    const std::string composed = "/Storage/" + std::string(2046, 'y') + "\xC3\xA9";
+    const std::string decomposed = "/Storage/" + std::string(2046, 'y') + "e\xCC\x81";
+    _KTL_OBJECT *first = addChild(composed, KTL_MODE_FOLDER);
+    _KTL_OBJECT *second = addChild(decomposed, KTL_MODE_FOLDER);
+    ASSERT_NE(first, second);
+    _KTL_OBJECT *inFirst = addChild(composed + "/x", KTL_MODE_FILE);
+    _KTL_OBJECT *inSecond = addChild(decomposed + "/x", KTL_MODE_FILE);
+    EXPECT_NE(inFirst, inSecond);
+    EXPECT_EQ(GetParentObject((decomposed + "/x").c_str()), second);
+    EXPECT_EQ(childNames(second), (std::vector<std::string>{"x"}));
+
+    DeleteChildObject(second, decomposed.c_str());
+    DeleteObject(second, decomposed.c_str());
+    EXPECT_EQ(FindObject((decomposed + "/x").c_str()), nullptr);
+    EXPECT_EQ(FindObject((composed + "/x").c_str()), inFirst);
+    EXPECT_EQ(childNames(first), (std::vector<std::string>{"x"}));
+}
+
 TEST_F(CatalogueTest, CleanupRemovesOnlyTemporaryRecords) {
     GetObject("/");
     _KTL_OBJECT *storage = addChild("/Storage", KTL_MODE_FOLDER);
