@@ -1,12 +1,16 @@
 # The two entry points a newcomer needs:
 #   make demo   installs what is missing, builds, and runs the demo
 #   make test   installs what is missing, builds from scratch, runs every test,
-#               then runs them again under the address and undefined-behaviour sanitizers
+#               then runs them again under the address and undefined-behaviour sanitizers,
+#               then gives each libFuzzer target a short run (fuzz-smoke)
+# and for longer fuzzing: make fuzz [FUZZ_SECONDS=N]
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
 JOBS       ?= $(shell nproc)
 
-.PHONY: setup build test test-plain test-sanitize demo bench clean
+.PHONY: setup build test test-plain test-sanitize fuzz-build fuzz fuzz-smoke demo bench clean
 
 setup:
 	bash scripts/setup.sh
@@ -23,7 +27,20 @@ test-sanitize: setup
 	cmake --build $(ASAN_BUILD) -j $(JOBS) -- --no-print-directory
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
-test: test-plain test-sanitize
+# The libFuzzer targets build with clang in a folder of their own.
+fuzz-build: setup
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEL_FUZZ=ON >/dev/null
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) -- --no-print-directory
+
+# make fuzz [FUZZ_SECONDS=N]: each target N seconds, growing the kept corpus.
+fuzz: fuzz-build
+	bash scripts/fuzz.sh run $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+# Each target about 20 seconds over its corpus, one after another.
+fuzz-smoke: fuzz-build
+	cd $(FUZZ_BUILD) && ctest --output-on-failure -R '^Fuzz\.'
+
+test: test-plain test-sanitize fuzz-smoke
 
 demo: build
 	$(BUILD)/tools/quorvel demo
@@ -32,4 +49,4 @@ bench: build
 	bash bench/run.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

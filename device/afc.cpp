@@ -221,16 +221,8 @@ int libiusb_afc_truncate(libiusb_afc *afc, const char *path, uint64_t size) {
     return afcResult(afc_truncate(afc->client, path, size));
 }
 
-int libiusb_afc_file_get_info(libiusb_afc *afc, const char *path, libiusb_file_info *info) {
-    if (info != nullptr) memset(info, 0, sizeof(*info));
-    if (!usable(afc) || path == nullptr || info == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
-    char **pairs = nullptr;
-    int result = afcResult(afc_get_file_info(afc->client, path, &pairs));
-    if (result != 0) {
-        if (pairs != nullptr) afc_dictionary_free(pairs);
-        return result;
-    }
-    if (pairs == nullptr) return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND;
+void parseFileInfoPairs(const char *const *pairs, libiusb_file_info *info) {
+    if (pairs == nullptr || info == nullptr) return;
     for (int i = 0; pairs[i] != nullptr && pairs[i + 1] != nullptr; i += 2) {
         const char *key = pairs[i];
         const char *value = pairs[i + 1];
@@ -247,6 +239,19 @@ int libiusb_afc_file_get_info(libiusb_afc *afc, const char *path, libiusb_file_i
             info->modify_time = parseSigned(value);
         }
     }
+}
+
+int libiusb_afc_file_get_info(libiusb_afc *afc, const char *path, libiusb_file_info *info) {
+    if (info != nullptr) memset(info, 0, sizeof(*info));
+    if (!usable(afc) || path == nullptr || info == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    char **pairs = nullptr;
+    int result = afcResult(afc_get_file_info(afc->client, path, &pairs));
+    if (result != 0) {
+        if (pairs != nullptr) afc_dictionary_free(pairs);
+        return result;
+    }
+    if (pairs == nullptr) return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND;
+    parseFileInfoPairs(pairs, info);
     afc_dictionary_free(pairs);
     return LIBIUSB_SUCCESS;
 }

@@ -59,6 +59,32 @@ char *copyToNew(const std::string &text) {
 
 } // namespace
 
+int appsFromBrowseReply(plist_t apps, libiusb_app_node **list) {
+    if (list == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (apps == nullptr || plist_get_node_type(apps) != PLIST_ARRAY) return LIBIUSB_ERROR_OTHER;
+
+    libiusb_app_node *head = nullptr;
+    libiusb_app_node **tail = &head;
+    uint32_t count = plist_array_get_size(apps);
+    for (uint32_t i = 0; i < count; i++) {
+        plist_t app = plist_array_get_item(apps, i);
+        if (app == nullptr || plist_get_node_type(app) != PLIST_DICT || !sharesFiles(app)) continue;
+        std::string bundle_id = stringItem(app, "CFBundleIdentifier");
+        if (bundle_id.empty()) continue;  // nothing to open its sandbox by
+        std::string display_name = stringItem(app, "CFBundleDisplayName");
+        if (display_name.empty()) display_name = stringItem(app, "CFBundleName");
+        if (display_name.empty()) display_name = bundle_id;
+        libiusb_app_node *node = new libiusb_app_node;
+        node->display_name = copyToNew(display_name);
+        node->bundle_id = copyToNew(bundle_id);
+        node->next = nullptr;
+        *tail = node;
+        tail = &node->next;
+    }
+    *list = head;
+    return LIBIUSB_SUCCESS;
+}
+
 int libiusb_instproxy_init(libiusb_device_handle *handle, libiusb_instproxy **out) {
     if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
@@ -106,32 +132,9 @@ int libiusb_instproxy_getAppId(libiusb_instproxy *instproxy, libiusb_app_node **
         if (apps != nullptr) plist_free(apps);
         return result;
     }
-    if (apps == nullptr || plist_get_node_type(apps) != PLIST_ARRAY) {
-        if (apps != nullptr) plist_free(apps);
-        return LIBIUSB_ERROR_OTHER;
-    }
-
-    libiusb_app_node *head = nullptr;
-    libiusb_app_node **tail = &head;
-    uint32_t count = plist_array_get_size(apps);
-    for (uint32_t i = 0; i < count; i++) {
-        plist_t app = plist_array_get_item(apps, i);
-        if (app == nullptr || plist_get_node_type(app) != PLIST_DICT || !sharesFiles(app)) continue;
-        std::string bundle_id = stringItem(app, "CFBundleIdentifier");
-        if (bundle_id.empty()) continue;  // nothing to open its sandbox by
-        std::string display_name = stringItem(app, "CFBundleDisplayName");
-        if (display_name.empty()) display_name = stringItem(app, "CFBundleName");
-        if (display_name.empty()) display_name = bundle_id;
-        libiusb_app_node *node = new libiusb_app_node;
-        node->display_name = copyToNew(display_name);
-        node->bundle_id = copyToNew(bundle_id);
-        node->next = nullptr;
-        *tail = node;
-        tail = &node->next;
-    }
-    plist_free(apps);
-    *list = head;
-    return LIBIUSB_SUCCESS;
+    result = appsFromBrowseReply(apps, list);
+    if (apps != nullptr) plist_free(apps);
+    return result;
 }
 
 void libiusb_free_app_list(libiusb_app_node *list) {

@@ -103,3 +103,17 @@ struct NativeErrorRow {
     const char *native_name;
 };
 const std::vector<NativeErrorRow> &nativeErrorTable();
+
+// The parsing of device answers, apart from the connections that fetch them,
+// so that the tests and the fuzz targets can feed it any answer a device
+// might give.
+//
+// Fills `info` from the key/value pairs afc_get_file_info answers with (a
+// null-terminated array: key, value, key, value, ...). Keys it does not know
+// are skipped; a key without its value ends the parse. Fields no pair names
+// are left as they are.
+void parseFileInfoPairs(const char *const *pairs, libiusb_file_info *info);
+// The file-sharing apps of an installation proxy browse answer, in its order.
+// An answer that is not an array is LIBIUSB_ERROR_OTHER and leaves *list
+// alone; `apps` stays the caller's.
+int appsFromBrowseReply(plist_t apps, libiusb_app_node **list);

@@ -19,6 +19,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libimobiledevice-utils ifuse fio rsync
   nlohmann-json3-dev
+  clang
 )
 
 # QUORVEL_SETUP_SIMULATE=1 shows what apt-get would do and changes nothing;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <unordered_set>
+#include <vector>
 
 #include "device/libiusb.h"
 #include "tarnifs/mount.h"
@@ -29,12 +30,43 @@ char *copyString(const char *text) {
     return copy;
 }
 
-// Splits at the last "/": the parent part is used as given, the last
-// component is converted into gEncodedPath. Returns false when the conversion
-// failed; gEncodedPath then holds the raw component.
+// The folder part of a key: every component in its composed form, so that a
+// path reached through a decomposed folder name and one reached through the
+// composed name are one key. A record kept under the folder's path as given
+// outlived its folder when the folder was removed under the other form.
+// Components that do not convert, or would not as a last component, stay as
+// given.
+std::string composedFolder(const std::string &folder) {
+    std::string out;
+    size_t start = 0;
+    while (start <= folder.size()) {
+        size_t slash = folder.find('/', start);
+        if (slash == std::string::npos) slash = folder.size();
+        std::string component = folder.substr(start, slash - start);
+        bool ascii = true;
+        for (unsigned char c : component) ascii = ascii && c < 0x80;
+        // The same rule as for the last component: one that cannot fit the
+        // lookup buffer stays as given, so a folder's key and its children's
+        // keys spell it alike.
+        if (!ascii && component.size() < kEncodedPathSize) {
+            std::vector<char> converted(component.size() + 1, '\0');
+            if (getUTF8MACName(component.c_str(), converted.data()) >= 0)
+                component.assign(converted.data(), strnlen(converted.data(), component.size()));
+        }
+        out += component;
+        if (slash < folder.size()) out += '/';
+        start = slash + 1;
+    }
+    return out;
+}
+
+// Splits at the last "/": the parent part is composed component by
+// component, the last component is converted into gEncodedPath. Returns false
+// when the last component's conversion failed; gEncodedPath then holds the
+// raw component.
 bool buildKey(const std::string &path, std::string *key) {
     size_t slash = path.rfind('/');
-    std::string parent = slash == std::string::npos ? std::string() : path.substr(0, slash);
+    std::string parent = slash == std::string::npos ? std::string() : composedFolder(path.substr(0, slash));
     std::string component = slash == std::string::npos ? path : path.substr(slash + 1);
 
     memset(gEncodedPath, 0, kEncodedPathSize);

@@ -388,7 +388,7 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
     } else {
         QNLog(3, "%s Unexpected path(%s)", "tarnifs_readdir", path);
         snprintf(ErrMsg, sizeof(ErrMsg), "Unexpected path.\n%s", path);
-        ShowMessageBox(kMsgError, ErrMsg);
+        ShowMessageBox(kMsgError, "%s", ErrMsg);
         return -ECANCELED;
     }
     if (result == 0) {
@@ -400,7 +400,7 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
     else
         snprintf(ErrMsg, sizeof(ErrMsg), "Could not read directory.\nError Code : %d", result);
     QNLog(3, "%s %s failed. error : %d", "tarnifs_readdir", area, result);
-    ShowMessageBox(kMsgError, ErrMsg);
+    ShowMessageBox(kMsgError, "%s", ErrMsg);
     return -ECANCELED;
 }
 

@@ -57,8 +57,11 @@ TEST_F(CatalogueTest, ComposedAndDecomposedSpellingsReachOneRecord) {
     EXPECT_EQ(GetObject(kComposed), made);
     EXPECT_EQ(FindObject(kComposed), made);
     EXPECT_EQ(FindObject(kDecomposed), made);
-    // Only the last component is converted; the parent part is used as given.
+    // Folder components are composed too: a path through either spelling of
+    // the folder is one key.
     EXPECT_EQ(FindObject("/Storage/cafe\xCC\x81/x"), nullptr);
+    _KTL_OBJECT *inside = GetObject("/Storage/caf\xC3\xA9/x");
+    EXPECT_EQ(FindObject("/Storage/cafe\xCC\x81/x"), inside);
     // A "/" inside a name (from the device) is stored as ":".
     EXPECT_EQ(GetObject("/Storage/AC:DC"), GetObject("/Storage/AC:DC"));
 }
@@ -152,6 +155,54 @@ TEST_F(CatalogueTest, DeletedRecordLeavesNoEntryUnderItsComposedKey) {
     _KTL_OBJECT *again = GetObject(kComposed);
     EXPECT_EQ(again->file_name, nullptr);
     EXPECT_EQ(FindObject(kDecomposed), again);
+}
+
+// Found by the catalogue fuzz target (tests/fuzz/corpus/fuzz_catalogue/
+// folder-removed-under-other-form): a child made through the composed folder
+// name, then the folder removed through the decomposed one. The child's key
+// kept the folder as first spelled, so removing the folder freed the child
+// but left it in the map, and the next lookup returned freed memory.
+TEST_F(CatalogueTest, FolderRemovedUnderTheOtherSpellingTakesItsChildrenFromTheMap) {
+    GetObject("/");
+    _KTL_OBJECT *storage = addChild("/Storage", KTL_MODE_FOLDER);
+    _KTL_OBJECT *folder = addChild(kComposed, KTL_MODE_FOLDER);
+    addChild(std::string(kComposed) + "/e\xCC\x81" "b", KTL_MODE_FOLDER);
+    addChild(std::string(kDecomposed) + "/plain", KTL_MODE_FILE);
+    EXPECT_EQ(childNames(folder), (std::vector<std::string>{"e\xCC\x81" "b", "plain"}));
+
+    DeleteChildObject(folder, kDecomposed);
+    DeleteObject(folder, kDecomposed);
+    EXPECT_EQ(FindObject(std::string(kComposed).append("/\xC3\xA9" "b").c_str()), nullptr);
+    EXPECT_EQ(FindObject(std::string(kComposed).append("/e\xCC\x81" "b").c_str()), nullptr);
+    EXPECT_EQ(FindObject(std::string(kComposed).append("/plain").c_str()), nullptr);
+    EXPECT_EQ(FindObject(std::string(kDecomposed).append("/plain").c_str()), nullptr);
+    EXPECT_EQ(FindObject(kComposed), nullptr);
+    EXPECT_TRUE(childNames(storage).empty());
+    EXPECT_EQ(liveEntries(), 2u);  // the root and /Storage
+}
+
+// Names too long for the lookup buffer are never composed as a last
+// component, so their folder part must not be composed either: the two
+// spellings are two folders, each with its own children.
+TEST_F(CatalogueTest, FoldersTooLongToComposeKeepTheirChildrenApart) {
+    GetObject("/");
+    addChild("/Storage", KTL_MODE_FOLDER);
+    const std::string composed = "/Storage/" + std::string(2046, 'y') + "\xC3\xA9";
+    const std::string decomposed = "/Storage/" + std::string(2046, 'y') + "e\xCC\x81";
+    _KTL_OBJECT *first = addChild(composed, KTL_MODE_FOLDER);
+    _KTL_OBJECT *second = addChild(decomposed, KTL_MODE_FOLDER);
+    ASSERT_NE(first, second);
+    _KTL_OBJECT *inFirst = addChild(composed + "/x", KTL_MODE_FILE);
+    _KTL_OBJECT *inSecond = addChild(decomposed + "/x", KTL_MODE_FILE);
+    EXPECT_NE(inFirst, inSecond);
+    EXPECT_EQ(GetParentObject((decomposed + "/x").c_str()), second);
+    EXPECT_EQ(childNames(second), (std::vector<std::string>{"x"}));
+
+    DeleteChildObject(second, decomposed.c_str());
+    DeleteObject(second, decomposed.c_str());
+    EXPECT_EQ(FindObject((decomposed + "/x").c_str()), nullptr);
+    EXPECT_EQ(FindObject((composed + "/x").c_str()), inFirst);
+    EXPECT_EQ(childNames(first), (std::vector<std::string>{"x"}));
 }
 
 TEST_F(CatalogueTest, CleanupRemovesOnlyTemporaryRecords) {

@@ -327,7 +327,7 @@ TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateArguments) {
     ShowMessageBox(1, "Not enough space on device.");
     ASSERT_TRUE(shown(1));
     snprintf(ErrMsg, sizeof(ErrMsg), "Could not read a file.\nError Code : %d", -5);
-    ShowMessageBox(2, ErrMsg);
+    ShowMessageBox(2, "%s", ErrMsg);
     ASSERT_TRUE(shown(2));
     ShowMessageBox(7, "Lost USB connection.\nReading aborted.");
     ASSERT_TRUE(shown(3));

@@ -25,7 +25,7 @@ trap 'rm -rf "$work"' EXIT
 # The FUSE packages and what setup adds beside them are taken out of the
 # copy of the database, so each simulation starts from "not installed".
 ours=(fuse fuse3 libfuse2 libfuse3-3 libfuse3-dev libfuse-dev libimobiledevice-dev libplist-dev
-      libusbmuxd-dev libutf8proc-dev libimobiledevice-utils ifuse nlohmann-json3-dev)
+      libusbmuxd-dev libutf8proc-dev libimobiledevice-utils ifuse nlohmann-json3-dev clang)
 
 without_packages() {  # prints the status file without the named packages' stanzas
   awk -v names=" $* " '
