@@ -22,14 +22,6 @@ void selfLink(_KTL_LIST_ENTRY *entry) {
     entry->next = entry;
     entry->previous = entry;
 }
-
-char *copyString(const char *text) {
-    size_t length = strlen(text);
-    char *copy = new char[length + 1];
-    memcpy(copy, text, length + 1);
-    return copy;
-}
-
 // The folder part of a key: every component in its composed form, so that a
 // path reached through a decomposed folder name and one reached through the
 // composed name are one key. A record kept under the folder's path as given
@@ -171,7 +163,7 @@ _KTL_OBJECT *GetObjectWithFileName(const char *path) {
     _KTL_OBJECT *object = GetObject(path);
     if (object->file_name == nullptr) {
         const char *slash = strrchr(path, '/');
-        object->file_name = copyString(slash != nullptr ? slash + 1 : path);
+        object->file_name = CopyString(slash != nullptr ? slash + 1 : path);
     }
     return object;
 }
@@ -241,7 +233,7 @@ void MoveObject(_KTL_OBJECT *object, const char *from, const char *to) {
     Object_list[key] = addressOf(object);
     const char *slash = strrchr(to, '/');
     delete[] object->file_name;
-    object->file_name = copyString(slash != nullptr ? slash + 1 : to);
+    object->file_name = CopyString(slash != nullptr ? slash + 1 : to);
 }
 
 void CleanupTmpObject(const char *path, _KTL_LIST_ENTRY *list_head) {
@@ -291,4 +283,11 @@ void FreeRemovedObject(_KTL_OBJECT *object) {
     if (removedOpenObjects.erase(object) == 0) return;
     releaseRecord(object, nullptr);
     delete object;
+}
+
+char *CopyString(const char *text) {
+    size_t length = strlen(text);
+    char *copy = new char[length + 1];
+    memcpy(copy, text, length + 1);
+    return copy;
 }

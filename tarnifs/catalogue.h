@@ -80,6 +80,9 @@ void CleanupTmpObject(const char *path, _KTL_LIST_ENTRY *list_head);
 // handles open on them stay good. `to` must have no record of its own.
 void MoveObject(_KTL_OBJECT *object, const char *from, const char *to);
 
+// A new[] copy of text, for the strings a record owns (freed with the record).
+char *CopyString(const char *text);
+
 // Tree helpers for the code that lists and creates.
 void LinkChildObject(_KTL_OBJECT *parent, _KTL_OBJECT *child);  // at the tail
 void UnlinkObject(_KTL_OBJECT *object);

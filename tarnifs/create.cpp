@@ -25,14 +25,6 @@ constexpr int kOpenAppendTarget = LIBIUSB_AFC_APPEND;
 constexpr size_t kUploadChunk = 65535;
 
 size_t countSlashes(const char *path) { return static_cast<size_t>(std::count(path, path + strlen(path), '/')); }
-
-char *copyString(const char *text) {
-    size_t length = strlen(text);
-    char *copy = new char[length + 1];
-    memcpy(copy, text, length + 1);
-    return copy;
-}
-
 // The work folder exists from start-up; a staging call made before it (or
 // after it was removed) makes it again, private to us.
 void ensureWorkFolder(_CONTEXT *ctx) {
@@ -158,10 +150,8 @@ int tarnifs_create(const char *path, mode_t, struct fuse_file_info *fi) {
     if (!inAppFolder && !inStorage) {
         QNLog(3, "%s create not supported. path : %s%s", "tarnifs_create", path,
               strncmp(path, "/Apps/", 6) == 0 ? " " : "");
-        const char *slash = strrchr(path, '/');
-        std::string parentFolder = slash == nullptr || slash == path ? "/" : std::string(path, slash - path);
         ShowMessageBox(kMsgNotification, "This folder is read only. You can not write or modify.\n%s",
-                       parentFolder.c_str());
+                       ParentFolderOf(path).c_str());
         return -ECANCELED;
     }
     _KTL_OBJECT *object = GetObjectWithFileName(path);
@@ -176,7 +166,7 @@ int tarnifs_create(const char *path, mode_t, struct fuse_file_info *fi) {
     _KTL_OBJECT *parent = GetParentObject(path);
     if (parent != nullptr) {
         if (inAppFolder && object->app_id == nullptr && parent->app_id != nullptr)
-            object->app_id = copyString(parent->app_id);
+            object->app_id = CopyString(parent->app_id);
         LinkChildObject(parent, object);
         // Counted in both areas, although only an app folder's count comes
         // down again at release.

@@ -30,19 +30,6 @@ bool isMediaItem(const _KTL_OBJECT *object) { return object->device_path != null
 
 bool opensForWriting(int flags) { return (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC) != 0; }
 
-// "/Apps/Notes/a/b.txt" -> "Notes".
-std::string appFolderName(const char *path) {
-    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
-    return rest.substr(0, rest.find('/')).substr(0, 511);
-}
-
-// The folder a refusal names: the path up to its last "/", or "/".
-std::string parentFolderOf(const char *path) {
-    const char *slash = strrchr(path, '/');
-    if (slash == nullptr || slash == path) return "/";
-    return std::string(path, static_cast<size_t>(slash - path));
-}
-
 // The connection a file's device requests go through: an app file's folder
 // keeps a house-arrest client; everything else uses the mount's AFC connection.
 libiusb_afc *connectionFor(_CONTEXT *ctx, const char *path, const _KTL_OBJECT *object) {
@@ -71,7 +58,7 @@ void dropFolderClient(_KTL_OBJECT *parent) {
 // has none yet. 0, or -ECANCELED after the dialog.
 int openFolderClient(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent) {
     if (parent->hhandle != nullptr) return 0;
-    std::string app = appFolderName(path);
+    std::string app = AppFolderName(path);
     int result = libiusb_housearrest_init(ctx->device_handle, &parent->hhandle);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "tarnifs_open", result);
@@ -117,7 +104,7 @@ int writeFailed(int result) {
 
 void refuseReadOnly(const char *path) {
     ShowMessageBox(kMsgNotification, "This folder is read only. You can not write or modify.\n%s",
-                   parentFolderOf(path).c_str());
+                   ParentFolderOf(path).c_str());
 }
 
 // The staging file a safe save writes: the work folder + the last component.

@@ -20,14 +20,6 @@ constexpr char kStorageRoot[] = "/general_storage";
 void emit(void *buffer, fuse_fill_dir_t filler, const char *name) {
     if (filler != nullptr) filler(buffer, name, nullptr, 0, static_cast<enum fuse_fill_dir_flags>(0));
 }
-
-char *copyString(const char *text) {
-    size_t length = strlen(text);
-    char *copy = new char[length + 1];
-    memcpy(copy, text, length + 1);
-    return copy;
-}
-
 // Two device names that differ only in Unicode form meet in one record; the
 // folder shows it once. (A device listing only runs on an empty folder, so a
 // record already linked was linked by this very listing.)
@@ -161,7 +153,7 @@ int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir
         folder->modify_time = now;
         folder->access_time = now;
         folder->size = 0;
-        if (folder->app_id == nullptr && app->bundle_id != nullptr) folder->app_id = copyString(app->bundle_id);
+        if (folder->app_id == nullptr && app->bundle_id != nullptr) folder->app_id = CopyString(app->bundle_id);
         LinkChildObject(apps, folder);
         emit(buffer, filler, folder->file_name);
         delete[] name;
@@ -222,7 +214,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
                 child->mode = isFolder ? KTL_MODE_FOLDER : KTL_MODE_FILE;
                 child->type = isFolder ? KTL_TYPE_DEVICE_FOLDER : KTL_TYPE_DEVICE_FILE;
                 fillFromDevice(child, info);
-                if (child->app_id == nullptr) child->app_id = copyString(folder->app_id);
+                if (child->app_id == nullptr) child->app_id = CopyString(folder->app_id);
                 LinkChildObject(folder, child);
                 emit(buffer, filler, name);
             }
@@ -248,6 +240,17 @@ std::string AppSandboxPath(const char *path) {
     std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
     size_t slash = rest.find('/');
     return "/Documents" + (slash == std::string::npos ? std::string() : rest.substr(slash));
+}
+
+std::string AppFolderName(const char *path) {
+    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
+    return rest.substr(0, rest.find('/')).substr(0, 511);
+}
+
+std::string ParentFolderOf(const char *path) {
+    const char *slash = strrchr(path, '/');
+    if (slash == nullptr || slash == path) return "/";
+    return std::string(path, static_cast<size_t>(slash - path));
 }
 
 int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler, off_t) {

@@ -36,6 +36,10 @@ int listFoldersAbove(_CONTEXT *ctx, const char *path);
 // "/Apps/<app>/x/y" -> "/Documents/x/y" inside the app's sandbox.
 std::string StorageDevicePath(const char *path);
 std::string AppSandboxPath(const char *path);
+// "/Apps/Notes/a/b.txt" -> "Notes", as messages name an app (at most 511 bytes).
+std::string AppFolderName(const char *path);
+// The folder a read-only notice names: the path up to its last "/", or "/".
+std::string ParentFolderOf(const char *path);
 
 // Folder listings larger than this are announced to the tray helper as busy.
 constexpr uint32_t kBusyListingEntries = 30000;

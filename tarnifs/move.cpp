@@ -29,13 +29,6 @@ std::string appFolderOf(const char *path) {
 std::string devicePathOf(const char *path) {
     return begins(path, "/Storage") ? StorageDevicePath(path) : AppSandboxPath(path);
 }
-
-char *copyString(const std::string &text) {
-    char *copy = new char[text.size() + 1];
-    memcpy(copy, text.c_str(), text.size() + 1);
-    return copy;
-}
-
 bool hasChildren(const _KTL_OBJECT *folder) { return folder->child_list.next != &folder->child_list; }
 
 // The hidden name a file is copied under until it is whole: never listed,
@@ -65,7 +58,7 @@ _KTL_OBJECT *recordTarget(const MoveSide &target, const char *to, uint16_t mode,
     record->birth_time = now;
     record->modify_time = now;
     record->access_time = now;
-    if (target.app && record->app_id == nullptr) record->app_id = copyString(target.appId);
+    if (target.app && record->app_id == nullptr) record->app_id = CopyString(target.appId.c_str());
     _KTL_OBJECT *parent = GetParentObject(to);
     if (parent != nullptr) LinkChildObject(parent, record);
     return record;

@@ -29,26 +29,6 @@ bool insideApp(const char *path) {
     return strncmp(path, "/Apps/", 6) == 0 && std::count(path, path + strlen(path), '/') >= 3;
 }
 
-// "/Apps/Notes/a/b" -> "Notes", for messages.
-std::string appFolderName(const char *path) {
-    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
-    return rest.substr(0, rest.find('/')).substr(0, 255);
-}
-
-// The folder a read-only notice names: the text before the last "/", or "/".
-std::string parentFolderOf(const char *path) {
-    const char *slash = strrchr(path, '/');
-    if (slash == nullptr || slash == path) return "/";
-    return std::string(path, static_cast<size_t>(slash - path));
-}
-
-char *copyString(const char *text) {
-    size_t length = strlen(text);
-    char *copy = new char[length + 1];
-    memcpy(copy, text, length + 1);
-    return copy;
-}
-
 enum class ClientStep { None, Init, OpenApp };
 
 // Makes sure `folder` holds a house-arrest connection to `appId`'s sandbox.
@@ -88,7 +68,7 @@ int clientFailed(const char *path, ClientStep step, int result) {
         else
             snprintf(ErrMsg, sizeof(ErrMsg), "Could not open the Device with Arrest Service.\nError Code : %d", result);
     } else {
-        std::string app = appFolderName(path);
+        std::string app = AppFolderName(path);
         if (result == LIBIUSB_ERROR_CONNECTION_LOST)
             snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nOpening App(%s) aborted.", app.c_str());
         else
@@ -124,7 +104,7 @@ void recordNewFolder(const char *path, _KTL_OBJECT *parent, bool inApp) {
     _KTL_OBJECT *folder = GetObjectWithFileName(path);
     folder->mode = KTL_MODE_FOLDER;
     if (inApp && folder->app_id == nullptr && parent != nullptr && parent->app_id != nullptr)
-        folder->app_id = copyString(parent->app_id);
+        folder->app_id = CopyString(parent->app_id);
     time_t now = time(nullptr);
     folder->birth_time = now;
     folder->modify_time = now;
@@ -236,7 +216,7 @@ int tarnifs_mkdir(const char *path, mode_t) {
     if (!inStorage && !inApp) {
         QNLog(3, "%s make directory not supported. path : %s", "tarnifs_mkdir", path);
         ShowMessageBox(kMsgNotification, "This folder is read only. You can not write or modify.\n%s",
-                       parentFolderOf(path).c_str());
+                       ParentFolderOf(path).c_str());
         return -ECANCELED;
     }
     // The parent must be in the catalogue before the new folder is linked to it.

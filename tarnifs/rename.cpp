@@ -20,27 +20,6 @@ namespace {
 bool begins(const char *path, const char *prefix) { return strncmp(path, prefix, strlen(prefix)) == 0; }
 
 size_t depthOf(const char *path) { return static_cast<size_t>(std::count(path, path + strlen(path), '/')); }
-
-// The folder a read-only notice names: the text before the last "/", or "/".
-std::string parentFolderOf(const char *path) {
-    const char *slash = strrchr(path, '/');
-    if (slash == nullptr || slash == path) return "/";
-    return std::string(path, static_cast<size_t>(slash - path));
-}
-
-// "/Apps/Notes/a/b" -> "Notes".
-std::string appFolderName(const char *path) {
-    std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
-    return rest.substr(0, rest.find('/'));
-}
-
-char *copyString(const char *text) {
-    size_t length = strlen(text);
-    char *copy = new char[length + 1];
-    memcpy(copy, text, length + 1);
-    return copy;
-}
-
 bool isFolder(const _KTL_OBJECT *object) { return object != nullptr && object->mode == KTL_MODE_FOLDER; }
 
 bool hasChildren(const _KTL_OBJECT *folder) { return folder->child_list.next != &folder->child_list; }
@@ -50,7 +29,7 @@ void logNotSupported() { QNLog(3, "%s rename not supported. ", "tarnifs_rename")
 int refuseReadOnly(const char *to) {
     QNLog(3, "%s create not supported. path : %s", "tarnifs_rename", to);
     ShowMessageBox(kMsgNotification, "This folder is read only. You can not write or modify.\n%s",
-                   parentFolderOf(to).c_str());
+                   ParentFolderOf(to).c_str());
     return -ECANCELED;
 }
 
@@ -187,7 +166,7 @@ int renameInStorage(_CONTEXT *ctx, const char *from, const char *to) {
 }
 
 bool sameApp(const char *from, const char *to) {
-    return begins(from, "/Apps/") && begins(to, "/Apps/") && appFolderName(from) == appFolderName(to);
+    return begins(from, "/Apps/") && begins(to, "/Apps/") && AppFolderName(from) == AppFolderName(to);
 }
 
 // Into an app folder, where the dispatch found the source and target ready.
@@ -219,7 +198,7 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
                   deviceTo.c_str(), result);
     }
     if (result == 0) {
-        if (source->app_id == nullptr && parent->app_id != nullptr) source->app_id = copyString(parent->app_id);
+        if (source->app_id == nullptr && parent->app_id != nullptr) source->app_id = CopyString(parent->app_id);
         recordRename(ctx, source, from, to);
     }
     // The device layer releases the client whatever its exit reports.
@@ -286,7 +265,7 @@ int tarnifs_rename(const char *from, const char *to) {
             return refuseReadOnly(to);
         }
         if (begins(to, "/Storage/")) return notYetAcrossAreas();
-        if (parentFolderOf(from) == parentFolderOf(to)) return refuseRename(from, to);
+        if (ParentFolderOf(from) == ParentFolderOf(to)) return refuseRename(from, to);
         return refuseReadOnly(to);
     }
     if (begins(from, "/Apps")) {
