@@ -40,23 +40,12 @@ protected:
         snprintf(context.work_dir, sizeof(context.work_dir), "%s/work", tempDir.c_str());
         mkdir(context.work_dir, 0700);
         context.device_info.free_capacity = 1000000;
-        for (const char *folder : {"/", "/Storage", "/Media", "/Media/Music"}) {
-            _KTL_OBJECT *record = GetObjectWithFileName(folder);
-            record->mode = KTL_MODE_FOLDER;
-            record->enumerated = 1;
-        }
+        for (const char *path : {"/", "/Storage", "/Media", "/Media/Music"}) folder(path);
     }
     void TearDown() override {
         drainQueue();
         MountContextTest::TearDown();
     }
-    _KTL_OBJECT *file(const char *path, uint64_t size) {
-        _KTL_OBJECT *record = GetObjectWithFileName(path);
-        record->mode = KTL_MODE_FILE;
-        record->size = size;
-        return record;
-    }
-    std::string dialogText() { return context.dialog.dialog_message; }
 };
 
 TEST_F(FileDataUnitTest, AMediaItemIsNeverOpenedOrResizedForWriting) {

@@ -23,45 +23,13 @@ protected:
         context.device_info.free_capacity = 1000;
         for (const char *path : {"/", "/Storage", "/Apps", "/Media", "/Media/Music", "/Apps/Notes", "/Storage/full"})
             folder(path);
-        FindObject("/Apps/Notes")->app_id = copy("com.example.notes");
+        FindObject("/Apps/Notes")->app_id = CopyString("com.example.notes");
         file("/Storage/full/x.txt", 10);
         noDialog();
     }
     void TearDown() override {
         drainQueue();
         MountContextTest::TearDown();
-    }
-    static char *copy(const char *text) {
-        char *result = new char[strlen(text) + 1];
-        strcpy(result, text);
-        return result;
-    }
-    _KTL_OBJECT *folder(const char *path) {
-        _KTL_OBJECT *record = GetObjectWithFileName(path);
-        record->mode = KTL_MODE_FOLDER;
-        record->enumerated = 1;
-        if (strcmp(path, "/") != 0) LinkChildObject(GetParentObject(path), record);
-        return record;
-    }
-    _KTL_OBJECT *file(const char *path, uint64_t size) {
-        _KTL_OBJECT *record = GetObjectWithFileName(path);
-        record->mode = KTL_MODE_FILE;
-        record->size = size;
-        LinkChildObject(GetParentObject(path), record);
-        return record;
-    }
-    void noDialog() {
-        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
-        memset(context.dialog.dialog_message, 0, sizeof(context.dialog.dialog_message));
-        context.dialog.dialog_title = nullptr;
-    }
-    std::string dialogText() {
-        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
-        return context.dialog.dialog_message;
-    }
-    std::string dialogTitle() {
-        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
-        return context.dialog.dialog_title != nullptr ? context.dialog.dialog_title : "";
     }
 };
 
@@ -121,7 +89,7 @@ TEST_F(NamespaceUnitTest, AFolderWithCataloguedChildrenIsNotEmptyAndUnknownPaths
     EXPECT_EQ(dialogText(), "") << "no dialog for a folder that is not empty";
     EXPECT_NE(FindObject("/Storage/full/x.txt"), nullptr);
     folder("/Apps/Notes/in");
-    FindObject("/Apps/Notes/in")->app_id = copy("com.example.notes");
+    FindObject("/Apps/Notes/in")->app_id = CopyString("com.example.notes");
     file("/Apps/Notes/in/n.txt", 3);
     EXPECT_EQ(tarnifs_rmdir("/Apps/Notes/in"), -ENOTEMPTY);
 

@@ -23,46 +23,14 @@ protected:
         for (const char *path : {"/", "/Storage", "/Apps", "/Media", "/Media/Music", "/Media/Movies", "/Apps/Notes",
                                  "/Apps/Other", "/Storage/dir", "/Storage/dir/inner"})
             folder(path);
-        FindObject("/Apps/Notes")->app_id = copy("com.example.notes");
-        FindObject("/Apps/Other")->app_id = copy("com.example.other");
+        FindObject("/Apps/Notes")->app_id = CopyString("com.example.notes");
+        FindObject("/Apps/Other")->app_id = CopyString("com.example.other");
         file("/Storage/a.txt", 10);
         file("/Storage/dir/one.txt", 3);
         file("/Storage/dir/inner/two.txt", 4);
         file("/Media/Music/song.mp3", 5);
-        file("/Apps/Notes/n.txt", 6)->app_id = copy("com.example.notes");
+        file("/Apps/Notes/n.txt", 6)->app_id = CopyString("com.example.notes");
         noDialog();
-    }
-    static char *copy(const char *text) {
-        char *result = new char[strlen(text) + 1];
-        strcpy(result, text);
-        return result;
-    }
-    _KTL_OBJECT *folder(const char *path) {
-        _KTL_OBJECT *record = GetObjectWithFileName(path);
-        record->mode = KTL_MODE_FOLDER;
-        record->enumerated = 1;
-        if (strcmp(path, "/") != 0) LinkChildObject(GetParentObject(path), record);
-        return record;
-    }
-    _KTL_OBJECT *file(const char *path, uint64_t size) {
-        _KTL_OBJECT *record = GetObjectWithFileName(path);
-        record->mode = KTL_MODE_FILE;
-        record->size = size;
-        LinkChildObject(GetParentObject(path), record);
-        return record;
-    }
-    void noDialog() {
-        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
-        memset(context.dialog.dialog_message, 0, sizeof(context.dialog.dialog_message));
-        context.dialog.dialog_title = nullptr;
-    }
-    std::string dialogText() {
-        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
-        return context.dialog.dialog_message;
-    }
-    std::string dialogTitle() {
-        std::lock_guard<std::mutex> guard(context.dialog.message_lock);
-        return context.dialog.dialog_title != nullptr ? context.dialog.dialog_title : "";
     }
     // The file names in a folder's child list, in list order.
     std::vector<std::string> children(const char *path) {

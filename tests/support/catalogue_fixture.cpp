@@ -63,6 +63,38 @@ bool MountContextTest::logContains(const std::string &message) const {
     return false;
 }
 
+_KTL_OBJECT *MountContextTest::folder(const char *path) {
+    _KTL_OBJECT *record = GetObjectWithFileName(path);
+    record->mode = KTL_MODE_FOLDER;
+    record->enumerated = 1;
+    if (strcmp(path, "/") != 0) LinkChildObject(GetParentObject(path), record);
+    return record;
+}
+
+_KTL_OBJECT *MountContextTest::file(const char *path, uint64_t size) {
+    _KTL_OBJECT *record = GetObjectWithFileName(path);
+    record->mode = KTL_MODE_FILE;
+    record->size = size;
+    LinkChildObject(GetParentObject(path), record);
+    return record;
+}
+
+void MountContextTest::noDialog() {
+    std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+    memset(context.dialog.dialog_message, 0, sizeof(context.dialog.dialog_message));
+    context.dialog.dialog_title = nullptr;
+}
+
+std::string MountContextTest::dialogText() {
+    std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+    return context.dialog.dialog_message;
+}
+
+std::string MountContextTest::dialogTitle() {
+    std::lock_guard<std::mutex> guard(context.dialog.message_lock);
+    return context.dialog.dialog_title != nullptr ? context.dialog.dialog_title : "";
+}
+
 void ConnectedContextTest::SetUp() {
     MountContextTest::SetUp();
     if (devsim_program().empty()) GTEST_SKIP() << "needs devsim, which was not built";

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tarnifs/catalogue.h"
 #include "tarnifs/mount.h"
 #include "tests/support/devsim_fixture.h"
 
@@ -19,6 +20,15 @@ protected:
     // Lines of today's log file, without their time stamp and process id.
     std::vector<std::string> logMessages() const;
     bool logContains(const std::string &message) const;
+
+    // Catalogue records as a listing would have left them, linked to their
+    // folder: a listed folder, and a regular file of `size` bytes.
+    _KTL_OBJECT *folder(const char *path);
+    _KTL_OBJECT *file(const char *path, uint64_t size);
+    // The dialog waiting for the dialog thread (there is none here).
+    void noDialog();
+    std::string dialogText();
+    std::string dialogTitle();
 
     _CONTEXT context;
     struct fuse_context fuse {};
