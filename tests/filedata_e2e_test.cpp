@@ -20,21 +20,9 @@
 
 namespace {
 
-std::string randomBytes(size_t size, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(size, '\0');
-    for (char &byte : bytes) byte = static_cast<char>(generator() & 0xff);
-    return bytes;
-}
-
 void writeLocal(const std::string &path, const std::string &bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::string readLocal(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 int run(const std::vector<std::string> &argv) {

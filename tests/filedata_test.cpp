@@ -15,11 +15,6 @@
 
 namespace {
 
-std::string readLocal(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 // Takes every queued transfer record off the queue.
 std::vector<_KTL_PIPE_DATA_BOX_FS_VALUE> takeQueued() {
     std::vector<_KTL_PIPE_DATA_BOX_FS_VALUE> records;

@@ -18,32 +18,6 @@
 
 namespace {
 
-bool exists(const std::string &path) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
-bool isFolder(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// stat through the mount: 0, or the errno it failed with.
-int statError(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? 0 : errno;
-}
-
-std::vector<std::string> namesIn(const std::string &path) {
-    std::vector<std::string> names;
-    DIR *dir = opendir(path.c_str());
-    if (dir == nullptr) return names;
-    while (struct dirent *entry = readdir(dir))
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
-    closedir(dir);
-    return names;
-}
-
 bool listed(const std::string &folder, const std::string &name) {
     std::vector<std::string> names = namesIn(folder);
     return std::find(names.begin(), names.end(), name) != names.end();

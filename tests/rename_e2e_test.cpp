@@ -28,35 +28,10 @@ namespace {
 constexpr uint32_t kLocation = 8117;
 constexpr uint32_t kSafeSaveLocation = 8118;
 
-bool exists(const std::string &path) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
-bool isFolder(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-int statError(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? 0 : errno;
-}
-
-std::vector<std::string> namesIn(const std::string &path) {
-    std::vector<std::string> names;
-    DIR *dir = opendir(path.c_str());
-    if (dir == nullptr) return names;
-    while (struct dirent *entry = readdir(dir))
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
-    closedir(dir);
+std::vector<std::string> sortedNamesIn(const std::string &path) {
+    std::vector<std::string> names = namesIn(path);
     std::sort(names.begin(), names.end());
     return names;
-}
-
-std::string readLocal(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 void writeLocal(const std::string &path, const std::string &bytes) {
@@ -139,17 +114,17 @@ TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
     EXPECT_EQ(readLocal(storageImage() + "/empty/kept.txt"), "keep me");
     EXPECT_EQ(statError(inMount("/Storage/keep.txt")), ENOENT);
     EXPECT_EQ(readLocal(inMount("/Storage/empty/kept.txt")), "keep me");
-    EXPECT_EQ(namesIn(inMount("/Storage/empty")), std::vector<std::string>{"kept.txt"});
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/empty")), std::vector<std::string>{"kept.txt"});
 
     // A folder whose contents were listed (and looked up) before.
-    EXPECT_EQ(namesIn(inMount("/Storage/dir")), (std::vector<std::string>{"inner", "one.txt"}));
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/dir")), (std::vector<std::string>{"inner", "one.txt"}));
     EXPECT_EQ(readLocal(inMount("/Storage/dir/inner/two.txt")), "two");
     ASSERT_EQ(run({"mv", inMount("/Storage/dir"), inMount("/Storage/moved")}), 0);
     EXPECT_FALSE(exists(storageImage() + "/dir"));
     EXPECT_EQ(readLocal(storageImage() + "/moved/inner/two.txt"), "two");
     EXPECT_EQ(statError(inMount("/Storage/dir")), ENOENT);
     EXPECT_EQ(statError(inMount("/Storage/dir/inner/two.txt")), ENOENT);
-    EXPECT_EQ(namesIn(inMount("/Storage/moved")), (std::vector<std::string>{"inner", "one.txt"}));
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/moved")), (std::vector<std::string>{"inner", "one.txt"}));
     EXPECT_EQ(readLocal(inMount("/Storage/moved/inner/two.txt")), "two");
     EXPECT_EQ(readLocal(inMount("/Storage/moved/one.txt")), "one");
     // What is below the moved folder can be changed under its new name.
@@ -159,8 +134,8 @@ TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
     EXPECT_FALSE(exists(storageImage() + "/moved/one.txt"));
     // And it moves back.
     ASSERT_EQ(renameError(inMount("/Storage/moved"), inMount("/Storage/dir")), 0);
-    EXPECT_EQ(namesIn(storageImage() + "/dir/inner"), (std::vector<std::string>{"three.txt", "two.txt"}));
-    EXPECT_EQ(namesIn(inMount("/Storage/dir/inner")), (std::vector<std::string>{"three.txt", "two.txt"}));
+    EXPECT_EQ(sortedNamesIn(storageImage() + "/dir/inner"), (std::vector<std::string>{"three.txt", "two.txt"}));
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/dir/inner")), (std::vector<std::string>{"three.txt", "two.txt"}));
 
     // Onto an existing name: exactly the new bytes, the old name gone.
     ASSERT_EQ(renameError(inMount("/Storage/b.txt"), inMount("/Storage/a.txt")), 0);
@@ -202,7 +177,7 @@ TEST_F(RenameTest, InsideOneAppFolderARenameIsOneDeviceStep) {
     EXPECT_EQ(readLocal(appImage() + "/sub/n2.txt"), "note");
     EXPECT_EQ(statError(inMount("/Apps/Notes/n.txt")), ENOENT);
     EXPECT_EQ(readLocal(inMount("/Apps/Notes/sub/n2.txt")), "note");
-    EXPECT_EQ(namesIn(inMount("/Apps/Notes/sub")), std::vector<std::string>{"n2.txt"});
+    EXPECT_EQ(sortedNamesIn(inMount("/Apps/Notes/sub")), std::vector<std::string>{"n2.txt"});
 
     // Over an existing file.
     ASSERT_EQ(renameError(inMount("/Apps/Notes/sub/n2.txt"), inMount("/Apps/Notes/over.txt")), 0);
@@ -211,7 +186,7 @@ TEST_F(RenameTest, InsideOneAppFolderARenameIsOneDeviceStep) {
     EXPECT_EQ(readLocal(inMount("/Apps/Notes/over.txt")), "note");
 
     // A folder, listed before; it is a long move for the tray.
-    EXPECT_EQ(namesIn(inMount("/Apps/Notes/folder")), std::vector<std::string>{"f.txt"});
+    EXPECT_EQ(sortedNamesIn(inMount("/Apps/Notes/folder")), std::vector<std::string>{"f.txt"});
     ASSERT_EQ(run({"mv", inMount("/Apps/Notes/folder"), inMount("/Apps/Notes/sub/folder2")}), 0);
     EXPECT_EQ(readLocal(appImage() + "/sub/folder2/f.txt"), "eff");
     EXPECT_FALSE(exists(appImage() + "/folder"));
@@ -315,7 +290,7 @@ TEST_F(RenameTest, MovesBetweenStorageAndAppsCopyThenRemoveTheSource) {
     EXPECT_FALSE(exists(storageImage() + "/keep.txt"));
     EXPECT_EQ(statError(inMount("/Storage/keep.txt")), ENOENT);
     EXPECT_EQ(readLocal(inMount("/Apps/Notes/sub/keep.txt")), "keep me");
-    EXPECT_EQ(namesIn(inMount("/Apps/Notes/sub")), std::vector<std::string>{"keep.txt"});
+    EXPECT_EQ(sortedNamesIn(inMount("/Apps/Notes/sub")), std::vector<std::string>{"keep.txt"});
 
     // A large file over an existing one in an app: exactly the new bytes.
     ASSERT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Apps/Notes/over.txt")), 0);
@@ -326,7 +301,7 @@ TEST_F(RenameTest, MovesBetweenStorageAndAppsCopyThenRemoveTheSource) {
     EXPECT_EQ(st.st_size, static_cast<off_t>(big.size()));
 
     // A folder with contents, listed before, from Storage into an app.
-    EXPECT_EQ(namesIn(inMount("/Storage/dir")), (std::vector<std::string>{"inner", "one.txt"}));
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/dir")), (std::vector<std::string>{"inner", "one.txt"}));
     ASSERT_EQ(run({"mv", inMount("/Storage/dir"), inMount("/Apps/Notes/dir")}), 0);
     EXPECT_EQ(readLocal(appImage() + "/dir/inner/two.txt"), "two");
     EXPECT_EQ(readLocal(appImage() + "/dir/one.txt"), "one");
@@ -338,7 +313,7 @@ TEST_F(RenameTest, MovesBetweenStorageAndAppsCopyThenRemoveTheSource) {
     ASSERT_EQ(renameError(inMount("/Apps/Notes/folder"), inMount("/Storage/folder")), 0);
     EXPECT_EQ(readLocal(storageImage() + "/folder/f.txt"), "eff");
     EXPECT_FALSE(exists(appImage() + "/folder"));
-    EXPECT_EQ(namesIn(inMount("/Storage/folder")), std::vector<std::string>{"f.txt"});
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/folder")), std::vector<std::string>{"f.txt"});
     EXPECT_EQ(statError(inMount("/Apps/Notes/folder")), ENOENT);
 
     // From one app to another.
@@ -352,7 +327,7 @@ TEST_F(RenameTest, MovesBetweenStorageAndAppsCopyThenRemoveTheSource) {
 
     // No staging copy is left anywhere.
     for (const std::string &folder : {storageImage(), appImage(), otherImage(), otherImage() + "/dir"})
-        for (const std::string &name : namesIn(folder))
+        for (const std::string &name : sortedNamesIn(folder))
             EXPECT_EQ(name.find("quorvel-move"), std::string::npos) << folder << "/" << name;
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
@@ -375,7 +350,7 @@ TEST_F(RenameTest, AMoveThatFailsKeepsItsSourceWhole) {
     seen = shown.size();
     EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
     EXPECT_FALSE(exists(appImage() + "/big.bin"));
-    EXPECT_EQ(namesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
+    EXPECT_EQ(sortedNamesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
     EXPECT_EQ(statError(inMount("/Storage/big.bin")), 0);
     EXPECT_EQ(statError(inMount("/Apps/Notes/big.bin")), ENOENT);
     ASSERT_EQ(sim.control("clear " + udid), "ok");
@@ -398,7 +373,7 @@ TEST_F(RenameTest, AMoveThatFailsKeepsItsSourceWhole) {
     EXPECT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")), ECANCELED);
     expectDialog(&seen, "Not enough space on device.", "error");
     EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
-    EXPECT_EQ(namesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
+    EXPECT_EQ(sortedNamesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
 }
 
 TEST_F(RenameTest, FilesOpenWhileRenamedOrMovedStayUsableThroughTheirHandles) {
@@ -406,7 +381,7 @@ TEST_F(RenameTest, FilesOpenWhileRenamedOrMovedStayUsableThroughTheirHandles) {
     mountFresh();
 
     // Renamed within Storage, with its folder: the handle writes on.
-    EXPECT_EQ(namesIn(inMount("/Storage/dir/inner")), std::vector<std::string>{"two.txt"});
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/dir/inner")), std::vector<std::string>{"two.txt"});
     int fd = open(inMount("/Storage/dir/inner/two.txt").c_str(), O_RDWR);
     ASSERT_GE(fd, 0) << strerror(errno);
     ASSERT_EQ(renameError(inMount("/Storage/dir"), inMount("/Storage/dir2")), 0);
@@ -447,7 +422,7 @@ TEST_F(RenameTest, ADeviceFailureIsShownAndLeavesDeviceAndCatalogueAsTheyWere) {
     EXPECT_FALSE(exists(storageImage() + "/k2.txt"));
     EXPECT_EQ(statError(inMount("/Storage/keep.txt")), 0);
     EXPECT_EQ(statError(inMount("/Storage/k2.txt")), ENOENT);
-    EXPECT_EQ(namesIn(inMount("/Storage")), namesIn(storageImage()));
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage")), sortedNamesIn(storageImage()));
     ASSERT_EQ(sim.control("clear " + udid), "ok");
 
     // Inside an app, the same, with its own log line.

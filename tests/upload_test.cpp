@@ -14,18 +14,6 @@
 
 namespace {
 
-std::string randomBytes(size_t size, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(size, '\0');
-    for (char &byte : bytes) byte = static_cast<char>(generator() & 0xff);
-    return bytes;
-}
-
-std::string readLocal(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 class UploadTest : public ConnectedContextTest {
 protected:
     void SetUp() override {

@@ -3,7 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <dirent.h>
+#include <sys/stat.h>
+
 #include <fstream>
+#include <random>
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/listing_pool.h"
@@ -122,4 +126,41 @@ void ConnectedContextTest::TearDown() {
         EXPECT_TRUE(sim.stop()) << sim.error();
     }
     MountContextTest::TearDown();
+}
+
+std::string readLocal(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+std::string randomBytes(size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    std::string bytes(size, '\0');
+    for (char &byte : bytes) byte = static_cast<char>(generator() & 0xff);
+    return bytes;
+}
+
+bool exists(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+bool isFolder(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int statError(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? 0 : errno;
+}
+
+std::vector<std::string> namesIn(const std::string &folder) {
+    std::vector<std::string> names;
+    DIR *dir = opendir(folder.c_str());
+    if (dir == nullptr) return names;
+    while (struct dirent *entry = readdir(dir))
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+    closedir(dir);
+    return names;
 }

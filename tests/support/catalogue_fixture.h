@@ -48,6 +48,14 @@ protected:
     Devsim sim;
 };
 
+// Small file helpers of the tests.
+std::string readLocal(const std::string &path);                // a file's bytes ("" when unreadable)
+std::string randomBytes(size_t size, unsigned seed);           // the same bytes for the same seed
+bool exists(const std::string &path);                          // lstat succeeds
+bool isFolder(const std::string &path);                        // stat says folder
+int statError(const std::string &path);                        // 0, or the errno stat failed with
+std::vector<std::string> namesIn(const std::string &folder);   // readdir order, "." and ".." left out
+
 // A private temporary folder, removed by the caller.
 std::string makeTempDir(const char *prefix);
 void removeTree(const std::string &path);

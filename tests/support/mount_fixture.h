@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 #include "tests/support/pipe_reader.h"
