@@ -1,0 +1,139 @@
+// Media libraries in a device image, kept as a phone keeps them: the music
+// library "iTunes_Control/iTunes/MediaLibrary.sqlitedb", the photo library
+// "PhotoData/Photos.sqlite" and the voice recordings "Recordings/Recordings.db"
+// under the image's media root, with the media files their rows point at.
+//
+// A library is described by plain records; write_media_library turns one
+// into databases and files. Tests describe small libraries by hand (every
+// awkward row they need), `devsim make-media` generates large ones and
+// `devsim make-sample` writes the small library the demo shows.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace devsim {
+
+// One row of the music library (tables item, item_artist, item_extra,
+// base_location). The file lies at <media root>/<base_path>/<location>.
+struct MediaSong {
+  std::optional<std::string> artist;     // item_artist.item_artist; nullopt is NULL
+  std::optional<std::string> title;      // item_extra.title
+  std::optional<std::string> location;   // item_extra.location, e.g. "ABCD.mp3"
+  std::optional<std::string> base_path;  // base_location.path, e.g. "iTunes_Control/Music/F00"
+  int media_kind = 1;                    // 1 music, 4 podcast, 6 videocast, >10 movies (e.g. 1024)
+  std::string bytes;                     // the file's content
+  std::optional<int64_t> db_file_size;   // item_extra.file_size; nullopt: bytes.size()
+  bool write_file = true;                // false: the row points at a file that is not there
+};
+
+// An album row of ZGENERICALBUM. Kind 2 is a user album, 1000 the camera
+// roll, 1500 "My Photo Stream".
+struct MediaAlbum {
+  int64_t pk = 0;                       // Z_PK; 0: numbered in order from 1
+  std::optional<std::string> title;     // ZTITLE
+  int kind = 2;                         // ZKIND
+  int trashed = 0;                      // ZTRASHEDSTATE
+  std::optional<int64_t> cached_count;  // ZCACHEDCOUNT; nullopt: the number of its assets
+};
+
+// What a cloud library keeps of one asset: its master (ZCLOUDMASTER) and
+// its resources (ZCLOUDRESOURCE rows, ordered by the queries by master and
+// type). A resource's file lies at its file_path less the 17-character media
+// root "/var/mobile/Media".
+struct MediaCloudResource {
+  std::string file_path;                 // ZFILEPATH, full device path
+  std::optional<int64_t> db_file_size;   // ZFILESIZE; nullopt: bytes.size()
+  int type = 0;                          // ZTYPE
+  int locally_available = 1;             // ZISLOCALLYAVAILABLE
+  std::string bytes;
+  bool write_file = true;
+};
+
+// One row of ZGENERICASSET with its ZADDITIONALASSETATTRIBUTES and ZMOMENT.
+// The file lies at <media root>/<directory>/<filename>; a live photo
+// (subtype 2) also has its video at the same path with every "JPG" replaced
+// by "MOV", written when live_video_bytes is set.
+struct MediaPhoto {
+  std::optional<std::string> directory;          // ZDIRECTORY, e.g. "DCIM/100APPLE"
+  std::optional<std::string> filename;           // ZFILENAME, e.g. "IMG_0001.JPG"
+  std::optional<std::string> original_filename;  // ZORIGINALFILENAME; nullopt: NULL
+  int kind = 0;                                  // ZKIND: 0 photo, 1 video
+  int subtype = 0;                               // ZKINDSUBTYPE: 1 panorama, 2 live, 10 screenshot, 101, 102
+  int trashed = 0;                               // ZTRASHEDSTATE
+  int visibility = 0;                            // ZVISIBILITYSTATE (1 hidden)
+  int avalanche_pick_type = 0;                   // ZAVALANCHEPICKTYPE (bursts: 52, 16, 20)
+  int camera_capture_device = 0;                 // ZCAMERACAPTUREDEVICE (1 front camera)
+  std::optional<int64_t> moment_date;            // ZMOMENT.ZREPRESENTATIVEDATE, seconds since 2001; nullopt: no moment
+  int64_t date_created = 0;                      // ZDATECREATED, seconds since 2001
+  int64_t modification_date = 0;                 // ZMODIFICATIONDATE, seconds since 2001
+  std::optional<int64_t> db_file_size;           // ZORIGINALFILESIZE; nullopt: bytes.size()
+  std::optional<int> entity;                     // Z_ENT; nullopt: the asset entity (GenericAsset + 1)
+  std::string bytes;                             // the still (or video) itself
+  bool write_file = true;
+  std::optional<std::string> live_video_bytes;   // subtype 2: the video half
+  std::vector<int64_t> albums;                   // Z_PK of every album it belongs to
+  // Cloud libraries only: the master's original file name and the resources.
+  std::optional<std::string> cloud_original_filename;
+  std::vector<MediaCloudResource> cloud_resources;
+};
+
+// One row of ZRECORDING. The file lies at path less its first 17 characters
+// ("/var/mobile/Media"), under the media root.
+struct MediaRecording {
+  std::optional<std::string> label;  // ZCUSTOMLABEL
+  std::optional<std::string> path;   // ZPATH, e.g. "/var/mobile/Media/Recordings/20170102 101010.m4a"
+  int64_t date = 0;                  // ZDATE, seconds since 2001
+  std::string bytes;
+  bool write_file = true;
+};
+
+// The three photo database families: iOS 10 and later, older without cloud
+// masters, older with them.
+enum class PhotoFamily { ios10, older, cloud };
+
+// Entity numbers of Z_PRIMARYKEY; the album link table is named from them:
+// Z_<album>ASSETS with columns Z_<album>ALBUMS and Z_<generic_asset>ASSETS.
+struct PhotoEntities {
+  int additional_asset_attributes = 1;
+  int album = 19;
+  int generic_asset = 32;  // the assets themselves carry generic_asset + 1
+  int moment = 40;
+  std::vector<std::pair<int, std::string>> extra;  // more Z_PRIMARYKEY rows, e.g. {50, "album"}
+};
+
+struct MediaLibrary {
+  PhotoFamily photo_family = PhotoFamily::ios10;
+  bool cloud_master_in_asset = true;  // cloud family: ZGENERICASSET.ZMASTER (9.3 on), else the attributes' ZCLOUDMASTER
+  PhotoEntities entities;
+  std::vector<MediaSong> songs;
+  std::vector<MediaAlbum> albums;
+  std::vector<MediaPhoto> photos;
+  std::vector<MediaRecording> recordings;
+  bool write_music_db = true;   // false: no MediaLibrary.sqlitedb at all
+  bool write_photo_db = true;
+  bool write_record_db = true;
+};
+
+// Writes the databases and every file the rows point at under media_root
+// (the image's "media" folder), replacing databases already there. False
+// with `error` set when something cannot be written.
+bool write_media_library(const std::filesystem::path& media_root, const MediaLibrary& library, std::string& error);
+
+// A small valid JPEG of width x height pixels (a colour gradient picked by
+// seed) that image viewers open.
+std::string make_jpeg(int width, int height, uint32_t seed);
+
+// A generated library for make-media: `photos` assets in the camera roll
+// (every 10th a video, every 7th a live photo, a few panoramas and
+// screenshots), spread over a few albums, `songs` songs and `memos` voice
+// memos, with deterministic content.
+MediaLibrary generated_media_library(PhotoFamily family, int photos, int songs, int memos);
+
+// The library make-sample adds for the demo.
+MediaLibrary sample_media_library();
+
+}  // namespace devsim
