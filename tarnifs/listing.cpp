@@ -9,6 +9,7 @@
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/listing_pool.h"
+#include "tarnifs/media.h"
 #include "tarnifs/names.h"
 #include "tarnifs/notify.h"
 #include "util/log.h"
@@ -90,8 +91,9 @@ void listRoot(_KTL_OBJECT *root, void *buffer, fuse_fill_dir_t filler) {
 }
 
 void listMediaRoot(_CONTEXT *ctx, _KTL_OBJECT *media, void *buffer, fuse_fill_dir_t filler) {
-    // The media databases are fetched from the device by the media views;
-    // without them the kind folders below are all there is.
+    // The databases are fetched once, at the first listing of /Media;
+    // without them the three kind folders are all there is.
+    if (ctx->media_db == nullptr && ctx->photo_db == nullptr) DownloadDBandOpen(ctx);
     for (const char *kind : {"/Media/Music", "/Media/Movies", "/Media/Photo"}) makeFixedFolder(media, kind);
     if (firstColumnIsSet(ctx, ctx->media_db,
                          "select media_kind from item_extra where (media_kind like 4 or media_kind like 6) limit 1")) {
@@ -385,9 +387,8 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
         area = "enumStorage";
         result = enumStorage(ctx, path, buffer, filler, offset);
     } else if (strncmp(path, "/Media", 6) == 0) {
-        // The media views are built from the device's databases; until they
-        // are fetched, a media folder has nothing to show.
-        result = 0;
+        area = "enumMedia";
+        result = enumMedia(ctx, path, buffer, filler);
     } else {
         QNLog(3, "%s Unexpected path(%s)", "tarnifs_readdir", path);
         snprintf(ErrMsg, sizeof(ErrMsg), "Unexpected path.\n%s", path);
