@@ -1,5 +1,6 @@
 // devsim: a usbmuxd-compatible server whose attached devices are image
-// folders. Subcommands: serve, make-sample, control.
+// folders. Subcommands: serve, make-sample, make-media, control.
+#include "devsim/media_library.h"
 #include "devsim/server.h"
 
 #include <errno.h>
@@ -9,9 +10,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 namespace devsim {
@@ -22,6 +28,7 @@ const char* const kUsage =
     "  devsim serve --socket PATH [--control PATH] [--latency-us N] [--bandwidth-mbps N]\n"
     "               [--fault COMMAND]... [--verbose] IMAGE_DIR [IMAGE_DIR ...]\n"
     "  devsim make-sample DIR\n"
+    "  devsim make-media IMAGE_DIR --photo-family {ios10,older,cloud} [--photos N] [--songs N] [--memos N]\n"
     "  devsim control CONTROL_PATH COMMAND [ARGS...]\n"
     "Clients reach the server with USBMUXD_SOCKET_ADDRESS=UNIX:PATH.\n"
     "The control socket defaults to PATH.control; see docs/devsim.md for its commands.\n";
@@ -332,6 +339,90 @@ int run_control(int argc, char** argv) {
   return reply == "ok" ? 0 : 1;
 }
 
+// Sets device.json's ios_version to one the photo family runs on, since the
+// file system picks its photo queries by the version. Keeps the other keys
+// and their order.
+bool set_ios_version(const std::filesystem::path& device_json, const std::string& version, std::string& error) {
+  std::ifstream in(device_json);
+  nlohmann::ordered_json doc = nlohmann::ordered_json::parse(in, nullptr, false);
+  if (doc.is_discarded() || !doc.is_object()) {
+    error = device_json.string() + ": not a JSON object";
+    return false;
+  }
+  doc["ios_version"] = version;
+  std::ofstream out(device_json, std::ios::trunc);
+  out << doc.dump(2) << "\n";
+  if (!out) {
+    error = device_json.string() + ": cannot write";
+    return false;
+  }
+  return true;
+}
+
+int run_make_media(int argc, char** argv) {
+  std::string image_dir, family_name;
+  uint32_t counts[3] = {1000, 200, 10};  // photos, songs, memos
+  const char* const count_options[3] = {"--photos", "--songs", "--memos"};
+  for (int i = 0; i < argc; ++i) {
+    std::string arg = argv[i];
+    bool known = false;
+    for (int c = 0; c < 3; ++c) {
+      if (arg != count_options[c]) continue;
+      known = true;
+      if (i + 1 >= argc || !parse_count(argv[++i], counts[c]) || counts[c] > 10000000) {
+        fprintf(stderr, "devsim: %s needs a count up to 10000000\n", arg.c_str());
+        return 2;
+      }
+    }
+    if (known) continue;
+    if (arg == "--photo-family" && i + 1 < argc) {
+      family_name = argv[++i];
+    } else if (!arg.empty() && arg[0] != '-' && image_dir.empty()) {
+      image_dir = arg;
+    } else {
+      fprintf(stderr, "devsim: make-media: unexpected %s\n%s", arg.c_str(), kUsage);
+      return 2;
+    }
+  }
+  struct Family {
+    const char* name;
+    PhotoFamily family;
+    const char* ios_version;
+  };
+  const Family families[] = {{"ios10", PhotoFamily::ios10, "10.3.3"},
+                             {"cloud", PhotoFamily::cloud, "9.3.5"},
+                             {"older", PhotoFamily::older, "9.2.1"}};
+  const Family* chosen = nullptr;
+  for (const Family& f : families) {
+    if (family_name == f.name) chosen = &f;
+  }
+  if (image_dir.empty() || !chosen) {
+    fprintf(stderr, "devsim: make-media needs IMAGE_DIR and --photo-family ios10, older or cloud\n%s", kUsage);
+    return 2;
+  }
+  const auto start = std::chrono::steady_clock::now();
+  MediaLibrary library = generated_media_library(chosen->family, static_cast<int>(counts[0]),
+                                                 static_cast<int>(counts[1]), static_cast<int>(counts[2]));
+  const std::filesystem::path root(image_dir);
+  std::string error;
+  if (!write_media_library(root / "media", library, error)) {
+    fprintf(stderr, "devsim: %s\n", error.c_str());
+    return 1;
+  }
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  printf("wrote %u photos (%s photo library), %u songs and %u voice memos to %s in %.1f s\n", counts[0],
+         chosen->name, counts[1], counts[2], (root / "media").c_str(), seconds);
+  std::error_code ec;
+  if (std::filesystem::exists(root / "device.json", ec)) {
+    if (!set_ios_version(root / "device.json", chosen->ios_version, error)) {
+      fprintf(stderr, "devsim: %s\n", error.c_str());
+      return 1;
+    }
+    printf("set ios_version to %s in %s\n", chosen->ios_version, (root / "device.json").c_str());
+  }
+  return 0;
+}
+
 }  // namespace
 }  // namespace devsim
 
@@ -343,6 +434,7 @@ int main(int argc, char** argv) {
   std::string command = argv[1];
   if (command == "serve") return devsim::run_serve(argc - 2, argv + 2);
   if (command == "control") return devsim::run_control(argc - 2, argv + 2);
+  if (command == "make-media") return devsim::run_make_media(argc - 2, argv + 2);
   if (command == "make-sample") {
     if (argc != 3) {
       fputs(devsim::kUsage, stderr);

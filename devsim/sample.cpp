@@ -1,6 +1,7 @@
 // `devsim make-sample DIR`: a small image that exercises the awkward cases
 // (hidden files, both Unicode normal forms, shell metacharacters, duplicate
-// app names, an app without file sharing).
+// app names, an app without file sharing) and a small media library.
+#include "devsim/media_library.h"
 #include "devsim/server.h"
 
 #include <nlohmann/json.hpp>
@@ -53,8 +54,8 @@ bool write_storage(const fs::path& storage, std::string& error) {
          write_file(storage / "Big Files" / "zeros.bin", std::string(512 * 1024, '\0'), error);
 }
 
-// The media folders a phone has. The media library databases are added here
-// once the media catalogue reads them.
+// The media folders a phone has, and the demo's music, photo and voice
+// memo libraries in them.
 bool write_media(const fs::path& media, std::string& error) {
   std::error_code ec;
   for (const char* folder : {"iTunes_Control/iTunes", "iTunes_Control/Music", "PhotoData", "Recordings",
@@ -65,7 +66,7 @@ bool write_media(const fs::path& media, std::string& error) {
       return false;
     }
   }
-  return true;
+  return write_media_library(media, sample_media_library(), error);
 }
 
 struct SampleApp {
