@@ -1,0 +1,367 @@
+// /Media through a real mount: libraries described row by row, and every
+// listing compared with names worked out by hand from the naming rules (not
+// by the code under test): duplicates, cuts, live-photo pairs, hidden and
+// trashed assets, the three photo database families, broken databases.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "devsim/media_library.h"
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+using devsim::MediaAlbum;
+using devsim::MediaLibrary;
+using devsim::MediaPhoto;
+using devsim::MediaRecording;
+using devsim::MediaSong;
+using devsim::PhotoFamily;
+
+std::vector<std::string> sorted(std::vector<std::string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+MediaAlbum album(int64_t pk, std::optional<std::string> title, int kind = 2) {
+    MediaAlbum made;
+    made.pk = pk;
+    made.title = std::move(title);
+    made.kind = kind;
+    return made;
+}
+
+MediaPhoto photo(const std::string &directory, const std::string &file, std::vector<int64_t> albums,
+                 unsigned seed) {
+    MediaPhoto made;
+    made.directory = directory;
+    made.filename = file;
+    made.original_filename = file;
+    made.bytes = randomBytes(3000 + seed * 17, seed);
+    made.albums = std::move(albums);
+    made.date_created = 500000000 + seed;
+    made.modification_date = 500000100 + seed;
+    made.moment_date = 500000200 + seed;
+    return made;
+}
+
+MediaSong song(std::optional<std::string> artist, std::optional<std::string> title, const std::string &location,
+               unsigned seed, int kind = 1) {
+    MediaSong made;
+    made.artist = std::move(artist);
+    made.title = std::move(title);
+    made.location = location;
+    made.base_path = "iTunes_Control/Music/F0" + std::to_string(seed % 10);
+    made.media_kind = kind;
+    made.bytes = randomBytes(2000 + seed * 13, seed + 100);
+    return made;
+}
+
+// The photo library every family is listed from; the families differ only in
+// how their queries read it. Album 1 is the camera roll.
+MediaLibrary photoLibrary(PhotoFamily family) {
+    MediaLibrary library;
+    library.photo_family = family;
+    library.write_music_db = false;
+    library.write_record_db = false;
+    library.albums = {album(1, std::nullopt, 1000), album(2, "Trip"), album(3, "Trip"), album(4, "My Panoramas"),
+                      album(5, "Shared by Ann", 1500), album(6, "Nothing in it"), album(7, "Thrown away"),
+                      album(8, "Import in progress"), album(9, ".."), album(10, "AC/DC")};
+    library.albums[8].cached_count = 1;  // a name that would alias the parent folder
+    library.albums[5].cached_count = 0;
+    library.albums[6].trashed = 1;
+    const std::string dcim = "DCIM/100APPLE";
+    std::vector<MediaPhoto> &p = library.photos;
+    p.push_back(photo(dcim, "IMG_0001.JPG", {1, 2, 10}, 1));
+    p.push_back(photo("DCIM/101APPLE", "IMG_0001.JPG", {1}, 2));  // same recorded name
+    p.push_back(photo(dcim, "IMG_0005.JPG", {1, 3}, 3));          // live, video present
+    p.back().subtype = 2;
+    p.back().live_video_bytes = randomBytes(9000, 33);
+    p.push_back(photo(dcim, "IMG_0006.JPG", {1}, 4));  // live, video missing
+    p.back().subtype = 2;
+    p.push_back(photo(dcim, "IMG_0007.JPG", {1, 4}, 5));  // panorama
+    p.back().subtype = 1;
+    p.push_back(photo(dcim, "IMG_0008.PNG", {1}, 6));  // screenshot
+    p.back().subtype = 10;
+    p.push_back(photo(dcim, "IMG_0009.MOV", {1}, 7));  // video
+    p.back().kind = 1;
+    p.push_back(photo(dcim, "IMG_0010.JPG", {1}, 8));  // hidden
+    p.back().visibility = 1;
+    p.push_back(photo(dcim, "IMG_0011.JPG", {1}, 9));  // in the trash
+    p.back().trashed = 1;
+    p.push_back(photo(dcim, "IMG_0012.JPG", {1, 5}, 10));  // the database's size is stale
+    p.back().db_file_size = static_cast<int64_t>(p.back().bytes.size()) + 5;
+    p.push_back(photo(dcim, "IMG_0013.JPG", {1}, 11));  // front camera
+    p.back().camera_capture_device = 1;
+    p.push_back(photo(dcim, "IMG_0014.JPG", {1}, 12));  // burst pick
+    p.back().avalanche_pick_type = 52;
+    p.push_back(photo(dcim, "IMG_0015.JPG", {1}, 13));  // not an asset of the asset entity
+    p.back().entity = library.entities.generic_asset;
+    p.push_back(photo(dcim, "IMG_0016.JPG", {1}, 14));  // no size recorded
+    p.back().db_file_size = 0;
+    p.push_back(photo(dcim, "IMG_0017.JPG", {1}, 15));  // recorded name holds a slash
+    p.back().original_filename = "Holiday/Beach.JPG";
+    p.push_back(photo(dcim, "IMG_0018.JPG", {1}, 16));  // no recorded name
+    p.back().original_filename = std::nullopt;
+    p.push_back(photo(dcim, "IMG_0019.JPG", {1}, 17));  // visibility 2: shown by older libraries only
+    p.back().visibility = 2;
+    return library;
+}
+
+class MediaTest : public MountedDeviceTest {
+protected:
+    // One device with this library, mounted.
+    void mountLibrary(const MediaLibrary &library, const std::string &iosVersion, uint32_t locationId) {
+        DevsimImage phone;
+        phone.name = "Media Phone";
+        phone.location_id = locationId;
+        phone.ios_version = iosVersion;
+        imageDir = tempDir + "/image";
+        std::string error;
+        ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
+        ASSERT_TRUE(devsim::write_media_library(imageDir + "/media", library, error)) << error;
+        ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
+        ASSERT_TRUE(mountDevice(locationId));
+    }
+    std::vector<std::string> photoFolder(const std::string &name) {
+        return sorted(namesIn(inMount("/Media/Photo/" + name)));
+    }
+    bool logHas(const std::string &start) {
+        for (const std::string &line : mount.logMessages())
+            if (line.compare(0, start.size(), start) == 0) return true;
+        return false;
+    }
+    // A listed photo reads as the device file it stands for.
+    void expectSameBytes(const std::string &volumePath, const std::string &devicePath) {
+        std::string copy = tempDir + "/copy";
+        int status = -1;
+        runProgram({"cp", inMount(volumePath), copy}, &status);
+        EXPECT_EQ(status, 0) << volumePath;
+        EXPECT_EQ(readLocal(copy), readLocal(imageDir + "/media/" + devicePath)) << volumePath;
+        EXPECT_FALSE(readLocal(copy).empty()) << volumePath;
+    }
+
+    std::string imageDir;
+};
+
+const std::vector<std::string> kPhotoRoot = {"Camera Roll", "Trip",        "Trip (2)",  "My Panoramas",
+                                             "My Photo Stream", "AC:DC", "Recorded Videos", "Panoramas",
+                                             "Screenshots", "Selfies",     "Bursts"};
+
+TEST_F(MediaTest, IosTenLibraryListsAlbumsKindsAndLivePairsAsOnThePhone) {
+    mountLibrary(photoLibrary(PhotoFamily::ios10), "10.3.3", 61);
+    EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
+    EXPECT_EQ(namesIn(inMount("/Media/Photo")), kPhotoRoot);
+    // Photos of the asset entity only, visible now, not in the trash; the
+    // live photo with its video and the one whose video is missing.
+    EXPECT_EQ(photoFolder("Camera Roll"),
+              sorted({"IMG_0001.JPG", "IMG_0001 (2).JPG", "IMG_0005.JPG", "IMG_0005.MOV", "IMG_0006.JPG",
+                      "IMG_0007.JPG", "IMG_0008.PNG", "IMG_0012.JPG", "IMG_0013.JPG", "IMG_0014.JPG",
+                      "Holiday:Beach.JPG"}));
+    EXPECT_EQ(photoFolder("Recorded Videos"), (std::vector<std::string>{"IMG_0009.MOV"}));
+    EXPECT_EQ(photoFolder("Panoramas"), (std::vector<std::string>{"IMG_0007.JPG"}));
+    // An album whose name holds a kind shows that kind.
+    EXPECT_EQ(photoFolder("My Panoramas"), (std::vector<std::string>{"IMG_0007.JPG"}));
+    EXPECT_EQ(photoFolder("Screenshots"), (std::vector<std::string>{"IMG_0008.PNG"}));
+    EXPECT_EQ(photoFolder("Selfies"), (std::vector<std::string>{"IMG_0013.JPG"}));
+    EXPECT_EQ(photoFolder("Bursts"), (std::vector<std::string>{"IMG_0014.JPG"}));
+    EXPECT_EQ(photoFolder("Trip"), (std::vector<std::string>{"IMG_0001.JPG"}));
+    EXPECT_EQ(photoFolder("Trip (2)"), sorted({"IMG_0005.JPG", "IMG_0005.MOV"}));
+    EXPECT_EQ(photoFolder("My Photo Stream"), (std::vector<std::string>{"IMG_0012.JPG"}));
+    EXPECT_EQ(photoFolder("AC:DC"), (std::vector<std::string>{"IMG_0001.JPG"}));
+    EXPECT_TRUE(logHas("enumMedia file : (..) has no usable name, row skipped."));
+
+    expectSameBytes("/Media/Photo/Camera Roll/IMG_0005.MOV", "DCIM/100APPLE/IMG_0005.MOV");
+    expectSameBytes("/Media/Photo/Trip/IMG_0001.JPG", "DCIM/100APPLE/IMG_0001.JPG");
+    // A stale database size is logged and the device's size shown.
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Media/Photo/My Photo Stream/IMG_0012.JPG").c_str(), &st), 0);
+    EXPECT_EQ(static_cast<size_t>(st.st_size), readLocal(imageDir + "/media/DCIM/100APPLE/IMG_0012.JPG").size());
+    expectSameBytes("/Media/Photo/My Photo Stream/IMG_0012.JPG", "DCIM/100APPLE/IMG_0012.JPG");
+    EXPECT_TRUE(logHas("GetPhotoFromDevice file : (IMG_0012.JPG), database file size : "));
+    EXPECT_TRUE(logHas("GetPhotoFromDevice file : (IMG_0006.JPG) get info failed. ret ; "));
+    // The moment date (seconds since 2001) is the photo's birth, shown in 1970 terms.
+    EXPECT_EQ(st.st_mtime, 978307200 + 500000100 + 10);
+
+    // The library is read only.
+    int status = -1;
+    runProgram({"sh", "-c", "echo x >> '" + inMount("/Media/Photo/Trip/IMG_0001.JPG") + "'"}, &status);
+    EXPECT_NE(status, 0);
+    EXPECT_EQ(readLocal(imageDir + "/media/DCIM/100APPLE/IMG_0001.JPG"), randomBytes(3000 + 17, 1));
+}
+
+TEST_F(MediaTest, OlderLibraryWithoutCloudShowsTheCameraRollAlbumAndEveryNotHiddenAsset) {
+    mountLibrary(photoLibrary(PhotoFamily::older), "9.2.1", 62);
+    EXPECT_EQ(namesIn(inMount("/Media/Photo")), kPhotoRoot);
+    // The album of kind 1000 decides; the entity and a visibility of 2 do not.
+    EXPECT_EQ(photoFolder("Camera Roll"),
+              sorted({"IMG_0001.JPG", "IMG_0001 (2).JPG", "IMG_0005.JPG", "IMG_0005.MOV", "IMG_0006.JPG",
+                      "IMG_0007.JPG", "IMG_0008.PNG", "IMG_0012.JPG", "IMG_0013.JPG", "IMG_0014.JPG",
+                      "IMG_0015.JPG", "Holiday:Beach.JPG", "IMG_0019.JPG"}));
+    EXPECT_EQ(photoFolder("Recorded Videos"), (std::vector<std::string>{"IMG_0009.MOV"}));
+    EXPECT_EQ(photoFolder("My Panoramas"), (std::vector<std::string>{"IMG_0007.JPG"}));
+    EXPECT_EQ(photoFolder("Trip (2)"), sorted({"IMG_0005.JPG", "IMG_0005.MOV"}));
+    EXPECT_EQ(photoFolder("Selfies"), (std::vector<std::string>{"IMG_0013.JPG"}));
+    expectSameBytes("/Media/Photo/Camera Roll/IMG_0019.JPG", "DCIM/100APPLE/IMG_0019.JPG");
+}
+
+TEST_F(MediaTest, BeforeNineTheSelfiesAndBurstsFoldersComeOnlyFromSubtypes) {
+    mountLibrary(photoLibrary(PhotoFamily::older), "8.4.1", 63);
+    EXPECT_EQ(namesIn(inMount("/Media/Photo")),
+              (std::vector<std::string>{"Camera Roll", "Trip", "Trip (2)", "My Panoramas", "My Photo Stream",
+                                        "AC:DC", "Recorded Videos", "Panoramas", "Screenshots"}));
+}
+
+// A cloud library: files come from the cloud resources, each cloud master
+// once however many rows name it, only what is kept on the device.
+TEST_F(MediaTest, CloudLibraryListsEachLocalMasterOnce) {
+    MediaLibrary library;
+    library.photo_family = PhotoFamily::cloud;
+    library.write_music_db = false;
+    library.write_record_db = false;
+    library.albums = {album(1, std::nullopt, 1000), album(2, "Trip"), album(3, "Friends")};
+    auto cloudPhoto = [&](const std::string &name, std::vector<int64_t> albums, unsigned seed) {
+        MediaPhoto made = photo("DCIM/100APPLE", name, std::move(albums), seed);
+        made.cloud_original_filename = name;
+        devsim::MediaCloudResource resource;
+        resource.file_path = "/var/mobile/Media/DCIM/100APPLE/" + name;
+        resource.bytes = made.bytes;
+        made.cloud_resources.push_back(resource);
+        made.write_file = false;  // the resource is the file
+        return made;
+    };
+    std::vector<MediaPhoto> &p = library.photos;
+    p.push_back(cloudPhoto("IMG_0100.JPG", {1, 2}, 40));
+    p.push_back(cloudPhoto("IMG_0101.JPG", {1}, 41));  // a second resource of the same master
+    devsim::MediaCloudResource thumbnail;
+    thumbnail.file_path = "/var/mobile/Media/PhotoData/Thumbs/IMG_0101.JPG";
+    thumbnail.bytes = randomBytes(700, 42);
+    thumbnail.type = 1;
+    p.back().cloud_resources.push_back(thumbnail);
+    p.push_back(cloudPhoto("IMG_0102.JPG", {1}, 43));  // kept in the cloud only
+    p.back().cloud_resources[0].locally_available = 0;
+    p.push_back(cloudPhoto("IMG_0103.JPG", {1}, 44));  // stale size: not shown
+    p.back().cloud_resources[0].db_file_size = static_cast<int64_t>(p.back().bytes.size()) + 1;
+    p.push_back(cloudPhoto("IMG_0104.JPG", {1, 2, 3}, 45));  // a panorama in three albums
+    p.back().subtype = 1;
+    p.push_back(cloudPhoto("IMG_0105.JPG", {1}, 46));  // live: its video is the same master again
+    p.back().subtype = 2;
+    p.back().live_video_bytes = randomBytes(5000, 47);
+    p.push_back(cloudPhoto("IMG_0106.MOV", {1}, 48));
+    p.back().kind = 1;
+    mountLibrary(library, "9.3.5", 64);
+
+    EXPECT_EQ(namesIn(inMount("/Media/Photo")),
+              (std::vector<std::string>{"Camera Roll", "Trip", "Friends", "Recorded Videos", "Panoramas"}));
+    EXPECT_EQ(photoFolder("Camera Roll"), sorted({"IMG_0100.JPG", "IMG_0101.JPG", "IMG_0104.JPG", "IMG_0105.JPG"}));
+    EXPECT_EQ(photoFolder("Panoramas"), (std::vector<std::string>{"IMG_0104.JPG"}));
+    EXPECT_EQ(photoFolder("Trip"), sorted({"IMG_0100.JPG", "IMG_0104.JPG"}));
+    EXPECT_EQ(photoFolder("Recorded Videos"), (std::vector<std::string>{"IMG_0106.MOV"}));
+    expectSameBytes("/Media/Photo/Camera Roll/IMG_0101.JPG", "DCIM/100APPLE/IMG_0101.JPG");
+}
+
+TEST_F(MediaTest, MusicPodcastsMoviesAndVoiceMemosAreNamedByArtistTitleAndLabel) {
+    MediaLibrary library;
+    library.write_photo_db = false;
+    std::vector<MediaSong> &s = library.songs;
+    s.push_back(song("Ann", "Blue", "AAAA.mp3", 1));
+    s.push_back(song("Ann", "Blue", "AAAB.mp3", 2));  // same artist and title
+    s.push_back(song(std::nullopt, "Alone", "AAAC.m4a", 3));
+    s.push_back(song("Bo", std::nullopt, "AAAD.mp3", 4));
+    s.push_back(song("Cy", "My Song wlrtitdb 1 ", "AAAE.mp3", 5));
+    s.push_back(song("Di", std::string(200, 'x'), "AAAF.mp3", 6));
+    s.push_back(song("Ed", "Two dots", "AAAG.b.mp3", 7));
+    s.push_back(song("Fay", "AC/DC cover", "AAAH.mp3", 8));
+    s.push_back(song("Gus", "Stale", "AAAI.mp3", 9));  // one byte off: hidden
+    s.back().db_file_size = static_cast<int64_t>(s.back().bytes.size()) + 1;
+    s.push_back(song("Hal", std::string("Bad \xff\xfe name"), "AAAJ.mp3", 10));  // not UTF-8
+    s.push_back(song("Ivy", "Nowhere", "AAAK.mp3", 11));
+    s.back().location = std::nullopt;
+    s.push_back(song("Jo", "Gone", "AAAL.mp3", 12));
+    s.back().write_file = false;
+    s.push_back(song("Pod", "Episode 1", "AAAM.mp3", 13, 4));
+    s.push_back(song("Studio", "The Film", "AAAN.m4v", 14, 2048));
+    MediaRecording talk;
+    talk.label = "Talk";
+    talk.path = "/var/mobile/Media/Recordings/rec1.m4a";
+    talk.date = 400000000;
+    talk.bytes = randomBytes(4000, 60);
+    MediaRecording unlabelled = talk;
+    unlabelled.label = std::nullopt;
+    unlabelled.path = "/var/mobile/Media/Recordings/rec2.m4a";
+    MediaRecording tooShort = talk;
+    tooShort.path = "/short";
+    tooShort.write_file = false;
+    library.recordings = {talk, unlabelled, tooShort};
+    mountLibrary(library, "10.3.3", 65);
+
+    EXPECT_EQ(namesIn(inMount("/Media")),
+              (std::vector<std::string>{"Podcast", "Voice Memos", "Music", "Movies", "Photo"}));
+    const std::string cut = "Di-" + std::string(129, 'x');  // 132 bytes
+    EXPECT_EQ(namesIn(inMount("/Media/Music")),
+              (std::vector<std::string>{"Ann-Blue.mp3", "Ann-Blue (2).mp3", "Alone.m4a", "Bo-.mp3", "Cy-My Song.mp3",
+                                        cut + ".mp3", "Ed-Two dots.b.mp3", "Fay-AC:DC cover.mp3"}));
+    EXPECT_EQ(namesIn(inMount("/Media/Podcast")), (std::vector<std::string>{"Pod-Episode 1.mp3"}));
+    EXPECT_EQ(namesIn(inMount("/Media/Movies")), (std::vector<std::string>{"Studio-The Film.m4v"}));
+    EXPECT_EQ(namesIn(inMount("/Media/Voice Memos")), (std::vector<std::string>{"Talk_rec1.m4a"}));
+    expectSameBytes("/Media/Music/Ann-Blue (2).mp3", "iTunes_Control/Music/F02/AAAB.mp3");
+    expectSameBytes("/Media/Voice Memos/Talk_rec1.m4a", "Recordings/rec1.m4a");
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Media/Voice Memos/Talk_rec1.m4a").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtime, 978307200 + 400000000);
+    EXPECT_TRUE(logHas("enumMedia file : (AAAI.mp3), database file size : "));
+    EXPECT_TRUE(logHas("enumMedia getUTF8MACName failed."));
+}
+
+// Broken and missing databases: /Media still lists, each failure is logged,
+// and nothing is shown that the device does not have.
+TEST_F(MediaTest, MissingAndCorruptDatabasesLeaveTheRestOfMediaListing) {
+    MediaLibrary library = photoLibrary(PhotoFamily::ios10);
+    library.write_music_db = true;
+    library.songs.push_back(song("Ann", "Blue", "AAAA.mp3", 1));
+    library.write_record_db = false;
+    DevsimImage phone;
+    phone.ios_version = "10.3.3";
+    phone.location_id = 66;
+    imageDir = tempDir + "/image";
+    std::string error;
+    ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
+    ASSERT_TRUE(devsim::write_media_library(imageDir + "/media", library, error)) << error;
+    // The photo library cut short after its first page.
+    std::string photos = readLocal(imageDir + "/media/PhotoData/Photos.sqlite");
+    ASSERT_GT(photos.size(), 4096u);
+    {
+        FILE *out = fopen((imageDir + "/media/PhotoData/Photos.sqlite").c_str(), "wb");
+        ASSERT_NE(out, nullptr);
+        fwrite(photos.data(), 1, 1024, out);
+        fwrite(std::string(3072, '\x5a').data(), 1, 3072, out);
+        fclose(out);
+    }
+    ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
+    ASSERT_TRUE(mountDevice(66));
+    EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
+    EXPECT_EQ(namesIn(inMount("/Media/Music")), (std::vector<std::string>{"Ann-Blue.mp3"}));
+    EXPECT_EQ(namesIn(inMount("/Media/Photo")), (std::vector<std::string>{"Camera Roll"}));
+    EXPECT_TRUE(logHas("DownloadDBandOpen libiusb_afc_file_get_info failed. code : "));
+    EXPECT_TRUE(logHas("opendb target db not exist"));
+    EXPECT_TRUE(logHas("enumMedia photodb : "));
+    EXPECT_TRUE(exists(inMount("/Storage")));
+}
+
+TEST_F(MediaTest, ADeviceWithoutAnyDatabaseShowsTheThreeKindFoldersEmpty) {
+    MediaLibrary library;
+    library.write_music_db = false;
+    library.write_photo_db = false;
+    library.write_record_db = false;
+    mountLibrary(library, "10.3.3", 67);
+    EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
+    EXPECT_TRUE(namesIn(inMount("/Media/Music")).empty());
+    EXPECT_TRUE(namesIn(inMount("/Media/Movies")).empty());
+    EXPECT_EQ(namesIn(inMount("/Media/Photo")), (std::vector<std::string>{"Camera Roll"}));
+    EXPECT_TRUE(logHas("DownloadDBandOpen libiusb_afc_file_get_info failed. code : "));
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+} // namespace
