@@ -159,6 +159,9 @@ protected:
         std::string shown = run.text();
         EXPECT_NE(shown.find("\n" + mountPoint + "\n├── Apps\n"), std::string::npos) << shown;
         EXPECT_NE(shown.find("└── Storage\n"), std::string::npos) << shown;
+        // The media tree: songs by artist and title, the duplicate album.
+        EXPECT_NE(shown.find("The Examples-Morning Light (2).mp3\n"), std::string::npos) << shown;
+        EXPECT_NE(shown.find("── Holiday (2)\n"), std::string::npos) << shown;
         EXPECT_NE(shown.find("directories, "), std::string::npos) << shown;
         EXPECT_NE(shown.find("df -h '" + mountPoint + "'"), std::string::npos) << shown;
         EXPECT_TRUE(fs::is_directory(mountPoint + "/Storage/Documents")) << "the sample's Storage is served";

@@ -46,7 +46,7 @@ void printDemoUsage(FILE *out) {
             "  1. builds the sample device image (devsim make-sample) in a private\n"
             "     temporary folder under /tmp,\n"
             "  2. starts the simulated device (devsim serve) on a private socket,\n"
-            "  3. mounts it with quorvelfs and prints the tree two levels deep and a few\n"
+            "  3. mounts it with quorvelfs and prints the tree two levels deep (/Media three) and a few\n"
             "     commands to try,\n"
             "  4. waits until Ctrl-C (or SIGTERM), then unmounts, stops the simulated\n"
             "     device and removes its temporary folder.\n"
@@ -427,6 +427,8 @@ void printThingsToTry(const Demo &demo) {
     printf("  ls -la %s\n", shellWord(storage).c_str());
     printf("  ls -la %s\n", shellWord(demo.mountPoint + "/Apps/Reader/").c_str());
     printf("  find %s | head -20\n", shellWord(demo.mountPoint).c_str());
+    printf("  ls -l %s\n", shellWord(demo.mountPoint + "/Media/Photo/Camera Roll/").c_str());
+    printf("  cp -r %s /tmp/\n", shellWord(demo.mountPoint + "/Media/Photo/Camera Roll").c_str());
     std::string sample = fileToShow(storage);
     if (!sample.empty()) {
         printf("  stat %s\n", shellWord(sample).c_str());
@@ -487,6 +489,9 @@ bool runDemo(Demo &demo) {
     if (stopRequested(demo) || !mountSimulatedDevice(demo, locationId, name)) return false;
     if (stopRequested(demo)) return true;
     printTree(demo.mountPoint, 2);
+    // The media views one level deeper: songs by artist and title, the
+    // photo albums and what is in them.
+    printTree(demo.mountPoint + "/Media", 3);
     printThingsToTry(demo);
     waitUntilStopped(demo);
     return true;
