@@ -3,6 +3,7 @@
 // by the code under test): duplicates, cuts, live-photo pairs, hidden and
 // trashed assets, the three photo database families, broken databases.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -362,6 +363,72 @@ TEST_F(MediaTest, ADeviceWithoutAnyDatabaseShowsTheThreeKindFoldersEmpty) {
     EXPECT_EQ(namesIn(inMount("/Media/Photo")), (std::vector<std::string>{"Camera Roll"}));
     EXPECT_TRUE(logHas("DownloadDBandOpen libiusb_afc_file_get_info failed. code : "));
     EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+
+// The tray hears of a long listing only above each threshold: database
+// copies over 3000000 bytes, music folders over 300 rows, photo folders over
+// 500. One device sits exactly at every threshold, the other one above.
+TEST_F(MediaTest, TheBusySignalComesAboveEachThresholdAndNeverAtIt) {
+    auto device = [&](const std::string &dir, uint32_t locationId, int extra) {
+        DevsimImage phone;
+        phone.location_id = locationId;
+        std::string error;
+        EXPECT_TRUE(write_devsim_image(dir, phone, &error)) << error;
+        MediaLibrary library;
+        library.write_record_db = false;
+        library.albums = {album(1, std::nullopt, 1000)};
+        for (int i = 0; i < 300 + extra; ++i) {
+            library.songs.push_back(song("Band", "Song " + std::to_string(i), "S" + std::to_string(i) + ".mp3", 1));
+            library.songs.back().bytes = "song " + std::to_string(i);
+        }
+        for (int i = 0; i < 500 + extra; ++i) {
+            library.photos.push_back(photo("DCIM/100APPLE", "IMG_" + std::to_string(1000 + i) + ".JPG", {1}, 1));
+            library.photos.back().bytes = "photo " + std::to_string(i);
+        }
+        EXPECT_TRUE(devsim::write_media_library(dir + "/media", library, error)) << error;
+        // The recordings database makes up the total: not a database at all,
+        // which only costs the Voice Memos folder.
+        size_t sum = readLocal(dir + "/media/iTunes_Control/iTunes/MediaLibrary.sqlitedb").size() +
+                     readLocal(dir + "/media/PhotoData/Photos.sqlite").size();
+        ASSERT_LT(sum, 3000000u);
+        mkdir((dir + "/media/Recordings").c_str(), 0755);
+        FILE *out = fopen((dir + "/media/Recordings/Recordings.db").c_str(), "wb");
+        ASSERT_NE(out, nullptr);
+        std::string padding(3000000 - sum + static_cast<size_t>(extra), 'r');
+        fwrite(padding.data(), 1, padding.size(), out);
+        fclose(out);
+    };
+    device(tempDir + "/at", 71, 0);
+    device(tempDir + "/above", 72, 1);
+    ASSERT_TRUE(sim.start_with_dirs({tempDir + "/at", tempDir + "/above"})) << sim.error();
+    auto count = [](const std::string &text, const std::string &what) {
+        size_t n = 0;
+        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+        return n;
+    };
+
+    ASSERT_TRUE(mountDevice(71));
+    EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
+    EXPECT_EQ(namesIn(inMount("/Media/Music")).size(), 300u);
+    EXPECT_EQ(namesIn(inMount("/Media/Photo/Camera Roll")).size(), 500u);
+    ASSERT_EQ(unmountDevice(), 0);
+
+    ASSERT_TRUE(mountDevice(72));
+    // Start-up clears the indicator with a "-neoff" of its own; only whole
+    // pairs count here.
+    auto pairsHeard = [&](size_t wanted) {
+        for (int tries = 0; tries < 100 && count(tray.bytes(), "-neon-neoff") < wanted; ++tries) usleep(100000);
+        return count(tray.bytes(), "-neon-neoff");
+    };
+    EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
+    EXPECT_EQ(pairsHeard(1), 1u) << "the database copy of 3000001 bytes is announced";
+    EXPECT_EQ(namesIn(inMount("/Media/Music")).size(), 301u);
+    EXPECT_EQ(pairsHeard(2), 2u) << "301 songs are announced";
+    EXPECT_EQ(namesIn(inMount("/Media/Photo/Camera Roll")).size(), 501u);
+    EXPECT_EQ(pairsHeard(3), 3u) << "501 photos are announced";
+    // Nothing came from the device sitting at the thresholds.
+    EXPECT_EQ(count(tray.bytes(), "-neon"), 3u) << tray.bytes();
 }
 
 } // namespace
