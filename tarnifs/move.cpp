@@ -27,6 +27,11 @@ std::string appFolderOf(const char *path) {
 }
 
 std::string devicePathOf(const char *path) {
+    if (begins(path, "/Media")) {
+        // A media item lies where the library says, whatever it is called here.
+        _KTL_OBJECT *item = FindObject(path);
+        return item != nullptr && item->device_path != nullptr ? std::string(item->device_path) : std::string();
+    }
     return begins(path, "/Storage") ? StorageDevicePath(path) : AppSandboxPath(path);
 }
 bool hasChildren(const _KTL_OBJECT *folder) { return folder->child_list.next != &folder->child_list; }
@@ -145,8 +150,12 @@ int moveEntry(_CONTEXT *ctx, const MoveSide &source, const char *from, const Mov
 int moveFolder(_CONTEXT *ctx, const MoveSide &source, _KTL_OBJECT *folder, const char *from, const MoveSide &target,
                const char *to, const char *caller) {
     if (folder->enumerated == 0 && !hasChildren(folder)) {
-        int listed = begins(from, "/Storage") ? enumStorage(ctx, from, nullptr, nullptr, 0)
-                                              : enumApps(ctx, from, nullptr, nullptr);
+        // Media folders are listed as a listing lists them (the databases
+        // fetched first when /Media was never listed); each album is listed
+        // in its turn when the copy reaches it.
+        int listed = source.media ? listFolder(ctx, from, nullptr, nullptr, 0)
+                     : begins(from, "/Storage") ? enumStorage(ctx, from, nullptr, nullptr, 0)
+                                                : enumApps(ctx, from, nullptr, nullptr);
         if (listed != 0) return listed;
         folder->enumerated = 1;
     }
@@ -172,6 +181,7 @@ int moveFolder(_CONTEXT *ctx, const MoveSide &source, _KTL_OBJECT *folder, const
             return result;
         }
     }
+    if (source.media) return 0;  // copied; the library keeps its own
     // Everything was carried. A folder still holding what the catalogue did
     // not know stays, and so does its record: nothing of it is lost.
     std::string deviceFrom = devicePathOf(from);
@@ -212,6 +222,7 @@ int moveEntry(_CONTEXT *ctx, const MoveSide &source, const char *from, const Mov
     int result = copyFile(source, from, target, to, caller, &size);
     if (result != 0) return result;
     recordTarget(target, to, KTL_MODE_FILE, size);
+    if (source.media) return 0;  // the media item stays
     std::string deviceFrom = devicePathOf(from);
     result = libiusb_afc_file_remove(source.afc, deviceFrom.c_str());
     if (result != 0) {
@@ -227,6 +238,11 @@ int moveEntry(_CONTEXT *ctx, const MoveSide &source, const char *from, const Mov
 
 int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *caller) {
     *side = MoveSide();
+    if (begins(path, "/Media")) {
+        side->afc = ctx->afc_handle;
+        side->media = true;
+        return 0;
+    }
     if (begins(path, "/Storage")) {
         side->afc = ctx->afc_handle;
         return 0;
@@ -273,8 +289,8 @@ int MoveByCopy(_CONTEXT *ctx, const char *from, const char *to, const char *call
 }
 
 int movetostorage(_CONTEXT *ctx, const char *from, const char *to) {
-    // Media items wait for the media views; the whole Apps area is refused
-    // by the dispatch. What comes here is an app's file or folder.
-    if (!begins(from, "/Apps/") || !begins(to, "/Storage/")) return -EXDEV;
+    // The whole Apps area is refused by the dispatch: what comes here is a
+    // media item or folder, or an app's file or folder.
+    if (!(begins(from, "/Apps/") || begins(from, "/Media")) || !begins(to, "/Storage/")) return -EXDEV;
     return MoveByCopy(ctx, from, to, "movetostorage");
 }

@@ -13,6 +13,9 @@ struct MoveSide {
     libiusb_afc *afc = nullptr;
     bool app = false;
     std::string appId;
+    // A /Media source: read from its items' device paths on the media
+    // connection, and never removed (the library is read only).
+    bool media = false;
 };
 
 int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *caller);
@@ -22,5 +25,6 @@ void CloseMoveSide(MoveSide *side, const char *caller);
 // removes it. 0 or a device error; logged under `caller`. Lock held.
 int MoveByCopy(_CONTEXT *ctx, const char *from, const char *to, const char *caller);
 
-// An app's file or folder moved into /Storage. 0 or a device error.
+// A /Media item or folder copied (it stays), or an app's file or folder
+// moved, into /Storage. 0 or a device error.
 int movetostorage(_CONTEXT *ctx, const char *from, const char *to);

@@ -207,8 +207,8 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
     return result;
 }
 
-// Moves out of /Media wait for the media views, and the whole Apps area is
-// not copied in one go: EXDEV makes `mv` (and file managers) copy and then
+// The whole Apps area, /Storage itself and an app folder itself are not
+// carried in one go: EXDEV makes `mv` (and file managers) copy and then
 // remove by themselves, which works through file data and unlink.
 int notYetAcrossAreas() { return -EXDEV; }
 
@@ -232,7 +232,6 @@ int moveAcross(_CONTEXT *ctx, const char *from, const char *to, int (*move)(_CON
 
 int movetoapps(_CONTEXT *ctx, const char *from, const char *to) {
     if (sameApp(from, to)) return renameInsideApp(ctx, from, to);
-    if (begins(from, "/Media")) return -EXDEV;  // the dispatch keeps these for now
     return MoveByCopy(ctx, from, to, "movetoapps");
 }
 
@@ -259,12 +258,13 @@ int tarnifs_rename(const char *from, const char *to) {
         return refuseRename(from, to);
     }
     if (begins(from, "/Media")) {
+        // Copies: the media item stays where the library shows it.
         if (begins(to, "/Apps/")) {
-            if (depthOf(to) >= 3) return notYetAcrossAreas();
+            if (depthOf(to) >= 3) return moveAcross(ctx, from, to, movetoapps);
             logNotSupported();
             return refuseReadOnly(to);
         }
-        if (begins(to, "/Storage/")) return notYetAcrossAreas();
+        if (begins(to, "/Storage/")) return moveAcross(ctx, from, to, movetostorage);
         if (ParentFolderOf(from) == ParentFolderOf(to)) return refuseRename(from, to);
         return refuseReadOnly(to);
     }

@@ -431,4 +431,55 @@ TEST_F(MediaTest, TheBusySignalComesAboveEachThresholdAndNeverAtIt) {
     EXPECT_EQ(count(tray.bytes(), "-neon"), 3u) << tray.bytes();
 }
 
+
+// Dragging out of /Media copies: the item lands in /Storage or an app whole,
+// and stays where the library shows it.
+TEST_F(MediaTest, MovesAndCopiesOutOfMediaLeaveTheLibraryAsItWas) {
+    MediaLibrary library = photoLibrary(PhotoFamily::ios10);
+    library.write_music_db = true;
+    library.songs.push_back(song("Ann", "Blue", "AAAA.mp3", 1));
+    DevsimImage phone;
+    phone.location_id = 68;
+    phone.apps = {{"com.example.notes", "Notes", true}};
+    imageDir = tempDir + "/image";
+    std::string error;
+    ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
+    ASSERT_TRUE(devsim::write_media_library(imageDir + "/media", library, error)) << error;
+    ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
+    ASSERT_TRUE(mountDevice(68));
+    const std::string storage = imageDir + "/media/general_storage";
+    const std::string notes = imageDir + "/apps/com.example.notes/Documents";
+    const std::string song = readLocal(imageDir + "/media/iTunes_Control/Music/F01/AAAA.mp3");
+    const std::string live = readLocal(imageDir + "/media/DCIM/100APPLE/IMG_0005.MOV");
+    ASSERT_FALSE(song.empty());
+    int status = -1;
+
+    // Nothing listed /Media yet: the move finds the song all the same.
+    runProgram({"mv", inMount("/Media/Music/Ann-Blue.mp3"), inMount("/Storage/")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(storage + "/Ann-Blue.mp3"), song);
+    runProgram({"mv", inMount("/Media/Photo/Trip (2)"), inMount("/Storage/")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(sorted(namesIn(storage + "/Trip (2)")), sorted({"IMG_0005.JPG", "IMG_0005.MOV"}));
+    EXPECT_EQ(readLocal(storage + "/Trip (2)/IMG_0005.MOV"), live);
+    runProgram({"cp", "-r", inMount("/Media/Photo/Trip"), inMount("/Apps/Notes/")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(notes + "/Trip/IMG_0001.JPG"), readLocal(imageDir + "/media/DCIM/100APPLE/IMG_0001.JPG"));
+    runProgram({"mv", inMount("/Media/Photo/Camera Roll/IMG_0005.MOV"), inMount("/Apps/Notes/live.mov")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(notes + "/live.mov"), live);
+
+    // The library is untouched and still lists everything.
+    EXPECT_EQ(readLocal(imageDir + "/media/iTunes_Control/Music/F01/AAAA.mp3"), song);
+    EXPECT_EQ(readLocal(imageDir + "/media/DCIM/100APPLE/IMG_0005.MOV"), live);
+    EXPECT_EQ(namesIn(inMount("/Media/Music")), (std::vector<std::string>{"Ann-Blue.mp3"}));
+    EXPECT_EQ(photoFolder("Trip (2)"), sorted({"IMG_0005.JPG", "IMG_0005.MOV"}));
+    EXPECT_TRUE(exists(inMount("/Media/Photo/Camera Roll/IMG_0005.MOV")));
+    EXPECT_EQ(readLocal(inMount("/Storage/Trip (2)/IMG_0005.MOV")), live);
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/live.mov")), live);
+    // Nothing half-copied was left beside the targets.
+    EXPECT_EQ(sorted(namesIn(notes)), sorted({"Trip", "live.mov"}));
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
 } // namespace
