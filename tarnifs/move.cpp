@@ -35,6 +35,10 @@ std::string devicePathOf(const char *path) {
     return begins(path, "/Storage") ? StorageDevicePath(path) : AppSandboxPath(path);
 }
 bool hasChildren(const _KTL_OBJECT *folder) { return folder->child_list.next != &folder->child_list; }
+bool isAreaFolder(const char *path) {
+    return strcmp(path, "/Storage") == 0 ||
+           (begins(path, "/Apps/") && strchr(path + strlen("/Apps/"), '/') == nullptr);
+}
 
 // The hidden name a file is copied under until it is whole: never listed,
 // and beside its target, so the last step is a rename within one folder.
@@ -182,6 +186,9 @@ int moveFolder(_CONTEXT *ctx, const MoveSide &source, _KTL_OBJECT *folder, const
         }
     }
     if (source.media) return 0;  // copied; the library keeps its own
+    // An area's own folder (/Storage, an app's Documents) stays where it
+    // is, emptied: only what is in it moves.
+    if (isAreaFolder(from)) return 0;
     // Everything was carried. A folder still holding what the catalogue did
     // not know stays, and so does its record: nothing of it is lost.
     std::string deviceFrom = devicePathOf(from);
@@ -286,6 +293,37 @@ int MoveByCopy(_CONTEXT *ctx, const char *from, const char *to, const char *call
     }
     CloseMoveSide(&source, caller);
     return result;
+}
+
+int CopyAppsArea(_CONTEXT *ctx, const char *to) {
+    _KTL_OBJECT *apps = FindObject("/Apps");
+    if (apps == nullptr) return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND;
+    if (!hasChildren(apps)) {
+        int listed = listFolder(ctx, "/Apps", nullptr, nullptr, 0);
+        if (listed != 0) return listed;
+    }
+    std::string deviceTo = StorageDevicePath(to);
+    int result = libiusb_afc_make_directory(ctx->afc_handle, deviceTo.c_str());
+    if (result != 0) {
+        QNLog(3, "%s make directory failed. to : %s", "tarnifs_rename", to);
+        return result;
+    }
+    MoveSide storage;
+    storage.afc = ctx->afc_handle;
+    _KTL_OBJECT *made = recordTarget(storage, to, KTL_MODE_FOLDER, 0);
+    made->enumerated = 1;
+    std::vector<std::string> names;
+    for (_KTL_LIST_ENTRY *link = apps->child_list.next; link != &apps->child_list; link = link->next) {
+        const char *name = ObjectFromSibling(link)->file_name;
+        if (name != nullptr) names.push_back(name);
+    }
+    for (const std::string &name : names) {
+        std::string app = ChildPath("/Apps", name.c_str());
+        std::string target = ChildPath(to, name.c_str());
+        result = MoveByCopy(ctx, app.c_str(), target.c_str(), "movetostorage");
+        if (result != 0) return result;
+    }
+    return 0;
 }
 
 int movetostorage(_CONTEXT *ctx, const char *from, const char *to) {

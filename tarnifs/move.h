@@ -25,6 +25,11 @@ void CloseMoveSide(MoveSide *side, const char *caller);
 // removes it. 0 or a device error; logged under `caller`. Lock held.
 int MoveByCopy(_CONTEXT *ctx, const char *from, const char *to, const char *caller);
 
+// "/Apps" into `to` in /Storage: a folder there with one folder per app,
+// each app's documents moved into it (the apps and their Documents folders
+// stay). 0 or a device error.
+int CopyAppsArea(_CONTEXT *ctx, const char *to);
+
 // A /Media item or folder copied (it stays), or an app's file or folder
 // moved, into /Storage. 0 or a device error.
 int movetostorage(_CONTEXT *ctx, const char *from, const char *to);

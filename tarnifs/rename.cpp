@@ -207,10 +207,7 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
     return result;
 }
 
-// The whole Apps area, /Storage itself and an app folder itself are not
-// carried in one go: EXDEV makes `mv` (and file managers) copy and then
-// remove by themselves, which works through file data and unlink.
-int notYetAcrossAreas() { return -EXDEV; }
+int copyAppsArea(_CONTEXT *ctx, const char *, const char *to) { return CopyAppsArea(ctx, to); }
 
 // A move: both ends ready, room for a file's copy when it copies, the tray
 // told when it is long, and the failure shown.
@@ -248,8 +245,7 @@ int tarnifs_rename(const char *from, const char *to) {
     if (begins(from, "/Storage")) {
         if (begins(to, "/Apps/")) {
             // /Storage itself stays: only what is in it can move.
-            if (depthOf(to) > 2) return strcmp(from, "/Storage") == 0 ? notYetAcrossAreas()
-                                                                       : moveAcross(ctx, from, to, movetoapps);
+            if (depthOf(to) > 2) return moveAcross(ctx, from, to, movetoapps);
             logNotSupported();
             return refuseReadOnly(to);
         }
@@ -270,10 +266,9 @@ int tarnifs_rename(const char *from, const char *to) {
     }
     if (begins(from, "/Apps")) {
         if (begins(to, "/Storage/")) {
-            if (strcmp(from, "/Apps") == 0) return notYetAcrossAreas();
-            // An app folder itself is the app's Documents: its contents can
-            // move, the folder cannot go.
-            if (depthOf(from) < 3) return notYetAcrossAreas();
+            if (strcmp(from, "/Apps") == 0) return moveAcross(ctx, from, to, copyAppsArea);
+            // An app folder itself is the app's Documents: its contents
+            // move, the folder stays.
             return moveAcross(ctx, from, to, movetostorage);
         }
         if (begins(to, "/Media")) return refuseReadOnly(to);

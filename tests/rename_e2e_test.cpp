@@ -239,7 +239,7 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalWithExactlyTheNewBytes) {
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
-TEST_F(RenameTest, RefusalsShowTheirNoticesAndWholeAreasAreLeftToTheHost) {
+TEST_F(RenameTest, RefusalsShowTheirNoticesAndChangeNothing) {
     ASSERT_TRUE(startDevice({image()}));
     mountFresh();
     size_t seen = 0;
@@ -270,13 +270,45 @@ TEST_F(RenameTest, RefusalsShowTheirNoticesAndWholeAreasAreLeftToTheHost) {
     expectDialog(&seen, "This folder is read only. You can not write or modify.\n/Media/Movies", "notification");
     EXPECT_TRUE(exists(storageImage() + "/keep.txt"));
     EXPECT_TRUE(isFolder(inMount("/Apps/Notes")));
-
-    // Whole areas and app folders do not move as one: mv is left to copy.
-    EXPECT_EQ(renameError(inMount("/Apps/Notes"), inMount("/Storage/Notes")), EXDEV);
-    EXPECT_EQ(renameError(inMount("/Storage"), inMount("/Apps/Notes/Storage")), EXDEV);
-    EXPECT_TRUE(isFolder(appImage()));
-    EXPECT_TRUE(exists(storageImage() + "/keep.txt"));
     EXPECT_EQ(dialogs.dialogs().size(), seen);
+}
+
+// An area's own folder moves what it holds and stays: the whole Apps area
+// into Storage, one app's documents, and Storage into an app.
+TEST_F(RenameTest, AreaFoldersMoveTheirContentsAndStayInPlace) {
+    ASSERT_TRUE(startDevice({image(kLocation + 7)}));
+    mountFresh();
+    int status = -1;
+    runProgram({"mv", inMount("/Apps"), inMount("/Storage/backup")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(storageImage() + "/backup/Notes/n.txt"), "note");
+    EXPECT_EQ(readLocal(storageImage() + "/backup/Notes/folder/f.txt"), "eff");
+    EXPECT_TRUE(isFolder(storageImage() + "/backup/Notes/sub"));
+    EXPECT_TRUE(isFolder(storageImage() + "/backup/Other"));
+    // The apps and their Documents folders stay, emptied.
+    EXPECT_TRUE(isFolder(appImage()));
+    EXPECT_TRUE(namesIn(appImage()).empty());
+    EXPECT_EQ(namesIn(inMount("/Apps")), (std::vector<std::string>{"Notes", "Other"}));
+    EXPECT_TRUE(namesIn(inMount("/Apps/Notes")).empty());
+    EXPECT_EQ(readLocal(inMount("/Storage/backup/Notes/over.txt")), "over old");
+
+    runProgram({"cp", inMount("/Storage/b.txt"), inMount("/Apps/Other/b.txt")}, &status);
+    runProgram({"mv", inMount("/Apps/Other"), inMount("/Storage/")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(storageImage() + "/Other/b.txt"), "bee");
+    EXPECT_TRUE(isFolder(otherImage()));
+    EXPECT_TRUE(namesIn(otherImage()).empty());
+
+    runProgram({"mv", inMount("/Storage"), inMount("/Apps/Notes/Storage")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(appImage() + "/Storage/keep.txt"), "keep me");
+    EXPECT_EQ(readLocal(appImage() + "/Storage/big.bin"), randomBytes(3000001, 5));
+    EXPECT_EQ(readLocal(appImage() + "/Storage/backup/Notes/n.txt"), "note");
+    EXPECT_TRUE(isFolder(storageImage()));
+    EXPECT_TRUE(namesIn(storageImage()).empty());
+    EXPECT_TRUE(namesIn(inMount("/Storage")).empty());
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/Storage/dir/inner/two.txt")), "two");
+    EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
 TEST_F(RenameTest, MovesBetweenStorageAndAppsCopyThenRemoveTheSource) {

@@ -101,17 +101,7 @@ TEST_F(RenameUnitTest, EveryRefusalOfTheTableShowsItsNoticeAndChangesNothing) {
     EXPECT_NE(FindObject("/Apps/Notes"), nullptr);
 }
 
-TEST_F(RenameUnitTest, MovesTheHostMustCopyAnswerExdevAndFlagsAreRefused) {
-    // Whole areas and app folders are copied by the host, which cannot
-    // remove what must stay.
-    for (const auto &move :
-         {std::make_pair("/Apps", "/Storage/Apps"), std::make_pair("/Apps/Notes", "/Storage/Notes"),
-          std::make_pair("/Storage", "/Apps/Notes/Storage")}) {
-        EXPECT_EQ(tarnifs_rename(move.first, move.second), -EXDEV) << move.first << " " << move.second;
-        EXPECT_NE(FindObject(move.first), nullptr);
-        EXPECT_EQ(FindObject(move.second), nullptr);
-    }
-    EXPECT_EQ(dialogText(), "");
+TEST_F(RenameUnitTest, FlagsAreRefusedAndANameRenamedToItselfStays) {
     // renameat2's flags are refused before anything else.
     EXPECT_EQ(tarni_opers.rename("/Storage/a.txt", "/Storage/b.txt", 1), -EINVAL);
     EXPECT_EQ(FindObject("/Storage/b.txt"), nullptr);
