@@ -408,6 +408,67 @@ TEST_F(RenameTest, AMoveThatFailsKeepsItsSourceWhole) {
     EXPECT_EQ(sortedNamesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
 }
 
+// Faults in the middle of a folder move: every file ends whole at its source
+// or whole at its target, never half in both; a file the catalogue never saw
+// keeps its folder at the source, which is only logged.
+TEST_F(RenameTest, AFolderMoveCutShortLeavesEveryFileWholeOnOneSide) {
+    ASSERT_TRUE(startDevice({image(kLocation + 8)}));
+    std::string udid = sim.udid(0);
+    std::vector<std::string> contents;
+    for (int i = 0; i < 20; ++i) {
+        contents.push_back(randomBytes(100000, 200 + static_cast<unsigned>(i)));
+        std::string name = storageImage() + "/many/f" + std::to_string(10 + i) + ".bin";
+        mkdir((storageImage() + "/many").c_str(), 0755);
+        FILE *out = fopen(name.c_str(), "wb");
+        ASSERT_NE(out, nullptr);
+        fwrite(contents.back().data(), 1, contents.back().size(), out);
+        fclose(out);
+    }
+    mkdir((storageImage() + "/withhidden").c_str(), 0755);
+    for (const char *name : {"/withhidden/a.txt", "/withhidden/.hidden"}) {
+        FILE *out = fopen((storageImage() + name).c_str(), "wb");
+        ASSERT_NE(out, nullptr);
+        fputs(name, out);
+        fclose(out);
+    }
+    mountFresh();
+    size_t seen = 0;
+
+    // About a megabyte in, the connection goes: some files were carried.
+    ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1000000"), "ok");
+    EXPECT_EQ(renameError(inMount("/Storage/many"), inMount("/Apps/Notes/many")), ECANCELED);
+    expectDialog(&seen, "Lost USB connection.\nRenaming or moving aborted.", "error");
+    size_t moved = 0, stayed = 0;
+    for (int i = 0; i < 20; ++i) {
+        std::string name = "/f" + std::to_string(10 + i) + ".bin";
+        bool atSource = exists(storageImage() + "/many" + name);
+        bool atTarget = exists(appImage() + "/many" + name);
+        EXPECT_NE(atSource, atTarget) << name << " must be on exactly one side";
+        std::string whole = readLocal((atSource ? storageImage() : appImage()) + "/many" + name);
+        EXPECT_EQ(whole, contents[static_cast<size_t>(i)]) << name;
+        // Files are carried in listing order: the first ones went, the rest stayed.
+        EXPECT_TRUE(atSource || stayed == 0) << name << " moved after one that stayed";
+        moved += atTarget;
+        stayed += atSource;
+    }
+    EXPECT_GT(moved, 0u);
+    EXPECT_GT(stayed, 0u);
+    ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+    // A hidden file the listing never showed keeps its folder at the source.
+    ASSERT_EQ(unmountDevice(), 0);
+    mountFresh();
+    EXPECT_EQ(renameError(inMount("/Storage/withhidden"), inMount("/Apps/Notes/withhidden")), 0);
+    EXPECT_EQ(readLocal(appImage() + "/withhidden/a.txt"), "/withhidden/a.txt");
+    EXPECT_FALSE(exists(storageImage() + "/withhidden/a.txt"));
+    EXPECT_EQ(readLocal(storageImage() + "/withhidden/.hidden"), "/withhidden/.hidden");
+    bool logged = false;
+    for (const std::string &line : mount.logMessages())
+        logged = logged || line.find("libiusb_afc_file_remove failed. from(/general_storage/withhidden)") != std::string::npos;
+    EXPECT_TRUE(logged);
+    EXPECT_EQ(dialogs.dialogs().size(), seen);
+}
+
 TEST_F(RenameTest, FilesOpenWhileRenamedOrMovedStayUsableThroughTheirHandles) {
     ASSERT_TRUE(startDevice({image()}));
     mountFresh();
