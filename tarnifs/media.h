@@ -34,6 +34,12 @@ int enumMedia(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fil
 // 0 when the dotted version text is at least major.minor, else -1.
 int checkiOSVersion(const char *version, int major, int minor);
 
+enum class LibraryFolder { music, podcast, movies };
+// The name a song, podcast or movie row is shown under: "Artist-Title" and
+// the extension of its file, cut and cleaned as the folder wants; "" (logged)
+// when the row has no usable name. Null artist or title: NULL in the library.
+std::string LibraryEntryName(const char *artist, const char *title, const std::string &location, LibraryFolder folder);
+
 // Media-library folders of this many rows and more are announced as busy.
 constexpr int64_t kBusyMediaRows = 301;
 

@@ -69,8 +69,6 @@ _KTL_OBJECT *makePhotoFolder(_KTL_OBJECT *parent, const std::string &path, uint3
 
 // ---- Music, Podcast, Movies -------------------------------------------------
 
-enum class LibraryFolder { music, podcast, movies };
-
 struct LibraryQueries {
     const char *count;
     const char *rows;
@@ -205,20 +203,9 @@ int listLibraryFolder(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent, Libr
                   row.location.c_str(), static_cast<long long>(row.db_size), static_cast<long long>(answer.info.size));
             continue;
         }
-        std::string stem = (row.has_artist ? row.artist + "-" : std::string()) + (row.has_title ? row.title : "");
-        if (folder == LibraryFolder::music) {
-            size_t mark = stem.rfind("wlrtitdb");
-            if (mark != std::string::npos) stem.resize(mark);
-            trimTrailingSpace(&stem);
-        }
-        std::string name;
-        if (!convertName(stem, &name)) continue;
-        if (name.size() >= 133 && folder == LibraryFolder::movies)
-            QNLog(3, "%s %s filename length is over %d.", "enumMedia", name.c_str(), static_cast<int>(name.size()));
-        cutLongStem(&name, folder);
-        size_t dot = row.location.find('.');
-        if (dot != std::string::npos) name += row.location.substr(dot);
-        if (!usableOrLogged(name, row.location.c_str())) continue;
+        std::string name = LibraryEntryName(row.has_artist ? row.artist.c_str() : nullptr,
+                                            row.has_title ? row.title.c_str() : nullptr, row.location, folder);
+        if (name.empty()) continue;
 
         std::string candidate = FreeEntryPath(path, name, true);
         _KTL_OBJECT *object = GetObjectWithFileName(candidate.c_str());
@@ -486,6 +473,24 @@ std::string FreeEntryPath(const std::string &folder, const std::string &name, bo
         candidate = folder + "/" + stem + " (" + std::to_string(counter) + ")" + extension;
         if (FindObject(candidate.c_str()) == nullptr) return candidate;
     }
+}
+
+std::string LibraryEntryName(const char *artist, const char *title, const std::string &location, LibraryFolder folder) {
+    std::string stem = (artist != nullptr ? std::string(artist) + "-" : std::string()) + (title != nullptr ? title : "");
+    if (folder == LibraryFolder::music) {
+        size_t mark = stem.rfind("wlrtitdb");
+        if (mark != std::string::npos) stem.resize(mark);
+        trimTrailingSpace(&stem);
+    }
+    std::string name;
+    if (!convertName(stem, &name)) return std::string();
+    if (name.size() >= 133 && folder == LibraryFolder::movies)
+        QNLog(3, "%s %s filename length is over %d.", "enumMedia", name.c_str(), static_cast<int>(name.size()));
+    cutLongStem(&name, folder);
+    size_t dot = location.find('.');
+    if (dot != std::string::npos) name += location.substr(dot);
+    if (!usableOrLogged(name, location.c_str())) return std::string();
+    return name;
 }
 
 std::vector<DeviceFileAnswer> AskDeviceAboutFiles(_CONTEXT *ctx, const std::vector<std::string> &paths) {
