@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tarnifs/catalogue.h"
 #include "tarnifs/mount.h"
 
 // ---- Device databases -------------------------------------------------------
@@ -44,6 +45,18 @@ std::string LibraryEntryName(const char *artist, const char *title, const std::s
 constexpr int64_t kBusyMediaRows = 301;
 
 // ---- Photo library views ----------------------------------------------------
+
+// A folder of /Media/Photo: stamped now, linked at the tail of `parent`,
+// announced as `name`; albums keep their key in sub_type.
+_KTL_OBJECT *MakePhotoFolder(_KTL_OBJECT *parent, const std::string &path, uint32_t albumKey, void *buffer,
+                             fuse_fill_dir_t filler, const char *name);
+// A kind folder ("Panoramas"...), made once however often it is found.
+void MakePhotoKindFolder(_KTL_OBJECT *parent, const char *name, void *buffer, fuse_fill_dir_t filler);
+// An album's folder name ("My Photo Stream" for kind 1500), "" when unusable.
+std::string PhotoAlbumName(const std::string &title, int64_t kind);
+// An album folder under /Media/Photo, " (2)", " (3)"... after a name taken.
+void AddPhotoAlbum(_KTL_OBJECT *parent, const std::string &title, int64_t key, int64_t kind, void *buffer,
+                   fuse_fill_dir_t filler);
 
 struct _PHOTOALBUMENT {
     uint32_t additional_attributes_ent = 0;

@@ -51,22 +51,6 @@ bool usableOrLogged(const std::string &name, const char *row) {
     return false;
 }
 
-// A folder of the photo root: stamped now, linked at the tail, announced.
-_KTL_OBJECT *makePhotoFolder(_KTL_OBJECT *parent, const std::string &path, uint32_t albumKey, void *buffer,
-                             fuse_fill_dir_t filler, const char *name) {
-    _KTL_OBJECT *folder = GetObjectWithFileName(path.c_str());
-    time_t now = time(nullptr);
-    folder->mode = KTL_MODE_FOLDER;
-    folder->type = KTL_TYPE_DEVICE_FOLDER;
-    if (albumKey != 0) folder->sub_type = albumKey;
-    folder->birth_time = now;
-    folder->modify_time = now;
-    folder->access_time = now;
-    LinkChildObject(parent, folder);
-    announce(buffer, filler, name);
-    return folder;
-}
-
 // ---- Music, Podcast, Movies -------------------------------------------------
 
 struct LibraryQueries {
@@ -329,38 +313,17 @@ sqlite3_stmt *preparePhotoQuery(_CONTEXT *ctx, const char *sql, bool withVersion
     return nullptr;
 }
 
-// The Selfies and Bursts probes may find a folder the kinds already made;
-// it is shown once.
-void makeProbedFolder(_KTL_OBJECT *parent, const char *name, void *buffer, fuse_fill_dir_t filler) {
-    std::string folderPath = std::string("/Media/Photo/") + name;
-    if (FindObject(folderPath.c_str()) != nullptr) return;
-    makePhotoFolder(parent, folderPath, 0, buffer, filler, name);
-}
-
 void probeFolder(_CONTEXT *ctx, _KTL_OBJECT *parent, const char *sql, const char *name, void *buffer,
                  fuse_fill_dir_t filler) {
     sqlite3_stmt *statement = preparePhotoQuery(ctx, sql, true);
     if (statement == nullptr) return;
     if (sqlite3_step(statement) == SQLITE_ROW && sqlite3_column_int64(statement, 0) != 0)
-        makeProbedFolder(parent, name, buffer, filler);
+        MakePhotoKindFolder(parent, name, buffer, filler);
     sqlite3_finalize(statement);
 }
 
-std::string albumName(const std::string &title, int64_t kind) {
-    if (kind == 1500) return "My Photo Stream";
-    std::vector<char> converted(std::max(kNameBufferSize, title.size() * 4 + 16), '\0');
-    std::vector<char> input(title.begin(), title.end());
-    input.push_back('\0');
-    if (unicode_to_utf8(3, input.data(), static_cast<int>(title.size()), converted.data(),
-                        static_cast<int>(converted.size()) - 1) == 0)
-        return chkInvalidString(converted.data());
-    std::string name;
-    if (!convertName(title, &name)) return std::string();
-    return name;
-}
-
 int listPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_dir_t filler) {
-    _KTL_OBJECT *cameraRoll = makePhotoFolder(parent, "/Media/Photo/Camera Roll", 0, buffer, filler, "Camera Roll");
+    _KTL_OBJECT *cameraRoll = MakePhotoFolder(parent, "/Media/Photo/Camera Roll", 0, buffer, filler, "Camera Roll");
 
     if (ctx->photo_db != nullptr) {
         sqlite3_stmt *statement =
@@ -380,15 +343,9 @@ int listPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_di
     while (statement != nullptr && sqlite3_step(statement) == SQLITE_ROW) {
         bool hasTitle = false;
         std::string title = columnText(statement, 0, &hasTitle);
-        int64_t key = sqlite3_column_int64(statement, 1);
-        int64_t kind = sqlite3_column_int64(statement, 2);
         if (!hasTitle || sqlite3_column_int64(statement, 3) == 0) continue;
-        std::string name = albumName(title, kind);
-        if (name.empty()) continue;
-        if (!usableOrLogged(name, title.c_str())) continue;
-        std::string candidate = FreeEntryPath("/Media/Photo", name, false);
-        std::string shown = candidate.substr(strlen("/Media/Photo/"));
-        makePhotoFolder(parent, candidate, static_cast<uint32_t>(key), buffer, filler, shown.c_str());
+        AddPhotoAlbum(parent, title, sqlite3_column_int64(statement, 1), sqlite3_column_int64(statement, 2), buffer,
+                      filler);
     }
     sqlite3_finalize(statement);
 
@@ -399,9 +356,9 @@ int listPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_di
         int subtype = sqlite3_column_int(statement, 0);
         int kind = sqlite3_column_int(statement, 1);
         if (kind == 1 && FindObject("/Media/Photo/Recorded Videos") == nullptr)
-            makePhotoFolder(parent, "/Media/Photo/Recorded Videos", 0, buffer, filler, "Recorded Videos");
+            MakePhotoFolder(parent, "/Media/Photo/Recorded Videos", 0, buffer, filler, "Recorded Videos");
         const char *folder = subtype != 0 ? getFolderNamefromSubtype(subtype) : nullptr;
-        if (folder != nullptr) makeProbedFolder(parent, folder, buffer, filler);
+        if (folder != nullptr) MakePhotoKindFolder(parent, folder, buffer, filler);
     }
     sqlite3_finalize(statement);
 
@@ -442,6 +399,49 @@ int listPhotoSubfolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_
 }
 
 } // namespace
+
+_KTL_OBJECT *MakePhotoFolder(_KTL_OBJECT *parent, const std::string &path, uint32_t albumKey, void *buffer,
+                             fuse_fill_dir_t filler, const char *name) {
+    _KTL_OBJECT *folder = GetObjectWithFileName(path.c_str());
+    time_t now = time(nullptr);
+    folder->mode = KTL_MODE_FOLDER;
+    folder->type = KTL_TYPE_DEVICE_FOLDER;
+    if (albumKey != 0) folder->sub_type = albumKey;
+    folder->birth_time = now;
+    folder->modify_time = now;
+    folder->access_time = now;
+    LinkChildObject(parent, folder);
+    announce(buffer, filler, name);
+    return folder;
+}
+
+void MakePhotoKindFolder(_KTL_OBJECT *parent, const char *name, void *buffer, fuse_fill_dir_t filler) {
+    std::string folderPath = std::string("/Media/Photo/") + name;
+    if (FindObject(folderPath.c_str()) != nullptr) return;
+    MakePhotoFolder(parent, folderPath, 0, buffer, filler, name);
+}
+
+std::string PhotoAlbumName(const std::string &title, int64_t kind) {
+    if (kind == 1500) return "My Photo Stream";
+    std::vector<char> converted(std::max(kNameBufferSize, title.size() * 4 + 16), '\0');
+    std::vector<char> input(title.begin(), title.end());
+    input.push_back('\0');
+    if (unicode_to_utf8(3, input.data(), static_cast<int>(title.size()), converted.data(),
+                        static_cast<int>(converted.size()) - 1) == 0)
+        return chkInvalidString(converted.data());
+    std::string name;
+    if (!convertName(title, &name)) return std::string();
+    return name;
+}
+
+void AddPhotoAlbum(_KTL_OBJECT *parent, const std::string &title, int64_t key, int64_t kind, void *buffer,
+                   fuse_fill_dir_t filler) {
+    std::string name = PhotoAlbumName(title, kind);
+    if (name.empty() || !usableOrLogged(name, title.c_str())) return;
+    std::string candidate = FreeEntryPath("/Media/Photo", name, false);
+    std::string shown = candidate.substr(strlen("/Media/Photo/"));
+    MakePhotoFolder(parent, candidate, static_cast<uint32_t>(key), buffer, filler, shown.c_str());
+}
 
 int checkiOSVersion(const char *version, int major, int minor) {
     std::string text = version != nullptr ? version : "";
