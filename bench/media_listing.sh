@@ -99,6 +99,11 @@ mount_quorvel() {
   QUORVEL_LOG_DIR="$work/log" QUORVEL_PIPE="$work/no-tray" "$quorvelfs" "$work/quorvel" -devopt "$location" \
     > "$work/quorvelfs.out" 2>&1 < /dev/null
   wait_for_mount "$work/quorvel"
+  # The first operation of a mount waits for it to finish connecting to the
+  # device (about 0.1 s); listing the root, which asks the device nothing,
+  # takes that out of the /Media figure.
+  ls "$work/quorvel" > "$work/root.ls"
+  grep -qx Media "$work/root.ls" || { echo "the mount shows no Media folder" >&2; exit 1; }
 }
 
 unmount_quorvel() {
