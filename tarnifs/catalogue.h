@@ -36,6 +36,9 @@ enum {
     KTL_TYPE_DEVICE_FOLDER = 3,
     KTL_TYPE_DEVICE_FILE = 4,
     KTL_TYPE_STAGED = 5,
+    // A short text the file system writes itself (the photos kept only in
+    // iCloud); read from the work folder, never from the device.
+    KTL_TYPE_NOTE = 6,
 };
 
 struct _KTL_OBJECT {

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "tarnifs/listing.h"
+#include "tarnifs/media.h"
 #include "tarnifs/notify.h"
 #include "util/log.h"
 
@@ -126,7 +127,13 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
         return -ENOENT;
     }
     fi->fh = 0;
-    if (object->type != KTL_TYPE_TEMPORARY && object->type != KTL_TYPE_STAGED) {
+    if (object->type == KTL_TYPE_NOTE) {
+        // Our own note in the read-only media views: read, never written.
+        if (opensForWriting(fi->flags)) {
+            refuseReadOnly(path);
+            return -ECANCELED;
+        }
+    } else if (object->type != KTL_TYPE_TEMPORARY && object->type != KTL_TYPE_STAGED) {
         bool media = isMediaItem(object);
         if (media && opensForWriting(fi->flags)) {
             // The device's library is never written: a media item opened for
@@ -221,6 +228,14 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
     _KTL_OBJECT *object = objectOfHandle(path, fi, &removedPath);
     if (object == nullptr) return -ECANCELED;
     if (!removedPath.empty()) path = removedPath.c_str();
+    if (object->type == KTL_TYPE_NOTE) {
+        std::string local = NoteFileOf(ctx, object);
+        int fd = open(local.c_str(), O_RDONLY | O_NOFOLLOW);
+        if (fd < 0) return -EIO;
+        ssize_t got = pread(fd, buf, size, offset);
+        close(fd);
+        return got < 0 ? -EIO : static_cast<int>(got);
+    }
     libiusb_afc *connection = connectionFor(ctx, path, object);
     if (connection == nullptr) {
         QNLog(3, "%s afc_handle is NULL!", "tarnifs_read");
@@ -404,7 +419,7 @@ int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object,
                            struct fuse_file_info *fi) {
     (void)fi;  // the record holds the device handle, whichever FUSE handle asked
     if (object->mode != KTL_MODE_FILE || size == object->size) return 0;
-    if (isMediaItem(object)) {
+    if (isMediaItem(object) || object->type == KTL_TYPE_NOTE) {
         QNLog(3, "%s media item is read only. path(%s)", "tarnifs_setattr_x", path);
         refuseReadOnly(path);
         return -ECANCELED;

@@ -80,6 +80,27 @@ const char *getFolderNamefromSubtype(int subtype);
 // Photo folders of this many rows and more are announced as busy.
 constexpr int64_t kBusyPhotoRows = 501;
 
+// What a folder below /Media/Photo shows, recognised by its path. The kind
+// names after the first two are searched without a leading "/" on purpose:
+// an album whose name holds one of them shows that kind's photos.
+enum class PhotoFolderKind { camera_roll, recorded_videos, panoramas, screenshots, slo_mo, time_lapse, selfies, bursts, album };
+PhotoFolderKind RecognisePhotoFolder(const char *path);
+
+// ---- Photo libraries of iOS 14 and later -------------------------------------
+
+// The library keeps its assets in ZASSET (iOS 14 on).
+bool HasModernAssetTable(sqlite3 *db);
+// /Media/Photo of such a library: Camera Roll, albums, kind folders, and
+// the note on photos kept only in iCloud. 0.
+int ListModernPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_dir_t filler);
+// A folder below it. 0, -1 when the rows cannot be read, -2 to stop.
+int EnumModernContents(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, void *buf);
+// "Not on this device.txt" in /Media/Photo, saying how many photos are
+// only in iCloud and how to bring them onto the phone.
+void MakeCloudOnlyNote(_CONTEXT *ctx, _KTL_OBJECT *parent, int64_t photos, void *buffer, fuse_fill_dir_t filler);
+// Where a note's text is kept: the work folder + its name.
+std::string NoteFileOf(_CONTEXT *ctx, const _KTL_OBJECT *note);
+
 // ---- Photo entries ----------------------------------------------------------
 
 // The columns of one photo row that an entry is made from, read from the

@@ -323,6 +323,7 @@ void probeFolder(_CONTEXT *ctx, _KTL_OBJECT *parent, const char *sql, const char
 }
 
 int listPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_dir_t filler) {
+    if (HasModernAssetTable(ctx->photo_db)) return ListModernPhotoRoot(ctx, parent, buffer, filler);
     _KTL_OBJECT *cameraRoll = MakePhotoFolder(parent, "/Media/Photo/Camera Roll", 0, buffer, filler, "Camera Roll");
 
     if (ctx->photo_db != nullptr) {
@@ -376,6 +377,8 @@ int listPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_di
 }
 
 int listPhotoSubfolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler) {
+    // Chosen by what the library holds, not by the version the phone reports.
+    if (HasModernAssetTable(ctx->photo_db)) return EnumModernContents(ctx, path, filler, buffer);
     _PHOTOALBUMENT entities;
     // Without usable entity numbers every number passed on is 0: the album
     // joins then name no table and those folders fail, the others list empty.

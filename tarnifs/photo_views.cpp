@@ -57,22 +57,7 @@ constexpr char kBurstPicks[] =
     "(ZGENERICASSET.ZAVALANCHEPICKTYPE like 52 or ZGENERICASSET.ZAVALANCHEPICKTYPE like 16 or "
     "ZGENERICASSET.ZAVALANCHEPICKTYPE like 20)";
 
-// What a folder below /Media/Photo shows, recognised by its path. The kind
-// names after the first two are searched without a leading "/" on purpose:
-// an album whose name holds one of them shows that kind's photos.
-enum class PhotoFolder { camera_roll, recorded_videos, panoramas, screenshots, slo_mo, time_lapse, selfies, bursts, album };
-
-PhotoFolder recognise(const char *path) {
-    if (strstr(path, "/Camera Roll") != nullptr) return PhotoFolder::camera_roll;
-    if (strstr(path, "/Recorded Videos") != nullptr) return PhotoFolder::recorded_videos;
-    if (strstr(path, "Panoramas") != nullptr) return PhotoFolder::panoramas;
-    if (strstr(path, "Screenshots") != nullptr) return PhotoFolder::screenshots;
-    if (strstr(path, "Slo-mo") != nullptr) return PhotoFolder::slo_mo;
-    if (strstr(path, "Time-lapse") != nullptr) return PhotoFolder::time_lapse;
-    if (strstr(path, "Selfies") != nullptr) return PhotoFolder::selfies;
-    if (strstr(path, "Bursts") != nullptr) return PhotoFolder::bursts;
-    return PhotoFolder::album;
-}
+using PhotoFolder = PhotoFolderKind;
 
 std::string format(const char *pattern, int value) {
     char text[64];
@@ -212,7 +197,7 @@ int listPhotoFolder(_CONTEXT *ctx, const char *caller, PhotoFamily family, const
                     int genericAssetEntity, int assetEntity, fuse_fill_dir_t filler, void *buf) {
     _KTL_OBJECT *folderRecord = FindObject(path);
     if (folderRecord == nullptr) return -2;
-    PhotoFolder folder = recognise(path);
+    PhotoFolder folder = RecognisePhotoFolder(path);
     FolderQueries queries =
         queriesFor(ctx, family, folder, folderRecord->sub_type, albumEntity, genericAssetEntity, assetEntity);
     bool busy = false;
@@ -295,6 +280,18 @@ int listPhotoFolder(_CONTEXT *ctx, const char *caller, PhotoFamily family, const
 }
 
 } // namespace
+
+PhotoFolderKind RecognisePhotoFolder(const char *path) {
+    if (strstr(path, "/Camera Roll") != nullptr) return PhotoFolderKind::camera_roll;
+    if (strstr(path, "/Recorded Videos") != nullptr) return PhotoFolderKind::recorded_videos;
+    if (strstr(path, "Panoramas") != nullptr) return PhotoFolderKind::panoramas;
+    if (strstr(path, "Screenshots") != nullptr) return PhotoFolderKind::screenshots;
+    if (strstr(path, "Slo-mo") != nullptr) return PhotoFolderKind::slo_mo;
+    if (strstr(path, "Time-lapse") != nullptr) return PhotoFolderKind::time_lapse;
+    if (strstr(path, "Selfies") != nullptr) return PhotoFolderKind::selfies;
+    if (strstr(path, "Bursts") != nullptr) return PhotoFolderKind::bursts;
+    return PhotoFolderKind::album;
+}
 
 const char *getFolderNamefromSubtype(int subtype) {
     switch (subtype) {
