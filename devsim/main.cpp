@@ -28,7 +28,8 @@ const char* const kUsage =
     "  devsim serve --socket PATH [--control PATH] [--latency-us N] [--bandwidth-mbps N]\n"
     "               [--fault COMMAND]... [--verbose] IMAGE_DIR [IMAGE_DIR ...]\n"
     "  devsim make-sample DIR\n"
-    "  devsim make-media IMAGE_DIR --photo-family {ios10,older,cloud} [--photos N] [--songs N] [--memos N]\n"
+    "  devsim make-media IMAGE_DIR --photo-family {ios10,older,cloud,modern} [--modern-version N]\n"
+    "                    [--photos N] [--songs N] [--memos N]\n"
     "  devsim control CONTROL_PATH COMMAND [ARGS...]\n"
     "Clients reach the server with USBMUXD_SOCKET_ADDRESS=UNIX:PATH.\n"
     "The control socket defaults to PATH.control; see docs/devsim.md for its commands.\n";
@@ -362,6 +363,7 @@ bool set_ios_version(const std::filesystem::path& device_json, const std::string
 int run_make_media(int argc, char** argv) {
   std::string image_dir, family_name;
   uint32_t counts[3] = {1000, 200, 10};  // photos, songs, memos
+  uint32_t modern_version = 0;           // 0: not given
   const char* const count_options[3] = {"--photos", "--songs", "--memos"};
   for (int i = 0; i < argc; ++i) {
     std::string arg = argv[i];
@@ -377,6 +379,12 @@ int run_make_media(int argc, char** argv) {
     if (known) continue;
     if (arg == "--photo-family" && i + 1 < argc) {
       family_name = argv[++i];
+    } else if (arg == "--modern-version") {
+      if (i + 1 >= argc || !parse_count(argv[++i], modern_version) ||
+          modern_ios_version(static_cast<int>(modern_version)).empty()) {
+        fprintf(stderr, "devsim: --modern-version needs 14, 15, 16, 17 or 18\n");
+        return 2;
+      }
     } else if (!arg.empty() && arg[0] != '-' && image_dir.empty()) {
       image_dir = arg;
     } else {
@@ -391,18 +399,27 @@ int run_make_media(int argc, char** argv) {
   };
   const Family families[] = {{"ios10", PhotoFamily::ios10, "10.3.3"},
                              {"cloud", PhotoFamily::cloud, "9.3.5"},
-                             {"older", PhotoFamily::older, "9.2.1"}};
+                             {"older", PhotoFamily::older, "9.2.1"},
+                             {"modern", PhotoFamily::modern, nullptr}};
   const Family* chosen = nullptr;
   for (const Family& f : families) {
     if (family_name == f.name) chosen = &f;
   }
   if (image_dir.empty() || !chosen) {
-    fprintf(stderr, "devsim: make-media needs IMAGE_DIR and --photo-family ios10, older or cloud\n%s", kUsage);
+    fprintf(stderr, "devsim: make-media needs IMAGE_DIR and --photo-family ios10, older, cloud or modern\n%s",
+            kUsage);
+    return 2;
+  }
+  const bool modern = chosen->family == PhotoFamily::modern;
+  if (modern_version && !modern) {
+    fprintf(stderr, "devsim: --modern-version goes with --photo-family modern\n");
     return 2;
   }
   const auto start = std::chrono::steady_clock::now();
   MediaLibrary library = generated_media_library(chosen->family, static_cast<int>(counts[0]),
                                                  static_cast<int>(counts[1]), static_cast<int>(counts[2]));
+  if (modern && modern_version) library.modern_version = static_cast<int>(modern_version);
+  const std::string ios_version = modern ? modern_ios_version(library.modern_version) : chosen->ios_version;
   const std::filesystem::path root(image_dir);
   std::string error;
   if (!write_media_library(root / "media", library, error)) {
@@ -410,15 +427,17 @@ int run_make_media(int argc, char** argv) {
     return 1;
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const std::string family_label =
+      modern ? "modern iOS " + std::to_string(library.modern_version) : std::string(chosen->name);
   printf("wrote %u photos (%s photo library), %u songs and %u voice memos to %s in %.1f s\n", counts[0],
-         chosen->name, counts[1], counts[2], (root / "media").c_str(), seconds);
+         family_label.c_str(), counts[1], counts[2], (root / "media").c_str(), seconds);
   std::error_code ec;
   if (std::filesystem::exists(root / "device.json", ec)) {
-    if (!set_ios_version(root / "device.json", chosen->ios_version, error)) {
+    if (!set_ios_version(root / "device.json", ios_version, error)) {
       fprintf(stderr, "devsim: %s\n", error.c_str());
       return 1;
     }
-    printf("set ios_version to %s in %s\n", chosen->ios_version, (root / "device.json").c_str());
+    printf("set ios_version to %s in %s\n", ios_version.c_str(), (root / "device.json").c_str());
   }
   return 0;
 }

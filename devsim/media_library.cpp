@@ -11,6 +11,7 @@
 #include <jpeglib.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <ctime>
 #include <map>
@@ -159,6 +160,12 @@ std::string replace_all(std::string text, const std::string& from, const std::st
   for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
     text.replace(at, from.size(), to);
   }
+  return text;
+}
+
+std::string format(const char* pattern, long long value) {
+  char text[64];
+  snprintf(text, sizeof text, pattern, value);
   return text;
 }
 
@@ -414,6 +421,226 @@ bool write_photos(const fs::path& file, FileWriter& files, const MediaLibrary& l
   return close_database(file, database, error);
 }
 
+// The extension of a file name after its last dot, upper-cased; empty when
+// there is none.
+std::string extension_of(const std::string& name) {
+  size_t dot = name.rfind('.');
+  std::string extension = dot == std::string::npos ? "" : name.substr(dot + 1);
+  for (char& c : extension) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  return extension;
+}
+
+// The uniform type identifier a phone records for a file of this name.
+std::string uti_for(const std::string& name) {
+  const std::string extension = extension_of(name);
+  if (extension == "HEIC") return "public.heic";
+  if (extension == "JPG" || extension == "JPEG") return "public.jpeg";
+  if (extension == "PNG") return "public.png";
+  if (extension == "MOV") return "com.apple.quicktime-movie";
+  if (extension == "MP4") return "public.mpeg-4";
+  return "public.data";
+}
+
+// A modern live photo's video: the still's path with its extension replaced.
+std::string live_video_path(const std::string& still) {
+  size_t dot = still.rfind('.');
+  size_t slash = still.rfind('/');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return still + ".MOV";
+  return still.substr(0, dot + 1) + "MOV";
+}
+
+std::string modern_photo_schema(int version, const ModernEntities& e) {
+  const std::string album = std::to_string(e.album);
+  const std::string asset = std::to_string(e.asset);
+  // ZINTERNALRESOURCE names the type by text from iOS 15 on (ZCOMPACTUTI).
+  const std::string resource_type_column = version >= 15 ? " ZCOMPACTUTI VARCHAR," : "";
+  return "CREATE TABLE Z_PRIMARYKEY (Z_ENT INTEGER PRIMARY KEY, Z_NAME VARCHAR, Z_SUPER INTEGER, Z_MAX INTEGER);"
+         "CREATE TABLE ZASSET (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZKIND INTEGER,"
+         " ZKINDSUBTYPE INTEGER, ZPLAYBACKSTYLE INTEGER, ZTRASHEDSTATE INTEGER, ZTRASHEDDATE TIMESTAMP,"
+         " ZHIDDEN INTEGER, ZVISIBILITYSTATE INTEGER, ZAVALANCHEPICKTYPE INTEGER, ZAVALANCHEUUID VARCHAR,"
+         " ZCLOUDLOCALSTATE INTEGER, ZDERIVEDCAMERACAPTUREDEVICE INTEGER, ZMOMENT INTEGER,"
+         " ZADDITIONALATTRIBUTES INTEGER, ZMASTER INTEGER, ZDATECREATED TIMESTAMP, ZADDEDDATE TIMESTAMP,"
+         " ZMODIFICATIONDATE TIMESTAMP, ZDIRECTORY VARCHAR, ZFILENAME VARCHAR, ZUNIFORMTYPEIDENTIFIER VARCHAR,"
+         " ZUUID VARCHAR);"
+         "CREATE TABLE ZMOMENT (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZSTARTDATE TIMESTAMP,"
+         " ZENDDATE TIMESTAMP, ZREPRESENTATIVEDATE TIMESTAMP);"
+         "CREATE TABLE ZADDITIONALASSETATTRIBUTES (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER,"
+         " ZASSET INTEGER, ZCAMERACAPTUREDEVICE INTEGER, ZORIGINALFILESIZE INTEGER, ZORIGINALFILENAME VARCHAR,"
+         " ZMASTERFINGERPRINT VARCHAR);"
+         "CREATE TABLE ZINTERNALRESOURCE (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZASSET INTEGER,"
+         " ZRESOURCETYPE INTEGER, ZDATASTORESUBTYPE INTEGER, ZLOCALAVAILABILITY INTEGER,"
+         " ZREMOTEAVAILABILITY INTEGER, ZCLOUDLOCALSTATE INTEGER, ZDATALENGTH INTEGER," +
+         resource_type_column +
+         " ZFINGERPRINT VARCHAR);"
+         "CREATE INDEX ZINTERNALRESOURCE_ZASSET_INDEX ON ZINTERNALRESOURCE (ZASSET);"
+         "CREATE TABLE ZGENERICALBUM (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZKIND INTEGER,"
+         " ZTRASHEDSTATE INTEGER, ZCACHEDCOUNT INTEGER, ZCACHEDPHOTOSCOUNT INTEGER, ZCACHEDVIDEOSCOUNT INTEGER,"
+         " ZTITLE VARCHAR, ZUUID VARCHAR);"
+         "CREATE TABLE Z_" + album + "ASSETS (Z_" + album + "ALBUMS INTEGER, Z_" + asset + "ASSETS INTEGER, Z_FOK_" +
+         asset + "ASSETS INTEGER, PRIMARY KEY (Z_" + album + "ALBUMS, Z_" + asset + "ASSETS));"
+         "CREATE INDEX Z_" + album + "ASSETS_Z_" + asset + "ASSETS_INDEX ON Z_" + album + "ASSETS (Z_" + asset +
+         "ASSETS, Z_" + album + "ALBUMS);";
+}
+
+// The modern library: ZASSET rows of entity "Asset", one ZINTERNALRESOURCE
+// row per original (and per live photo video) saying whether the file is on
+// the device, albums whose entity follows their kind.
+bool write_modern_photos(const fs::path& file, FileWriter& files, const MediaLibrary& library, std::string& error) {
+  const int version = library.modern_version;
+  ModernEntities e;
+  if (!modern_entities(version, e)) {
+    error = "modern photo library: no iOS " + std::to_string(version) + " (14 to 18)";
+    return false;
+  }
+  Database database;
+  if (!open_fresh(file, database, error)) return false;
+  sqlite3* db = database.db;
+  if (!exec(db, modern_photo_schema(version, e), error)) return false;
+  const std::string album = std::to_string(e.album);
+  const std::string resource_values = version >= 15 ? "?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11"
+                                                     : "?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?11";
+  Statement add_asset, add_moment, add_attributes, add_resource, add_album, add_link, add_entity;
+  if (!prepare(db,
+               "INSERT INTO ZASSET VALUES (?1, " + std::to_string(e.asset) +
+                   ", 1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, NULL, ?15, ?16, ?17, ?18, ?19, ?20,"
+                   " ?21)",
+               add_asset, error) ||
+      !prepare(db, "INSERT INTO ZMOMENT VALUES (?1, " + std::to_string(e.moment) + ", 1, ?2, ?2, ?2)", add_moment,
+               error) ||
+      !prepare(db,
+               "INSERT INTO ZADDITIONALASSETATTRIBUTES VALUES (?1, " +
+                   std::to_string(e.additional_asset_attributes) + ", 1, ?2, ?3, ?4, ?5, ?6)",
+               add_attributes, error) ||
+      !prepare(db, "INSERT INTO ZINTERNALRESOURCE VALUES (" + resource_values + ")", add_resource, error) ||
+      !prepare(db, "INSERT INTO ZGENERICALBUM VALUES (?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?8, ?9)", add_album, error) ||
+      !prepare(db, "INSERT OR IGNORE INTO Z_" + album + "ASSETS VALUES (?1, ?2, ?3)", add_link, error) ||
+      !prepare(db, "INSERT INTO Z_PRIMARYKEY VALUES (?1, ?2, ?3, ?4)", add_entity, error)) {
+    return false;
+  }
+
+  std::vector<int64_t> album_pks;
+  for (size_t i = 0; i < library.albums.size(); ++i) {
+    album_pks.push_back(library.albums[i].pk ? library.albums[i].pk : static_cast<int64_t>(i) + 1);
+  }
+  // An iCloud library: every asset is synced once one original is only there.
+  const bool icloud = std::any_of(library.photos.begin(), library.photos.end(),
+                                  [](const MediaPhoto& p) { return p.cloud_only; });
+  std::map<int64_t, int64_t> moments;
+  std::map<int64_t, int64_t> album_fill, album_photos, album_videos;
+  int64_t asset_pk = 0, resource_pk = 0;
+  for (const MediaPhoto& photo : library.photos) {
+    ++asset_pk;
+    std::optional<int64_t> moment_pk;
+    if (photo.moment_date) {
+      auto found = moments.find(*photo.moment_date);
+      if (found == moments.end()) {
+        found = moments.emplace(*photo.moment_date, static_cast<int64_t>(moments.size()) + 1).first;
+        if (!insert_row(db, add_moment, error, found->second, *photo.moment_date)) return false;
+      }
+      moment_pk = found->second;
+    }
+    const bool video = photo.kind == 1;
+    const bool live = photo.subtype == 2 && !video;
+    const int playback_style = video ? 4 : live ? 3 : 1;
+    std::optional<std::string> uti = photo.uti;
+    if (!uti && photo.filename) uti = uti_for(*photo.filename);
+    std::optional<int64_t> trashed_date;
+    if (photo.trashed) trashed_date = photo.modification_date;
+    const std::string uuid = asset_uuid(asset_pk);
+    const std::string fingerprint = "F" + uuid;
+    const int64_t size = size_of(photo.db_file_size, photo.bytes);
+    if (!insert_row(db, add_asset, error, asset_pk, photo.kind, photo.subtype, playback_style, photo.trashed,
+                    trashed_date, photo.hidden ? 1 : 0, photo.visibility, photo.avalanche_pick_type,
+                    photo.avalanche_uuid, icloud ? 1 : 0, photo.camera_capture_device, moment_pk, asset_pk,
+                    photo.date_created, photo.date_created, photo.modification_date, photo.directory, photo.filename,
+                    uti, uuid) ||
+        !insert_row(db, add_attributes, error, asset_pk, asset_pk, photo.camera_capture_device, size,
+                    photo.original_filename, fingerprint)) {
+      return false;
+    }
+    // The original's resource (data store subtype 1): resource type 0 for a
+    // photo, 1 for a video, 6 for a screenshot; a live photo's video is a
+    // second one of type 3. Local availability 1 on the device, -1 only in
+    // iCloud.
+    const int local = photo.cloud_only ? -1 : 1;
+    const int remote = icloud ? 1 : 0;
+    const int cloud_state = icloud ? 3 : 0;
+    const int resource_type = video ? 1 : photo.subtype == 10 ? 6 : 0;
+    if (!insert_row(db, add_resource, error, ++resource_pk, e.internal_resource, asset_pk, resource_type, 1, local,
+                    remote, cloud_state, size, uti, fingerprint)) {
+      return false;
+    }
+    if (live && photo.live_video_bytes) {
+      const int64_t video_size = static_cast<int64_t>(photo.live_video_bytes->size());
+      if (!insert_row(db, add_resource, error, ++resource_pk, e.internal_resource, asset_pk, 3, 1, local, remote,
+                      cloud_state, video_size, std::string("com.apple.quicktime-movie"), "V" + uuid)) {
+        return false;
+      }
+    }
+    for (int64_t album_pk : photo.albums) {
+      if (!insert_row(db, add_link, error, album_pk, asset_pk, ++album_fill[album_pk])) return false;
+      ++(video ? album_videos : album_photos)[album_pk];
+    }
+    if (photo.directory && photo.filename && !photo.cloud_only) {
+      const std::string relative = *photo.directory + "/" + *photo.filename;
+      if (photo.write_file && !write_media_file(files, relative, photo.bytes, error)) return false;
+      if (live && photo.live_video_bytes &&
+          !write_media_file(files, live_video_path(relative), *photo.live_video_bytes, error)) {
+        return false;
+      }
+    }
+  }
+
+  int64_t max_album = 0;
+  for (size_t i = 0; i < library.albums.size(); ++i) {
+    const MediaAlbum& a = library.albums[i];
+    const int64_t pk = album_pks[i];
+    max_album = std::max(max_album, pk);
+    const std::string entity_name = modern_album_entity(a.kind);
+    const int entity = entity_name == "CloudSharedAlbum"   ? e.cloud_shared_album
+                       : entity_name == "PhotoStreamAlbum" ? e.photo_stream_album
+                       : entity_name == "FetchingAlbum"    ? e.fetching_album
+                       : entity_name == "Folder"           ? e.folder
+                       : entity_name == "ImportSession"    ? e.import_session
+                                                           : e.album;
+    const int64_t count = a.cached_count ? *a.cached_count : album_photos[pk] + album_videos[pk];
+    if (!insert_row(db, add_album, error, pk, entity, a.kind, a.trashed, count, album_photos[pk], album_videos[pk],
+                    a.title, format("%08llX-A1B0-4000-8000-000000000000", pk))) {
+      return false;
+    }
+  }
+
+  // Core Data keeps the highest key on a hierarchy's root entity; its
+  // sub-entities list 0.
+  struct Entity {
+    int number;
+    const char* name;
+    int super;
+    int64_t max;
+  };
+  const Entity entities[] = {
+      {e.additional_asset_attributes, "AdditionalAssetAttributes", 0, asset_pk},
+      {e.album_list, "AlbumList", 0, 0},
+      {e.asset, "Asset", 0, asset_pk},
+      {e.generic_album, "GenericAlbum", 0, max_album},
+      {e.album, "Album", e.generic_album, 0},
+      {e.cloud_shared_album, "CloudSharedAlbum", e.album, 0},
+      {e.photo_stream_album, "PhotoStreamAlbum", e.album, 0},
+      {e.fetching_album, "FetchingAlbum", e.generic_album, 0},
+      {e.folder, "Folder", e.generic_album, 0},
+      {e.import_session, "ImportSession", e.generic_album, 0},
+      {e.internal_resource, "InternalResource", 0, resource_pk},
+      {e.moment, "Moment", 0, static_cast<int64_t>(moments.size())},
+  };
+  for (const Entity& entity : entities) {
+    if (!insert_row(db, add_entity, error, entity.number, std::string(entity.name), entity.super, entity.max)) {
+      error = "entity " + std::to_string(entity.number) + " " + entity.name + ": " + error;
+      return false;
+    }
+  }
+  return close_database(file, database, error);
+}
+
 bool write_recordings(const fs::path& file, FileWriter& files, const std::vector<MediaRecording>& recordings,
                       std::string& error) {
   Database database;
@@ -451,12 +678,6 @@ std::string placeholder_bytes(size_t length, uint32_t seed) {
   return bytes;
 }
 
-std::string format(const char* pattern, long long value) {
-  char text[64];
-  snprintf(text, sizeof text, pattern, value);
-  return text;
-}
-
 // "/var/mobile/Media/Recordings/20170102 101010.m4a" for a date (seconds
 // since 2001), as the phone names its recordings.
 std::string recording_path(int64_t date) {
@@ -470,6 +691,33 @@ std::string recording_path(int64_t date) {
 
 // 2017-01-01 00:00 UTC in seconds since 2001.
 const int64_t kStartOf2017 = 504921600;
+
+// Turns the i-th generated asset into what a modern phone keeps: HEIC
+// stills, PNG screenshots, every tenth original only in iCloud, a few
+// hidden and trashed assets and a three-frame burst in every hundred.
+void make_modern(MediaPhoto& photo, int i) {
+  const std::string base = format("IMG_%04lld", i % 9999 + 1);
+  if (photo.kind == 0) {
+    if (photo.subtype == 10) {
+      photo.filename = base + ".PNG";
+      photo.bytes = std::string("\x89PNG\r\n\x1a\n", 8) + placeholder_bytes(150, static_cast<uint32_t>(i));
+    } else {
+      photo.filename = base + ".HEIC";
+    }
+  }
+  photo.original_filename = photo.filename;
+  photo.cloud_only = i % 10 == 4;
+  photo.hidden = i % 50 == 17;
+  photo.trashed = i % 50 == 29 ? 1 : 0;
+  const int frame = i % 100 - 70;
+  if (frame >= 0 && frame < 3 && photo.kind == 0 && photo.subtype == 0) {
+    // The first frame is the burst's key photo; the others were not picked
+    // and are not shown in the library.
+    photo.avalanche_uuid = format("BURST-%08lld", i / 100);
+    photo.avalanche_pick_type = frame == 0 ? 52 : 2;
+    photo.visibility = frame == 0 ? 0 : 2;
+  }
+}
 
 }  // namespace
 
@@ -515,6 +763,61 @@ std::string make_jpeg(int width, int height, uint32_t seed) {
   return jpeg;
 }
 
+bool modern_entities(int modern_version, ModernEntities& out) {
+  // GenericAlbum's number per major version, as the link tables Z_26ASSETS
+  // (14), Z_27 (15), Z_28 (16 and 17.0 to 17.5), Z_29 (17.6 on), Z_30 (18)
+  // show; Album follows it. The rest are picks of ours above them.
+  int generic_album = 0;
+  switch (modern_version) {
+    case 14: generic_album = 25; break;
+    case 15: generic_album = 26; break;
+    case 16: generic_album = 27; break;
+    case 17: generic_album = 28; break;
+    case 18: generic_album = 29; break;
+    default: return false;
+  }
+  ModernEntities e;
+  e.generic_album = generic_album;
+  e.album = generic_album + 1;
+  e.cloud_shared_album = generic_album + 2;
+  e.photo_stream_album = generic_album + 3;
+  e.fetching_album = generic_album + 5;
+  e.folder = generic_album + 6;
+  e.import_session = generic_album + 7;
+  e.internal_resource = generic_album + 12;
+  e.moment = generic_album + 18;
+  out = e;
+  return true;
+}
+
+std::string modern_ios_version(int modern_version) {
+  switch (modern_version) {
+    case 14: return "14.8";
+    case 15: return "15.8";
+    case 16: return "16.7";
+    case 17: return "17.6.1";
+    case 18: return "18.1";
+    default: return "";
+  }
+}
+
+std::string modern_album_entity(int kind) {
+  if (kind == 1505) return "CloudSharedAlbum";
+  if (kind == 1500) return "PhotoStreamAlbum";
+  if (kind >= 1600 && kind < 1700) return "FetchingAlbum";
+  if (kind == 1506) return "ImportSession";
+  if (kind == 3999 || kind == 4000) return "Folder";
+  return "Album";
+}
+
+std::string make_heic_placeholder(size_t length, uint32_t seed) {
+  // ftyp box: size 24, type, major brand, minor version 0, two compatible
+  // brands.
+  static const char kFtyp[] = {0, 0, 0, 24, 'f', 't', 'y', 'p', 'h', 'e', 'i', 'c', 0, 0,
+                               0, 0, 'm', 'i', 'f', '1', 'h', 'e', 'i', 'c'};
+  return std::string(kFtyp, sizeof kFtyp) + placeholder_bytes(length, seed);
+}
+
 bool write_media_library(const fs::path& media_root, const MediaLibrary& library, std::string& error) {
   FileWriter files{media_root, {}};
   const fs::path music = media_root / "iTunes_Control" / "iTunes" / "MediaLibrary.sqlitedb";
@@ -522,22 +825,39 @@ bool write_media_library(const fs::path& media_root, const MediaLibrary& library
   const fs::path recordings = media_root / "Recordings" / "Recordings.db";
   for (const fs::path& file : {music, photos, recordings}) remove_database(file);
   return (!library.write_music_db || write_music(music, files, library.songs, error)) &&
-         (!library.write_photo_db || write_photos(photos, files, library, error)) &&
+         (!library.write_photo_db || (library.photo_family == PhotoFamily::modern
+                                          ? write_modern_photos(photos, files, library, error)
+                                          : write_photos(photos, files, library, error))) &&
          (!library.write_record_db || write_recordings(recordings, files, library.recordings, error));
 }
 
 MediaLibrary generated_media_library(PhotoFamily family, int photo_count, int song_count, int memo_count) {
   MediaLibrary library;
   library.photo_family = family;
+  const bool modern = family == PhotoFamily::modern;
   // The camera roll has no title: titled albums are listed as user albums.
-  library.albums = {{1, std::nullopt, 1000, 0, std::nullopt},
-                    {2, std::string("Favourites"), 2, 0, std::nullopt},
-                    {3, std::string("Family"), 2, 0, std::nullopt},
-                    {4, std::string("Travel"), 2, 0, std::nullopt}};
-  // Stills share a few tiny JPEGs made once: real images that cost nothing
-  // to write fifty thousand times. Videos hold placeholder bytes.
+  // A modern library has no camera roll row; its user albums come first,
+  // then one in the trash, a shared and a smart album.
+  if (modern) {
+    library.albums = {{1, std::string("Favourites"), 2, 0, std::nullopt},
+                      {2, std::string("Family"), 2, 0, std::nullopt},
+                      {3, std::string("Travel"), 2, 0, std::nullopt},
+                      {4, std::string("Old trip"), 2, 1, std::nullopt},
+                      {5, std::string("Shared with family"), 1505, 0, std::nullopt},
+                      {6, std::string("Recently Saved"), 1600, 0, std::nullopt}};
+  } else {
+    library.albums = {{1, std::nullopt, 1000, 0, std::nullopt},
+                      {2, std::string("Favourites"), 2, 0, std::nullopt},
+                      {3, std::string("Family"), 2, 0, std::nullopt},
+                      {4, std::string("Travel"), 2, 0, std::nullopt}};
+  }
+  // Stills share a few tiny JPEGs (modern: HEIC stand-ins) made once: real
+  // images that cost nothing to write fifty thousand times. Videos hold
+  // placeholder bytes.
   std::vector<std::string> stills;
-  for (uint32_t seed = 0; seed < 16; ++seed) stills.push_back(make_jpeg(16, 16, seed));
+  for (uint32_t seed = 0; seed < 16; ++seed) {
+    stills.push_back(modern ? make_heic_placeholder(200 + seed, seed) : make_jpeg(16, 16, seed));
+  }
   library.photos.reserve(static_cast<size_t>(std::max(photo_count, 0)));
   for (int i = 0; i < photo_count; ++i) {
     MediaPhoto photo;
@@ -566,6 +886,13 @@ MediaLibrary generated_media_library(PhotoFamily family, int photo_count, int so
       } else if (i % 25 == 5) {
         photo.camera_capture_device = 1;
       }
+    }
+    if (modern) {
+      make_modern(photo, i);
+      if (i % 5 == 0) photo.albums.push_back(1 + (i / 5) % 3);
+      if (i % 50 == 10) photo.albums.push_back(4);
+      library.photos.push_back(std::move(photo));
+      continue;
     }
     photo.albums.push_back(1);
     if (i % 5 == 0) photo.albums.push_back(2 + (i / 5) % 3);

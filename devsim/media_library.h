@@ -31,7 +31,9 @@ struct MediaSong {
 };
 
 // An album row of ZGENERICALBUM. Kind 2 is a user album, 1000 the camera
-// roll, 1500 "My Photo Stream".
+// roll, 1500 "My Photo Stream". Modern libraries (iOS 14 on) have no camera
+// roll row; there 1505 is a shared album and 1600 to 1699 a smart album, and
+// the row's entity follows the kind (see modern_album_entity).
 struct MediaAlbum {
   int64_t pk = 0;                       // Z_PK; 0: numbered in order from 1
   std::optional<std::string> title;     // ZTITLE
@@ -53,10 +55,12 @@ struct MediaCloudResource {
   bool write_file = true;
 };
 
-// One row of ZGENERICASSET with its ZADDITIONALASSETATTRIBUTES and ZMOMENT.
-// The file lies at <media root>/<directory>/<filename>; a live photo
-// (subtype 2) also has its video at the same path with every "JPG" replaced
-// by "MOV", written when live_video_bytes is set.
+// One row of ZGENERICASSET (ZASSET in modern libraries) with its
+// ZADDITIONALASSETATTRIBUTES and ZMOMENT. The file lies at
+// <media root>/<directory>/<filename>; a live photo (subtype 2) also has its
+// video at the same path with every "JPG" replaced by "MOV" (modern
+// libraries: the extension replaced by "MOV", so IMG_0001.HEIC pairs with
+// IMG_0001.MOV), written when live_video_bytes is set.
 struct MediaPhoto {
   std::optional<std::string> directory;          // ZDIRECTORY, e.g. "DCIM/100APPLE"
   std::optional<std::string> filename;           // ZFILENAME, e.g. "IMG_0001.JPG"
@@ -76,6 +80,11 @@ struct MediaPhoto {
   bool write_file = true;
   std::optional<std::string> live_video_bytes;   // subtype 2: the video half
   std::vector<int64_t> albums;                   // Z_PK of every album it belongs to
+  // Modern libraries only.
+  bool hidden = false;                           // ZHIDDEN (the visibility state stays as set)
+  bool cloud_only = false;                       // original only in iCloud: no file written, resource not local
+  std::optional<std::string> uti;                // ZUNIFORMTYPEIDENTIFIER; nullopt: from the file name's extension
+  std::optional<std::string> avalanche_uuid;     // ZAVALANCHEUUID, shared by the frames of one burst
   // Cloud libraries only: the master's original file name and the resources.
   std::optional<std::string> cloud_original_filename;
   std::vector<MediaCloudResource> cloud_resources;
@@ -91,9 +100,10 @@ struct MediaRecording {
   bool write_file = true;
 };
 
-// The three photo database families: iOS 10 and later, older without cloud
-// masters, older with them.
-enum class PhotoFamily { ios10, older, cloud };
+// The photo database families: iOS 10 to 13 (ZGENERICASSET), older without
+// cloud masters, older with them, and modern (iOS 14 on: ZASSET, the asset
+// entity "Asset" is a root entity, originals may be only in iCloud).
+enum class PhotoFamily { ios10, older, cloud, modern };
 
 // Entity numbers of Z_PRIMARYKEY; the album link table is named from them:
 // Z_<album>ASSETS with columns Z_<album>ALBUMS and Z_<generic_asset>ASSETS.
@@ -105,10 +115,43 @@ struct PhotoEntities {
   std::vector<std::pair<int, std::string>> extra;  // more Z_PRIMARYKEY rows, e.g. {50, "album"}
 };
 
+// Entity numbers of a modern library as its Z_PRIMARYKEY lists them. The
+// link table is Z_<album>ASSETS with columns Z_<album>ALBUMS and
+// Z_<asset>ASSETS. Album and GenericAlbum follow the major version (see
+// docs/modern-photos.md); the numbers after `folder` are our own picks.
+struct ModernEntities {
+  int additional_asset_attributes = 1;
+  int album_list = 2;
+  int asset = 3;  // root entity "Asset"; the rows of ZASSET carry it
+  int generic_album = 0;
+  int album = 0;  // generic_album + 1
+  int cloud_shared_album = 0;
+  int photo_stream_album = 0;
+  int fetching_album = 0;
+  int folder = 0;
+  int import_session = 0;
+  int internal_resource = 0;
+  int moment = 0;
+};
+
+// The modern versions devsim imitates: 14, 15, 16 (also 17.0 to 17.5), 17
+// (17.6 on) and 18. False for any other.
+bool modern_entities(int modern_version, ModernEntities& out);
+
+// The ProductVersion a device of that version reports ("14.8", "15.8",
+// "16.7", "17.6.1", "18.1"); empty for a version devsim does not imitate.
+std::string modern_ios_version(int modern_version);
+
+// The entity name a modern album row of this kind carries: "Album",
+// "CloudSharedAlbum", "PhotoStreamAlbum", "FetchingAlbum", "Folder" or
+// "ImportSession".
+std::string modern_album_entity(int kind);
+
 struct MediaLibrary {
   PhotoFamily photo_family = PhotoFamily::ios10;
   bool cloud_master_in_asset = true;  // cloud family: ZGENERICASSET.ZMASTER (9.3 on), else the attributes' ZCLOUDMASTER
-  PhotoEntities entities;
+  int modern_version = 17;            // modern family: 14, 15, 16, 17 or 18; entities from modern_entities()
+  PhotoEntities entities;             // every family but modern
   std::vector<MediaSong> songs;
   std::vector<MediaAlbum> albums;
   std::vector<MediaPhoto> photos;
@@ -127,10 +170,18 @@ bool write_media_library(const std::filesystem::path& media_root, const MediaLib
 // seed) that image viewers open.
 std::string make_jpeg(int width, int height, uint32_t seed);
 
+// Stand-in for an HEIC still: a real ISO-BMFF "ftyp" box of brand "heic"
+// (compatible "mif1", "heic") followed by `length` deterministic bytes. File
+// type probes see HEIC; image decoders do not open it.
+std::string make_heic_placeholder(size_t length, uint32_t seed);
+
 // A generated library for make-media: `photos` assets in the camera roll
 // (every 10th a video, every 7th a live photo, a few panoramas and
 // screenshots), spread over a few albums, `songs` songs and `memos` voice
-// memos, with deterministic content.
+// memos, with deterministic content. The modern family (at modern_version
+// 17; change it afterwards for another) has HEIC stills, PNG screenshots,
+// a tenth of the assets only in iCloud, a few hidden and trashed ones, a
+// trashed album, a shared and a smart album.
 MediaLibrary generated_media_library(PhotoFamily family, int photos, int songs, int memos);
 
 // The library make-sample adds for the demo.
