@@ -497,6 +497,8 @@ bool write_modern_photos(const fs::path& file, FileWriter& files, const MediaLib
   sqlite3* db = database.db;
   if (!exec(db, modern_photo_schema(version, e), error)) return false;
   const std::string album = std::to_string(e.album);
+  // The type text is ?10; iOS 14 has no column for it, and SQLite accepts a
+  // binding of a number the statement leaves out.
   const std::string resource_values = version >= 15 ? "?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11"
                                                      : "?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?11";
   Statement add_asset, add_moment, add_attributes, add_resource, add_album, add_link, add_entity;
