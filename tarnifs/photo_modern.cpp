@@ -45,12 +45,14 @@ void logFailure(sqlite3 *db, int result) {
 constexpr char kShown[] = "ZASSET.ZTRASHEDSTATE = 0 and ZASSET.ZHIDDEN = 0 and ZASSET.ZVISIBILITYSTATE = 0";
 
 // 1 for an asset whose original is only in iCloud: its original resource is
-// marked as not on the device. Libraries without resource rows say nothing,
+// marked as not on the device (a live photo's video half, resource type 3,
+// does not decide: the still is what is listed). Libraries without resource rows say nothing,
 // and the file on the device decides alone.
 std::string cloudOnlyColumn(sqlite3 *db) {
     if (!tableExists(db, "ZINTERNALRESOURCE")) return "0";
     return "exists (select 1 from ZINTERNALRESOURCE where ZINTERNALRESOURCE.ZASSET = ZASSET.Z_PK and "
-           "ZINTERNALRESOURCE.ZDATASTORESUBTYPE = 1 and ZINTERNALRESOURCE.ZLOCALAVAILABILITY = -1)";
+           "ZINTERNALRESOURCE.ZDATASTORESUBTYPE = 1 and ZINTERNALRESOURCE.ZRESOURCETYPE <> 3 and "
+           "ZINTERNALRESOURCE.ZLOCALAVAILABILITY = -1)";
 }
 
 int64_t countOf(sqlite3 *db, const std::string &sql, int *result) {
