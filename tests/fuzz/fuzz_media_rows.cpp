@@ -1,8 +1,9 @@
 // Fuzz target: the media views over database rows a broken or hostile phone
 // fully controls. Each input fills the music, photo and recordings tables
 // with values of any type (NULL, integers near the meaningful ones, texts
-// with "/", "..", control bytes and invalid UTF-8, reals, blobs) and lists
-// every /Media folder; then it turns random photo rows with random device
+// with "/", "..", control bytes and invalid UTF-8, reals, blobs), in the
+// tables of the older libraries and, for some inputs, of iOS 14 and later,
+// and lists every /Media folder; then it turns random photo rows with random device
 // answers into entries, and random song rows into names. Afterwards every
 // record under /Media is linked into its folder under a usable name, and no
 // folder holds two records of one name.
@@ -36,9 +37,9 @@ const char *const kTexts[] = {
     "",    "a",   "IMG_0001.JPG", "IMG_0001.MOV", "/",          "..",           ".",  "a/b",
     "\xFF", "\xC3", "e\xCC\x81",  "wlrtitdb",     "Panoramas",  "My Panoramas", "x.y.z", "DCIM/100APPLE",
     "/var/mobile/Media/DCIM/100APPLE/IMG_0001.JPG", "/var/mobile/Media/Recordings/rec.m4a", "\n\t\x01",
-    "progress",
+    "progress", "Album", "Asset", "GenericAsset", "Moment", "AdditionalAssetAttributes", "album",
 };
-const int64_t kNumbers[] = {0, 1, 2, 10, 16, 20, 52, 101, 102, 1000, 1500, 2000, 2001, -1, 4294967297LL, INT64_MIN};
+const int64_t kNumbers[] = {0, 1, 2, 3, 10, 16, 20, 52, 101, 102, 1000, 1500, 2000, 2001, -1, 4294967297LL, INT64_MIN};
 
 std::string text(Input &in) {
     std::string out;
@@ -107,6 +108,17 @@ void fillLibraries(_CONTEXT *ctx, Input &in) {
     fillTable(ctx->media_db, "base_location", {"base_location_id", "path"}, in);
     ctx->photo_db = freshDatabase();
     fillTable(ctx->photo_db, "Z_PRIMARYKEY", {"Z_ENT", "Z_NAME", "Z_SUPER", "Z_MAX"}, in);
+    if (in.next() % 3 == 0) {
+        // A library of iOS 14 and later: its own tables, found by ZASSET.
+        fillTable(ctx->photo_db, "ZASSET",
+                  {"Z_PK", "Z_ENT", "ZDIRECTORY", "ZFILENAME", "ZMOMENT", "ZMODIFICATIONDATE", "ZDATECREATED",
+                   "ZADDITIONALATTRIBUTES", "ZKIND", "ZKINDSUBTYPE", "ZTRASHEDSTATE", "ZHIDDEN", "ZVISIBILITYSTATE",
+                   "ZAVALANCHEPICKTYPE"},
+                  in);
+        fillTable(ctx->photo_db, "ZINTERNALRESOURCE",
+                  {"Z_PK", "ZASSET", "ZDATASTORESUBTYPE", "ZRESOURCETYPE", "ZLOCALAVAILABILITY"}, in);
+        fillTable(ctx->photo_db, "Z_0ASSETS", {"Z_0ALBUMS", "Z_0ASSETS"}, in);
+    }
     fillTable(ctx->photo_db, "ZGENERICASSET",
               {"Z_PK", "Z_ENT", "ZDIRECTORY", "ZFILENAME", "ZMOMENT", "ZMODIFICATIONDATE", "ZDATECREATED",
                "ZCLOUDASSETGUID", "ZADDITIONALATTRIBUTES", "ZKIND", "ZKINDSUBTYPE", "ZTRASHEDSTATE",
@@ -194,10 +206,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         row.path = text(in);
         row.has_file_name = in.next() % 4 != 0;
         row.file_name = text(in);
-        row.moment_date = static_cast<int32_t>(kNumbers[in.next() % 16]);
-        row.modification_date = static_cast<int32_t>(kNumbers[in.next() % 16]);
-        row.db_size = kNumbers[in.next() % 16];
-        row.column5 = kNumbers[in.next() % 16];
+        constexpr size_t kCount = sizeof(kNumbers) / sizeof(kNumbers[0]);
+        row.moment_date = static_cast<int32_t>(kNumbers[in.next() % kCount]);
+        row.modification_date = static_cast<int32_t>(kNumbers[in.next() % kCount]);
+        row.db_size = kNumbers[in.next() % kCount];
+        row.column5 = kNumbers[in.next() % kCount];
         row.has_original_name = in.next() % 4 != 0;
         row.original_name = text(in);
         row.kind_subtype = in.next() % 3;
