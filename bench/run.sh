@@ -24,6 +24,8 @@ if [ -e /dev/fuse ] && command -v ifuse >/dev/null; then
   bash "$here/listing_vs_ifuse.sh" "$build" < /dev/null || failed=1
   echo "== cp of 256 MiB out of and into the device: Quorvel, ifuse and raw AFC =="
   bash "$here/cp_vs_ifuse.sh" "$build" < /dev/null || failed=1
+  echo "== mv of 256 MiB and of 1,000 small files from /Storage into an app: Quorvel and raw AFC =="
+  bash "$here/mv_vs_raw.sh" "$build" < /dev/null || failed=1
 else
   echo "left out: the mount benchmarks need /dev/fuse and ifuse"
 fi
