@@ -27,4 +27,8 @@ if [ -e /dev/fuse ] && command -v ifuse >/dev/null; then
 else
   echo "left out: the mount benchmarks need /dev/fuse and ifuse"
 fi
+if [ -e /dev/fuse ]; then
+  echo "== ls of a hostile device's 1,000,000-entry folder: time and memory =="
+  bash "$here/hostile_listing.sh" "$build" < /dev/null || failed=1
+fi
 exit $failed
