@@ -576,6 +576,8 @@ bool hostile_target(Session& s, const Target& target) {
 
 // A request on the made-up tree. Anything that would change it is refused.
 Reply hostile_path_request(Session& s, uint64_t operation, uint64_t mode, const Target& target) {
+  if (operation != kOpReadDir && operation != kOpGetFileInfo && operation != kOpFileOpen) return status(kPermDenied);
+  if (operation == kOpFileOpen && mode != 1) return status(kPermDenied);
   uint32_t kinds = s.device.hostile.load();
   HostileRecord record = hostile_record(kinds, target.rel);
   if (!record.exists) return status(kObjectNotFound);
@@ -594,7 +596,6 @@ Reply hostile_path_request(Session& s, uint64_t operation, uint64_t mode, const 
   }
   if (operation == kOpFileOpen) {
     if (record.folder) return status(kObjectIsDir);
-    if (mode != 1) return status(kPermDenied);
     uint64_t handle = s.next_handle++;
     OpenFile file;
     file.mode = mode;
