@@ -30,11 +30,13 @@ else
   echo "left out: the mount benchmarks need /dev/fuse and ifuse"
 fi
 
-# The media listing benchmark compares with raw AFC only, so it needs no ifuse.
+# These compare with raw AFC only, so they need no ifuse.
 if [ -e /dev/fuse ]; then
   echo "== first listings of /Media (50,000 photos, 10,000 songs) and a 100 MB database copy: Quorvel and raw AFC =="
   bash "$here/media_listing.sh" "$build" < /dev/null || failed=1
+  echo "== ls of a hostile device's 1,000,000-entry folder: time and memory =="
+  bash "$here/hostile_listing.sh" "$build" < /dev/null || failed=1
 else
-  echo "left out: the media listing benchmark needs /dev/fuse"
+  echo "left out: the media listing and hostile listing benchmarks need /dev/fuse"
 fi
 exit $failed

@@ -1,5 +1,6 @@
 // AFC: the device's media file system, and house-arrest connections that turn
 // into AFC rooted at one app's container.
+#include <libimobiledevice/service.h>
 #include <plist/plist.h>
 
 #include <algorithm>
@@ -8,6 +9,18 @@
 #include <cstring>
 
 #include "device/device_internal.h"
+
+// libimobiledevice 1.3.0's service_receive leaves *received as it was when a
+// read fails, and its AFC reader adds that count again after every failed
+// read: a reply cut short after a header that claims more than was sent then
+// counts heap memory as received data, gigabytes of it for a header that
+// claims 2^62 bytes, and spins for minutes. This one, found first by the
+// library's own calls, says 0 for a failed read; the reader then stops at the
+// bytes that really came.
+extern "C" service_error_t service_receive(service_client_t client, char *data, uint32_t size, uint32_t *received) {
+    if (received != nullptr) *received = 0;
+    return service_receive_with_timeout(client, data, size, received, 30000);
+}
 
 namespace {
 
@@ -95,6 +108,14 @@ bool holdsEntries(libiusb_afc *afc, const char *path) {
 
 int64_t parseSigned(const char *text) { return text == nullptr ? 0 : strtoll(text, nullptr, 10); }
 
+// A size past the largest file offset ("-1" reads as one too) would make the
+// kernel refuse the whole record; it stands for "too big to say", and reads
+// go on until the device's data ends.
+uint64_t parseSize(const char *text) {
+    uint64_t size = text == nullptr ? 0 : strtoull(text, nullptr, 10);
+    return std::min<uint64_t>(size, INT64_MAX);
+}
+
 } // namespace
 
 int libiusb_afc_init(libiusb_device_handle *handle, libiusb_afc **out) {
@@ -162,8 +183,19 @@ int libiusb_afc_file_read(libiusb_afc *afc, uint64_t file_handle, char *buf, uin
             return result;
         }
         total += std::min(got, wanted);
-        // A short piece means the end of the file.
-        if (got < wanted) break;
+        if (got < wanted) {
+            // A short piece is the end of the file, or what came of a reply
+            // cut short: libimobiledevice hands over both alike. The
+            // device's file pointer, asked after it, tells which.
+            uint64_t position = 0;
+            result = afcResult(afc_file_tell(afc->client, file_handle, &position));
+            if (result == 0 && position != offset + total) result = LIBIUSB_ERROR_IO;
+            if (result != 0) {
+                forgetPosition(afc, file_handle);
+                return result;
+            }
+            break;
+        }
     }
     settlePosition(afc, file_handle, offset + total, false);
     if (bytes_read != nullptr) *bytes_read = total;
@@ -232,7 +264,7 @@ void parseFileInfoPairs(const char *const *pairs, libiusb_file_info *info) {
             else if (strcmp(value, "S_IFLNK") == 0) info->file_type = LIBIUSB_FILE_TYPE_LINK;
             else info->file_type = LIBIUSB_FILE_TYPE_OTHER;
         } else if (strcmp(key, "st_size") == 0) {
-            info->size = strtoull(value, nullptr, 10);
+            info->size = parseSize(value);
         } else if (strcmp(key, "st_birthtime") == 0) {
             info->birth_time = parseSigned(value);
         } else if (strcmp(key, "st_mtime") == 0) {

@@ -81,14 +81,18 @@ struct AfcHeader {
 static_assert(sizeof(AfcHeader) == 40, "AFC header is 40 bytes");
 
 struct OpenFile {
-  int fd = -1;
+  int fd = -1;  // -1: a made-up file of a hostile device, read from `content`
   uint64_t mode = 0;
   std::string path;  // as shown to fault patterns
+  std::string content;
+  uint64_t position = 0;
+  ReplyShape read_shape = ReplyShape::honest;
 };
 
 struct Reply {
   uint64_t operation = kOpStatus;
   std::vector<char> data;
+  ReplyShape shape = ReplyShape::honest;
 };
 
 struct Target {
@@ -102,6 +106,7 @@ struct Session {
   Connection& conn;
   Device& device;
   int root_fd = -1;
+  bool media_root = false;  // hostile mode applies to the media tree only
   std::map<uint64_t, OpenFile> files;
   uint64_t next_handle = 1;
   uint64_t data_bytes = 0;  // file bytes moved by the current request
@@ -291,6 +296,11 @@ Reply read_directory(Session& s, const Target& target) {
     if (name != "." && name != "..") names.push_back(name);
   }
   closedir(dir);
+  // A hostile device shows its made-up folder in the storage folder.
+  if (s.media_root && s.device.hostile.load() != 0 && target.rel == "general_storage" &&
+      std::find(names.begin(), names.end(), "Hostile") == names.end()) {
+    names.push_back("Hostile");
+  }
   std::sort(names.begin(), names.end());
   names.insert(names.begin(), {".", ".."});
   return strings_reply(names);
@@ -373,7 +383,11 @@ Reply file_open(Session& s, uint64_t mode, const Target& target) {
     }
   }
   uint64_t handle = s.next_handle++;
-  s.files[handle] = OpenFile{fd, mode, target.shown};
+  OpenFile file;
+  file.fd = fd;
+  file.mode = mode;
+  file.path = target.shown;
+  s.files[handle] = file;
   return number_reply(kOpFileOpenResult, handle);
 }
 
@@ -554,6 +568,70 @@ Reply file_lock(OpenFile& file, uint64_t operation) {
   return status(kSuccess);
 }
 
+// ---- hostile mode ----
+
+bool hostile_target(Session& s, const Target& target) {
+  return s.media_root && s.device.hostile.load() != 0 && is_hostile_path(target.rel);
+}
+
+// A request on the made-up tree. Anything that would change it is refused.
+Reply hostile_path_request(Session& s, uint64_t operation, uint64_t mode, const Target& target) {
+  if (operation != kOpReadDir && operation != kOpGetFileInfo && operation != kOpFileOpen) return status(kPermDenied);
+  if (operation == kOpFileOpen && mode != 1) return status(kPermDenied);
+  uint32_t kinds = s.device.hostile.load();
+  HostileRecord record = hostile_record(kinds, target.rel);
+  if (!record.exists) return status(kObjectNotFound);
+  if (operation == kOpReadDir) {
+    if (!record.folder) return status(kReadError);
+    std::vector<std::string> names = hostile_listing(kinds, target.rel);
+    names.insert(names.begin(), {".", ".."});
+    Reply reply = strings_reply(names);
+    reply.shape = record.list_shape;
+    return reply;
+  }
+  if (operation == kOpGetFileInfo) {
+    return strings_reply({"st_size", record.size_text, "st_blocks", "8", "st_nlink", record.folder ? "3" : "1",
+                          "st_ifmt", record.folder ? "S_IFDIR" : "S_IFREG", "st_mtime", "1500000000000000000",
+                          "st_birthtime", "1500000000000000000"});
+  }
+  if (operation == kOpFileOpen) {
+    if (record.folder) return status(kObjectIsDir);
+    uint64_t handle = s.next_handle++;
+    OpenFile file;
+    file.mode = mode;
+    file.path = target.shown;
+    file.content = record.content;
+    file.read_shape = record.read_shape;
+    s.files[handle] = file;
+    return number_reply(kOpFileOpenResult, handle);
+  }
+  return status(kPermDenied);
+}
+
+Reply hostile_file_request(uint64_t operation, OpenFile& file, uint64_t first, uint64_t second) {
+  if (operation == kOpFileRead) {
+    uint64_t start = std::min<uint64_t>(file.position, file.content.size());
+    uint64_t length = std::min<uint64_t>(std::min(first, kMaxReadLength), file.content.size() - start);
+    Reply reply;
+    reply.operation = kOpData;
+    reply.data.assign(file.content.begin() + static_cast<long>(start),
+                      file.content.begin() + static_cast<long>(start + length));
+    reply.shape = file.read_shape;
+    file.position = start + length;
+    return reply;
+  }
+  if (operation == kOpFileSeek) {
+    int64_t base = first == 0 ? 0 : first == 1 ? static_cast<int64_t>(file.position)
+                                                : static_cast<int64_t>(file.content.size());
+    int64_t to = base + static_cast<int64_t>(second);
+    if (first > 2 || to < 0) return status(kInvalidArg);
+    file.position = static_cast<uint64_t>(to);
+    return status(kSuccess);
+  }
+  if (operation == kOpFileTell) return number_reply(kOpFileTellResult, file.position);
+  return status(kPermDenied);
+}
+
 // Parses and runs one request. nullopt: the parameters are malformed.
 std::optional<Reply> handle_request(Session& s, uint64_t operation, const std::vector<char>& parameters,
                                     const std::vector<char>& payload) {
@@ -565,6 +643,13 @@ std::optional<Reply> handle_request(Session& s, uint64_t operation, const std::v
     auto it = s.files.find(handle);
     if (it == s.files.end()) return status(kInvalidArg);
     if (uint64_t error = injected(it->second.path)) return status(error);
+    if (it->second.fd < 0 && operation != kOpFileClose) {
+      Params numbers{parameters, 8};
+      uint64_t first = 0, second = 0;
+      numbers.take_u64(first);
+      numbers.take_u64(second);
+      return hostile_file_request(operation, it->second, first, second);
+    }
     return action(it->second);
   };
   auto with_path = [&](auto action) -> std::optional<Reply> {
@@ -572,6 +657,12 @@ std::optional<Reply> handle_request(Session& s, uint64_t operation, const std::v
     if (!p.take_string(path)) return std::nullopt;
     Target target = target_of(path);
     if (uint64_t error = injected(target.shown)) return status(error);
+    if (hostile_target(s, target)) {
+      Params mode{parameters};
+      uint64_t number = 0;
+      if (operation == kOpFileOpen) mode.take_u64(number);
+      return hostile_path_request(s, operation, number, target);
+    }
     return action(target);
   };
 
@@ -640,7 +731,7 @@ std::optional<Reply> handle_request(Session& s, uint64_t operation, const std::v
       if (!p.take_u64(handle)) return std::nullopt;
       auto it = s.files.find(handle);
       if (it == s.files.end()) return status(kInvalidArg);
-      close(it->second.fd);
+      if (it->second.fd >= 0) close(it->second.fd);
       s.files.erase(it);
       return status(kSuccess);
     }
@@ -671,6 +762,26 @@ bool is_request_operation(uint64_t operation) {
          operation != kOpFileTellResult && operation != 0x24;
 }
 
+// A reply of any shape but honest goes out and then the connection closes:
+// after a lying header nothing more could be framed. False: the connection is
+// to end.
+bool send_lying_reply(Connection& conn, AfcHeader header, const Reply& reply) {
+  size_t sent_data = reply.data.size();
+  switch (reply.shape) {
+    case ReplyShape::honest: break;
+    case ReplyShape::half: sent_data = reply.data.size() / 2; break;
+    case ReplyShape::entire_beyond: header.entire_length += 4096; break;
+    case ReplyShape::entire_huge: header.entire_length = 1ull << 62; break;
+    case ReplyShape::entire_negative: header.entire_length = UINT64_MAX; break;
+    case ReplyShape::this_beyond_entire: header.this_length = header.entire_length + 64; break;
+  }
+  log_line("[%llu] afc: hostile reply (entire %llu, this %llu, %zu of %zu bytes), closing",
+           static_cast<unsigned long long>(conn.id), static_cast<unsigned long long>(header.entire_length),
+           static_cast<unsigned long long>(header.this_length), sent_data, reply.data.size());
+  if (write_all(conn, &header, sizeof header) && sent_data > 0) write_all(conn, reply.data.data(), sent_data);
+  return false;
+}
+
 bool send_reply(Connection& conn, uint64_t packet_num, const Reply& reply) {
   AfcHeader header;
   memcpy(header.magic, "CFA6LPAA", 8);
@@ -680,6 +791,7 @@ bool send_reply(Connection& conn, uint64_t packet_num, const Reply& reply) {
   header.packet_num = packet_num;
   header.operation = reply.operation;
   delay_reply(conn);
+  if (reply.shape != ReplyShape::honest) return send_lying_reply(conn, header, reply);
   if (reply.data.size() <= 64 * 1024) {
     std::vector<char> packet(sizeof header + reply.data.size());
     memcpy(packet.data(), &header, sizeof header);
@@ -693,7 +805,8 @@ bool send_reply(Connection& conn, uint64_t packet_num, const Reply& reply) {
 
 void serve_afc(Connection& conn, const std::string& root_dir) {
   unsigned long long id = conn.id;
-  Session s{conn, *conn.device, -1, {}, 1, 0};
+  Session s{conn, *conn.device, -1, false, {}, 1, 0};
+  s.media_root = root_dir == conn.device->image.dir + "/media";
   s.root_fd = open(root_dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (s.root_fd < 0) {
     log_line("[%llu] afc: cannot open root %s: %s", id, root_dir.c_str(), strerror(errno));
@@ -748,7 +861,9 @@ void serve_afc(Connection& conn, const std::string& root_dir) {
       drop_device_connections(conn.server, s.device);
     }
   }
-  for (auto& entry : s.files) close(entry.second.fd);
+  for (auto& entry : s.files) {
+    if (entry.second.fd >= 0) close(entry.second.fd);
+  }
   close(s.root_fd);
 }
 

@@ -158,6 +158,17 @@ std::string apply_control_command(Server& server, const std::string& line) {
     for (Device* device : devices) count += count_device_connections(server, *device, port);
     return "ok " + std::to_string(count);
   }
+  if (verb == "hostile") {
+    uint32_t kinds = 0;
+    for (size_t i = 2; i < words.size(); ++i) {
+      uint32_t bit = words[i] == "none" ? 0 : hostile_kind_by_name(words[i]);
+      if (bit == 0 && words[i] != "none") return usage("hostile UDID KIND... (names sizes million deep half oversize all none)");
+      kinds |= bit;
+    }
+    if (words.size() < 3) return usage("hostile UDID KIND... (names sizes million deep half oversize all none)");
+    for (Device* device : devices) device->hostile = kinds;
+    return "ok";
+  }
   if (verb == "clear") {
     if (words.size() != 2) return usage("clear UDID");
     for (Device* device : devices) {

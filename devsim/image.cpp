@@ -127,6 +127,23 @@ bool load_device_image(const std::string& dir, uint32_t fallback_location_id, De
   }
   if (image.serial_number.empty()) image.serial_number = image.udid.substr(0, 12);
 
+  auto hostile = doc.find("hostile");
+  if (hostile != doc.end() && !hostile->is_null()) {
+    if (!hostile->is_array()) {
+      error = dir + ": device.json: key \"hostile\" must be an array of kinds";
+      return false;
+    }
+    for (const json& kind : *hostile) {
+      uint32_t bit = kind.is_string() ? hostile_kind_by_name(kind.get<std::string>()) : 0;
+      if (bit == 0) {
+        error = dir + ": device.json: key \"hostile\" holds " + kind.dump() +
+                ", not one of names, sizes, million, deep, half, oversize, all";
+        return false;
+      }
+      image.hostile |= bit;
+    }
+  }
+
   auto apps = doc.find("apps");
   if (apps != doc.end() && !apps->is_null()) {
     if (!apps->is_array()) {

@@ -236,6 +236,7 @@ int run_serve(int argc, char** argv) {
     }
     device->stored_bytes = measure_stored_bytes(device->image.dir);
     device->capacity_bytes = device->image.capacity_bytes;
+    device->hostile = device->image.hostile;
     server->devices.push_back(std::move(device));
   }
 

@@ -44,6 +44,7 @@ struct DeviceImage {
   uint64_t capacity_bytes = 0;
   uint32_t block_size = 4096;
   std::vector<AppInfo> apps;
+  uint32_t hostile = 0;  // HostileKind bits from device.json
 };
 
 // Reads DIR/device.json. On failure returns false with a message that names
@@ -59,6 +60,52 @@ std::string device_class_of(const DeviceImage& image);
 
 // Writes the sample image folder used by demos and hand testing.
 bool write_sample_image(const std::string& dir, std::string& error);
+
+// -------------------------------------------------------------- hostile ---
+
+// A hostile device answers part of its media tree, general_storage/Hostile,
+// from made-up records that break the rules a client may be tempted to trust.
+// Each kind adds one folder there.
+enum HostileKind : uint32_t {
+  kHostileNames = 1u << 0,     // names/: "/", "..", control characters, bad UTF-8, long names
+  kHostileSizes = 1u << 1,     // sizes/: file info that disagrees with the bytes a read gives
+  kHostileMillion = 1u << 2,   // million/ (1,000,000 entries), hundred-thousand/ (100,000)
+  kHostileDeep = 1u << 3,      // deep/: folders nested kHostileDepth deep
+  kHostileHalf = 1u << 4,      // half/: replies cut half-way, then the connection closed
+  kHostileOversize = 1u << 5,  // oversize/: reply headers whose lengths lie, then closed
+  kHostileAll = (1u << 6) - 1,
+};
+constexpr int kHostileDepth = 1000;
+
+// The bit of a kind's name ("names", ..., "all"), or 0 for an unknown word.
+uint32_t hostile_kind_by_name(const std::string& name);
+
+// How a reply goes on the wire.
+enum class ReplyShape {
+  honest,
+  half,                // header and half the bytes, then the connection closes
+  entire_beyond,       // entire_length 4096 more than is sent
+  entire_huge,         // entire_length 2^62
+  entire_negative,     // entire_length -1 as a signed 64-bit number
+  this_beyond_entire,  // this_length past entire_length and past what is sent
+};
+
+// One record of the made-up tree. `rel` is relative to the media root.
+struct HostileRecord {
+  bool exists = false;
+  bool folder = false;
+  std::string size_text;  // what get_file_info says st_size is
+  std::string content;    // what reads give
+  ReplyShape list_shape = ReplyShape::honest;
+  ReplyShape read_shape = ReplyShape::honest;
+};
+
+constexpr char kHostileRoot[] = "general_storage/Hostile";
+// True for kHostileRoot and everything below it.
+bool is_hostile_path(const std::string& rel);
+HostileRecord hostile_record(uint32_t kinds, const std::string& rel);
+// The names a made-up folder lists, in order, without "." and "..".
+std::vector<std::string> hostile_listing(uint32_t kinds, const std::string& rel);
 
 // --------------------------------------------------------------- faults ---
 
@@ -92,6 +139,8 @@ struct Device {
 
   std::mutex faults_mutex;
   DeviceFaults faults;
+  // HostileKind bits: which made-up folders the media tree shows.
+  std::atomic<uint32_t> hostile{0};
 
   // Guarded by Server::mutex.
   bool attached = true;

@@ -1,6 +1,7 @@
 #include "tarnifs/listing.h"
 
 #include <cassert>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -51,11 +52,16 @@ void fillFromDevice(_KTL_OBJECT *object, const libiusb_file_info &info) {
 }
 
 // The names of a device listing whose information is asked, in device order
-// (dot names are never shown), and their device paths under `folder`.
+// (only names a path can address; dot names are never shown), and their
+// device paths under `folder`.
 std::vector<const char *> entriesToAsk(char **entries, const std::string &folder, std::vector<std::string> *paths) {
     std::vector<const char *> names;
     for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
-        if ((*entry)[0] == '.') continue;
+        if (!IsListableDeviceName(*entry)) {
+            if ((*entry)[0] != '.')
+                QNLog(3, "%s a name in %s is not shown: no path can address it", "entriesToAsk", folder.c_str());
+            continue;
+        }
         names.push_back(*entry);
         paths->push_back(folder + "/" + *entry);
     }
@@ -235,6 +241,14 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
 bool mayBeHalfListed(const char *path) { return strncmp(path, "/Storage", 8) == 0; }
 
 } // namespace
+
+bool IsListableDeviceName(const char *name) {
+    if (name == nullptr || name[0] == '\0' || name[0] == '.') return false;
+    // "a/b" would be taken for the entry b of a folder a, on the device and
+    // here alike; a name longer than NAME_MAX cannot be looked up, and one
+    // past FUSE's limit fails the whole listing in the kernel.
+    return strchr(name, '/') == nullptr && strlen(name) <= NAME_MAX;
+}
 
 std::string StorageDevicePath(const char *path) { return std::string(kStorageRoot) + (path + 8); }
 

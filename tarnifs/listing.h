@@ -32,6 +32,11 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
 // 0, or the error of a listing that failed (its dialog already shown).
 int listFoldersAbove(_CONTEXT *ctx, const char *path);
 
+// Whether a name from a device listing is shown: it must be one path component
+// (not empty, no "/"), no longer than NAME_MAX, and not start with "." (dot
+// names are never shown, so "." and ".." never stand for a folder).
+bool IsListableDeviceName(const char *name);
+
 // Device paths of volume paths: "/Storage/a/b" -> "/general_storage/a/b";
 // "/Apps/<app>/x/y" -> "/Documents/x/y" inside the app's sandbox.
 std::string StorageDevicePath(const char *path);

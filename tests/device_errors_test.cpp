@@ -30,7 +30,9 @@ const char *sourceName(NativeSource source) {
 TEST(DeviceErrors, ResultsTheFileSystemActsOn) {
     // Lost connection, however each service reports it.
     EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_MUX_ERROR), LIBIUSB_ERROR_CONNECTION_LOST);
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_NOT_ENOUGH_DATA), LIBIUSB_ERROR_IO);
+    // A reply cut short or framed wrong leaves the stream out of step: as lost.
+    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_NOT_ENOUGH_DATA), LIBIUSB_ERROR_CONNECTION_LOST);
+    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_OP_HEADER_INVALID), LIBIUSB_ERROR_CONNECTION_LOST);
     EXPECT_EQ(mapNativeError(NativeSource::Lockdown, LOCKDOWN_E_MUX_ERROR), LIBIUSB_ERROR_CONNECTION_LOST);
     EXPECT_EQ(mapNativeError(NativeSource::Instproxy, INSTPROXY_E_CONN_FAILED), LIBIUSB_ERROR_CONNECTION_LOST);
     EXPECT_EQ(mapNativeError(NativeSource::HouseArrest, HOUSE_ARREST_E_UNKNOWN_ERROR),

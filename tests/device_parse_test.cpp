@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -78,8 +79,17 @@ TEST(FileInfoPairs, BrokenAnswersLeaveWhatTheyDoNotName) {
 
 TEST(FileInfoPairs, OutOfRangeNumbersSaturate) {
     libiusb_file_info info = parse({"st_size", "99999999999999999999999", "st_mtime", "-99999999999999999999999"});
-    EXPECT_EQ(info.size, UINT64_MAX);
+    EXPECT_EQ(info.size, static_cast<uint64_t>(INT64_MAX)) << "no size past the largest file offset";
     EXPECT_EQ(info.modify_time, INT64_MIN);
+}
+
+TEST(FileInfoPairs, SizesNoFileCanHaveStopAtTheLargestOffset) {
+    // A hostile device: sizes that are negative, or negative once taken as a
+    // file offset; the kernel refuses a record that carries one.
+    for (const char *said : {"-1", "9223372036854775808", "18446744073709551615", "-9223372036854775808"})
+        EXPECT_EQ(parse({"st_size", said}).size, static_cast<uint64_t>(INT64_MAX)) << said;
+    EXPECT_EQ(parse({"st_size", "9223372036854775807"}).size, static_cast<uint64_t>(INT64_MAX));
+    EXPECT_EQ(parse({"st_size", "9223372036854775806"}).size, static_cast<uint64_t>(INT64_MAX) - 1);
 }
 
 TEST(BrowseReply, ListsSharingAppsInOrderWithTheirBestName) {

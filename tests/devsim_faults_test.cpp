@@ -3,15 +3,18 @@
 #include <libimobiledevice/afc.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <usbmuxd.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 
 namespace {
@@ -245,6 +248,53 @@ TEST_F(DevsimFaultsTest, ShapedTrafficStillCarriesTheSameBytes) {
   EXPECT_EQ(data, std::string(1024 * 1024, 'd'));
   EXPECT_EQ(sim_.control("bandwidth-mbps 0"), "ok");
   EXPECT_EQ(sim_.control("latency-us nope"), "error: usage: latency-us MICROSECONDS");
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<std::string> listing(afc_client_t afc, const char* path) {
+  char** names = nullptr;
+  std::vector<std::string> out;
+  if (afc_read_directory(afc, path, &names) != AFC_E_SUCCESS) return {"(failed)"};
+  for (char** name = names; name && *name; ++name) out.push_back(*name);
+  afc_dictionary_free(names);
+  return out;
+}
+
+TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
+  start();
+  connect_afc();
+  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND) << "an honest device by default";
+  EXPECT_EQ(sim_.control("hostile " + udid_ + " names bogus"),
+            "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
+  EXPECT_EQ(sim_.control("hostile " + udid_), "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
+  ASSERT_EQ(sim_.control("hostile " + udid_ + " names deep"), "ok");
+  EXPECT_EQ(listing(afc_, "/general_storage"),
+            (std::vector<std::string>{".", "..", "Hostile", "data.bin", "locked.txt", "open.txt"}));
+  EXPECT_EQ(listing(afc_, "/general_storage/Hostile"), (std::vector<std::string>{".", "..", "names", "deep"}));
+  EXPECT_EQ(stat_path("/general_storage/Hostile/sizes"), AFC_E_OBJECT_NOT_FOUND) << "a kind not chosen";
+  // The made-up tree cannot be changed, and nothing was written to the image.
+  EXPECT_EQ(afc_make_directory(afc_, "/general_storage/Hostile/names/new"), AFC_E_PERM_DENIED);
+  uint64_t handle = 0;
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/Hostile/names/plain.txt", AFC_FOPEN_RW, &handle), AFC_E_PERM_DENIED);
+  struct stat st;
+  EXPECT_NE(stat((sim_.image_dir(0) + "/media/general_storage/Hostile").c_str(), &st), 0);
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+  EXPECT_EQ(stat_path("/general_storage/Hostile/names"), AFC_E_SUCCESS) << "clear leaves hostile kinds";
+  ASSERT_EQ(sim_.control("hostile " + udid_ + " none"), "ok");
+  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND);
+}
+
+TEST_F(DevsimFaultsTest, AnImageNamingAnUnknownHostileKindIsRefused) {
+  std::string dir = makeTempDir("devsim-hostile-");
+  ASSERT_FALSE(dir.empty());
+  std::ofstream(dir + "/device.json") << R"({"hostile": ["names", "lies"]})";
+  std::string said;
+  EXPECT_EQ(run_program({devsim_program(), "serve", "--socket", dir + "/sock", dir}, &said), 2);
+  EXPECT_NE(said.find("key \"hostile\" holds \"lies\""), std::string::npos) << said;
+  removeTree(dir);
 }
 
 }  // namespace

@@ -68,6 +68,7 @@ bool write_devsim_image(const std::string& dir, const DevsimImage& image, std::s
   if (image.location_id != 0) doc["location_id"] = image.location_id;
   doc["capacity_bytes"] = image.capacity_bytes;
   doc["block_size"] = image.block_size;
+  if (!image.hostile.empty()) doc["hostile"] = image.hostile;
   doc["apps"] = nlohmann::ordered_json::array();
   for (const DevsimApp& app : image.apps) {
     doc["apps"].push_back(

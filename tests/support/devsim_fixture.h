@@ -42,6 +42,7 @@ struct DevsimImage {
   std::vector<DevsimApp> apps;
   std::vector<DevsimFile> files;
   std::vector<std::string> folders;  // relative to the image folder, e.g. "media/DCIM"
+  std::vector<std::string> hostile;  // hostile kinds ("names", ..., "all"); none when empty
 };
 
 // The devsim program built with the tests, or "" when there is none.
