@@ -14,11 +14,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 #include "tools/process.h"
@@ -32,11 +32,6 @@ const std::string kQuorvel = QUORVEL_PATH;
 #else
 const std::string kQuorvel;
 #endif
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 bool deadMount(const std::string &path) { return quorvel_tools::isDeadMount(path); }
 
@@ -59,7 +54,7 @@ struct DemoRun {
             _exit(127);
         }
     }
-    std::string text() const { return readFile(output); }
+    std::string text() const { return readLocal(output); }
     // True once `wanted` was printed; false when the demo ended first or
     // the generous wait ran out.
     bool waitFor(const std::string &wanted, int seconds = 180) {
@@ -109,20 +104,12 @@ int processesMentioning(const std::string &needle) {
         dirent *entry = readdir(proc);
         if (entry == nullptr) break;
         if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-        std::string cmdline = readFile(std::string("/proc/") + entry->d_name + "/cmdline");
+        std::string cmdline = readLocal(std::string("/proc/") + entry->d_name + "/cmdline");
         for (char &c : cmdline) c = c == '\0' ? ' ' : c;
         if (cmdline.find(needle) != std::string::npos) count++;
     }
     if (proc != nullptr) closedir(proc);
     return count;
-}
-
-bool eventually(const std::function<bool()> &condition, int seconds = 60) {
-    for (int i = 0; i < seconds * 20; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return condition();
 }
 
 const char kBrowsable[] = "The demo is browsable. Press Ctrl-C";
@@ -203,7 +190,7 @@ TEST_F(QuorvelDemoCommand, NextRunRecoversFromADemoKilledWithSigkill) {
     std::string firstWork = first.workFolder();
     first.kill9();
     // Its children notice it died and stop; the mount and folder may stay.
-    EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork) == 0; })) << "devsim or quorvelfs outlived it";
+    EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork) == 0; }, 60)) << "devsim or quorvelfs outlived it";
 
     second.start(mountPoint, folder + "/second.out");
     expectBrowsable(second);
@@ -258,7 +245,7 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInIt) {
     ASSERT_TRUE(first.finished(120)) << first.text();
     EXPECT_TRUE(WIFEXITED(first.status) && WEXITSTATUS(first.status) == 1) << first.text();
     EXPECT_NE(first.text().find("is not empty"), std::string::npos) << first.text();
-    EXPECT_EQ(readFile(mountPoint + "/precious.txt"), "mine");
+    EXPECT_EQ(readLocal(mountPoint + "/precious.txt"), "mine");
 }
 
 } // namespace

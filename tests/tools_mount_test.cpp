@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 
@@ -53,19 +54,6 @@ pid_t startQuorvel(const std::vector<std::string> &args, const std::string &outp
         _exit(127);
     }
     return pid;
-}
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-bool waitForText(const std::string &path, const std::string &text, int seconds) {
-    for (int i = 0; i < seconds * 20; ++i) {
-        if (readFile(path).find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
 }
 
 std::vector<std::string> sortedNames(const std::string &folder) {
@@ -113,9 +101,7 @@ protected:
         fs::remove_all(folder, error);
     }
     bool waitUntilUnmounted() {
-        for (int i = 0; i < 200 && isFuseMountPoint(mountPoint); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        return !isFuseMountPoint(mountPoint);
+        return eventually([&] { return !isFuseMountPoint(mountPoint); }, 10);
     }
 
     Devsim sim;
@@ -173,14 +159,15 @@ TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMounted) {
     std::string log = folder + "/foreground.out";
     pid_t foreground = startQuorvel({"mount", mountPoint, "--location", "4111", "-f"}, log);
     ASSERT_GT(foreground, 0);
-    ASSERT_TRUE(waitForText(log, "Mounted Alice at", 120)) << readFile(log);
+    ASSERT_TRUE(eventually([&] { return readLocal(log).find("Mounted Alice at") != std::string::npos; }, 120))
+        << readLocal(log);
     EXPECT_TRUE(isFuseMountPoint(mountPoint));
     EXPECT_EQ(sortedNames(mountPoint + "/Storage"), sortedNames(sim.image_dir(0) + "/media/general_storage"));
     waitForQueuedReleases(mountPoint);
     kill(foreground, SIGTERM);
     int status = -1;
     EXPECT_EQ(waitpid(foreground, &status, 0), foreground);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << readFile(log);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << readLocal(log);
     EXPECT_TRUE(waitUntilUnmounted());
 }
 

@@ -80,6 +80,18 @@ std::vector<RecordedDialog> DialogRecorder::waitForDialogs(size_t count) const {
     return shown;
 }
 
+std::vector<RecordedDialog> DialogRecorder::waitForDialogsToSettle(size_t count, int quietRounds) const {
+    std::vector<RecordedDialog> shown = waitForDialogs(count);
+    if (shown.size() < count) return shown;
+    for (int settled = 0; settled < quietRounds;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        size_t before = shown.size();
+        shown = dialogs();
+        settled = shown.size() == before ? settled + 1 : 0;
+    }
+    return shown;
+}
+
 std::string fusermountProgram() { return quorvel_tools::fusermountProgram(); }
 
 bool isFuseMountPoint(const std::string &path) {
@@ -128,6 +140,12 @@ std::string runProgram(const std::vector<std::string> &argv, int *status) {
     waitpid(child, &wstatus, 0);
     if (status != nullptr) *status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
     return output;
+}
+
+int runStatus(const std::vector<std::string> &argv) {
+    int status = -1;
+    runProgram(argv, &status);
+    return status;
 }
 
 bool QuorvelMount::start(unsigned int locationId, const std::vector<std::string> &fuseOptions) {
