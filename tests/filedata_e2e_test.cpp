@@ -62,8 +62,6 @@ protected:
                        {"media/general_storage/gone.txt", "about to vanish"}};
         return phone;
     }
-    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
-    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
     void mountFresh() {
         ASSERT_TRUE(mountDevice(51));
         // Both areas listed, as a user's file manager would have them.

@@ -76,8 +76,6 @@ protected:
         return image;
     }
 
-    std::string storageImage(const std::string &folder) { return sim.image_dir(0) + "/media/general_storage/" + folder; }
-    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.reader/Documents"; }
 
     // A folder's names as the device lists them, asked over a connection of
     // this test's own: the order any listing must keep.
@@ -133,8 +131,8 @@ TEST_F(LargeListingTest, FoldersOfThousandsListInDeviceOrderWithTheImagesAttribu
     DevsimImage image = largeImage(3000, 2000);
     fillFolder(image, "media/general_storage/more", 800, "clip");
     ASSERT_TRUE(startDevice({image}));
-    stampTimes(storageImage("many"));
-    stampTimes(appImage());
+    stampTimes(storageImage() + "/many");
+    stampTimes(appImage("com.example.reader"));
     ASSERT_TRUE(mountDevice(kLocation));
 
     std::vector<std::string> order = deviceOrder("/general_storage/many");
@@ -148,13 +146,13 @@ TEST_F(LargeListingTest, FoldersOfThousandsListInDeviceOrderWithTheImagesAttribu
     plain.erase(std::remove_if(plain.begin(), plain.end(),
                                [](const std::string &n) { return n == kComposed || n == kDecomposed; }),
                 plain.end());
-    expectImageAttributes(storageImage("many"), inMount("/Storage/many"), plain);
+    expectImageAttributes(storageImage() + "/many", inMount("/Storage/many"), plain);
     EXPECT_EQ(namesIn(inMount("/Storage/many/" + numbered("dir", 5))), std::vector<std::string>{"inside.txt"});
 
     std::vector<std::string> pages = deviceOrder("/Documents", "com.example.reader");
     ASSERT_EQ(pages.size(), 2000u);
     EXPECT_EQ(namesIn(inMount("/Apps/Reader")), pages);
-    expectImageAttributes(appImage(), inMount("/Apps/Reader"), pages);
+    expectImageAttributes(appImage("com.example.reader"), inMount("/Apps/Reader"), pages);
 
     // Storage keeps its extra connections for the next large listing; an
     // app listing closes all of its own.

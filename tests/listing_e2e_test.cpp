@@ -73,8 +73,6 @@ protected:
         };
         return image;
     }
-
-    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
 };
 
 TEST_F(ListingTest, RootMediaStorageAndAppsMatchTheImage) {

@@ -41,8 +41,6 @@ protected:
                        {"apps/com.example.notes/Documents/gone.txt", "gone"}};
         return phone;
     }
-    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
-    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
     void mountFresh() {
         ASSERT_TRUE(mountDevice(61));
         runProgram({"ls", inMount("/Storage"), inMount("/Apps/Notes")});
