@@ -5,7 +5,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,16 +42,7 @@ struct DemoRun {
 
     void start(const std::string &mountPoint, const std::string &outputFile) {
         output = outputFile;
-        pid = fork();
-        if (pid == 0) {
-            // Should the test die, the demo is stopped as by Ctrl-C.
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(out, 1);
-            dup2(out, 2);
-            execl(kQuorvel.c_str(), kQuorvel.c_str(), "demo", mountPoint.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
+        pid = startProgram({kQuorvel, "demo", mountPoint}, outputFile);
     }
     std::string text() const { return readLocal(output); }
     // True once `wanted` was printed; false when the demo ended first or

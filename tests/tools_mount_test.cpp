@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -35,25 +34,6 @@ int runQuorvel(const std::vector<std::string> &args, std::string *output) {
     std::vector<std::string> argv = {kQuorvel};
     argv.insert(argv.end(), args.begin(), args.end());
     return run_program(argv, output, 180);
-}
-
-// `quorvel ARGS...` left running, its output going to `outputFile`.
-pid_t startQuorvel(const std::vector<std::string> &args, const std::string &outputFile) {
-    std::vector<std::string> argv = {kQuorvel};
-    argv.insert(argv.end(), args.begin(), args.end());
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(out, 1);
-        dup2(out, 2);
-        std::vector<char *> pointers;
-        for (std::string &arg : argv) pointers.push_back(&arg[0]);
-        pointers.push_back(nullptr);
-        execv(pointers[0], pointers.data());
-        _exit(127);
-    }
-    return pid;
 }
 
 std::vector<std::string> sortedNames(const std::string &folder) {
@@ -157,7 +137,7 @@ TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMounted) {
     // The other one by location id, in the foreground, ended by SIGTERM as a
     // service manager would end it.
     std::string log = folder + "/foreground.out";
-    pid_t foreground = startQuorvel({"mount", mountPoint, "--location", "4111", "-f"}, log);
+    pid_t foreground = startProgram({kQuorvel, "mount", mountPoint, "--location", "4111", "-f"}, log);
     ASSERT_GT(foreground, 0);
     ASSERT_TRUE(eventually([&] { return readLocal(log).find("Mounted Alice at") != std::string::npos; }, 120))
         << readLocal(log);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -146,6 +147,22 @@ int runStatus(const std::vector<std::string> &argv) {
     int status = -1;
     runProgram(argv, &status);
     return status;
+}
+
+pid_t startProgram(const std::vector<std::string> &argv, const std::string &outputFile) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(out, 1);
+        dup2(out, 2);
+        std::vector<char *> pointers;
+        for (const std::string &arg : argv) pointers.push_back(const_cast<char *>(arg.c_str()));
+        pointers.push_back(nullptr);
+        execv(pointers[0], pointers.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 bool QuorvelMount::start(unsigned int locationId, const std::vector<std::string> &fuseOptions) {

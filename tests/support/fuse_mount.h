@@ -54,3 +54,7 @@ void waitForQueuedReleases(const std::string &mountPoint);
 std::string runProgram(const std::vector<std::string> &argv, int *status = nullptr);
 // The same for a program whose output does not matter: only its exit status.
 int runStatus(const std::vector<std::string> &argv);
+// Starts a program left running, its standard output and error going to
+// `outputFile`; should this process die first, it gets SIGTERM (as from
+// Ctrl-C). Its process id.
+pid_t startProgram(const std::vector<std::string> &argv, const std::string &outputFile);
