@@ -117,17 +117,6 @@ TEST_F(ListingTest, RootMediaStorageAndAppsMatchTheImage) {
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
-TEST_F(ListingTest, NamesDifferingOnlyInUnicodeFormAreListedOnce) {
-    DevsimImage image = sampleImage();
-    image.files.push_back({std::string("media/general_storage/twice/") + kComposed, "composed"});
-    image.files.push_back({std::string("media/general_storage/twice/") + kDecomposed, "decomposed"});
-    ASSERT_TRUE(startDevice({image}));
-    ASSERT_TRUE(mountDevice(12));
-    std::vector<std::string> first = entriesIn(inMount("/Storage/twice"));
-    EXPECT_EQ(first.size(), 3u);
-    EXPECT_EQ(entriesIn(inMount("/Storage/twice")), first);
-}
-
 TEST_F(ListingTest, PathsAreFoundStraightAfterMountingWithoutAListing) {
     ASSERT_TRUE(startDevice({sampleImage()}));
     ASSERT_TRUE(mountDevice(12));
