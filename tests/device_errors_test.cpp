@@ -27,32 +27,34 @@ const char *sourceName(NativeSource source) {
     return "?";
 }
 
-TEST(DeviceErrors, ResultsTheFileSystemActsOn) {
-    // Lost connection, however each service reports it.
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_MUX_ERROR), LIBIUSB_ERROR_CONNECTION_LOST);
-    // A reply cut short or framed wrong leaves the stream out of step: as lost.
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_NOT_ENOUGH_DATA), LIBIUSB_ERROR_CONNECTION_LOST);
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_OP_HEADER_INVALID), LIBIUSB_ERROR_CONNECTION_LOST);
-    EXPECT_EQ(mapNativeError(NativeSource::Lockdown, LOCKDOWN_E_MUX_ERROR), LIBIUSB_ERROR_CONNECTION_LOST);
-    EXPECT_EQ(mapNativeError(NativeSource::Instproxy, INSTPROXY_E_CONN_FAILED), LIBIUSB_ERROR_CONNECTION_LOST);
-    EXPECT_EQ(mapNativeError(NativeSource::HouseArrest, HOUSE_ARREST_E_UNKNOWN_ERROR),
-              LIBIUSB_ERROR_CONNECTION_LOST);
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_NO_SPACE_LEFT), LIBIUSB_ERROR_NO_SPACE);
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_OBJECT_NOT_FOUND), LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, AFC_E_DIR_NOT_EMPTY), LIBIUSB_ERROR_DIR_NOT_EMPTY);
-    EXPECT_EQ(mapNativeError(NativeSource::Idevice, IDEVICE_E_NO_DEVICE), LIBIUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(mapNativeError(NativeSource::Lockdown, LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING),
-              LIBIUSB_ERROR_TRUST_PENDING);
-    EXPECT_EQ(mapNativeError(NativeSource::Lockdown, LOCKDOWN_E_PASSWORD_PROTECTED),
-              LIBIUSB_ERROR_PASSWORD_PROTECTED);
-}
-
-TEST(DeviceErrors, SameNumberMeansDifferentThingsPerSource) {
-    // -3 is "no device" for idevice but "plist error" for lockdown; 8 is only
-    // meaningful for AFC. The source must decide.
-    EXPECT_EQ(mapNativeError(NativeSource::Idevice, -3), LIBIUSB_ERROR_NO_DEVICE);
+TEST(DeviceErrors, ResultsTheFileSystemActsOnWhicheverSourceReportsThem) {
+    // The same number means different things per source (-3 is "no device"
+    // for idevice but a plist error for lockdown; 8 is only AFC's): the
+    // source decides.
+    const struct {
+        NativeSource source;
+        int native;
+        int code;
+    } rows[] = {
+        {NativeSource::Afc, AFC_E_MUX_ERROR, LIBIUSB_ERROR_CONNECTION_LOST},
+        // A reply cut short or framed wrong leaves the stream out of step: as lost.
+        {NativeSource::Afc, AFC_E_NOT_ENOUGH_DATA, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Afc, AFC_E_OP_HEADER_INVALID, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Lockdown, LOCKDOWN_E_MUX_ERROR, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Instproxy, INSTPROXY_E_CONN_FAILED, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::HouseArrest, HOUSE_ARREST_E_UNKNOWN_ERROR, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Afc, AFC_E_NO_SPACE_LEFT, LIBIUSB_ERROR_NO_SPACE},
+        {NativeSource::Afc, AFC_E_OBJECT_NOT_FOUND, LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND},
+        {NativeSource::Afc, AFC_E_DIR_NOT_EMPTY, LIBIUSB_ERROR_DIR_NOT_EMPTY},
+        {NativeSource::Idevice, IDEVICE_E_NO_DEVICE, LIBIUSB_ERROR_NO_DEVICE},
+        {NativeSource::Lockdown, LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING, LIBIUSB_ERROR_TRUST_PENDING},
+        {NativeSource::Lockdown, LOCKDOWN_E_PASSWORD_PROTECTED, LIBIUSB_ERROR_PASSWORD_PROTECTED},
+        {NativeSource::Idevice, -3, LIBIUSB_ERROR_NO_DEVICE},
+        {NativeSource::Afc, 8, LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(mapNativeError(row.source, row.native), row.code) << sourceName(row.source) << " " << row.native;
     EXPECT_NE(mapNativeError(NativeSource::Lockdown, -3), LIBIUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, 8), LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
     EXPECT_NE(mapNativeError(NativeSource::Instproxy, 8), LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
 }
 

@@ -10,22 +10,14 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <sstream>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string read_host_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 std::map<std::string, std::string> to_map(char** list) {
   std::map<std::string, std::string> result;
@@ -158,13 +150,13 @@ TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
   ASSERT_EQ(afc_file_tell(afc_, h, &position), AFC_E_SUCCESS);
   EXPECT_EQ(position, 11u);
   afc_file_close(afc_, h);
-  EXPECT_EQ(read_host_file(media_ + "/general_storage/hello.txt"), "hello WORLD");
+  EXPECT_EQ(readLocal(media_ + "/general_storage/hello.txt"), "hello WORLD");
 
   // w: truncates; w+ creates and reads back.
   h = open("/general_storage/hello.txt", AFC_FOPEN_WRONLY);
   write(h, "new");
   afc_file_close(afc_, h);
-  EXPECT_EQ(read_host_file(media_ + "/general_storage/hello.txt"), "new");
+  EXPECT_EQ(readLocal(media_ + "/general_storage/hello.txt"), "new");
   h = open("/general_storage/created.txt", AFC_FOPEN_WR);
   write(h, "abcdef");
   ASSERT_EQ(afc_file_seek(afc_, h, -3, SEEK_END), AFC_E_SUCCESS);
@@ -181,7 +173,7 @@ TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
   ASSERT_EQ(afc_file_seek(afc_, h, 1, SEEK_SET), AFC_E_SUCCESS);
   write(h, "XY");
   afc_file_close(afc_, h);
-  EXPECT_EQ(read_host_file(media_ + "/general_storage/created.txt"), "abcdef123XY");
+  EXPECT_EQ(readLocal(media_ + "/general_storage/created.txt"), "abcdef123XY");
 
   // Handles are per connection and die with close.
   EXPECT_EQ(afc_file_close(afc_, 12345), AFC_E_INVALID_ARG);
@@ -196,7 +188,7 @@ TEST_F(DevsimAfcTest, ChangesTheNamespaceWithAPhonesErrors) {
   EXPECT_TRUE(fs::is_directory(media_ + "/general_storage/new"));
 
   EXPECT_EQ(afc_rename_path(afc_, "/general_storage/hello.txt", "/general_storage/new/moved.txt"), AFC_E_SUCCESS);
-  EXPECT_EQ(read_host_file(media_ + "/general_storage/new/moved.txt"), "hello world");
+  EXPECT_EQ(readLocal(media_ + "/general_storage/new/moved.txt"), "hello world");
   EXPECT_EQ(afc_rename_path(afc_, "/general_storage/hello.txt", "/x"), AFC_E_OBJECT_NOT_FOUND);
 
   // A folder with something in it is refused; the client reports it as not empty.
@@ -256,7 +248,7 @@ TEST_F(DevsimAfcTest, PathsNeverLeaveTheMediaFolder) {
   uint64_t h = open("../../escaped.txt", AFC_FOPEN_WRONLY);
   write(h, "inside");
   afc_file_close(afc_, h);
-  EXPECT_EQ(read_host_file(media_ + "/escaped.txt"), "inside");
+  EXPECT_EQ(readLocal(media_ + "/escaped.txt"), "inside");
   EXPECT_FALSE(fs::exists(sim_.image_dir(0) + "/escaped.txt"));
   EXPECT_EQ(afc_rename_path(afc_, "/escaped.txt", "/../../../moved.txt"), AFC_E_SUCCESS);
   EXPECT_TRUE(fs::exists(media_ + "/moved.txt"));
@@ -265,7 +257,7 @@ TEST_F(DevsimAfcTest, PathsNeverLeaveTheMediaFolder) {
   open("/dangling", AFC_FOPEN_WRONLY, AFC_E_OBJECT_NOT_FOUND);
   EXPECT_FALSE(fs::exists(sim_.work_dir() + "/created-outside.txt"));
   EXPECT_EQ(afc_remove_path_and_contents(afc_, "/.."), AFC_E_PERM_DENIED);
-  EXPECT_EQ(read_host_file(outside), "must stay unreachable");
+  EXPECT_EQ(readLocal(outside), "must stay unreachable");
 }
 
 TEST_F(DevsimAfcTest, WritesBeyondCapacityFailWithNoSpaceAndWriteNothing) {
@@ -281,7 +273,7 @@ TEST_F(DevsimAfcTest, WritesBeyondCapacityFailWithNoSpaceAndWriteNothing) {
   write(h, std::string(400, 'c'));
   write(h, "d", AFC_E_NO_SPACE_LEFT);
   afc_file_close(afc_, h);
-  EXPECT_EQ(read_host_file(media_ + "/general_storage/fill.bin"), std::string(600, 'a') + std::string(400, 'c'));
+  EXPECT_EQ(readLocal(media_ + "/general_storage/fill.bin"), std::string(600, 'a') + std::string(400, 'c'));
 
   ASSERT_EQ(afc_get_device_info(afc_, &device_info), AFC_E_SUCCESS);
   EXPECT_EQ(to_map(device_info)["FSFreeBytes"], "0");

@@ -11,24 +11,12 @@
 #include <chrono>
 #include <fstream>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 
 namespace {
-
-// Waits up to `seconds` (generously) for `condition`.
-template <typename Condition>
-bool eventually(Condition condition, int seconds = 30) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return condition();
-}
 
 bool device_listed(const std::string& udid) {
   char** list = nullptr;

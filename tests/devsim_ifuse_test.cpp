@@ -7,29 +7,13 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::string patterned_bytes(size_t length) {
-  std::string bytes(length, '\0');
-  uint32_t state = 12345;
-  for (size_t i = 0; i < length; ++i) {
-    state = state * 1103515245u + 12345u;
-    bytes[i] = static_cast<char>(state >> 16);
-  }
-  return bytes;
-}
 
 class DevsimIfuseTest : public ::testing::Test {
  protected:
@@ -100,18 +84,18 @@ TEST_F(DevsimIfuseTest, MediaRootBehavesAsOnAPhone) {
   EXPECT_EQ(output, "odd name\n");
 
   // Both directions, byte for byte, including a 64 MiB file.
-  std::string big = patterned_bytes(64 * 1024 * 1024);
+  std::string big = randomBytes(64 * 1024 * 1024, 12345);
   std::ofstream(scratch_ + "/big.bin", std::ios::binary) << big;
   run({"cp", scratch_ + "/big.bin", storage + "/big.bin"});
-  EXPECT_TRUE(read_file(media_ + "/general_storage/big.bin") == big);
+  EXPECT_TRUE(readLocal(media_ + "/general_storage/big.bin") == big);
   run({"cp", storage + "/big.bin", scratch_ + "/back.bin"});
-  EXPECT_TRUE(read_file(scratch_ + "/back.bin") == big);
+  EXPECT_TRUE(readLocal(scratch_ + "/back.bin") == big);
   run({"cp", storage + "/readme.txt", scratch_ + "/readme.txt"});
-  EXPECT_EQ(read_file(scratch_ + "/readme.txt"), "read me\n");
+  EXPECT_EQ(readLocal(scratch_ + "/readme.txt"), "read me\n");
   // Copying over an existing, longer file leaves exactly the new bytes.
   std::ofstream(scratch_ + "/short.txt") << "short";
   run({"cp", scratch_ + "/short.txt", storage + "/readme.txt"});
-  EXPECT_EQ(read_file(media_ + "/general_storage/readme.txt"), "short");
+  EXPECT_EQ(readLocal(media_ + "/general_storage/readme.txt"), "short");
 
   run({"mkdir", storage + "/made"});
   EXPECT_TRUE(fs::is_directory(media_ + "/general_storage/made"));
@@ -119,11 +103,11 @@ TEST_F(DevsimIfuseTest, MediaRootBehavesAsOnAPhone) {
   EXPECT_FALSE(fs::exists(media_ + "/general_storage/big.bin"));
   EXPECT_EQ(fs::file_size(media_ + "/general_storage/made/moved.bin"), big.size());
   run({"truncate", "-s", "1000", storage + "/made/moved.bin"});
-  EXPECT_TRUE(read_file(media_ + "/general_storage/made/moved.bin") == big.substr(0, 1000));
+  EXPECT_TRUE(readLocal(media_ + "/general_storage/made/moved.bin") == big.substr(0, 1000));
 
   // An append-mode open appends.
   run({"sh", "-c", "printf ' more' >> \"$1\"", "sh", storage + "/readme.txt"});
-  EXPECT_EQ(read_file(media_ + "/general_storage/readme.txt"), "short more");
+  EXPECT_EQ(readLocal(media_ + "/general_storage/readme.txt"), "short more");
 
   EXPECT_NE(run_program({"rmdir", storage + "/made"}), 0);  // not empty
   run({"rm", storage + "/made/moved.bin"});
@@ -149,7 +133,7 @@ TEST_F(DevsimIfuseTest, DocumentsOfASharingAppMountAndOthersAreRefused) {
   EXPECT_EQ(output, "a note\n");
   std::ofstream(scratch_ + "/in.txt") << "copied in";
   run({"cp", scratch_ + "/in.txt", docs + "/in.txt"});
-  EXPECT_EQ(read_file(sim_.image_dir(0) + "/apps/com.example.notes/Documents/in.txt"), "copied in");
+  EXPECT_EQ(readLocal(sim_.image_dir(0) + "/apps/com.example.notes/Documents/in.txt"), "copied in");
   run({"mkdir", docs + "/Sub"});
   EXPECT_TRUE(fs::is_directory(sim_.image_dir(0) + "/apps/com.example.notes/Documents/Sub"));
 

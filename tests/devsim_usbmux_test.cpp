@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 
 namespace fs = std::filesystem;
@@ -128,9 +129,8 @@ TEST_F(DevsimUsbmuxTest, ServesPairRecordsSoNoPairingIsNeeded) {
 }
 
 TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
-  char pattern[] = "/tmp/devsim-json-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  std::string dir = pattern;
+  std::string dir = makeTempDir("devsim-json-");
+  ASSERT_FALSE(dir.empty());
   struct Case {
     const char* json;
     const char* mentions;
@@ -154,13 +154,13 @@ TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
   std::ofstream(dir + "/device.json", std::ios::trunc) << R"({"udid": "abc"})";
   ASSERT_TRUE(sim_.start_with_dirs({dir})) << sim_.error();
   EXPECT_TRUE(sim_.stop()) << sim_.error();
-  fs::remove_all(dir);
+  removeTree(dir);
 }
 
 TEST_F(DevsimUsbmuxTest, MakeSampleWritesAUsableImage) {
-  char pattern[] = "/tmp/devsim-sample-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  std::string dir = std::string(pattern) + "/image";
+  std::string pattern = makeTempDir("devsim-sample-");
+  ASSERT_FALSE(pattern.empty());
+  std::string dir = pattern + "/image";
   std::string output;
   ASSERT_EQ(run_program({devsim_program(), "make-sample", dir}, &output), 0) << output;
   EXPECT_NE(run_program({devsim_program(), "make-sample", dir}, &output), 0);  // never over an existing image
@@ -180,13 +180,12 @@ TEST_F(DevsimUsbmuxTest, MakeSampleWritesAUsableImage) {
   if (device) idevice_free(device);
   EXPECT_TRUE(sim_.stop()) << sim_.error();
   EXPECT_FALSE(fs::exists(storage + "/pwned"));
-  fs::remove_all(pattern);
+  removeTree(pattern);
 }
 
 TEST_F(DevsimUsbmuxTest, StopsOnSigintAndRemovesItsSockets) {
-  char pattern[] = "/tmp/devsim-sigint-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  std::string dir = pattern;
+  std::string dir = makeTempDir("devsim-sigint-");
+  ASSERT_FALSE(dir.empty());
   DevsimImage image;
   image.udid = "5161e700000000000000000000000000000000aa";
   ASSERT_TRUE(write_devsim_image(dir + "/image", image));
@@ -210,7 +209,7 @@ TEST_F(DevsimUsbmuxTest, StopsOnSigintAndRemovesItsSockets) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_FALSE(fs::exists(socket));
   EXPECT_FALSE(fs::exists(socket + ".control"));
-  fs::remove_all(dir);
+  removeTree(dir);
 }
 
 }  // namespace

@@ -25,12 +25,6 @@ void writeLocal(const std::string &path, const std::string &bytes) {
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-int run(const std::vector<std::string> &argv) {
-    int status = -1;
-    runProgram(argv, &status);
-    return status;
-}
-
 // Runs `request` and says whether it came back within a minute: a request
 // that hangs after a fault is a failure in itself. (A guard, not a timing.)
 template <typename Request>
@@ -39,29 +33,14 @@ bool answers(Request request) {
     return done.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
 }
 
-// The 22-byte transfer record the tray receives.
-std::string transferRecord(uint32_t kind, uint64_t size, const std::string &extension) {
-    std::string record(22, '\0');
-    memcpy(&record[0], &kind, 4);
-    memcpy(&record[4], &size, 8);
-    memcpy(&record[12], extension.data(), std::min<size_t>(extension.size(), 9));
-    return record;
-}
-
 class FileDataTest : public MountedDeviceTest {
 protected:
     // Waits for at least one dialog after the first *seen, then until no
     // more come (a fault may fail several requests in flight), and checks
     // that every new one is an error dialog saying `message`.
     void expectNewDialogsSay(size_t *seen, const std::string &message) {
-        std::vector<RecordedDialog> shown = dialogs.waitForDialogs(*seen + 1);
+        std::vector<RecordedDialog> shown = dialogs.waitForDialogsToSettle(*seen + 1, 10);
         ASSERT_GT(shown.size(), *seen) << "no dialog for: " << message;
-        for (size_t settled = 0; settled < 10;) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            size_t before = shown.size();
-            shown = dialogs.dialogs();
-            settled = shown.size() == before ? settled + 1 : 0;
-        }
         for (size_t i = *seen; i < shown.size(); ++i) {
             EXPECT_EQ(shown[i].message, message);
             EXPECT_EQ(shown[i].title, "Quorvel Error!!");
@@ -83,8 +62,6 @@ protected:
                        {"media/general_storage/gone.txt", "about to vanish"}};
         return phone;
     }
-    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
-    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
     void mountFresh() {
         ASSERT_TRUE(mountDevice(51));
         // Both areas listed, as a user's file manager would have them.
@@ -103,10 +80,10 @@ TEST_F(FileDataTest, CopiesInAndOutKeepEveryByteInStorageAndInAnApp) {
             std::string bytes = randomBytes(size, static_cast<unsigned>(size));
             std::string local = tempDir + "/" + name;
             writeLocal(local, bytes);
-            ASSERT_EQ(run({"cp", local, inMount(area.first + "/" + name)}), 0) << area.first << " " << size;
+            ASSERT_EQ(runStatus({"cp", local, inMount(area.first + "/" + name)}), 0) << area.first << " " << size;
             EXPECT_EQ(readLocal(area.second + "/" + name), bytes) << "on the device: " << area.first << " " << size;
             std::string back = tempDir + "/back-" + name;
-            ASSERT_EQ(run({"cp", inMount(area.first + "/" + name), back}), 0);
+            ASSERT_EQ(runStatus({"cp", inMount(area.first + "/" + name), back}), 0);
             EXPECT_EQ(readLocal(back), bytes) << "copied out: " << area.first << " " << size;
             struct stat st;
             ASSERT_EQ(stat(inMount(area.first + "/" + name).c_str(), &st), 0);
@@ -140,12 +117,12 @@ TEST_F(FileDataTest, ChangesInPlaceLeaveExactlyTheBytesAsked) {
 
     // cp over a longer file leaves exactly the new bytes.
     writeLocal(tempDir + "/short.txt", "short");
-    ASSERT_EQ(run({"cp", tempDir + "/short.txt", inMount("/Storage/long.txt")}), 0);
+    ASSERT_EQ(runStatus({"cp", tempDir + "/short.txt", inMount("/Storage/long.txt")}), 0);
     EXPECT_EQ(readLocal(storageImage() + "/long.txt"), "short");
 
     // dd conv=notrunc changes only its own bytes.
     writeLocal(tempDir + "/patch", "XYZ");
-    ASSERT_EQ(run({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "bs=1", "seek=40",
+    ASSERT_EQ(runStatus({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "bs=1", "seek=40",
                    "conv=notrunc", "status=none"}),
               0);
     std::string edited(100, 'a');
@@ -153,16 +130,16 @@ TEST_F(FileDataTest, ChangesInPlaceLeaveExactlyTheBytesAsked) {
     EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited);
 
     // truncate shrinks and grows the device file; stat agrees at once.
-    ASSERT_EQ(run({"truncate", "-s", "10", inMount("/Storage/edit.bin")}), 0);
+    ASSERT_EQ(runStatus({"truncate", "-s", "10", inMount("/Storage/edit.bin")}), 0);
     EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10));
-    ASSERT_EQ(run({"truncate", "-s", "20", inMount("/Storage/edit.bin")}), 0);
+    ASSERT_EQ(runStatus({"truncate", "-s", "20", inMount("/Storage/edit.bin")}), 0);
     EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0'));
     struct stat st;
     ASSERT_EQ(stat(inMount("/Storage/edit.bin").c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 20);
 
     // Appending (as >> does) lands at the end.
-    ASSERT_EQ(run({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "oflag=append",
+    ASSERT_EQ(runStatus({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "oflag=append",
                    "conv=notrunc", "status=none"}),
               0);
     EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0') + "XYZ");
@@ -189,16 +166,16 @@ TEST_F(FileDataTest, TheTrayHearsOfEveryFileReadThroughAndWritten) {
     mountFresh();
     ASSERT_TRUE(tray.waitFor("-neoff"));
 
-    ASSERT_EQ(run({"cp", inMount("/Storage/song.mp3"), tempDir + "/song.mp3"}), 0);
-    EXPECT_TRUE(tray.waitFor(transferRecord(1, 200000, "mp3"))) << "read through";
+    ASSERT_EQ(runStatus({"cp", inMount("/Storage/song.mp3"), tempDir + "/song.mp3"}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecordBytes(1, 200000, "mp3"))) << "read through";
 
     writeLocal(tempDir + "/upload.jpeg", randomBytes(70000, 3));
-    ASSERT_EQ(run({"cp", tempDir + "/upload.jpeg", inMount("/Storage/in/upload.jpeg")}), 0);
-    EXPECT_TRUE(tray.waitFor(transferRecord(2, 70000, "jpeg"))) << "written";
+    ASSERT_EQ(runStatus({"cp", tempDir + "/upload.jpeg", inMount("/Storage/in/upload.jpeg")}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecordBytes(2, 70000, "jpeg"))) << "written";
 
     // An extension longer than 8 characters travels cut to its first 9.
-    ASSERT_EQ(run({"cp", inMount("/Storage/notes.abcdefghijkl"), tempDir + "/notes"}), 0);
-    EXPECT_TRUE(tray.waitFor(transferRecord(1, 23, "abcdefghi")));
+    ASSERT_EQ(runStatus({"cp", inMount("/Storage/notes.abcdefghijkl"), tempDir + "/notes"}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecordBytes(1, 23, "abcdefghi")));
     EXPECT_NE(tray.bytes().find("-ncdat"), std::string::npos);
 }
 
@@ -230,7 +207,7 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     // The connection drops while a file is being read. The kernel may have
     // several reads in flight: each one fails the same way.
     ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
-    EXPECT_TRUE(answers([&] { return run({"cp", inMount("/Storage/big.bin"), tempDir + "/big.out"}); }));
+    EXPECT_TRUE(answers([&] { return runStatus({"cp", inMount("/Storage/big.bin"), tempDir + "/big.out"}); }));
     EXPECT_NE(readLocal(tempDir + "/big.out"), original);
     expectNewDialogsSay(&seen, "Lost USB connection.\nReading aborted.");
     EXPECT_GE(mount.countLog("tarnifs_read libiusb_afc_file_read fail. Err=-32, path(/Storage/big.bin)"), 1);
@@ -238,7 +215,7 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     // The mount stays up and answers at once.
     struct stat st;
     EXPECT_TRUE(answers([&] { return stat(inMount("/Storage/big.bin").c_str(), &st); }));
-    EXPECT_TRUE(answers([&] { return run({"ls", inMount("/Storage")}); }));
+    EXPECT_TRUE(answers([&] { return runStatus({"ls", inMount("/Storage")}); }));
     EXPECT_EQ(unmountDevice(), 0);
     ASSERT_EQ(sim.control("clear " + udid), "ok");
 
@@ -248,11 +225,11 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     std::string upload = randomBytes(3 << 20, 11);
     writeLocal(tempDir + "/upload.bin", upload);
     ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
-    EXPECT_TRUE(answers([&] { return run({"cp", tempDir + "/upload.bin", inMount("/Storage/in/upload.bin")}); }));
+    EXPECT_TRUE(answers([&] { return runStatus({"cp", tempDir + "/upload.bin", inMount("/Storage/in/upload.bin")}); }));
     expectNewDialogsSay(&seen, "Lost USB connection.\nWriting aborted.");
     EXPECT_EQ(mount.countLog("tarnifs_write libiusb_afc_file_write failed. path(/Storage/in/upload.bin) ret -32"), 1);
     EXPECT_EQ(readLocal(tempDir + "/upload.bin"), upload);
-    EXPECT_TRUE(answers([&] { return run({"ls", inMount("/Storage/in")}); }));
+    EXPECT_TRUE(answers([&] { return runStatus({"ls", inMount("/Storage/in")}); }));
     EXPECT_EQ(unmountDevice(), 0);
     ASSERT_EQ(sim.control("clear " + udid), "ok");
 
@@ -267,7 +244,7 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     ASSERT_EQ(sim.control("capacity " + udid + " " + std::to_string(used + room)), "ok");
     std::string tooBig = randomBytes(2 << 20, 12);
     writeLocal(tempDir + "/toobig.bin", tooBig);
-    EXPECT_TRUE(answers([&] { return run({"cp", tempDir + "/toobig.bin", inMount("/Storage/in/toobig.bin")}); }));
+    EXPECT_TRUE(answers([&] { return runStatus({"cp", tempDir + "/toobig.bin", inMount("/Storage/in/toobig.bin")}); }));
     expectNewDialogsSay(&seen, "Could not write a file.\nError Code : -62");
     struct stat partial;
     ASSERT_EQ(stat((storageImage() + "/in/toobig.bin").c_str(), &partial), 0);

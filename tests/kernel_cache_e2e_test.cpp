@@ -1,7 +1,6 @@
 // What the kernel keeps of the mount: listings hand it every entry's
 // attributes, so listing a folder again asks next to nothing; and every change
 // made through the mount is seen by the very next stat.
-#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -19,15 +18,6 @@
 #include "tests/support/mount_fixture.h"
 
 namespace {
-
-std::vector<std::string> namesInOrder(const std::string &path) {
-    std::vector<std::string> names;
-    DIR *dir = opendir(path.c_str());
-    if (dir == nullptr) return names;
-    while (struct dirent *entry = readdir(dir)) names.push_back(entry->d_name);
-    closedir(dir);
-    return names;
-}
 
 class KernelCacheTest : public MountedDeviceTest {
 protected:
@@ -71,7 +61,7 @@ TEST_F(KernelCacheTest, ASecondLongListingOfAThousandEntriesAsksFarLessThanOnceA
     int asked = requestsSoFar() - before;
 
     EXPECT_EQ(second, first) << "the same names, order and attributes";
-    std::vector<std::string> names = namesInOrder(folder);
+    std::vector<std::string> names = entriesIn(folder);
     EXPECT_EQ(names.size(), 1002u);
     // Every entry's size reached `ls` correctly through the listing.
     std::istringstream lines(second);
@@ -104,9 +94,7 @@ TEST_F(KernelCacheTest, StatRightAfterEachChangeThroughTheMountGivesTheNewAnswer
     ASSERT_EQ(stat(file.c_str(), &st), 0);
     ASSERT_EQ(st.st_size, 12);
 
-    int status = -1;
-    runProgram({"truncate", "-s", "4000", file}, &status);
-    ASSERT_EQ(status, 0);
+    ASSERT_EQ(runStatus({"truncate", "-s", "4000", file}), 0);
     ASSERT_EQ(stat(file.c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 4000);
     // A listing hands the kernel the same new size.
@@ -114,8 +102,7 @@ TEST_F(KernelCacheTest, StatRightAfterEachChangeThroughTheMountGivesTheNewAnswer
     EXPECT_NE(listing.find(" 4000 "), std::string::npos) << listing;
 
     time_t before = time(nullptr);
-    runProgram({"touch", "-d", "2001-01-01", file}, &status);
-    ASSERT_EQ(status, 0);
+    ASSERT_EQ(runStatus({"touch", "-d", "2001-01-01", file}), 0);
     ASSERT_EQ(stat(file.c_str(), &st), 0);
     EXPECT_GE(st.st_mtime, before) << "a modification time change becomes the time of the change";
 

@@ -8,11 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "device/libiusb.h"
@@ -22,30 +18,6 @@ namespace {
 
 const char kComposed[] = "caf\xC3\xA9.txt";
 const char kDecomposed[] = "cafe\xCC\x81.txt";
-
-std::string numbered(const char *prefix, int index) {
-    char name[64];
-    snprintf(name, sizeof(name), "%s%05d", prefix, index);
-    return name;
-}
-
-// Names as readdir gives them, without "." and "..", in order.
-std::vector<std::string> readFolder(const std::string &path, int *error = nullptr) {
-    std::vector<std::string> names;
-    DIR *dir = opendir(path.c_str());
-    if (dir == nullptr) {
-        if (error != nullptr) *error = errno;
-        return names;
-    }
-    errno = 0;
-    while (struct dirent *entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..") names.push_back(name);
-    }
-    if (error != nullptr) *error = errno;
-    closedir(dir);
-    return names;
-}
 
 // The two spellings of one name meet in one record, shown once, under the
 // name the device gave first.
@@ -60,24 +32,16 @@ std::vector<std::string> shownOnce(const std::vector<std::string> &order) {
     return names;
 }
 
-template <typename Condition>
-bool eventually(Condition condition) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return condition();
-}
-
 // Files of many sizes, sub-folders holding a file, and hidden names, with
 // modification times an hour apart.
-void fillFolder(DevsimImage &image, const std::string &folder, int count, const char *prefix) {
+void fillFolder(DevsimImage &image, const std::string &folder, size_t count, const char *prefix) {
     image.files.push_back({folder + "/.hidden", "never listed"});
     image.files.push_back({folder + "/._" + prefix, "never listed"});
-    for (int i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         if (i % 11 == 5)
             image.files.push_back({folder + "/" + numbered("dir", i) + "/inside.txt", "inside"});
         else
-            image.files.push_back({folder + "/" + numbered(prefix, i), std::string(static_cast<size_t>(i * 37 % 3001), 'q')});
+            image.files.push_back({folder + "/" + numbered(prefix, i), std::string(i * 37 % 3001, 'q')});
     }
 }
 
@@ -100,7 +64,7 @@ class LargeListingTest : public MountedDeviceTest {
 protected:
     static constexpr uint32_t kLocation = 51;
 
-    DevsimImage largeImage(int storageEntries, int appEntries) {
+    DevsimImage largeImage(size_t storageEntries, size_t appEntries) {
         DevsimImage image;
         image.name = "Crowded";
         image.location_id = kLocation;
@@ -112,8 +76,6 @@ protected:
         return image;
     }
 
-    std::string storageImage(const std::string &folder) { return sim.image_dir(0) + "/media/general_storage/" + folder; }
-    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.reader/Documents"; }
 
     // A folder's names as the device lists them, asked over a connection of
     // this test's own: the order any listing must keep.
@@ -141,10 +103,7 @@ protected:
         return names;
     }
 
-    int connections(const std::string &service = "") {
-        std::string reply = sim.control("connections " + sim.udid(0) + (service.empty() ? "" : " " + service));
-        return reply.rfind("ok ", 0) == 0 ? atoi(reply.c_str() + 3) : -1;
-    }
+    int connections(const std::string &service = "") { return sim.connections(0, service); }
 
     // Every name shown stats as its image entry: kind, size, modification time.
     void expectImageAttributes(const std::string &image, const std::string &mounted,
@@ -172,34 +131,34 @@ TEST_F(LargeListingTest, FoldersOfThousandsListInDeviceOrderWithTheImagesAttribu
     DevsimImage image = largeImage(3000, 2000);
     fillFolder(image, "media/general_storage/more", 800, "clip");
     ASSERT_TRUE(startDevice({image}));
-    stampTimes(storageImage("many"));
-    stampTimes(appImage());
+    stampTimes(storageImage() + "/many");
+    stampTimes(appImage("com.example.reader"));
     ASSERT_TRUE(mountDevice(kLocation));
 
     std::vector<std::string> order = deviceOrder("/general_storage/many");
     ASSERT_EQ(order.size(), 3002u);
     std::vector<std::string> expected = shownOnce(order);
     ASSERT_EQ(expected.size(), 3001u);
-    std::vector<std::string> shown = readFolder(inMount("/Storage/many"));
+    std::vector<std::string> shown = namesIn(inMount("/Storage/many"));
     EXPECT_EQ(shown, expected);
-    EXPECT_EQ(readFolder(inMount("/Storage/many")), shown) << "the second listing comes from memory, the same";
+    EXPECT_EQ(namesIn(inMount("/Storage/many")), shown) << "the second listing comes from memory, the same";
     std::vector<std::string> plain(expected.begin(), expected.end());
     plain.erase(std::remove_if(plain.begin(), plain.end(),
                                [](const std::string &n) { return n == kComposed || n == kDecomposed; }),
                 plain.end());
-    expectImageAttributes(storageImage("many"), inMount("/Storage/many"), plain);
-    EXPECT_EQ(readFolder(inMount("/Storage/many/" + numbered("dir", 5))), std::vector<std::string>{"inside.txt"});
+    expectImageAttributes(storageImage() + "/many", inMount("/Storage/many"), plain);
+    EXPECT_EQ(namesIn(inMount("/Storage/many/" + numbered("dir", 5))), std::vector<std::string>{"inside.txt"});
 
     std::vector<std::string> pages = deviceOrder("/Documents", "com.example.reader");
     ASSERT_EQ(pages.size(), 2000u);
-    EXPECT_EQ(readFolder(inMount("/Apps/Reader")), pages);
-    expectImageAttributes(appImage(), inMount("/Apps/Reader"), pages);
+    EXPECT_EQ(namesIn(inMount("/Apps/Reader")), pages);
+    expectImageAttributes(appImage("com.example.reader"), inMount("/Apps/Reader"), pages);
 
     // Storage keeps its extra connections for the next large listing; an
     // app listing closes all of its own.
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
     EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
-    EXPECT_EQ(readFolder(inMount("/Storage/more")), deviceOrder("/general_storage/more"));
+    EXPECT_EQ(namesIn(inMount("/Storage/more")), deviceOrder("/general_storage/more"));
     EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
 
     EXPECT_TRUE(dialogs.dialogs().empty());
@@ -221,7 +180,7 @@ TEST_F(LargeListingTest, AnUnreadableEntryInTheMiddleFailsAStorageListingAndIsLe
     ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /Documents/" + pages[700] + " io-error"), "ok");
 
     int error = 0;
-    readFolder(inMount("/Storage/many"), &error);
+    namesIn(inMount("/Storage/many"), &error);
     EXPECT_EQ(error, ECANCELED);
     std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
     ASSERT_EQ(shown.size(), 1u);
@@ -233,13 +192,13 @@ TEST_F(LargeListingTest, AnUnreadableEntryInTheMiddleFailsAStorageListingAndIsLe
     // In an app the entry is only missing, and nothing is shown.
     std::vector<std::string> withoutOne = pages;
     withoutOne.erase(withoutOne.begin() + 700);
-    EXPECT_EQ(readFolder(inMount("/Apps/Reader"), &error), withoutOne);
+    EXPECT_EQ(namesIn(inMount("/Apps/Reader"), &error), withoutOne);
     EXPECT_EQ(error, 0);
     EXPECT_EQ(mount.countLog("enumApps libiusb_afc_file_get_info failed. error : -30"), 1);
 
     // Once the device answers, the Storage folder lists whole.
     ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
-    EXPECT_EQ(readFolder(inMount("/Storage/many"), &error), shownOnce(order));
+    EXPECT_EQ(namesIn(inMount("/Storage/many"), &error), shownOnce(order));
     EXPECT_EQ(error, 0);
     EXPECT_EQ(dialogs.dialogs().size(), 1u);
     EXPECT_EQ(unmountDevice(), 0);
@@ -252,7 +211,7 @@ TEST_F(LargeListingTest, ADeviceLostInTheMiddleOfALargeListingFailsItOnceAndUnmo
     ASSERT_EQ(sim.control("drop-after-requests " + sim.udid(0) + " 600"), "ok");
 
     int error = 0;
-    readFolder(inMount("/Storage/many"), &error);
+    namesIn(inMount("/Storage/many"), &error);
     EXPECT_EQ(error, ECANCELED);
     std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
     ASSERT_EQ(shown.size(), 1u);

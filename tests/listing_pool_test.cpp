@@ -6,11 +6,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tarnifs/catalogue.h"
@@ -24,21 +22,6 @@ namespace {
 int collectName(void *buffer, const char *name, const struct stat *, off_t, enum fuse_fill_dir_flags) {
     static_cast<std::vector<std::string> *>(buffer)->emplace_back(name);
     return 0;
-}
-
-std::string numbered(const char *prefix, size_t index) {
-    char name[64];
-    snprintf(name, sizeof(name), "%s%05zu", prefix, index);
-    return name;
-}
-
-// Waits (generously) for devsim to have seen connections open or close.
-template <typename Condition>
-bool eventually(Condition condition) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return condition();
 }
 
 class PooledListingTest : public ConnectedContextTest {
@@ -66,11 +49,7 @@ protected:
         ASSERT_TRUE(eventually([&] { return connections("") == 3; })) << connections("");
     }
 
-    // The connections devsim has open from us, all or to one service.
-    int connections(const std::string &service) {
-        std::string reply = sim.control("connections " + sim.udid(0) + (service.empty() ? "" : " " + service));
-        return reply.rfind("ok ", 0) == 0 ? atoi(reply.c_str() + 3) : -1;
-    }
+    int connections(const std::string &service) { return sim.connections(0, service); }
 
     // The folder's visible entries as the device lists them, in its order.
     std::vector<std::string> deviceOrder(const std::string &devicePath, libiusb_afc *afc) {
@@ -82,22 +61,6 @@ protected:
         libiusb_misc_free_strings_array(entries);
         return names;
     }
-
-    std::vector<std::string> linkedChildren(const char *path) {
-        std::vector<std::string> names;
-        _KTL_OBJECT *folder = FindObject(path);
-        if (folder == nullptr) return names;
-        for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next)
-            names.push_back(ObjectFromSibling(link)->file_name);
-        return names;
-    }
-
-    int countLog(const std::string &message) {
-        int count = 0;
-        for (const std::string &line : logMessages()) count += line == message;
-        return count;
-    }
-
 };
 
 // Folders on both sides of the size from which the pool is used; each has
@@ -129,14 +92,14 @@ TEST_F(PooledListingTest, AStorageEntryThatCannotBeReadEndsTheWalkThereWhateverT
         ASSERT_EQ(order.size(), size);
         size_t failing = size / 2;
         ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " " + devicePath + "/" + order[failing] + " io-error"), "ok");
-        int linesBefore = countLog(failedLine);
+        int linesBefore = logCount(failedLine);
 
         std::vector<std::string> emitted;
         EXPECT_EQ(enumStorage(&context, path.c_str(), &emitted, collectName, 0), LIBIUSB_ERROR_IO);
         std::vector<std::string> before(order.begin(), order.begin() + static_cast<long>(failing));
         EXPECT_EQ(emitted, before);
-        EXPECT_EQ(linkedChildren(path.c_str()), before);
-        EXPECT_EQ(countLog(failedLine), linesBefore + 1);
+        EXPECT_EQ(childNames(path.c_str()), before);
+        EXPECT_EQ(logCount(failedLine), linesBefore + 1);
         // Nothing after the failing entry got a record either.
         for (size_t i = failing; i < size; ++i) EXPECT_EQ(FindObject((path + "/" + order[i]).c_str()), nullptr) << order[i];
         // The pool is kept for the next large listing; small ones never open it.
@@ -149,7 +112,7 @@ TEST_F(PooledListingTest, AStorageEntryThatCannotBeReadEndsTheWalkThereWhateverT
         EXPECT_EQ(listFolder(&context, path.c_str(), &emitted, collectName, 0), 0);
         ASSERT_GE(emitted.size(), 2u);
         EXPECT_EQ(std::vector<std::string>(emitted.begin() + 2, emitted.end()), order);
-        EXPECT_EQ(linkedChildren(path.c_str()), order);
+        EXPECT_EQ(childNames(path.c_str()), order);
         // Each record holds its own entry's answer.
         for (const std::string &name : order) {
             struct stat st;
@@ -197,8 +160,8 @@ TEST_F(PooledListingTest, AnAppEntryThatCannotBeReadIsLeftOutAndTheWalkGoesOn) {
     for (size_t i = 0; i < order.size(); ++i)
         if (i != 5 && i != 350 && i != 699) expected.push_back(order[i]);
     EXPECT_EQ(emitted, expected);
-    EXPECT_EQ(linkedChildren("/Apps/Reader"), expected);
-    EXPECT_EQ(countLog("enumApps libiusb_afc_file_get_info failed. error : -30"), 3);
+    EXPECT_EQ(childNames("/Apps/Reader"), expected);
+    EXPECT_EQ(logCount("enumApps libiusb_afc_file_get_info failed. error : -30"), 3);
     _KTL_OBJECT *book = FindObject(("/Apps/Reader/" + numbered("books", 4)).c_str());
     ASSERT_NE(book, nullptr);
     EXPECT_EQ(book->mode, KTL_MODE_FOLDER);
@@ -223,7 +186,7 @@ TEST_F(PooledListingTest, ListingsGoOnWithTheConnectionsTheDeviceGives) {
     std::vector<std::string> emitted;
     EXPECT_EQ(listFolder(&context, "/Storage/big", &emitted, collectName, 0), 0);
     EXPECT_EQ(emitted.size(), 302u);
-    EXPECT_EQ(countLog("storageListingConnections libiusb_afc_init failed. code : -47"), 1);
+    EXPECT_EQ(logCount("storageListingConnections libiusb_afc_init failed. code : -47"), 1);
     EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
 
     // The app's own connection and one more, then the device refuses.
@@ -231,7 +194,7 @@ TEST_F(PooledListingTest, ListingsGoOnWithTheConnectionsTheDeviceGives) {
     emitted.clear();
     EXPECT_EQ(listFolder(&context, "/Apps/Reader", &emitted, collectName, 0), 0);
     EXPECT_EQ(emitted.size(), 302u);
-    EXPECT_EQ(countLog("openAppListingConnections libiusb_housearrest_init failed. error : -47"), 1);
+    EXPECT_EQ(logCount("openAppListingConnections libiusb_housearrest_init failed. error : -47"), 1);
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
 
     // Without the limit the next large listing makes the Storage pool whole.
@@ -239,7 +202,7 @@ TEST_F(PooledListingTest, ListingsGoOnWithTheConnectionsTheDeviceGives) {
     emitted.clear();
     EXPECT_EQ(listFolder(&context, "/Storage/again", &emitted, collectName, 0), 0);
     EXPECT_EQ(emitted.size(), 302u);
-    EXPECT_EQ(countLog("storageListingConnections libiusb_afc_init failed. code : -47"), 1);
+    EXPECT_EQ(logCount("storageListingConnections libiusb_afc_init failed. code : -47"), 1);
     EXPECT_TRUE(eventually([&] { return connections("afc") == static_cast<int>(kListingConnections); }))
         << connections("afc");
 }

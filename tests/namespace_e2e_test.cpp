@@ -23,12 +23,6 @@ bool listed(const std::string &folder, const std::string &name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-int run(const std::vector<std::string> &argv) {
-    int status = -1;
-    runProgram(argv, &status);
-    return status;
-}
-
 class NamespaceTest : public MountedDeviceTest {
 protected:
     DevsimImage image() {
@@ -47,8 +41,6 @@ protected:
                        {"apps/com.example.notes/Documents/gone.txt", "gone"}};
         return phone;
     }
-    std::string storageImage() { return sim.image_dir(0) + "/media/general_storage"; }
-    std::string appImage() { return sim.image_dir(0) + "/apps/com.example.notes/Documents"; }
     void mountFresh() {
         ASSERT_TRUE(mountDevice(61));
         runProgram({"ls", inMount("/Storage"), inMount("/Apps/Notes")});
@@ -73,11 +65,11 @@ TEST_F(NamespaceTest, FoldersAndFilesAreMadeAndRemovedOnTheDeviceAndStatAgreesAt
     mountFresh();
 
     // mkdir -p in Storage and inside an app.
-    ASSERT_EQ(run({"mkdir", "-p", inMount("/Storage/new/deeper/deepest")}), 0);
+    ASSERT_EQ(runStatus({"mkdir", "-p", inMount("/Storage/new/deeper/deepest")}), 0);
     EXPECT_TRUE(isFolder(storageImage() + "/new/deeper/deepest"));
     EXPECT_TRUE(isFolder(inMount("/Storage/new/deeper/deepest")));
     EXPECT_EQ(namesIn(inMount("/Storage")).back(), "new") << "a new folder is listed last";
-    ASSERT_EQ(run({"mkdir", "-p", inMount("/Apps/Notes/made/inner")}), 0);
+    ASSERT_EQ(runStatus({"mkdir", "-p", inMount("/Apps/Notes/made/inner")}), 0);
     EXPECT_TRUE(isFolder(appImage() + "/made/inner"));
     EXPECT_TRUE(isFolder(inMount("/Apps/Notes/made/inner")));
     EXPECT_TRUE(namesIn(inMount("/Apps/Notes/made/inner")).empty());
@@ -105,11 +97,11 @@ TEST_F(NamespaceTest, FoldersAndFilesAreMadeAndRemovedOnTheDeviceAndStatAgreesAt
     EXPECT_TRUE(exists(appImage() + "/in"));
 
     // rm -r of whole trees, nothing beside them touched.
-    ASSERT_EQ(run({"rm", "-r", inMount("/Storage/tree")}), 0);
+    ASSERT_EQ(runStatus({"rm", "-r", inMount("/Storage/tree")}), 0);
     EXPECT_FALSE(exists(storageImage() + "/tree"));
     EXPECT_EQ(statError(inMount("/Storage/tree")), ENOENT);
     EXPECT_EQ(statError(inMount("/Storage/tree/a/b/deep.txt")), ENOENT);
-    ASSERT_EQ(run({"rm", "-r", inMount("/Apps/Notes/made")}), 0);
+    ASSERT_EQ(runStatus({"rm", "-r", inMount("/Apps/Notes/made")}), 0);
     EXPECT_FALSE(exists(appImage() + "/made"));
     EXPECT_EQ(statError(inMount("/Apps/Notes/made/inner")), ENOENT);
     EXPECT_TRUE(exists(storageImage() + "/full/x.txt"));

@@ -1,12 +1,14 @@
-// The notification pipe, the tray thread and its stop, and the dialog thread
-// with a recording dialog program.
+// The notification pipe, the tray thread and its stop, the dialog thread with
+// a recording dialog program, and `quorvel tray` reading the pipe.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,45 +16,22 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tarnifs/mount.h"
 #include "tarnifs/notify.h"
+#include "tests/support/catalogue_fixture.h"
+#include "tests/support/pipe_reader.h"
 #include "util/log.h"
+
+extern char **environ;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
-
-std::string readWholeFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-template <typename Condition> bool waitUntil(Condition condition, int seconds = 20) {
-    auto deadline = Clock::now() + std::chrono::seconds(seconds);
-    while (!condition()) {
-        if (Clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
-// The bytes one record must have on the pipe, written out field by field.
-std::string recordBytes(uint32_t kind, uint64_t size, const std::string &extension) {
-    std::string out;
-    for (int i = 0; i < 4; ++i) out += static_cast<char>((kind >> (8 * i)) & 0xff);
-    for (int i = 0; i < 8; ++i) out += static_cast<char>((size >> (8 * i)) & 0xff);
-    std::string padded = extension;
-    padded.resize(10, '\0');
-    return out + padded;
-}
 
 std::string batchHeader(uint32_t count) {
     std::string out("-ncdat", 6);
@@ -65,9 +44,8 @@ std::string batchHeader(uint32_t count) {
 class NotifyTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/quorvel-notify-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir = pattern;
+        dir = makeTempDir("quorvel-notify-");
+        ASSERT_FALSE(dir.empty());
         pipePath = dir + "/pipe";
         setenv("QUORVEL_PIPE", pipePath.c_str(), 1);
         setenv("QUORVEL_LOG_DIR", dir.c_str(), 1);
@@ -78,8 +56,7 @@ protected:
     void TearDown() override {
         drainQueue();
         unsetenv("QUORVEL_PIPE");
-        std::error_code ignored;
-        fs::remove_all(dir, ignored);
+        removeTree(dir);
     }
     std::string dir;
     std::string pipePath;
@@ -133,9 +110,9 @@ TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtension) {
 
     char batch[kBatchMaxBytes];
     ASSERT_EQ(takePipeBatch(batch), 18u + 22u * 7);
-    std::string expected = batchHeader(7) + recordBytes(1, 1048576, "mp4") + recordBytes(2, 7, "abcdefghi") +
-                           recordBytes(2, 8, "abcdefgh") + recordBytes(1, 9, "README") +
-                           recordBytes(1, 10, "averyvery") + recordBytes(1, 11, "gz") + recordBytes(1, 12, "notes");
+    std::string expected = batchHeader(7) + transferRecordBytes(1, 1048576, "mp4") + transferRecordBytes(2, 7, "abcdefghi") +
+                           transferRecordBytes(2, 8, "abcdefgh") + transferRecordBytes(1, 9, "README") +
+                           transferRecordBytes(1, 10, "averyvery") + transferRecordBytes(1, 11, "gz") + transferRecordBytes(1, 12, "notes");
     EXPECT_EQ(std::string(batch, 18 + 22 * 7), expected);
     EXPECT_EQ(takePipeBatch(batch), 0u);
 }
@@ -147,14 +124,14 @@ TEST_F(NotifyTest, FortyFiveRecordsLeaveAsBatchesOfThirtyAndFifteen) {
         ASSERT_EQ(queueTransferRecord(1 + i % 2, 1000 + i, name.c_str()), 0);
         if (i == 0) expected += batchHeader(30);
         if (i == 30) expected += batchHeader(15);
-        expected += recordBytes(1 + i % 2, 1000 + i, "e" + std::to_string(i));
+        expected += transferRecordBytes(1 + i % 2, 1000 + i, "e" + std::to_string(i));
     }
     ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
     FifoReader reader(pipePath);
 
     _CONTEXT ctx;
     ASSERT_EQ(startTrayThread(&ctx), 0);
-    EXPECT_TRUE(waitUntil([&] { return reader.received().size() >= 1026; }));
+    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 1026; }));
     EXPECT_TRUE(stopTrayThread(&ctx));
     EXPECT_EQ(reader.received(), expected);
 
@@ -170,12 +147,12 @@ TEST_F(NotifyTest, BusySignalsAreBareTextsAndFailQuietlyWithoutAReader) {
     EXPECT_EQ(sendPipeMsg("-neon"), -ENOENT);
     ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
     EXPECT_EQ(sendPipeMsg("-neon"), -ENXIO);
-    EXPECT_NE(readWholeFile(QNLogPath()).find("sendPipeMsg open pipe failed. errno : 6\n"), std::string::npos);
+    EXPECT_NE(readLocal(QNLogPath()).find("sendPipeMsg open pipe failed. errno : 6\n"), std::string::npos);
 
     FifoReader reader(pipePath);
     EXPECT_EQ(sendPipeMsg("-neon"), 0);
     EXPECT_EQ(sendPipeMsg("-neoff"), 0);
-    EXPECT_TRUE(waitUntil([&] { return reader.received().size() >= 11; }));
+    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 11; }));
     EXPECT_EQ(reader.received(), "-neon-neoff");
 }
 
@@ -224,7 +201,7 @@ TEST_F(TrayStopTest, ReturnsWithNoListener) {
     ASSERT_EQ(startTrayThread(&ctx), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     stopAndCheck();
-    EXPECT_NE(readWholeFile(QNLogPath()).find("sendPipeData open pipe failed. errno : 2"), std::string::npos);
+    EXPECT_NE(readLocal(QNLogPath()).find("sendPipeData open pipe failed. errno : 2"), std::string::npos);
 }
 
 TEST_F(TrayStopTest, ReturnsWithAListenerReading) {
@@ -232,7 +209,7 @@ TEST_F(TrayStopTest, ReturnsWithAListenerReading) {
     FifoReader reader(pipePath);
     startProducing();
     ASSERT_EQ(startTrayThread(&ctx), 0);
-    EXPECT_TRUE(waitUntil([&] { return reader.received().size() > 2000; }));
+    EXPECT_TRUE(eventually([&] { return reader.received().size() > 2000; }));
     stopAndCheck();
 }
 
@@ -242,7 +219,7 @@ TEST_F(TrayStopTest, ReturnsWhenTheListenerDiesMidStream) {
     FifoReader reader(pipePath, 100);
     startProducing();
     ASSERT_EQ(startTrayThread(&ctx), 0);
-    EXPECT_TRUE(waitUntil([&] { return reader.received().size() >= 100; }));
+    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 100; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));  // batches now meet a closed pipe
     stopAndCheck();
 }
@@ -262,7 +239,7 @@ TEST_F(NotifyTest, ATrayThreadThatOutlivesItsStopIsLeftSafelyDetached) {
     EXPECT_FALSE(stopTrayThread(ctx));
     EXPECT_EQ(ctx->tray_thread, nullptr);
     delete ctx;
-    EXPECT_TRUE(waitUntil([] { return stubbornBodyDone.load(); }));
+    EXPECT_TRUE(eventually([] { return stubbornBodyDone.load(); }));
     EXPECT_EQ(stubbornBodySawRun, 0);
 }
 
@@ -283,9 +260,9 @@ while [ -e "$d/hold" ]; do sleep 0.02; done
 
 std::vector<std::string> recordedArguments(const std::string &showFolder) {
     std::vector<std::string> out;
-    std::string count = readWholeFile(showFolder + "/argc");
+    std::string count = readLocal(showFolder + "/argc");
     if (count.empty()) return out;
-    for (int k = 1; k <= std::stoi(count); ++k) out.push_back(readWholeFile(showFolder + "/arg." + std::to_string(k)));
+    for (int k = 1; k <= std::stoi(count); ++k) out.push_back(readLocal(showFolder + "/arg." + std::to_string(k)));
     return out;
 }
 
@@ -314,7 +291,7 @@ protected:
     std::string show(int n) { return dir + "/show." + std::to_string(n); }
     std::vector<std::string> arguments(int n) { return recordedArguments(show(n)); }
     bool shown(int n) {
-        return waitUntil([&] { return fs::exists(show(n) + "/done"); });
+        return eventually([&] { return fs::exists(show(n) + "/done"); });
     }
     _CONTEXT *ctx = new _CONTEXT();
     struct fuse_context fuse {};
@@ -364,7 +341,7 @@ TEST_F(DialogTest, ALongTextIsCutTo511Characters) {
 TEST_F(DialogTest, MessagesRaisedDuringADialogMergeIntoOneShowingTheLast) {
     std::ofstream(dir + "/hold").close();
     ShowMessageBox(2, "first");
-    ASSERT_TRUE(waitUntil([&] { return fs::exists(show(0) + "/argc"); }));
+    ASSERT_TRUE(eventually([&] { return fs::exists(show(0) + "/argc"); }));
     ShowMessageBox(2, "second");
     ShowMessageBox(2, "third");
     fs::remove(dir + "/hold");
@@ -383,7 +360,7 @@ TEST_F(DialogTest, FinderRefreshRequestIsHonouredOnlyWhenNoneIsRunning) {
     EXPECT_EQ(ctx->dialog.finder_refresh, 1);
     ctx->dialog.refresh_busy = 0;
     requestFinderRefresh(ctx);
-    EXPECT_TRUE(waitUntil([&] { return ctx->dialog.finder_refresh == 0; }));
+    EXPECT_TRUE(eventually([&] { return ctx->dialog.finder_refresh == 0; }));
     EXPECT_EQ(ctx->dialog.refresh_busy, 0);
 }
 
@@ -392,7 +369,7 @@ TEST_F(NotifyTest, WithoutAContextNothingIsShownAndTwoLinesAreLogged) {
     SetFuseContextForTesting(&empty);
     ShowMessageBox(2, "never shown");
     SetFuseContextForTesting(nullptr);
-    std::string log = readWholeFile(QNLogPath());
+    std::string log = readLocal(QNLogPath());
     EXPECT_NE(log.find("ShowMessageBox getContext failed. ret : "), std::string::npos);
     EXPECT_NE(log.find("ShowMessageBox Error. ret : "), std::string::npos);
 }
@@ -426,6 +403,164 @@ TEST_F(NotifyTest, WithNeitherProgramNorDisplayTheDialogGoesToStandardError) {
     showDialogNow("Quorvel Notification", "You can not remove this file.\n/Apps", "Confirm");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Quorvel Notification\nYou can not remove this file.\n/Apps\n[Confirm]\n");
+}
+
+// ---- the tray command --------------------------------------------------------
+
+// A running `quorvel tray` whose standard output the test reads line by line.
+struct TrayListener {
+    bool start() {
+#ifdef QUORVEL_PATH
+        int out[2];
+        if (pipe(out) != 0) return false;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_addclose(&actions, out[0]);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        char *argv[] = {const_cast<char *>(QUORVEL_PATH), const_cast<char *>("tray"), nullptr};
+        int result = posix_spawn(&pid, QUORVEL_PATH, &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        outFd = out[0];
+        return result == 0;
+#else
+        return false;
+#endif
+    }
+    // The next line of output, or "<timeout>" after a generous wait.
+    std::string nextLine() {
+        auto deadline = Clock::now() + std::chrono::seconds(20);
+        while (buffered.find('\n') == std::string::npos) {
+            if (Clock::now() > deadline) return "<timeout>";
+            struct pollfd readable = {outFd, POLLIN, 0};
+            if (poll(&readable, 1, 50) <= 0) continue;
+            char chunk[512];
+            ssize_t got = read(outFd, chunk, sizeof(chunk));
+            if (got <= 0) return "<closed>";
+            buffered.append(chunk, static_cast<size_t>(got));
+        }
+        size_t end = buffered.find('\n');
+        std::string line = buffered.substr(0, end);
+        buffered.erase(0, end + 1);
+        return line;
+    }
+    // Exit status after the signal, or -1 when it did not end in time.
+    int stop(int sig) {
+        if (pid <= 0) return -1;
+        kill(pid, sig);
+        int status = 0;
+        for (int i = 0; i < 2000; ++i) {
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                pid = -1;
+                return status;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        pid = -1;
+        return -1;
+    }
+    ~TrayListener() {
+        if (pid > 0) stop(SIGKILL);
+        if (outFd >= 0) close(outFd);
+    }
+    pid_t pid = -1;
+    int outFd = -1;
+    std::string buffered;
+};
+
+// `quorvel tray` as the user runs it, fed by the file system's own pipe writers.
+class TrayCommandTest : public NotifyTest {
+protected:
+    void SetUp() override {
+#ifndef QUORVEL_PATH
+        GTEST_SKIP() << "the quorvel program was not built";
+#endif
+        NotifyTest::SetUp();
+    }
+    // True once the listener holds the pipe open for reading.
+    bool listening() {
+        return eventually([&] {
+            int fd = open(pipePath.c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd >= 0) close(fd);
+            return fd >= 0;
+        });
+    }
+};
+
+TEST_F(TrayCommandTest, PrintsBusySignalsAndRecordsAcrossWritersComingAndGoing) {
+    TrayListener tray;
+    ASSERT_TRUE(tray.start());
+    ASSERT_TRUE(listening());
+
+    EXPECT_EQ(sendPipeMsg("-neon"), 0);
+    queueTransferRecord(kTransferRead, 1048576, "movie.mp4");
+    queueTransferRecord(kTransferWritten, 12, "notes.txt");
+    char batch[kBatchMaxBytes];
+    size_t length = takePipeBatch(batch);
+    EXPECT_EQ(sendPipeData(batch, length), 0);
+    EXPECT_EQ(sendPipeMsg("-neoff"), 0);
+    EXPECT_EQ(tray.nextLine(), "busy on");
+    EXPECT_EQ(tray.nextLine(), "read 1048576 bytes .mp4");
+    EXPECT_EQ(tray.nextLine(), "written 12 bytes .txt");
+    EXPECT_EQ(tray.nextLine(), "busy off");
+
+    // A writer that goes away halfway through a message, then a new one.
+    int first = open(pipePath.c_str(), O_WRONLY | O_NONBLOCK);
+    ASSERT_GE(first, 0);
+    ASSERT_EQ(write(first, "-ne", 3), 3);
+    close(first);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    int second = open(pipePath.c_str(), O_WRONLY | O_NONBLOCK);
+    ASSERT_GE(second, 0);
+    ASSERT_EQ(write(second, "on", 2), 2);
+    close(second);
+    EXPECT_EQ(tray.nextLine(), "busy on");
+
+    // The tray thread of a mounted file system, started after the listener.
+    _CONTEXT ctx;
+    ASSERT_EQ(startTrayThread(&ctx), 0);
+    queueTransferRecord(kTransferWritten, 3, "README");
+    EXPECT_EQ(tray.nextLine(), "written 3 bytes .README");
+    stopTrayThread(&ctx);
+
+    int status = tray.stop(SIGTERM);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_FALSE(fs::exists(pipePath)) << "the FIFO it created is removed";
+}
+
+TEST_F(TrayCommandTest, UsesAnExistingFifoAndLeavesItInPlace) {
+    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
+    TrayListener tray;
+    ASSERT_TRUE(tray.start());
+    ASSERT_TRUE(listening());
+    EXPECT_EQ(sendPipeMsg("-neoff"), 0);
+    EXPECT_EQ(tray.nextLine(), "busy off");
+    int status = tray.stop(SIGINT);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    struct stat st;
+    ASSERT_EQ(lstat(pipePath.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
+TEST_F(TrayCommandTest, RefusesAPathThatIsNotAFifo) {
+    std::ofstream(pipePath) << "keep me";
+    TrayListener tray;
+    ASSERT_TRUE(tray.start());
+    EXPECT_EQ(tray.nextLine(), "<closed>");
+    int status = 0;
+    ASSERT_EQ(waitpid(tray.pid, &status, 0), tray.pid);
+    tray.pid = -1;
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    std::ifstream in(pipePath);
+    std::string content;
+    std::getline(in, content);
+    EXPECT_EQ(content, "keep me");
 }
 
 } // namespace

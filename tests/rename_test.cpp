@@ -32,15 +32,6 @@ protected:
         file("/Apps/Notes/n.txt", 6)->app_id = CopyString("com.example.notes");
         noDialog();
     }
-    // The file names in a folder's child list, in list order.
-    std::vector<std::string> children(const char *path) {
-        std::vector<std::string> names;
-        _KTL_OBJECT *record = FindObject(path);
-        if (record == nullptr) return names;
-        for (_KTL_LIST_ENTRY *link = record->child_list.next; link != &record->child_list; link = link->next)
-            names.push_back(ObjectFromSibling(link)->file_name);
-        return names;
-    }
 };
 
 struct Refusal {
@@ -93,10 +84,7 @@ TEST_F(RenameUnitTest, EveryRefusalOfTheTableShowsItsNoticeAndChangesNothing) {
         EXPECT_EQ(FindObject(refusal.to), nullptr) << refusal.to;
     }
     // The rows that refuse into a place above an app's contents say so first.
-    size_t notSupported = 0;
-    for (const std::string &line : logMessages())
-        if (line == "tarnifs_rename rename not supported. ") ++notSupported;
-    EXPECT_EQ(notSupported, 5u);
+    EXPECT_EQ(logCount("tarnifs_rename rename not supported. "), 5);
     EXPECT_NE(FindObject("/Storage/a.txt"), nullptr);
     EXPECT_NE(FindObject("/Apps/Notes"), nullptr);
 }
@@ -120,7 +108,7 @@ TEST_F(RenameUnitTest, ADeviceRefusalIsShownAndLeavesTheCatalogueAsItWas) {
                             "to(/general_storage/dir/b.txt). error : -2"));
     EXPECT_EQ(FindObject("/Storage/a.txt"), source);
     EXPECT_EQ(FindObject("/Storage/dir/b.txt"), nullptr);
-    EXPECT_EQ(children("/Storage"), (std::vector<std::string>{"dir", "a.txt"}));
+    EXPECT_EQ(childNames("/Storage"), (std::vector<std::string>{"dir", "a.txt"}));
     // A folder with contents is never replaced: no dialog, nothing asked.
     noDialog();
     folder("/Storage/full");
@@ -143,7 +131,7 @@ TEST_F(RenameUnitTest, AMovedRecordKeepsItsAddressAndTakesItsSubtreeAlong) {
     EXPECT_EQ(FindObject("/Storage/dir"), nullptr);
     EXPECT_EQ(FindObject("/Storage/dir/inner"), nullptr);
     EXPECT_EQ(FindObject("/Storage/dir/inner/two.txt"), nullptr);
-    EXPECT_EQ(children("/Storage/moved"), (std::vector<std::string>{"inner", "one.txt"}));
+    EXPECT_EQ(childNames("/Storage/moved"), (std::vector<std::string>{"inner", "one.txt"}));
     EXPECT_EQ(two->size, 4u);
     // (Lookups that missed leave entries of 0 behind; they stand for no record.)
     for (const auto &entry : Object_list)

@@ -5,7 +5,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,11 +13,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 #include "tools/process.h"
@@ -33,11 +32,6 @@ const std::string kQuorvel = QUORVEL_PATH;
 const std::string kQuorvel;
 #endif
 
-std::string readFile(const std::string &path) {
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 bool deadMount(const std::string &path) { return quorvel_tools::isDeadMount(path); }
 
 // One `quorvel demo MOUNTPOINT` process, its output collected in a file.
@@ -48,18 +42,9 @@ struct DemoRun {
 
     void start(const std::string &mountPoint, const std::string &outputFile) {
         output = outputFile;
-        pid = fork();
-        if (pid == 0) {
-            // Should the test die, the demo is stopped as by Ctrl-C.
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(out, 1);
-            dup2(out, 2);
-            execl(kQuorvel.c_str(), kQuorvel.c_str(), "demo", mountPoint.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
+        pid = startProgram({kQuorvel, "demo", mountPoint}, outputFile);
     }
-    std::string text() const { return readFile(output); }
+    std::string text() const { return readLocal(output); }
     // True once `wanted` was printed; false when the demo ended first or
     // the generous wait ran out.
     bool waitFor(const std::string &wanted, int seconds = 180) {
@@ -109,20 +94,12 @@ int processesMentioning(const std::string &needle) {
         dirent *entry = readdir(proc);
         if (entry == nullptr) break;
         if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-        std::string cmdline = readFile(std::string("/proc/") + entry->d_name + "/cmdline");
+        std::string cmdline = readLocal(std::string("/proc/") + entry->d_name + "/cmdline");
         for (char &c : cmdline) c = c == '\0' ? ' ' : c;
         if (cmdline.find(needle) != std::string::npos) count++;
     }
     if (proc != nullptr) closedir(proc);
     return count;
-}
-
-bool eventually(const std::function<bool()> &condition, int seconds = 60) {
-    for (int i = 0; i < seconds * 20; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return condition();
 }
 
 const char kBrowsable[] = "The demo is browsable. Press Ctrl-C";
@@ -203,7 +180,7 @@ TEST_F(QuorvelDemoCommand, NextRunRecoversFromADemoKilledWithSigkill) {
     std::string firstWork = first.workFolder();
     first.kill9();
     // Its children notice it died and stop; the mount and folder may stay.
-    EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork) == 0; })) << "devsim or quorvelfs outlived it";
+    EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork) == 0; }, 60)) << "devsim or quorvelfs outlived it";
 
     second.start(mountPoint, folder + "/second.out");
     expectBrowsable(second);
@@ -258,7 +235,7 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInIt) {
     ASSERT_TRUE(first.finished(120)) << first.text();
     EXPECT_TRUE(WIFEXITED(first.status) && WEXITSTATUS(first.status) == 1) << first.text();
     EXPECT_NE(first.text().find("is not empty"), std::string::npos) << first.text();
-    EXPECT_EQ(readFile(mountPoint + "/precious.txt"), "mine");
+    EXPECT_EQ(readLocal(mountPoint + "/precious.txt"), "mine");
 }
 
 } // namespace

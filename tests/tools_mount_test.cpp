@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 
@@ -34,38 +34,6 @@ int runQuorvel(const std::vector<std::string> &args, std::string *output) {
     std::vector<std::string> argv = {kQuorvel};
     argv.insert(argv.end(), args.begin(), args.end());
     return run_program(argv, output, 180);
-}
-
-// `quorvel ARGS...` left running, its output going to `outputFile`.
-pid_t startQuorvel(const std::vector<std::string> &args, const std::string &outputFile) {
-    std::vector<std::string> argv = {kQuorvel};
-    argv.insert(argv.end(), args.begin(), args.end());
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(out, 1);
-        dup2(out, 2);
-        std::vector<char *> pointers;
-        for (std::string &arg : argv) pointers.push_back(&arg[0]);
-        pointers.push_back(nullptr);
-        execv(pointers[0], pointers.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-bool waitForText(const std::string &path, const std::string &text, int seconds) {
-    for (int i = 0; i < seconds * 20; ++i) {
-        if (readFile(path).find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
 }
 
 std::vector<std::string> sortedNames(const std::string &folder) {
@@ -113,9 +81,7 @@ protected:
         fs::remove_all(folder, error);
     }
     bool waitUntilUnmounted() {
-        for (int i = 0; i < 200 && isFuseMountPoint(mountPoint); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        return !isFuseMountPoint(mountPoint);
+        return eventually([&] { return !isFuseMountPoint(mountPoint); }, 10);
     }
 
     Devsim sim;
@@ -171,16 +137,17 @@ TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMounted) {
     // The other one by location id, in the foreground, ended by SIGTERM as a
     // service manager would end it.
     std::string log = folder + "/foreground.out";
-    pid_t foreground = startQuorvel({"mount", mountPoint, "--location", "4111", "-f"}, log);
+    pid_t foreground = startProgram({kQuorvel, "mount", mountPoint, "--location", "4111", "-f"}, log);
     ASSERT_GT(foreground, 0);
-    ASSERT_TRUE(waitForText(log, "Mounted Alice at", 120)) << readFile(log);
+    ASSERT_TRUE(eventually([&] { return readLocal(log).find("Mounted Alice at") != std::string::npos; }, 120))
+        << readLocal(log);
     EXPECT_TRUE(isFuseMountPoint(mountPoint));
     EXPECT_EQ(sortedNames(mountPoint + "/Storage"), sortedNames(sim.image_dir(0) + "/media/general_storage"));
     waitForQueuedReleases(mountPoint);
     kill(foreground, SIGTERM);
     int status = -1;
     EXPECT_EQ(waitpid(foreground, &status, 0), foreground);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << readFile(log);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << readLocal(log);
     EXPECT_TRUE(waitUntilUnmounted());
 }
 

@@ -50,11 +50,7 @@ TEST_F(UnplugTest, EveryRequestAfterAnUnplugAnswersPromptlyAndUnmountingCleansUp
         const char *dialog;  // what the user is told, or null when the answer needs no device
     };
     auto failed = [](std::vector<std::string> argv) {
-        return [argv] {
-            int status = -1;
-            runProgram(argv, &status);
-            return status;
-        };
+        return [argv] { return runStatus(argv); };
     };
     std::vector<Step> steps = {
         {"cat", failed({"cat", inMount("/Storage/a.txt")}), "Lost USB connection.\nOpening file(a.txt) aborted."},
@@ -79,14 +75,8 @@ TEST_F(UnplugTest, EveryRequestAfterAnUnplugAnswersPromptlyAndUnmountingCleansUp
         ASSERT_GT(shown.size(), seen) << "no dialog after: " << step.what;
         EXPECT_EQ(shown.back().message, step.dialog) << step.what;
         EXPECT_EQ(shown.back().title, "Quorvel Error!!");
-        // Let a dialog still on its way arrive before the next step counts.
-        for (size_t settled = 0; settled < 5;) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            size_t before = shown.size();
-            shown = dialogs.dialogs();
-            settled = shown.size() == before ? settled + 1 : 0;
-        }
-        seen = shown.size();
+        // A dialog still on its way arrives before the next step counts.
+        seen = dialogs.waitForDialogsToSettle(seen + 1, 5).size();
     }
     EXPECT_GE(mount.countLog("tarnifs_open libiusb_afc_file_open failed. path(/general_storage/a.txt) ret : -32"), 1);
     EXPECT_EQ(stat((sim.image_dir(0) + "/media/general_storage/a.txt").c_str(), &st), 0);

@@ -1,5 +1,8 @@
 #include "tests/support/catalogue_fixture.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -61,10 +64,20 @@ void MountContextTest::TearDown() {
 
 std::vector<std::string> MountContextTest::logMessages() const { return readLogMessages(QNLogPath()); }
 
-bool MountContextTest::logContains(const std::string &message) const {
-    for (const std::string &line : logMessages())
-        if (line == message) return true;
-    return false;
+bool MountContextTest::logContains(const std::string &message) const { return logCount(message) > 0; }
+
+int MountContextTest::logCount(const std::string &message) const {
+    std::vector<std::string> lines = logMessages();
+    return static_cast<int>(std::count(lines.begin(), lines.end(), message));
+}
+
+std::vector<std::string> MountContextTest::childNames(const char *path) {
+    std::vector<std::string> names;
+    _KTL_OBJECT *record = FindObject(path);
+    if (record == nullptr) return names;
+    for (_KTL_LIST_ENTRY *link = record->child_list.next; link != &record->child_list; link = link->next)
+        names.push_back(ObjectFromSibling(link)->file_name);
+    return names;
 }
 
 _KTL_OBJECT *MountContextTest::folder(const char *path) {
@@ -155,12 +168,32 @@ int statError(const std::string &path) {
     return stat(path.c_str(), &st) == 0 ? 0 : errno;
 }
 
-std::vector<std::string> namesIn(const std::string &folder) {
+namespace {
+
+std::vector<std::string> readNames(const std::string &folder, int *error, bool withDots) {
     std::vector<std::string> names;
     DIR *dir = opendir(folder.c_str());
-    if (dir == nullptr) return names;
+    if (dir == nullptr) {
+        if (error != nullptr) *error = errno;
+        return names;
+    }
+    errno = 0;
     while (struct dirent *entry = readdir(dir))
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+        if (withDots || (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0))
+            names.push_back(entry->d_name);
+    if (error != nullptr) *error = errno;
     closedir(dir);
     return names;
+}
+
+} // namespace
+
+std::vector<std::string> namesIn(const std::string &folder, int *error) { return readNames(folder, error, false); }
+
+std::vector<std::string> entriesIn(const std::string &folder, int *error) { return readNames(folder, error, true); }
+
+std::string numbered(const char *prefix, size_t index) {
+    char name[64];
+    snprintf(name, sizeof(name), "%s%05zu", prefix, index);
+    return name;
 }

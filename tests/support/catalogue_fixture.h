@@ -5,7 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstddef>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tarnifs/catalogue.h"
@@ -20,7 +23,11 @@ protected:
     // Lines of today's log file, without their time stamp and process id.
     std::vector<std::string> logMessages() const;
     bool logContains(const std::string &message) const;
+    int logCount(const std::string &message) const;
 
+    // The file names in a folder record's child list, in list order (none
+    // when the path has no record).
+    std::vector<std::string> childNames(const char *path);
     // Catalogue records as a listing would have left them, linked to their
     // folder: a listed folder, and a regular file of `size` bytes.
     _KTL_OBJECT *folder(const char *path);
@@ -54,7 +61,21 @@ std::string randomBytes(size_t size, unsigned seed);           // the same bytes
 bool exists(const std::string &path);                          // lstat succeeds
 bool isFolder(const std::string &path);                        // stat says folder
 int statError(const std::string &path);                        // 0, or the errno stat failed with
-std::vector<std::string> namesIn(const std::string &folder);   // readdir order, "." and ".." left out
+// A folder's names in readdir order, "." and ".." left out; *error gets the
+// errno of a failed opendir or readdir (0 otherwise).
+std::vector<std::string> namesIn(const std::string &folder, int *error = nullptr);
+// The same with "." and "..", as readdir hands them over.
+std::vector<std::string> entriesIn(const std::string &folder, int *error = nullptr);
+std::string numbered(const char *prefix, size_t index);       // "file00042": sorts as it counts
+
+// Polls `condition` every 20 ms for up to `seconds`; its last answer.
+template <typename Condition>
+bool eventually(Condition condition, int seconds = 20) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return condition();
+}
 
 // A private temporary folder, removed by the caller.
 std::string makeTempDir(const char *prefix);

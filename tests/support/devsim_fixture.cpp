@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -235,6 +236,11 @@ std::string Devsim::control(const std::string& command) {
   while (recv(fd, &c, 1, 0) == 1 && c != '\n') reply += c;
   close(fd);
   return reply.empty() ? "error: no reply" : reply;
+}
+
+int Devsim::connections(size_t index, const std::string& service) {
+  std::string reply = control("connections " + udid(index) + (service.empty() ? "" : " " + service));
+  return reply.rfind("ok ", 0) == 0 ? atoi(reply.c_str() + 3) : -1;
 }
 
 bool Devsim::stop() {

@@ -71,6 +71,9 @@ class Devsim {
   // Sends one control command (see docs/devsim.md); returns devsim's reply,
   // "ok" or "error: ...".
   std::string control(const std::string& command);
+  // The connections devsim has open to image `index`, all of them or to one
+  // service ("afc", "house_arrest", ...); -1 when devsim did not answer.
+  int connections(size_t index, const std::string& service = "");
 
   // SIGTERM, then waits. True when devsim exited with status 0 and removed
   // its socket. Restores USBMUXD_SOCKET_ADDRESS and removes work_dir().

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -80,6 +81,18 @@ std::vector<RecordedDialog> DialogRecorder::waitForDialogs(size_t count) const {
     return shown;
 }
 
+std::vector<RecordedDialog> DialogRecorder::waitForDialogsToSettle(size_t count, int quietRounds) const {
+    std::vector<RecordedDialog> shown = waitForDialogs(count);
+    if (shown.size() < count) return shown;
+    for (int settled = 0; settled < quietRounds;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        size_t before = shown.size();
+        shown = dialogs();
+        settled = shown.size() == before ? settled + 1 : 0;
+    }
+    return shown;
+}
+
 std::string fusermountProgram() { return quorvel_tools::fusermountProgram(); }
 
 bool isFuseMountPoint(const std::string &path) {
@@ -128,6 +141,28 @@ std::string runProgram(const std::vector<std::string> &argv, int *status) {
     waitpid(child, &wstatus, 0);
     if (status != nullptr) *status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
     return output;
+}
+
+int runStatus(const std::vector<std::string> &argv) {
+    int status = -1;
+    runProgram(argv, &status);
+    return status;
+}
+
+pid_t startProgram(const std::vector<std::string> &argv, const std::string &outputFile) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(out, 1);
+        dup2(out, 2);
+        std::vector<char *> pointers;
+        for (const std::string &arg : argv) pointers.push_back(const_cast<char *>(arg.c_str()));
+        pointers.push_back(nullptr);
+        execv(pointers[0], pointers.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 bool QuorvelMount::start(unsigned int locationId, const std::vector<std::string> &fuseOptions) {

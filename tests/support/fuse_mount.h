@@ -23,6 +23,9 @@ struct DialogRecorder {
     std::vector<RecordedDialog> dialogs() const;
     // Dialogs are shown by their own thread: waits (up to 20 s) until at least `count` were recorded.
     std::vector<RecordedDialog> waitForDialogs(size_t count) const;
+    // The same, then waits until no new one came for `quietRounds` tenths of
+    // a second: a fault may fail several requests in flight, each with its dialog.
+    std::vector<RecordedDialog> waitForDialogsToSettle(size_t count, int quietRounds) const;
 };
 
 struct QuorvelMount {
@@ -49,3 +52,9 @@ std::string fusermountProgram();
 void waitForQueuedReleases(const std::string &mountPoint);
 // Runs a program with an argument vector; its standard output, and its exit status in *status.
 std::string runProgram(const std::vector<std::string> &argv, int *status = nullptr);
+// The same for a program whose output does not matter: only its exit status.
+int runStatus(const std::vector<std::string> &argv);
+// Starts a program left running, its standard output and error going to
+// `outputFile`; should this process die first, it gets SIGTERM (as from
+// Ctrl-C). Its process id.
+pid_t startProgram(const std::vector<std::string> &argv, const std::string &outputFile);

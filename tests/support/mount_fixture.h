@@ -25,6 +25,11 @@ protected:
     int unmountDevice();
 
     std::string inMount(const std::string &volumePath) const { return mount.mountPoint + volumePath; }
+    // Where the first image keeps its Storage, and an app's Documents.
+    std::string storageImage() const { return sim.image_dir(0) + "/media/general_storage"; }
+    std::string appImage(const std::string &bundle = "com.example.notes") const {
+        return sim.image_dir(0) + "/apps/" + bundle + "/Documents";
+    }
 
     std::string tempDir;
     Devsim sim;

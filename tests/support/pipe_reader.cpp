@@ -7,6 +7,15 @@
 
 #include <chrono>
 
+std::string transferRecordBytes(uint32_t kind, uint64_t size, const std::string &extension) {
+    std::string out;
+    for (int i = 0; i < 4; ++i) out += static_cast<char>((kind >> (8 * i)) & 0xff);
+    for (int i = 0; i < 8; ++i) out += static_cast<char>((size >> (8 * i)) & 0xff);
+    std::string padded = extension;
+    padded.resize(10, '\0');
+    return out + padded;
+}
+
 bool PipeReader::start(const std::string &path) {
     path_ = path;
     if (mkfifo(path.c_str(), 0600) != 0) return false;

@@ -3,9 +3,14 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
+
+// The 22 bytes of one transfer record as they travel on the pipe: kind
+// (4 bytes) and size (8), little-endian, then the extension in 10 bytes.
+std::string transferRecordBytes(uint32_t kind, uint64_t size, const std::string &extension);
 
 class PipeReader {
 public:
