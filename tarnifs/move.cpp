@@ -225,6 +225,15 @@ int moveEntry(_CONTEXT *ctx, const MoveSide &source, const char *from, const Mov
         }
         record->type = KTL_TYPE_ORDINARY;
     }
+    if (record->type == KTL_TYPE_NOTE) {
+        // Our own note in /Media/Photo lies in the work folder, not on the
+        // device: it is written to the target from there, and stays.
+        int uploaded = uploadfile(ctx, (std::string("/") + record->file_name).c_str(), devicePathOf(to).c_str(),
+                                  target.afc, false);
+        if (uploaded != 0) return uploaded;
+        recordTarget(target, to, KTL_MODE_FILE, record->size);
+        return 0;
+    }
     uint64_t size = 0;
     int result = copyFile(source, from, target, to, caller, &size);
     if (result != 0) return result;

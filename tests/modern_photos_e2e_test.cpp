@@ -142,6 +142,18 @@ TEST_P(ModernPhotosTest, ListsAlbumsKindsAndLivePairsAndCountsWhatIsOnlyInICloud
     EXPECT_NE(status, 0);
     EXPECT_EQ(readLocal(inMount("/Media/Photo/Not on this device.txt")), note);
 
+    // The whole photo tree dragged into Storage: every folder and file, the
+    // note among them, and the library as it was.
+    runProgram({"mv", inMount("/Media/Photo"), inMount("/Storage/photos")}, &status);
+    EXPECT_EQ(status, 0);
+    std::string storage = image + "/media/general_storage/photos";
+    EXPECT_EQ(readLocal(storage + "/Not on this device.txt"), note);
+    EXPECT_EQ(sorted(namesIn(storage + "/Trip (2)")), sorted({"IMG_0002.HEIC", "IMG_0002.MOV"}));
+    EXPECT_EQ(readLocal(storage + "/Camera Roll/IMG_0002.MOV"), readLocal(image + "/media/DCIM/100APPLE/IMG_0002.MOV"));
+    EXPECT_EQ(namesIn(storage).size(), 10u);
+    EXPECT_EQ(folder("Trip (2)"), sorted({"IMG_0002.HEIC", "IMG_0002.MOV"}));
+    EXPECT_TRUE(dialogs.dialogs().size() <= 1u);  // the refused append above, nothing more
+
     // A photo that goes from the phone after the listing: a clear dialog.
     ASSERT_EQ(unlink((image + "/media/DCIM/100APPLE/IMG_0011.HEIC").c_str()), 0);
     std::string output = runProgram({"sh", "-c", "cat '" + inMount("/Media/Photo/Selfies/IMG_0011.HEIC") + "' 2>&1"},
