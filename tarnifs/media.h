@@ -148,5 +148,6 @@ std::vector<DeviceFileAnswer> AskDeviceAboutFiles(_CONTEXT *ctx, const std::vect
 // appended when it has none, and always for folders).
 std::string FreeEntryPath(const std::string &folder, const std::string &name, bool before_extension);
 
-// A converted name is shown only when it is a single, real path component.
+// A converted name is shown only when it is a single, real path component
+// of at most NAME_MAX bytes.
 bool IsUsableEntryName(const char *name);

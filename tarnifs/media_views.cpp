@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -463,8 +464,10 @@ int checkiOSVersion(const char *version, int major, int minor) {
 }
 
 bool IsUsableEntryName(const char *name) {
+    // Past NAME_MAX a name cannot be looked up, and the kernel refuses the
+    // whole listing that holds it.
     return name != nullptr && name[0] != '\0' && strcmp(name, ".") != 0 && strcmp(name, "..") != 0 &&
-           strchr(name, '/') == nullptr;
+           strchr(name, '/') == nullptr && strlen(name) <= NAME_MAX;
 }
 
 std::string FreeEntryPath(const std::string &folder, const std::string &name, bool before_extension) {

@@ -69,8 +69,10 @@ MediaLibrary photoLibrary(PhotoFamily family) {
     library.write_record_db = false;
     library.albums = {album(1, std::nullopt, 1000), album(2, "Trip"), album(3, "Trip"), album(4, "My Panoramas"),
                       album(5, "Shared by Ann", 1500), album(6, "Nothing in it"), album(7, "Thrown away"),
-                      album(8, "Import in progress"), album(9, ".."), album(10, "AC/DC")};
-    library.albums[8].cached_count = 1;  // a name that would alias the parent folder
+                      album(8, "Import in progress"), album(9, ".."), album(10, "AC/DC"),
+                      album(11, std::string(300, 'L'))};
+    library.albums[8].cached_count = 1;   // a name that would alias the parent folder
+    library.albums[10].cached_count = 1;  // a name past NAME_MAX
     library.albums[5].cached_count = 0;
     library.albums[6].trashed = 1;
     const std::string dcim = "DCIM/100APPLE";
@@ -106,6 +108,8 @@ MediaLibrary photoLibrary(PhotoFamily family) {
     p.back().original_filename = "Holiday/Beach.JPG";
     p.push_back(photo(dcim, "IMG_0018.JPG", {1}, 16));  // no recorded name
     p.back().original_filename = std::nullopt;
+    p.push_back(photo(dcim, "IMG_0020.JPG", {1}, 18));  // a recorded name past NAME_MAX
+    p.back().original_filename = std::string(252, 'P') + ".JPG";
     p.push_back(photo(dcim, "IMG_0019.JPG", {1}, 17));  // visibility 2: shown by older libraries only
     p.back().visibility = 2;
     return library;
