@@ -27,59 +27,13 @@
 #include <string>
 #include <vector>
 
+#include "afc_session.h"
+
 namespace {
 
 const char *kProgram = "afc_info_floor";
 
 void usage() { std::fprintf(stderr, "usage: %s UDID PATH_LIST\n", kProgram); }
-
-// Owns the connection chain so every early return releases it in order.
-struct AfcSession {
-    idevice_t device = nullptr;
-    lockdownd_client_t lockdown = nullptr;
-    afc_client_t afc = nullptr;
-
-    AfcSession() = default;
-    AfcSession(const AfcSession &) = delete;
-    AfcSession &operator=(const AfcSession &) = delete;
-    ~AfcSession() {
-        if (afc != nullptr) afc_client_free(afc);
-        if (lockdown != nullptr) lockdownd_client_free(lockdown);
-        if (device != nullptr) idevice_free(device);
-    }
-
-    bool connect(const std::string &udid) {
-        idevice_error_t found = idevice_new_with_options(&device, udid.c_str(), IDEVICE_LOOKUP_USBMUX);
-        if (found != IDEVICE_E_SUCCESS) {
-            std::fprintf(stderr, "%s: no device %s (idevice error %d)\n", kProgram, udid.c_str(), found);
-            return false;
-        }
-        lockdownd_error_t handshake = lockdownd_client_new_with_handshake(device, &lockdown, kProgram);
-        if (handshake != LOCKDOWN_E_SUCCESS) {
-            std::fprintf(stderr, "%s: lockdown handshake failed (error %d)\n", kProgram, handshake);
-            return false;
-        }
-        lockdownd_service_descriptor_t service = nullptr;
-        lockdownd_error_t started = lockdownd_start_service(lockdown, "com.apple.afc", &service);
-        if (started != LOCKDOWN_E_SUCCESS || service == nullptr) {
-            std::fprintf(stderr, "%s: could not start com.apple.afc (error %d)\n", kProgram, started);
-            if (service != nullptr) lockdownd_service_descriptor_free(service);
-            return false;
-        }
-        afc_error_t opened = afc_client_new(device, service, &afc);
-        lockdownd_service_descriptor_free(service);
-        if (opened != AFC_E_SUCCESS) {
-            std::fprintf(stderr, "%s: could not open an AFC client (error %d)\n", kProgram, opened);
-            afc = nullptr;
-            return false;
-        }
-        // The lockdown connection is not needed once AFC is up; a phone
-        // limits how many connections a host may hold.
-        lockdownd_client_free(lockdown);
-        lockdown = nullptr;
-        return true;
-    }
-};
 
 bool readPaths(const std::string &file, std::vector<std::string> *paths) {
     std::ifstream in(file);
@@ -106,7 +60,7 @@ int main(int argc, char **argv) {
     std::vector<std::string> paths;
     if (!readPaths(argv[2], &paths)) return 1;
 
-    AfcSession session;
+    AfcSession session(kProgram);
     if (!session.connect(udid)) return 1;
 
     size_t missing = 0;

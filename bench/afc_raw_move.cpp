@@ -38,6 +38,8 @@
 #include <string>
 #include <vector>
 
+#include "afc_session.h"
+
 namespace {
 
 // The file system copies between two device connections 64 KiB at a time
@@ -52,11 +54,10 @@ const char *kProgram = "afc_raw_move";
 void usage() { std::fprintf(stderr, "usage: %s [--chunk BYTES] UDID BUNDLE_ID SOURCE TARGET\n", kProgram); }
 
 // Owns the connection chain so every early return releases it in order: the
-// app's AFC client before the house-arrest client it was made from.
+// app's AFC client before the house-arrest client it was made from, both
+// before the media connection.
 struct MoveSession {
-    idevice_t device = nullptr;
-    lockdownd_client_t lockdown = nullptr;
-    afc_client_t media = nullptr;
+    AfcSession media{kProgram};
     house_arrest_client_t house_arrest = nullptr;
     afc_client_t app = nullptr;
 
@@ -66,57 +67,20 @@ struct MoveSession {
     ~MoveSession() {
         if (app != nullptr) afc_client_free(app);
         if (house_arrest != nullptr) house_arrest_client_free(house_arrest);
-        if (media != nullptr) afc_client_free(media);
-        if (lockdown != nullptr) lockdownd_client_free(lockdown);
-        if (device != nullptr) idevice_free(device);
-    }
-
-    bool startService(const char *name, lockdownd_service_descriptor_t *service) {
-        lockdownd_error_t started = lockdownd_start_service(lockdown, name, service);
-        if (started != LOCKDOWN_E_SUCCESS || *service == nullptr) {
-            std::fprintf(stderr, "%s: could not start %s (error %d)\n", kProgram, name, started);
-            if (*service != nullptr) lockdownd_service_descriptor_free(*service);
-            *service = nullptr;
-            return false;
-        }
-        return true;
     }
 
     bool connect(const std::string &udid, const std::string &bundle) {
-        idevice_error_t found = idevice_new_with_options(&device, udid.c_str(), IDEVICE_LOOKUP_USBMUX);
-        if (found != IDEVICE_E_SUCCESS) {
-            std::fprintf(stderr, "%s: no device %s (idevice error %d)\n", kProgram, udid.c_str(), found);
-            return false;
-        }
-        lockdownd_error_t handshake = lockdownd_client_new_with_handshake(device, &lockdown, kProgram);
-        if (handshake != LOCKDOWN_E_SUCCESS) {
-            std::fprintf(stderr, "%s: lockdown handshake failed (error %d)\n", kProgram, handshake);
-            return false;
-        }
-
+        if (!media.connect(udid, true)) return false;
         lockdownd_service_descriptor_t service = nullptr;
-        if (!startService("com.apple.afc", &service)) return false;
-        afc_error_t opened = afc_client_new(device, service, &media);
-        lockdownd_service_descriptor_free(service);
-        if (opened != AFC_E_SUCCESS) {
-            std::fprintf(stderr, "%s: could not open an AFC client (error %d)\n", kProgram, opened);
-            media = nullptr;
-            return false;
-        }
-
-        service = nullptr;
-        if (!startService("com.apple.mobile.house_arrest", &service)) return false;
-        house_arrest_error_t made = house_arrest_client_new(device, service, &house_arrest);
+        if (!media.startService("com.apple.mobile.house_arrest", &service)) return false;
+        house_arrest_error_t made = house_arrest_client_new(media.device, service, &house_arrest);
         lockdownd_service_descriptor_free(service);
         if (made != HOUSE_ARREST_E_SUCCESS) {
             std::fprintf(stderr, "%s: could not open a house_arrest client (error %d)\n", kProgram, made);
             house_arrest = nullptr;
             return false;
         }
-        // The lockdown connection is not needed once both services are up; a
-        // phone limits how many connections a host may hold.
-        lockdownd_client_free(lockdown);
-        lockdown = nullptr;
+        media.releaseLockdown();
 
         made = house_arrest_send_command(house_arrest, "VendDocuments", bundle.c_str());
         plist_t reply = nullptr;
@@ -193,7 +157,7 @@ bool removeSource(afc_client_t afc, const std::string &path) {
 bool copyFile(const MoveSession &session, const std::string &from, const std::string &to, uint64_t size,
               uint32_t chunk, Totals *totals) {
     uint64_t source = 0;
-    afc_error_t result = afc_file_open(session.media, from.c_str(), AFC_FOPEN_RDONLY, &source);
+    afc_error_t result = afc_file_open(session.media.afc, from.c_str(), AFC_FOPEN_RDONLY, &source);
     if (result != AFC_E_SUCCESS) {
         std::fprintf(stderr, "%s: cannot open %s (AFC error %d)\n", kProgram, from.c_str(), result);
         return false;
@@ -202,7 +166,7 @@ bool copyFile(const MoveSession &session, const std::string &from, const std::st
     result = afc_file_open(session.app, to.c_str(), AFC_FOPEN_WRONLY, &target);
     if (result != AFC_E_SUCCESS) {
         std::fprintf(stderr, "%s: cannot create %s in the app (AFC error %d)\n", kProgram, to.c_str(), result);
-        afc_file_close(session.media, source);
+        afc_file_close(session.media.afc, source);
         return false;
     }
     std::vector<char> buf(chunk);
@@ -211,7 +175,7 @@ bool copyFile(const MoveSession &session, const std::string &from, const std::st
     while (ok && done < size) {
         uint32_t wanted = size - done < chunk ? static_cast<uint32_t>(size - done) : chunk;
         uint32_t got = 0;
-        result = afc_file_read(session.media, source, buf.data(), wanted, &got);
+        result = afc_file_read(session.media.afc, source, buf.data(), wanted, &got);
         if (result != AFC_E_SUCCESS || got == 0) {
             std::fprintf(stderr, "%s: read of %s failed after %llu bytes (AFC error %d, %u read)\n", kProgram,
                          from.c_str(), static_cast<unsigned long long>(done), result, got);
@@ -234,7 +198,7 @@ bool copyFile(const MoveSession &session, const std::string &from, const std::st
         }
         done += written;
     }
-    afc_error_t closed_source = afc_file_close(session.media, source);
+    afc_error_t closed_source = afc_file_close(session.media.afc, source);
     afc_error_t closed_target = afc_file_close(session.app, target);
     if (ok && (closed_source != AFC_E_SUCCESS || closed_target != AFC_E_SUCCESS)) {
         std::fprintf(stderr, "%s: closing %s or %s failed (AFC errors %d, %d)\n", kProgram, from.c_str(), to.c_str(),
@@ -244,13 +208,13 @@ bool copyFile(const MoveSession &session, const std::string &from, const std::st
     if (!ok) return false;
     totals->files += 1;
     totals->bytes += done;
-    return removeSource(session.media, from);
+    return removeSource(session.media.afc, from);
 }
 
 bool moveEntry(const MoveSession &session, const std::string &from, const std::string &to, uint32_t chunk,
                Totals *totals) {
     Entry entry;
-    if (!describe(session.media, from, &entry)) return false;
+    if (!describe(session.media.afc, from, &entry)) return false;
     if (!entry.folder) return copyFile(session, from, to, entry.size, chunk, totals);
 
     afc_error_t result = afc_make_directory(session.app, to.c_str());
@@ -259,7 +223,7 @@ bool moveEntry(const MoveSession &session, const std::string &from, const std::s
         return false;
     }
     char **names = nullptr;
-    result = afc_read_directory(session.media, from.c_str(), &names);
+    result = afc_read_directory(session.media.afc, from.c_str(), &names);
     if (result != AFC_E_SUCCESS || names == nullptr) {
         std::fprintf(stderr, "%s: cannot list %s (AFC error %d)\n", kProgram, from.c_str(), result);
         return false;
@@ -272,7 +236,7 @@ bool moveEntry(const MoveSession &session, const std::string &from, const std::s
     for (const std::string &child : children) {
         if (!moveEntry(session, from + "/" + child, to + "/" + child, chunk, totals)) return false;
     }
-    return removeSource(session.media, from);
+    return removeSource(session.media.afc, from);
 }
 
 }  // namespace
