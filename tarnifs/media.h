@@ -119,6 +119,14 @@ struct PhotoRow {
     int64_t kind_subtype = 0;     // column 8 (non-cloud) or 7 (cloud)
 };
 
+// The columns of the row a photo query's statement is on (non-cloud rows:
+// column 7 is the recorded name, 8 the subtype; cloud rows: 7 the subtype,
+// absent from the cloud "Recorded Videos" query).
+PhotoRow ReadPhotoRow(sqlite3_stmt *statement, bool is_cloud);
+
+// A text column, or "" with *present false when it is NULL.
+std::string ColumnText(sqlite3_stmt *statement, int column, bool *present);
+
 // What the device said of one file the listing asked about.
 struct DeviceFileAnswer {
     int result = 0;

@@ -27,13 +27,6 @@ void announce(void *buffer, fuse_fill_dir_t filler, const char *name) {
     if (filler != nullptr) filler(buffer, name, nullptr, 0, static_cast<enum fuse_fill_dir_flags>(0));
 }
 
-std::string columnText(sqlite3_stmt *statement, int column, bool *present) {
-    const unsigned char *text = sqlite3_column_text(statement, column);
-    if (present != nullptr) *present = text != nullptr;
-    if (text == nullptr) return std::string();
-    return std::string(reinterpret_cast<const char *>(text), static_cast<size_t>(sqlite3_column_bytes(statement, column)));
-}
-
 // A name converted for the catalogue, or false (logged) when it cannot be.
 // The buffer is at least the 2048 bytes every name has always had, and
 // larger for a longer text, so no device text can overrun it.
@@ -160,10 +153,10 @@ int listLibraryFolder(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent, Libr
     int step;
     while ((step = sqlite3_step(statement)) == SQLITE_ROW) {
         SongRow row;
-        row.artist = columnText(statement, 0, &row.has_artist);
-        row.title = columnText(statement, 1, &row.has_title);
-        row.location = columnText(statement, 2, &row.has_location);
-        row.base = columnText(statement, 3, &row.has_base);
+        row.artist = ColumnText(statement, 0, &row.has_artist);
+        row.title = ColumnText(statement, 1, &row.has_title);
+        row.location = ColumnText(statement, 2, &row.has_location);
+        row.base = ColumnText(statement, 3, &row.has_base);
         row.db_size = sqlite3_column_int64(statement, 4);
         if (!row.has_location || !row.has_base) {
             // Nowhere to find the file: the row cannot be shown.
@@ -245,8 +238,8 @@ int listVoiceMemos(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent, void *b
     while (statement != nullptr && sqlite3_step(statement) == SQLITE_ROW) {
         RecordingRow row;
         bool hasLabel = false, hasPath = false;
-        row.label = columnText(statement, 0, &hasLabel);
-        row.path = columnText(statement, 1, &hasPath);
+        row.label = ColumnText(statement, 0, &hasLabel);
+        row.path = ColumnText(statement, 1, &hasPath);
         row.date = sqlite3_column_int(statement, 2);
         if (!hasLabel || !hasPath) continue;
         if (row.path.size() < kRecordingsFolderLength) {
@@ -347,7 +340,7 @@ int listPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_di
     sqlite3_stmt *statement = preparePhotoQuery(ctx, albums, false);
     while (statement != nullptr && sqlite3_step(statement) == SQLITE_ROW) {
         bool hasTitle = false;
-        std::string title = columnText(statement, 0, &hasTitle);
+        std::string title = ColumnText(statement, 0, &hasTitle);
         if (!hasTitle || sqlite3_column_int64(statement, 3) == 0) continue;
         AddPhotoAlbum(parent, title, sqlite3_column_int64(statement, 1), sqlite3_column_int64(statement, 2), buffer,
                       filler);
@@ -406,6 +399,13 @@ int listPhotoSubfolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_
 }
 
 } // namespace
+
+std::string ColumnText(sqlite3_stmt *statement, int column, bool *present) {
+    const unsigned char *text = sqlite3_column_text(statement, column);
+    if (present != nullptr) *present = text != nullptr;
+    if (text == nullptr) return std::string();
+    return std::string(reinterpret_cast<const char *>(text), static_cast<size_t>(sqlite3_column_bytes(statement, column)));
+}
 
 _KTL_OBJECT *MakePhotoFolder(_KTL_OBJECT *parent, const std::string &path, uint32_t albumKey, void *buffer,
                              fuse_fill_dir_t filler, const char *name) {

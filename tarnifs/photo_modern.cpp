@@ -251,20 +251,7 @@ int EnumModernContents(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, 
     size_t cloudOnly = 0;
     int step;
     while ((step = sqlite3_step(statement)) == SQLITE_ROW) {
-        PhotoRow row;
-        auto text = [&](int column, bool *present) {
-            const unsigned char *value = sqlite3_column_text(statement, column);
-            *present = value != nullptr;
-            return value == nullptr ? std::string() : std::string(reinterpret_cast<const char *>(value));
-        };
-        row.path = text(0, &row.has_path);
-        row.file_name = text(1, &row.has_file_name);
-        row.moment_date = sqlite3_column_int(statement, 2);
-        row.modification_date = sqlite3_column_int(statement, 3);
-        row.db_size = sqlite3_column_int64(statement, 4);
-        row.column5 = sqlite3_column_int64(statement, 5);
-        row.original_name = text(7, &row.has_original_name);
-        row.kind_subtype = sqlite3_column_int64(statement, 8);
+        PhotoRow row = ReadPhotoRow(statement, false);
         if (!row.has_path || !row.has_file_name || !row.has_original_name) continue;
         if (sqlite3_column_int(statement, 9) != 0) {
             ++cloudOnly;

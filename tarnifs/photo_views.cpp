@@ -171,28 +171,6 @@ FolderQueries queriesFor(_CONTEXT *ctx, PhotoFamily family, PhotoFolder folder, 
     return queries;
 }
 
-std::string textOf(sqlite3_stmt *statement, int column, bool *present) {
-    const unsigned char *text = sqlite3_column_text(statement, column);
-    *present = text != nullptr;
-    if (text == nullptr) return std::string();
-    return std::string(reinterpret_cast<const char *>(text), static_cast<size_t>(sqlite3_column_bytes(statement, column)));
-}
-
-PhotoRow readRow(sqlite3_stmt *statement, bool cloud) {
-    PhotoRow row;
-    row.path = textOf(statement, 0, &row.has_path);
-    row.file_name = textOf(statement, 1, &row.has_file_name);
-    row.moment_date = sqlite3_column_int(statement, 2);
-    row.modification_date = sqlite3_column_int(statement, 3);
-    row.db_size = sqlite3_column_int64(statement, 4);
-    row.column5 = sqlite3_column_int64(statement, 5);
-    if (!cloud) row.original_name = textOf(statement, 7, &row.has_original_name);
-    int subtypeColumn = cloud ? 7 : 8;
-    // The cloud "Recorded Videos" query has no subtype column: never a pair.
-    row.kind_subtype = sqlite3_column_count(statement) > subtypeColumn ? sqlite3_column_int64(statement, subtypeColumn) : 0;
-    return row;
-}
-
 int listPhotoFolder(_CONTEXT *ctx, const char *caller, PhotoFamily family, const char *path, int albumEntity,
                     int genericAssetEntity, int assetEntity, fuse_fill_dir_t filler, void *buf) {
     _KTL_OBJECT *folderRecord = FindObject(path);
@@ -232,7 +210,7 @@ int listPhotoFolder(_CONTEXT *ctx, const char *caller, PhotoFamily family, const
     std::vector<std::string> devicePaths;
     int step;
     while ((step = sqlite3_step(statement)) == SQLITE_ROW) {
-        PhotoRow row = readRow(statement, cloud);
+        PhotoRow row = ReadPhotoRow(statement, cloud);
         if (!row.has_path || !row.has_file_name || (!cloud && !row.has_original_name)) continue;
         // Each row's file, and the video half of a live photo, asked in the
         // order the entries are made.
@@ -280,6 +258,21 @@ int listPhotoFolder(_CONTEXT *ctx, const char *caller, PhotoFamily family, const
 }
 
 } // namespace
+
+PhotoRow ReadPhotoRow(sqlite3_stmt *statement, bool cloud) {
+    PhotoRow row;
+    row.path = ColumnText(statement, 0, &row.has_path);
+    row.file_name = ColumnText(statement, 1, &row.has_file_name);
+    row.moment_date = sqlite3_column_int(statement, 2);
+    row.modification_date = sqlite3_column_int(statement, 3);
+    row.db_size = sqlite3_column_int64(statement, 4);
+    row.column5 = sqlite3_column_int64(statement, 5);
+    if (!cloud) row.original_name = ColumnText(statement, 7, &row.has_original_name);
+    int subtypeColumn = cloud ? 7 : 8;
+    // The cloud "Recorded Videos" query has no subtype column: never a pair.
+    row.kind_subtype = sqlite3_column_count(statement) > subtypeColumn ? sqlite3_column_int64(statement, subtypeColumn) : 0;
+    return row;
+}
 
 PhotoFolderKind RecognisePhotoFolder(const char *path) {
     if (strstr(path, "/Camera Roll") != nullptr) return PhotoFolderKind::camera_roll;
