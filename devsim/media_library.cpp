@@ -239,6 +239,15 @@ std::string asset_uuid(int64_t pk) {
   return text;
 }
 
+// The album-to-asset link table, named after the entity numbers as Core
+// Data names many-to-many tables.
+std::string link_table_sql(const std::string& album, const std::string& asset) {
+  return "CREATE TABLE Z_" + album + "ASSETS (Z_" + album + "ALBUMS INTEGER, Z_" + asset + "ASSETS INTEGER, Z_FOK_" +
+         asset + "ASSETS INTEGER, PRIMARY KEY (Z_" + album + "ALBUMS, Z_" + asset + "ASSETS));"
+         "CREATE INDEX Z_" + album + "ASSETS_Z_" + asset + "ASSETS_INDEX ON Z_" + album + "ASSETS (Z_" + asset +
+         "ASSETS, Z_" + album + "ALBUMS);";
+}
+
 std::string photo_schema(PhotoFamily family, const PhotoEntities& e) {
   const std::string album = std::to_string(e.album);
   const std::string asset = std::to_string(e.generic_asset);
@@ -255,13 +264,8 @@ std::string photo_schema(PhotoFamily family, const PhotoEntities& e) {
       " ZASSET INTEGER, ZCAMERACAPTUREDEVICE INTEGER, ZCLOUDMASTER INTEGER, ZORIGINALFILESIZE INTEGER,"
       " ZORIGINALFILENAME VARCHAR);"
       "CREATE TABLE ZGENERICALBUM (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZKIND INTEGER,"
-      " ZTRASHEDSTATE INTEGER, ZCACHEDCOUNT INTEGER, ZTITLE VARCHAR);"
-      // The album-to-asset link table is named after the entity numbers, as
-      // Core Data names many-to-many tables.
-      "CREATE TABLE Z_" + album + "ASSETS (Z_" + album + "ALBUMS INTEGER, Z_" + asset + "ASSETS INTEGER, Z_FOK_" +
-      asset + "ASSETS INTEGER, PRIMARY KEY (Z_" + album + "ALBUMS, Z_" + asset + "ASSETS));"
-      "CREATE INDEX Z_" + album + "ASSETS_Z_" + asset + "ASSETS_INDEX ON Z_" + album + "ASSETS (Z_" + asset +
-      "ASSETS, Z_" + album + "ALBUMS);";
+      " ZTRASHEDSTATE INTEGER, ZCACHEDCOUNT INTEGER, ZTITLE VARCHAR);" +
+      link_table_sql(album, asset);
   if (family == PhotoFamily::cloud) {
     sql +=
         "CREATE TABLE ZCLOUDMASTER (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER,"
@@ -475,11 +479,8 @@ std::string modern_photo_schema(int version, const ModernEntities& e) {
          "CREATE INDEX ZINTERNALRESOURCE_ZASSET_INDEX ON ZINTERNALRESOURCE (ZASSET);"
          "CREATE TABLE ZGENERICALBUM (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, ZKIND INTEGER,"
          " ZTRASHEDSTATE INTEGER, ZCACHEDCOUNT INTEGER, ZCACHEDPHOTOSCOUNT INTEGER, ZCACHEDVIDEOSCOUNT INTEGER,"
-         " ZTITLE VARCHAR, ZUUID VARCHAR);"
-         "CREATE TABLE Z_" + album + "ASSETS (Z_" + album + "ALBUMS INTEGER, Z_" + asset + "ASSETS INTEGER, Z_FOK_" +
-         asset + "ASSETS INTEGER, PRIMARY KEY (Z_" + album + "ALBUMS, Z_" + asset + "ASSETS));"
-         "CREATE INDEX Z_" + album + "ASSETS_Z_" + asset + "ASSETS_INDEX ON Z_" + album + "ASSETS (Z_" + asset +
-         "ASSETS, Z_" + album + "ALBUMS);";
+         " ZTITLE VARCHAR, ZUUID VARCHAR);" +
+         link_table_sql(album, asset);
 }
 
 // The modern library: ZASSET rows of entity "Asset", one ZINTERNALRESOURCE
