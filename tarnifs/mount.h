@@ -62,9 +62,19 @@ extern char gBundlePath[512];
 int getContext(_CONTEXT **out);
 
 // Holds tarni_mutex for a handler's whole run, released on every return path.
+// What the handler asked the kernel to forget meanwhile is sent once the lock
+// is released: the kernel may wait for a read or write of this mount that
+// itself waits for the lock (see InvalidateKernelView).
 struct TarniLock {
-    TarniLock() { pthread_mutex_lock(&tarni_mutex); }
-    ~TarniLock() { pthread_mutex_unlock(&tarni_mutex); }
+    TarniLock() {
+        pthread_mutex_lock(&tarni_mutex);
+        EnterLockedHandler();
+    }
+    ~TarniLock() {
+        LeaveLockedHandler();
+        pthread_mutex_unlock(&tarni_mutex);
+        SendDeferredKernelInvalidations();
+    }
     TarniLock(const TarniLock &) = delete;
     TarniLock &operator=(const TarniLock &) = delete;
 };

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <initializer_list>
 #include <cstring>
+#include <string>
+#include <vector>
 
 namespace {
 std::atomic<struct fuse_context *> testFuseContext{nullptr};
@@ -47,12 +49,33 @@ struct fuse_context *currentFuseContext() {
 
 void SetFuseContextForTesting(struct fuse_context *context) { testFuseContext.store(context); }
 
+namespace {
+thread_local int lockedHandlerDepth = 0;
+thread_local std::vector<std::string> deferredInvalidations;
+} // namespace
+
+void EnterLockedHandler() { ++lockedHandlerDepth; }
+void LeaveLockedHandler() { --lockedHandlerDepth; }
+
 void InvalidateKernelView(const char *path) {
     struct fuse_context *fuse = currentFuseContext();
     // Unit tests call handlers without a mount: there is no kernel view then.
     if (fuse == nullptr || fuse->fuse == nullptr || path == nullptr) return;
+    if (lockedHandlerDepth > 0) {
+        deferredInvalidations.emplace_back(path);
+        return;
+    }
     // -ENOENT only means the kernel never saw the path: nothing to drop.
     fuse_invalidate_path(fuse->fuse, path);
+}
+
+void SendDeferredKernelInvalidations() {
+    if (lockedHandlerDepth > 0 || deferredInvalidations.empty()) return;
+    std::vector<std::string> paths;
+    paths.swap(deferredInvalidations);
+    struct fuse_context *fuse = currentFuseContext();
+    if (fuse == nullptr || fuse->fuse == nullptr) return;
+    for (const std::string &path : paths) fuse_invalidate_path(fuse->fuse, path.c_str());
 }
 
 bool IsKernelXattrName(const char *name) {

@@ -32,9 +32,17 @@ void StopSignalsEndSession(struct fuse *fuse);
 constexpr double kKernelCacheSeconds = 3600.0;
 
 // Tells the kernel to drop what it caches of `path` (attributes and data), so
-// that its next question reaches the file system. Safe from any handler except
-// one reading or writing that very file; does nothing outside a mount.
+// that its next question reaches the file system; does nothing outside a
+// mount. Dropping cached pages waits for every read and write in flight on
+// them, and those wait for tarni_mutex: so a handler holding the lock only
+// notes the path, and the kernel is told when the handler lets the lock go
+// (before it answers, while libfuse still knows the path as named).
 void InvalidateKernelView(const char *path);
+// The bookkeeping of TarniLock: paths noted while this thread holds the lock
+// are sent by SendDeferredKernelInvalidations, called after the unlock.
+void EnterLockedHandler();
+void LeaveLockedHandler();
+void SendDeferredKernelInvalidations();
 
 // Linux keeps "security.*" and "system.*" attributes for the kernel's own
 // use; this volume never stores them and answers "not supported".

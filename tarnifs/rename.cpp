@@ -91,19 +91,6 @@ int prepareDeviceRename(_CONTEXT *ctx, const char *from, const char *to, _KTL_OB
     return hasChildren(target) ? -ENOTEMPTY : 0;
 }
 
-// The kernel keeps what it learnt of the paths below a renamed folder under
-// their old names; it must ask again.
-void invalidateBelow(const _KTL_OBJECT *folder, const std::string &path) {
-    const _KTL_LIST_ENTRY *head = &folder->child_list;
-    for (const _KTL_LIST_ENTRY *link = head->next; link != head; link = link->next) {
-        const _KTL_OBJECT *child = ObjectFromSibling(const_cast<_KTL_LIST_ENTRY *>(link));
-        if (child->file_name == nullptr) continue;
-        std::string childPath = ChildPath(path, child->file_name);
-        invalidateBelow(child, childPath);
-        InvalidateKernelView(childPath.c_str());
-    }
-}
-
 // After the device renamed: the name replaced is forgotten, and the source's
 // record with everything below it moves to the new name, linked last in its
 // new folder. The records move rather than being made anew, so handles open
@@ -118,7 +105,11 @@ void recordRename(_CONTEXT *ctx, _KTL_OBJECT *source, const char *from, const ch
         else
             DeleteObject(target, to);
     }
-    invalidateBelow(source, from);
+    // The kernel moves its own entries below a renamed folder with it, and
+    // they stay true: the same files, the same bytes. Nothing is invalidated
+    // here: while this rename runs, libfuse holds the paths below it, and a
+    // read or write waiting for them holds the very pages an invalidation
+    // would wait for.
     MoveObject(source, from, to);
     // The staged data is on the device now; what follows goes there too.
     if (source->type == KTL_TYPE_STAGED) source->type = KTL_TYPE_ORDINARY;
