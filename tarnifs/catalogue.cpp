@@ -168,15 +168,23 @@ _KTL_OBJECT *GetObjectWithFileName(const char *path) {
     return object;
 }
 
+// The record a key stands for, or null. Looking never adds to the map: a
+// program asking after names that do not exist (a build, a search) must not
+// grow the catalogue.
+_KTL_OBJECT *recordUnder(const std::string &key) {
+    auto found = Object_list.find(key);
+    return found == Object_list.end() ? nullptr : recordAt(found->second);
+}
+
 _KTL_OBJECT *FindObject(const char *path) {
-    uint64_t exact = Object_list[path];
-    if (exact != 0) return recordAt(exact);
+    _KTL_OBJECT *exact = recordUnder(path);
+    if (exact != nullptr) return exact;
     std::string key;
     if (!buildKey(path, &key)) {
         QNLog(3, "%s getUTF8MACName Failed", "FindObject");
         return nullptr;
     }
-    return recordAt(Object_list[key]);
+    return recordUnder(key);
 }
 
 _KTL_OBJECT *GetParentObject(const char *path) {

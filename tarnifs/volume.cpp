@@ -30,7 +30,9 @@ int tarnifs_statfs(const char *path, struct statvfs *st) {
         QNLog(3, "%s pContext is NULL!", "tarnifs_statfs");
         return result;
     }
-    if (strcmp(path, "/") != 0) return 0;
+    // Every path of the volume answers with the volume's figures: programs
+    // ask for the folder they write into, and divide by what they get.
+    (void)path;
     const libiusb_device_info &info = ctx->device_info;
     // Start-up always fills the block size; a zero is answered with no figures.
     if (info.block_size == 0) return 0;

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -66,16 +67,24 @@ TEST_F(CatalogueTest, ComposedAndDecomposedSpellingsReachOneRecord) {
     EXPECT_EQ(GetObject("/Storage/AC:DC"), GetObject("/Storage/AC:DC"));
 }
 
-TEST_F(CatalogueTest, FirstNameStaysAndMissesLeaveEmptyEntries) {
+TEST_F(CatalogueTest, FirstNameStaysAndMissesLeaveNothingBehind) {
     _KTL_OBJECT *named = GetObjectWithFileName(kDecomposed);
     ASSERT_STREQ(named->file_name, "cafe\xCC\x81");
     EXPECT_EQ(GetObjectWithFileName(kComposed), named);
     EXPECT_STREQ(named->file_name, "cafe\xCC\x81");  // kept, not replaced by the new spelling
 
+    // Misses under either spelling, and through the handlers that look paths
+    // up, add nothing to the map.
+    GetObject("/")->enumerated = 1;
+    folder("/Storage");
     size_t before = Object_list.size();
     EXPECT_EQ(FindObject("/Storage/missing"), nullptr);
-    EXPECT_GT(Object_list.size(), before);  // the miss left an entry behind ...
-    EXPECT_EQ(FindObject("/Storage/missing"), nullptr);  // ... which is never taken for a record
+    EXPECT_EQ(FindObject("/Storage/missing-caf\xC3\xA9"), nullptr);
+    EXPECT_EQ(FindObject("/Storage/nowhere/cafe\xCC\x81"), nullptr);
+    EXPECT_EQ(GetParentObject("/Storage/nowhere/x"), nullptr);
+    struct stat st;
+    EXPECT_EQ(tarnifs_getattr("/Storage/missing", &st), -ENOENT);
+    EXPECT_EQ(Object_list.size(), before);
     _KTL_OBJECT *filled = GetObject("/Storage/missing");
     ASSERT_NE(filled, nullptr);
     EXPECT_EQ(FindObject("/Storage/missing"), filled);
