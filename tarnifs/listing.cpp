@@ -1,11 +1,13 @@
 #include "tarnifs/listing.h"
 
+#include <algorithm>
 #include <cassert>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "tarnifs/catalogue.h"
@@ -51,14 +53,17 @@ void fillFromDevice(_KTL_OBJECT *object, const libiusb_file_info &info) {
     object->access_time = object->modify_time;
 }
 
+bool isDotOrDotDot(const char *name) {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
 // The names of a device listing whose information is asked, in device order
-// (only names a path can address; dot names are never shown), and their
-// device paths under `folder`.
+// (only names a path can address), and their device paths under `folder`.
 std::vector<const char *> entriesToAsk(char **entries, const std::string &folder, std::vector<std::string> *paths) {
     std::vector<const char *> names;
     for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
         if (!IsListableDeviceName(*entry)) {
-            if ((*entry)[0] != '.')
+            if (!isDotOrDotDot(*entry))
                 QNLog(3, "%s a name in %s is not shown: no path can address it", "entriesToAsk", folder.c_str());
             continue;
         }
@@ -121,6 +126,24 @@ int endHouseArrest(libiusb_afc *client) {
     return result;
 }
 
+// An app's display name as a folder name: a "/" in it would make a path
+// into a folder below, so it is shown as ":" (as the media views show one);
+// "", "." and ".." would stand for a folder itself, so the app's bundle id
+// names its folder instead (or "App" when that will not do either).
+std::string appFolderNameOf(const char *displayName, const char *bundleId) {
+    std::string name(displayName);
+    for (char &c : name)
+        if (c == '/') c = ':';
+    auto usable = [](const std::string &candidate) {
+        return !candidate.empty() && candidate != "." && candidate != ".." && candidate.size() <= NAME_MAX - 8;
+    };
+    if (usable(name)) return name;
+    std::string fallback = bundleId != nullptr ? bundleId : "";
+    for (char &c : fallback)
+        if (c == '/') c = ':';
+    return usable(fallback) ? fallback : "App";
+}
+
 int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir_t filler) {
     sendPipeMsg("-neon");
     libiusb_app_node *list = nullptr;
@@ -149,9 +172,10 @@ int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir
             delete[] name;
             break;
         }
-        std::string candidate = std::string("/Apps/") + name;
+        std::string folderName = appFolderNameOf(name, app->bundle_id);
+        std::string candidate = "/Apps/" + folderName;
         for (int counter = 2; FindObject(candidate.c_str()) != nullptr && counter < 1000; ++counter)
-            candidate = std::string("/Apps/") + name + " (" + std::to_string(counter) + ")";
+            candidate = "/Apps/" + folderName + " (" + std::to_string(counter) + ")";
 
         _KTL_OBJECT *folder = GetObjectWithFileName(candidate.c_str());
         time_t now = time(nullptr);
@@ -236,6 +260,91 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
     return result;
 }
 
+bool anythingOpenBelow(_KTL_OBJECT *record) {
+    if (record->open_count > 0 || record->file_handle != 0) return true;
+    for (_KTL_LIST_ENTRY *link = record->child_list.next; link != &record->child_list; link = link->next)
+        if (anythingOpenBelow(ObjectFromSibling(link))) return true;
+    return false;
+}
+
+// A name the device no longer has: its record (and everything below it) is
+// forgotten, and the kernel asked to forget it too. What is open stays until
+// its handles are closed.
+void forgetGoneEntry(_CONTEXT *ctx, _KTL_OBJECT *child, const std::string &childPath) {
+    if (anythingOpenBelow(child)) return;
+    QNLog(3, "%s %s is gone from the device", "refreshListedFolder", childPath.c_str());
+    InvalidateKernelView(childPath.c_str());
+    if (child->mode == KTL_MODE_FOLDER) DeleteChildObject(child, childPath.c_str());
+    if (child->mode == KTL_MODE_FILE) ctx->device_info.free_capacity += child->size;
+    DeleteObject(child, childPath.c_str());
+}
+
+// A folder listed before is asked for its names once more (one device
+// request): apps and the phone's owner change their files while it is
+// mounted. Names it gained get records, with their information asked one by
+// one; names it lost are forgotten. When nothing changed, that one request is
+// all it costs. A folder the device cannot list now keeps what was known.
+void refreshListedFolder(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
+    bool inStorage = strcmp(path, "/Storage") == 0 || strncmp(path, "/Storage/", 9) == 0;
+    bool inApp = strncmp(path, "/Apps/", 6) == 0 && folder->app_id != nullptr;
+    if ((!inStorage && !inApp) || folder->mode != KTL_MODE_FOLDER) return;
+    libiusb_afc *connection = inStorage ? ctx->afc_handle : folder->hhandle;
+    libiusb_afc *ownClient = nullptr;
+    if (connection == nullptr && inApp && ctx->device_handle != nullptr) {
+        if (libiusb_housearrest_init(ctx->device_handle, &ownClient) != 0) return;
+        if (libiusb_housearrest_openapp(ownClient, folder->app_id) != 0) {
+            endHouseArrest(ownClient);
+            return;
+        }
+        connection = ownClient;
+    }
+    if (connection == nullptr) return;
+    std::string devicePath = inStorage ? StorageDevicePath(path) : AppSandboxPath(path);
+    char **entries = nullptr;
+    int result = libiusb_afc_file_read_directory(connection, devicePath.c_str(), &entries, nullptr);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_afc_file_read_directory failed. path(%s), ret : %d", "refreshListedFolder",
+              devicePath.c_str(), result);
+    } else {
+        std::unordered_set<_KTL_OBJECT *> children, present;
+        for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next)
+            children.insert(ObjectFromSibling(link));
+        std::vector<const char *> gained;
+        for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
+            if (!IsListableDeviceName(*entry)) continue;
+            _KTL_OBJECT *known = FindObject(ChildPath(path, *entry).c_str());
+            if (known != nullptr && children.count(known) != 0)
+                present.insert(known);
+            else
+                gained.push_back(*entry);
+        }
+        std::vector<_KTL_OBJECT *> gone;
+        for (_KTL_OBJECT *child : children)
+            if (present.count(child) == 0 && child->file_name != nullptr) gone.push_back(child);
+        for (_KTL_OBJECT *child : gone) forgetGoneEntry(ctx, child, ChildPath(path, child->file_name));
+        for (const char *name : gained) {
+            libiusb_file_info info;
+            memset(&info, 0, sizeof(info));
+            std::string childDevicePath = devicePath + "/" + name;
+            if (libiusb_afc_file_get_info(connection, childDevicePath.c_str(), &info) != 0) continue;
+            std::string childPath = ChildPath(path, name);
+            _KTL_OBJECT *child = GetObjectWithFileName(childPath.c_str());
+            if (child->sibling.next != &child->sibling) continue;  // the other spelling of a name just linked
+            bool isFolder = info.file_type == LIBIUSB_FILE_TYPE_FOLDER;
+            child->mode = isFolder ? KTL_MODE_FOLDER : KTL_MODE_FILE;
+            if (inApp) {
+                child->type = isFolder ? KTL_TYPE_DEVICE_FOLDER : KTL_TYPE_DEVICE_FILE;
+                if (child->app_id == nullptr) child->app_id = CopyString(folder->app_id);
+            }
+            fillFromDevice(child, info);
+            LinkChildObject(folder, child);
+            QNLog(3, "%s %s is new on the device", "refreshListedFolder", childPath.c_str());
+        }
+    }
+    libiusb_misc_free_strings_array(entries);
+    if (ownClient != nullptr) endHouseArrest(ownClient);
+}
+
 // Only a Storage listing stops half-way (at an entry whose information
 // cannot be read), leaving the entries before it linked.
 bool mayBeHalfListed(const char *path) { return strncmp(path, "/Storage", 8) == 0; }
@@ -243,19 +352,50 @@ bool mayBeHalfListed(const char *path) { return strncmp(path, "/Storage", 8) == 
 } // namespace
 
 bool IsListableDeviceName(const char *name) {
-    if (name == nullptr || name[0] == '\0' || name[0] == '.') return false;
+    // "." and ".." are the folder and its parent; any other name beginning
+    // with "." is an ordinary name here (.git, .env), hidden only by viewers.
+    if (name == nullptr || name[0] == '\0' || isDotOrDotDot(name)) return false;
     // "a/b" would be taken for the entry b of a folder a, on the device and
     // here alike; a name longer than NAME_MAX cannot be looked up, and one
     // past FUSE's limit fails the whole listing in the kernel.
     return strchr(name, '/') == nullptr && strlen(name) <= NAME_MAX;
 }
 
-std::string StorageDevicePath(const char *path) { return std::string(kStorageRoot) + (path + 8); }
+namespace {
+// The part of a volume path from `from` on, each component spelled as the
+// device spells it: a record keeps the device's own name, and a path may
+// reach it through the other Unicode form ("café" composed or decomposed).
+// Two device files whose names differ only so are one record, and its size
+// and bytes must come from the same one. Components no record stands for
+// (a name being made) stay as given.
+std::string deviceSpelling(const char *path, size_t from) {
+    std::string volume(path);
+    std::string out;
+    size_t start = from;
+    while (start < volume.size()) {
+        size_t slash = volume.find('/', start + 1);
+        if (slash == std::string::npos) slash = volume.size();
+        std::string component = volume.substr(start + 1, slash - start - 1);
+        // Only names beyond ASCII have two forms.
+        bool ascii = std::all_of(component.begin(), component.end(), [](char c) { return (c & 0x80) == 0; });
+        const _KTL_OBJECT *record = ascii ? nullptr : FindObject(volume.substr(0, slash).c_str());
+        if (record != nullptr && record->file_name != nullptr) component = record->file_name;
+        out += "/" + component;
+        start = slash;
+    }
+    return out;
+}
+} // namespace
+
+std::string StorageDevicePath(const char *path) {
+    if (path[8] != '/') return std::string(kStorageRoot) + (path + 8);  // "/Storage" itself
+    return std::string(kStorageRoot) + deviceSpelling(path, 8);
+}
 
 std::string AppSandboxPath(const char *path) {
     std::string rest = strlen(path) > 6 ? std::string(path + 6) : std::string();
     size_t slash = rest.find('/');
-    return "/Documents" + (slash == std::string::npos ? std::string() : rest.substr(slash));
+    return "/Documents" + (slash == std::string::npos ? std::string() : deviceSpelling(path, 6 + slash));
 }
 
 std::string AppFolderName(const char *path) {
@@ -427,6 +567,10 @@ int tarnifs_readdir(const char *path, void *buffer, fuse_fill_dir_t filler, off_
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) return result;
+    // What a program lists is asked of the device again; the catalogue's own
+    // walks (a path found, a folder removed) answer from what was listed.
+    _KTL_OBJECT *folder = FindObject(path);
+    if (folder != nullptr && folder->enumerated == 1) refreshListedFolder(ctx, path, folder);
     return listFolder(ctx, path, buffer, filler, offset);
 }
 

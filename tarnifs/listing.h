@@ -33,8 +33,8 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
 int listFoldersAbove(_CONTEXT *ctx, const char *path);
 
 // Whether a name from a device listing is shown: it must be one path component
-// (not empty, no "/"), no longer than NAME_MAX, and not start with "." (dot
-// names are never shown, so "." and ".." never stand for a folder).
+// (not empty, no "/", not "." or ".."), no longer than NAME_MAX. Other names
+// beginning with "." are shown like any name.
 bool IsListableDeviceName(const char *name);
 
 // Device paths of volume paths: "/Storage/a/b" -> "/general_storage/a/b";

@@ -19,8 +19,9 @@ namespace {
 const char kComposed[] = "caf\xC3\xA9.txt";
 const char kDecomposed[] = "cafe\xCC\x81.txt";
 
+// The names of a folder without "." and "..", sorted.
 std::vector<std::string> sortedVisible(std::vector<std::string> names) {
-    names.erase(std::remove_if(names.begin(), names.end(), [](const std::string &n) { return n[0] == '.'; }),
+    names.erase(std::remove_if(names.begin(), names.end(), [](const std::string &n) { return n == "." || n == ".."; }),
                 names.end());
     std::sort(names.begin(), names.end());
     return names;
@@ -59,8 +60,8 @@ protected:
         image.folders = {"media/general_storage/empty", "media/general_storage/a/b/c"};
         image.files = {
             {"media/general_storage/top.txt", "top level"},
-            {"media/general_storage/.hidden", "not shown"},
-            {"media/general_storage/._resource", "not shown either"},
+            {"media/general_storage/.hidden", "a dot name, listed like any"},
+            {"media/general_storage/._resource", "and another"},
             {std::string("media/general_storage/") + kDecomposed, "decomposed on the device"},
             {"media/general_storage/it's \"quoted\" $(touch x).txt", "odd name"},
             {"media/general_storage/a/b/deep.bin", std::string(5000, 'x')},
@@ -69,7 +70,7 @@ protected:
             {"apps/com.example.jotter/Documents/second.txt", "jotter"},
             {"apps/com.example.scribble/Documents/third.txt", "scribble"},
             {"apps/com.example.reader/Documents/books/novel.epub", std::string(1234, 'b')},
-            {"apps/com.example.reader/Documents/.cache", "hidden"},
+            {"apps/com.example.reader/Documents/.cache", "dot name in an app"},
         };
         return image;
     }
@@ -87,8 +88,10 @@ TEST_F(ListingTest, RootMediaStorageAndAppsMatchTheImage) {
 
     expectSameTree(storageImage(), inMount("/Storage"));
     std::vector<std::string> storage = entriesIn(inMount("/Storage"));
-    EXPECT_EQ(std::count(storage.begin(), storage.end(), ".hidden"), 0);
-    EXPECT_EQ(std::count(storage.begin(), storage.end(), "._resource"), 0);
+    // Dot names are ordinary names below the root (hiding them is the viewer's job).
+    EXPECT_EQ(std::count(storage.begin(), storage.end(), ".hidden"), 1);
+    EXPECT_EQ(readLocal(inMount("/Storage/._resource")), "and another");
+    EXPECT_EQ(readLocal(inMount("/Apps/Reader/.cache")), "dot name in an app");
 
     // Either spelling of a name reaches the one entry.
     struct stat viaComposed, viaDecomposed;
@@ -114,6 +117,67 @@ TEST_F(ListingTest, RootMediaStorageAndAppsMatchTheImage) {
     ASSERT_EQ(stat((storageImage() + "/a/b/deep.bin").c_str(), &deep), 0);
     EXPECT_NE(listing.find(" 5000 " + std::to_string(deep.st_mtime) + " deep.bin"), std::string::npos) << listing;
     EXPECT_NE(listing.find("drwxrwxrwx"), std::string::npos) << listing;
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+// Apps and the phone's owner change files while the device is mounted: the
+// next listing shows it. Odd app names get folders a path can reach, and two
+// spellings of one name never mix one file's size with the other's bytes.
+TEST_F(ListingTest, ThePhonesOwnChangesShowAtTheNextListing) {
+    DevsimImage image = sampleImage();
+    image.location_id = 9202;
+    image.apps.push_back({"com.example.dot", ".", true});
+    image.apps.push_back({"com.example.dotdot", "..", true});
+    image.apps.push_back({"com.example.slash", "Work/Home", true});
+    image.files.push_back({"apps/com.example.dot/Documents/d.txt", "in the app called ."});
+    image.files.push_back({"apps/com.example.dotdot/Documents/dd.txt", "in the app called .."});
+    image.files.push_back({"apps/com.example.slash/Documents/s.txt", "in Work/Home"});
+    image.files.push_back({std::string("apps/com.example.dot/Documents/twins/") + kComposed, "composed"});
+    image.files.push_back(
+        {std::string("apps/com.example.dot/Documents/twins/") + kDecomposed, "the decomposed one, longer"});
+    ASSERT_TRUE(startDevice({image}));
+    ASSERT_TRUE(mountDevice(9202));
+    expectSameTree(storageImage(), inMount("/Storage"));
+    expectSameTree(appImage("com.example.reader"), inMount("/Apps/Reader"));
+
+    // Behind the mount's back: files and a folder added, files removed.
+    std::ofstream(storageImage() + "/from the phone.txt") << "added on the phone";
+    std::ofstream(storageImage() + "/.env") << "KEY=1";
+    ASSERT_EQ(remove((storageImage() + "/top.txt").c_str()), 0);
+    ASSERT_EQ(mkdir((storageImage() + "/new folder").c_str(), 0755), 0);
+    std::ofstream(appImage("com.example.reader") + "/saved by the app.txt") << "app data";
+    ASSERT_EQ(remove((appImage("com.example.reader") + "/.cache").c_str()), 0);
+    expectSameTree(storageImage(), inMount("/Storage"));
+    expectSameTree(appImage("com.example.reader"), inMount("/Apps/Reader"));
+    EXPECT_EQ(readLocal(inMount("/Storage/from the phone.txt")), "added on the phone");
+    EXPECT_EQ(statError(inMount("/Storage/top.txt")), ENOENT);
+    EXPECT_EQ(readLocal(inMount("/Apps/Reader/saved by the app.txt")), "app data");
+    EXPECT_EQ(statError(inMount("/Apps/Reader/.cache")), ENOENT);
+    // A name gone and back again is a new file, with its new bytes.
+    std::ofstream(storageImage() + "/top.txt") << "back, and longer than before";
+    expectSameTree(storageImage(), inMount("/Storage"));
+    EXPECT_EQ(readLocal(inMount("/Storage/top.txt")), "back, and longer than before");
+
+    // Two device files whose names differ only in Unicode form are one entry;
+    // through either spelling its size and bytes are one file's.
+    std::vector<std::string> twins = sortedVisible(entriesIn(inMount("/Apps/com.example.dot/twins")));
+    ASSERT_EQ(twins.size(), 1u);
+    for (const char *spelling : {kComposed, kDecomposed}) {
+        std::string path = inMount(std::string("/Apps/com.example.dot/twins/") + spelling);
+        struct stat st;
+        ASSERT_EQ(stat(path.c_str(), &st), 0) << spelling;
+        std::string bytes = readLocal(path);
+        EXPECT_EQ(bytes.size(), static_cast<size_t>(st.st_size)) << spelling;
+        EXPECT_EQ(bytes, readLocal(appImage("com.example.dot") + "/twins/" + twins[0])) << spelling;
+    }
+
+    // Apps named ".", ".." or with a "/" get folders of their own.
+    std::vector<std::string> apps = sortedVisible(entriesIn(inMount("/Apps")));
+    for (const char *folder : {"com.example.dot", "com.example.dotdot", "Work:Home"})
+        EXPECT_EQ(std::count(apps.begin(), apps.end(), folder), 1) << folder;
+    EXPECT_EQ(readLocal(inMount("/Apps/com.example.dot/d.txt")), "in the app called .");
+    EXPECT_EQ(readLocal(inMount("/Apps/com.example.dotdot/dd.txt")), "in the app called ..");
+    EXPECT_EQ(readLocal(inMount("/Apps/Work:Home/s.txt")), "in Work/Home");
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
