@@ -16,6 +16,7 @@
 #include <string>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/filedata.h"
 #include "tarnifs/listing_pool.h"
 #include "tarnifs/mount.h"
 #include "tarnifs/names.h"
@@ -305,6 +306,10 @@ void tarnifs_destroy(void *private_data) {
     free(gEncodedPath);
     gEncodedPath = nullptr;
     closeDatabases(ctx);
+    // What a program wrote must not go with the work folder: a temporary
+    // still staged (its upload at release failed, or it is still open) goes
+    // to the device under its own name first.
+    UploadEveryStagedFile(ctx);
     FreeAllObjects(ctx->afc_handle);
     removeWorkFolder(ctx);
     memset(&ctx->device_info, 0, sizeof(ctx->device_info));
