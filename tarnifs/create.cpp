@@ -142,11 +142,13 @@ int tarnifs_create(const char *path, mode_t, struct fuse_file_info *fi) {
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) return result;
-    // The file manager's index files are never written to a phone.
-    if (strstr(path, "Spotlight") != nullptr) return 0;
+    // macOS's own index folders (".Spotlight-V100") are never written to a
+    // phone; a user's "Spotlight notes.txt" is a file like any other.
+    if (strstr(path, "/.Spotlight-") != nullptr) return 0;
 
     bool inAppFolder = strncmp(path, "/Apps/", 6) == 0 && countSlashes(path) > 2;
-    bool inStorage = strncmp(path, "/Storage", 8) == 0;
+    // "/Storagex.txt" is a name at the root, refused as the root is.
+    bool inStorage = IsInStorage(path);
     if (!inAppFolder && !inStorage) {
         QNLog(3, "%s create not supported. path : %s%s", "tarnifs_create", path,
               strncmp(path, "/Apps/", 6) == 0 ? " " : "");

@@ -108,10 +108,78 @@ void refuseReadOnly(const char *path) {
                    ParentFolderOf(path).c_str());
 }
 
-// The staging file a safe save writes: the work folder + the last component.
-std::string stagingFileOf(_CONTEXT *ctx, const char *path) {
+// Where a staged file waits: the work folder's staging folder + the whole
+// volume path, so that temporaries of one name in different folders never
+// share (or remove) each other's bytes.
+std::string stagingFileOf(_CONTEXT *ctx, const char *path) { return std::string(ctx->work_dir) + StagingNameOf(path); }
+
+// Makes the folders above a staging file, private to us like the work folder.
+void makeStagingFolders(_CONTEXT *ctx, const std::string &local) {
+    size_t from = strlen(ctx->work_dir) + 1;
+    for (size_t slash = local.find('/', from); slash != std::string::npos; slash = local.find('/', slash + 1))
+        mkdir(local.substr(0, slash).c_str(), 0700);
+}
+
+bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+bool isLetterOrDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+// macOS's safe save writes the new content to "<name>.sb-" + 8 hex digits +
+// "-" + 6 letters or digits beside <name>, then renames it over <name>. Only
+// such a name, in the folder of an existing <name>, is a temporary: anything
+// else that merely contains ".sb-" ("report.txt.sb-copy", a folder
+// "music.sb-old") is a user's file and goes to the device like any other.
+bool isSafeSaveTemporary(const char *path) {
+    static const size_t kSuffix = 4 + 8 + 1 + 6;  // ".sb-" 8 hex "-" 6 letters or digits
     const char *slash = strrchr(path, '/');
-    return std::string(ctx->work_dir) + (slash != nullptr ? slash : path);
+    if (slash == nullptr) return false;
+    const char *name = slash + 1;
+    size_t length = strlen(name);
+    if (length <= kSuffix) return false;
+    const char *suffix = name + length - kSuffix;
+    if (strncmp(suffix, ".sb-", 4) != 0 || suffix[12] != '-') return false;
+    for (int i = 4; i < 12; ++i)
+        if (!isHexDigit(suffix[i])) return false;
+    for (int i = 13; i < 19; ++i)
+        if (!isLetterOrDigit(suffix[i])) return false;
+    std::string original(path, static_cast<size_t>(suffix - path));
+    return FindObject(original.c_str()) != nullptr;
+}
+
+// A file opened again is looked at on the device (one file-information
+// request, made only when its first device handle is opened): an app on the
+// phone may have changed it since the catalogue learnt its size. When it
+// did, what the kernel keeps of the path is dropped, so that stat and read
+// see the device's file. Media items keep what their library says.
+void refreshFromDevice(libiusb_afc *connection, const char *path, const std::string &devicePath,
+                       _KTL_OBJECT *object) {
+    libiusb_file_info info;
+    int result = libiusb_afc_file_get_info(connection, devicePath.c_str(), &info);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_afc_file_get_info failed. path(%s) ret : %d", "tarnifs_open", devicePath.c_str(), result);
+        return;
+    }
+    int64_t modified = info.modify_time / 1000000000;
+    if (info.size == object->size && modified == object->modify_time) return;
+    object->size = info.size;
+    object->modify_time = modified;
+    object->birth_time = info.birth_time / 1000000000;
+    InvalidateKernelView(path);
+}
+
+// Where an appending write lands: the end of the device file as it is now
+// (one file-information request per appending write), so that lines an app on
+// the phone added meanwhile are kept. When the device cannot say, the
+// catalogue's size stands.
+uint64_t deviceEndOf(libiusb_afc *connection, const char *path, _KTL_OBJECT *object) {
+    libiusb_file_info info;
+    std::string devicePath = devicePathFor(path, object);
+    int result = libiusb_afc_file_get_info(connection, devicePath.c_str(), &info);
+    if (result != 0) {
+        QNLog(3, "%s libiusb_afc_file_get_info failed. path(%s) ret : %d", "tarnifs_write", devicePath.c_str(), result);
+        return object->size;
+    }
+    object->size = info.size;
+    return info.size;
 }
 
 } // namespace
@@ -133,7 +201,18 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
             refuseReadOnly(path);
             return -ECANCELED;
         }
-    } else if (object->type != KTL_TYPE_TEMPORARY && object->type != KTL_TYPE_STAGED) {
+    } else if (object->type == KTL_TYPE_STAGED) {
+        // A temporary opened again to be rewritten starts empty, as its
+        // device file would.
+        if ((fi->flags & O_TRUNC) != 0) {
+            std::string local = stagingFileOf(ctx, path);
+            if (truncate(local.c_str(), 0) != 0 && errno != ENOENT)
+                QNLog(3, "%s staged file truncate failed. path(%s) errno %d", "tarnifs_open", local.c_str(), errno);
+            accountForSizeChange(ctx, object->size, 0);
+            object->size = 0;
+            object->modify_time = time(nullptr);
+        }
+    } else if (object->type != KTL_TYPE_TEMPORARY) {
         bool media = isMediaItem(object);
         if (media && opensForWriting(fi->flags)) {
             // The device's library is never written: a media item opened for
@@ -154,13 +233,14 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
             result = openFolderClient(ctx, path, parent);
             if (result != 0) return result;
             connection = parent->hhandle;
-        } else if (!media && strncmp(path, "/Storage", 8) != 0) {
+        } else if (!media && !IsInStorage(path)) {
             QNLog(3, "%s Unexpected file! path(%s)", "tarnifs_open", path);
             ShowMessageBox(kMsgError, "Unexpected file! path\n%s", path);
             return -ECANCELED;
         }
         std::string devicePath = devicePathFor(path, object);
         bool writing = opensForWriting(fi->flags);
+        bool firstHandle = object->file_handle == 0;
         if (object->file_handle != 0 && writing && !object->device_writable) {
             // Readers hold a read-only device handle: a writer needs one that
             // writes. Reads name their offsets, so the readers go on with it.
@@ -191,8 +271,11 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
                 return -ECANCELED;
             }
         }
-        if ((fi->flags & O_TRUNC) != 0 && object->size != 0) {
-            // An open that truncates empties the device file, not only the catalogue.
+        if (firstHandle && !media) refreshFromDevice(connection, path, devicePath, object);
+        if ((fi->flags & O_TRUNC) != 0) {
+            // An open that truncates empties the device file, not only the
+            // catalogue, whatever size the catalogue holds: an app on the
+            // phone may have written to a file the catalogue knows as empty.
             result = libiusb_afc_file_truncate(connection, object->file_handle, 0);
             if (result != 0) {
                 QNLog(3, "%s libiusb_afc_file_truncate failed. path(%s) ret %d", "tarnifs_open", devicePath.c_str(),
@@ -244,7 +327,7 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
 
     if (object->type == KTL_TYPE_STAGED) {
         // A staged file is read from the work folder under its whole volume path.
-        std::string local = std::string(ctx->work_dir) + path;
+        std::string local = stagingFileOf(ctx, path);
         struct stat st;
         if (stat(local.c_str(), &st) != 0) {
             result = -ENOENT;
@@ -303,25 +386,35 @@ int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, 
     if (!removedPath.empty()) path = removedPath.c_str();
     libiusb_afc *connection = connectionFor(ctx, path, object);
     if (object->file_handle == 0 && object->type != KTL_TYPE_STAGED) return -ECANCELED;
-    // O_APPEND puts every write at the end of the file, as POSIX says.
-    uint64_t at = (fi->flags & O_APPEND) != 0 ? object->size : static_cast<uint64_t>(offset);
+    // A safe-save temporary is staged from its first byte on: while it is
+    // empty on the device, its whole content can wait in the work folder.
+    // One that already holds bytes on the device is written there in place.
+    bool staging = object->type == KTL_TYPE_STAGED || (object->size == 0 && isSafeSaveTemporary(path));
+    // O_APPEND puts every write at the end of the file, as POSIX says: the
+    // end of the device file as it is now, whatever the catalogue last saw.
+    uint64_t at = static_cast<uint64_t>(offset);
+    if ((fi->flags & O_APPEND) != 0) at = staging ? object->size : deviceEndOf(connection, path, object);
 
     uint32_t written = 0;
-    std::string target(path);
-    size_t safeSave = target.find(".sb-");
-    if (safeSave != std::string::npos && FindObject(target.substr(0, safeSave).c_str()) != nullptr) {
-        // A safe save over an existing file: its data waits in the work folder
-        // until the rename that replaces the original uploads it. The staging
-        // file is written at the offsets given, like the device file would be.
+    if (staging) {
+        // Its data waits in the work folder until the rename that replaces
+        // the original, or the last release, puts it on the device. The
+        // staging file is written at the offsets given, as the device file
+        // would be; a temporary starting to be staged starts empty.
         std::string local = stagingFileOf(ctx, path);
-        struct stat st;
-        int flags = stat(local.c_str(), &st) == 0 ? O_WRONLY : (O_WRONLY | O_CREAT | O_TRUNC);
-        int fd = open(local.c_str(), flags | O_NOFOLLOW, 0600);
-        if (fd >= 0) {
-            ssize_t put = pwrite(fd, buf, size, static_cast<off_t>(at));
-            written = put > 0 ? static_cast<uint32_t>(put) : 0;
-            close(fd);
+        int flags = O_WRONLY | O_CREAT | O_NOFOLLOW;
+        if (object->type != KTL_TYPE_STAGED) {
+            makeStagingFolders(ctx, local);
+            flags |= O_TRUNC;
         }
+        int fd = open(local.c_str(), flags, 0600);
+        ssize_t put = fd >= 0 ? pwrite(fd, buf, size, static_cast<off_t>(at)) : -1;
+        if (fd >= 0) close(fd);
+        if (put < 0) {
+            QNLog(3, "%s staging write failed. path(%s) errno %d", "tarnifs_write", local.c_str(), errno);
+            return -EIO;
+        }
+        written = static_cast<uint32_t>(put);
         object->type = KTL_TYPE_STAGED;
     } else {
         result = libiusb_afc_file_write(connection, object->file_handle, buf, static_cast<uint32_t>(size), at,
@@ -372,6 +465,12 @@ int tarnifs_release(const char *path, struct fuse_file_info *fi) {
         if (queueTransferRecord(kind, object->size, object->file_name != nullptr ? object->file_name : "") != 0)
             QNLog(3, "%s PKTL_PIPE_DATA_BOX alloc failed", "tarnifs_release");
     }
+    if (object->open_count == 0 && object->type == KTL_TYPE_STAGED && !removed) {
+        // The flush of its close normally did this already; what failed
+        // there is tried once more (while the folder's connection is open).
+        int uploaded = UploadStagedFile(ctx, path, object, "tarnifs_release");
+        if (uploaded != 0) result = uploaded;
+    }
     if (object->open_count == 0 && object->file_handle != 0) {
         if (object->app_id != nullptr) {
             _KTL_OBJECT *parent = GetParentObject(path);
@@ -405,6 +504,28 @@ int tarnifs_release(const char *path, struct fuse_file_info *fi) {
     return result;
 }
 
+int tarnifs_flush(const char *path, struct fuse_file_info *fi) {
+    TarniLock lock;
+    _CONTEXT *ctx = nullptr;
+    int result = getContext(&ctx);
+    if (result != 0) return result;
+    if (fi == nullptr || fi->fh == 0) return 0;
+    std::string removedPath;
+    _KTL_OBJECT *object = objectOfHandle(path, fi, &removedPath);
+    // A temporary removed while open was thrown away by its program.
+    if (object == nullptr || !removedPath.empty() || object->type != KTL_TYPE_STAGED) return 0;
+    // Nothing a user wrote stays only in the work folder: at each close
+    // (which waits for its flush, where the release comes later, unwaited)
+    // a staged temporary goes to the device under its own name, not at
+    // unmount, which a crash or an unplugged cable may never reach. Its
+    // device file then holds every byte, so later writes go there in place,
+    // and the rename that follows is one device rename. On a failure it
+    // stays staged: the release, the rename or the unmount tries again.
+    result = UploadStagedFile(ctx, path, object, "tarnifs_flush");
+    if (result == 0 || result == -ECANCELED) return result;  // -ECANCELED: its dialog was shown
+    return writeFailed(result);
+}
+
 _KTL_OBJECT *objectOfHandle(const char *path, const struct fuse_file_info *fi, std::string *removedPath) {
     removedPath->clear();
     if (fi != nullptr && fi->fh != 0) {
@@ -418,7 +539,9 @@ _KTL_OBJECT *objectOfHandle(const char *path, const struct fuse_file_info *fi, s
 int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, uint64_t size,
                            struct fuse_file_info *fi) {
     (void)fi;  // the record holds the device handle, whichever FUSE handle asked
-    if (object->mode != KTL_MODE_FILE || size == object->size) return 0;
+    // Whatever size the catalogue holds, the device file is changed: an app
+    // on the phone may have changed it since the catalogue learnt its size.
+    if (object->mode != KTL_MODE_FILE) return 0;
     if (isMediaItem(object) || object->type == KTL_TYPE_NOTE) {
         QNLog(3, "%s media item is read only. path(%s)", "tarnifs_setattr_x", path);
         refuseReadOnly(path);
@@ -431,7 +554,7 @@ int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object,
         return 0;
     }
     bool inApps = object->app_id != nullptr;
-    if (!inApps && strncmp(path, "/Storage", 8) != 0) return 0;  // nothing on the device stands behind it
+    if (!inApps && !IsInStorage(path)) return 0;  // nothing on the device stands behind it
     std::string devicePath = devicePathFor(path, object);
     int result = 0;
     if (object->file_handle != 0) {
@@ -456,4 +579,36 @@ int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object,
     }
     accountForSizeChange(ctx, object->size, size);
     return 0;
+}
+
+std::string StagingNameOf(const char *path) { return std::string("/staging") + path; }
+
+int UploadStagedFile(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, const char *caller) {
+    if (object->type != KTL_TYPE_STAGED) return 0;
+    _KTL_OBJECT *parent = nullptr;
+    libiusb_afc *connection = ctx->afc_handle;
+    if (object->app_id != nullptr) {
+        parent = GetParentObject(path);
+        if (parent == nullptr) return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND;
+        int result = openFolderClient(ctx, path, parent);
+        if (result != 0) return result;
+        connection = parent->hhandle;
+    }
+    std::string devicePath = devicePathFor(path, object);
+    int result = uploadfile(ctx, StagingNameOf(path).c_str(), devicePath.c_str(), connection, true);
+    // A client made only for this upload is let go again.
+    if (parent != nullptr && parent->open_count == 0) dropFolderClient(parent);
+    if (result != 0) {
+        QNLog(3, "%s uploadfile failed. path(%s). ret : %d", caller, devicePath.c_str(), result);
+        return result;
+    }
+    object->type = KTL_TYPE_ORDINARY;
+    return 0;
+}
+
+void UploadEveryStagedFile(_CONTEXT *ctx) {
+    for (const auto &entry : Object_list) {
+        _KTL_OBJECT *object = reinterpret_cast<_KTL_OBJECT *>(entry.second);
+        if (object != nullptr && object->type == KTL_TYPE_STAGED) UploadStagedFile(ctx, entry.first.c_str(), object, "tarnifs_destroy");
+    }
 }

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "tarnifs/catalogue.h"
@@ -16,6 +17,8 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi);
 int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct fuse_file_info *fi);
 int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, struct fuse_file_info *fi);
 int tarnifs_release(const char *path, struct fuse_file_info *fi);
+// Each close of a file: a staged temporary goes to the device here.
+int tarnifs_flush(const char *path, struct fuse_file_info *fi);
 int tarnifs_create(const char *path, mode_t mode, struct fuse_file_info *fi);
 
 // The record an open handle stands for: the record of a file removed while
@@ -40,6 +43,22 @@ int MakeTmpPath(_CONTEXT *ctx, const char *path, mode_t mode);
 // handlers before they record the new size. 0, or -ECANCELED after a dialog.
 int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, uint64_t size,
                            struct fuse_file_info *fi);
+
+// The Storage area is "/Storage" and what is below "/Storage/": a name such
+// as "/Storagex.txt" is a top-level name, never the device's
+// "/general_storagex.txt".
+inline bool IsInStorage(const char *path) { return strncmp(path, "/Storage/", 9) == 0; }
+
+// A safe-save temporary's bytes wait in the work folder under this name (the
+// staging folder + the whole volume path): keyed by full path, so that two
+// temporaries of one name in different folders never meet.
+std::string StagingNameOf(const char *path);
+// Puts a staged file's bytes on the device under its own name and removes
+// the staging file; the record is then an ordinary file. The lock is held.
+// 0, or the error (logged under `caller`; the file stays staged).
+int UploadStagedFile(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, const char *caller);
+// At unmount: every file still staged goes to the device under its own name.
+void UploadEveryStagedFile(_CONTEXT *ctx);
 
 // Bytes a program should move per read or write: the largest request the
 // kernel hands a FUSE file system, so a copy costs one device round trip per

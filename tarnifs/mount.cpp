@@ -89,6 +89,7 @@ struct fuse_operations makeOperationTable() {
     ops.read = tarnifs_read;
     ops.write = tarnifs_write;
     ops.release = tarnifs_release;
+    ops.flush = tarnifs_flush;
     ops.create = tarnifs_create;
     ops.mkdir = tarnifs_mkdir;
     ops.rmdir = tarnifs_rmdir;

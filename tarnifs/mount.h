@@ -44,6 +44,9 @@ struct _CONTEXT {
     // The private work folder: "/tmp/" + location id, or a fresh private
     // folder when that name is taken by something that is not ours.
     char work_dir[256] = {0};
+    // The work folder, open and locked (flock) for as long as the mount runs:
+    // a second mount of the same device finds it taken and uses a fresh one.
+    int work_dir_lock = -1;
     sqlite3 *media_db = nullptr;
     sqlite3 *photo_db = nullptr;
     sqlite3 *record_db = nullptr;

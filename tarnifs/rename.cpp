@@ -19,6 +19,10 @@ namespace {
 
 bool begins(const char *path, const char *prefix) { return strncmp(path, prefix, strlen(prefix)) == 0; }
 
+// The Storage area as a source: the area's folder itself or what is below
+// it; "/Storagex.txt" is neither.
+bool fromStorage(const char *path) { return strcmp(path, "/Storage") == 0 || IsInStorage(path); }
+
 size_t depthOf(const char *path) { return static_cast<size_t>(std::count(path, path + strlen(path), '/')); }
 bool isFolder(const _KTL_OBJECT *object) { return object != nullptr && object->mode == KTL_MODE_FOLDER; }
 
@@ -122,17 +126,20 @@ void recordRename(_CONTEXT *ctx, _KTL_OBJECT *source, const char *from, const ch
 
 // A safe-save temporary whose data waits in the work folder goes to the
 // device first, over the device's empty copy of the temporary, through the
-// connection the rename will use. The staging file is removed once uploaded.
-// On a failure nothing is renamed: the file it would replace must never be
-// replaced by an incomplete copy.
-int uploadStaged(_CONTEXT *ctx, const _KTL_OBJECT *source, const char *from, const std::string &deviceFrom,
+// connection the rename will use. The staging file is removed once uploaded;
+// from then on the device holds the temporary's bytes, whether or not the
+// rename succeeds. On a failure nothing is renamed: the file it would replace
+// must never be replaced by an incomplete copy.
+int uploadStaged(_CONTEXT *ctx, _KTL_OBJECT *source, const char *from, const std::string &deviceFrom,
                  libiusb_afc *connection, const char *caller) {
     if (source->type != KTL_TYPE_STAGED) return 0;
-    const char *slash = strrchr(from, '/');
-    int result = uploadfile(ctx, slash != nullptr ? slash : from, deviceFrom.c_str(), connection, true);
-    if (result != 0)
+    int result = uploadfile(ctx, StagingNameOf(from).c_str(), deviceFrom.c_str(), connection, true);
+    if (result != 0) {
         QNLog(3, "%s uploadfile failed. path(%s). ret : %d", caller, deviceFrom.c_str(), result);
-    return result;
+        return result;
+    }
+    source->type = KTL_TYPE_ORDINARY;
+    return 0;
 }
 
 // Storage to Storage: one rename on the device.
@@ -233,7 +240,7 @@ int tarnifs_rename(const char *from, const char *to) {
     }
     if (strcmp(from, to) == 0) return 0;
 
-    if (begins(from, "/Storage")) {
+    if (fromStorage(from)) {
         if (begins(to, "/Apps/")) {
             // /Storage itself stays: only what is in it can move.
             if (depthOf(to) > 2) return moveAcross(ctx, from, to, movetoapps);

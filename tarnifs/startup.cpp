@@ -1,6 +1,8 @@
 // Start-up and shut-down of a mount: connect to the device whose location id
 // came on the command line, start the dialog and tray threads, and tear it all
 // down again at unmount.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 #include <string>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/filedata.h"
 #include "tarnifs/listing_pool.h"
 #include "tarnifs/mount.h"
 #include "tarnifs/names.h"
@@ -25,19 +28,31 @@ namespace {
 constexpr int kConnectionAttempts = 11;
 constexpr int kTrustAttempts = 10;
 
-bool isOurPrivateFolder(const char *path) {
+// Opens `path` as a real folder of ours (not a link) and takes its lock, so
+// that no other mount uses it while we do. The open folder, or -1.
+int lockOurPrivateFolder(const char *path) {
+    int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return -1;
     struct stat st;
-    return lstat(path, &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == geteuid();
+    if (fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid() || fchmod(fd, 0700) != 0 ||
+        flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 // "/tmp/" + id when it is (or can be made) a real folder of ours, private to
-// us; anything else under that name is left alone and a fresh folder is used.
+// us, and no other mount (of this device, in another process) uses it;
+// otherwise a fresh private folder is used. Staged files are thus never seen,
+// nor removed at unmount, by another mount.
 void prepareWorkFolder(_CONTEXT *ctx) {
     char path[256];
     memset(path, 0, sizeof(path));
     snprintf(path, sizeof(path), "/tmp/%s", ctx->pLocationId);
     mkdir(path, 0700);
-    if (isOurPrivateFolder(path) && chmod(path, 0700) == 0) {
+    ctx->work_dir_lock = lockOurPrivateFolder(path);
+    if (ctx->work_dir_lock >= 0) {
         snprintf(ctx->work_dir, sizeof(ctx->work_dir), "%s", path);
         return;
     }
@@ -46,9 +61,15 @@ void prepareWorkFolder(_CONTEXT *ctx) {
     snprintf(pattern, sizeof(pattern), "/tmp/quorvel-%s-XXXXXX", ctx->pLocationId);
     if (mkdtemp(pattern) != nullptr) {
         snprintf(ctx->work_dir, sizeof(ctx->work_dir), "%s", pattern);
+        ctx->work_dir_lock = lockOurPrivateFolder(pattern);
     } else {
         QNLog(3, "%s mkdtemp failed. errno : %d", "tarnifs_init", errno);
     }
+}
+
+void releaseWorkFolderLock(_CONTEXT *ctx) {
+    if (ctx->work_dir_lock >= 0) close(ctx->work_dir_lock);
+    ctx->work_dir_lock = -1;
 }
 
 void removeWorkFolder(_CONTEXT *ctx) {
@@ -58,6 +79,8 @@ void removeWorkFolder(_CONTEXT *ctx) {
     std::filesystem::remove_all(ctx->work_dir, error);
     if (error) QNLog(3, "%s remove %s failed. error : %d", "tarnifs_destroy", ctx->work_dir, error.value());
     ctx->work_dir[0] = '\0';
+    // Only once it is gone: a mount starting now makes it afresh for itself.
+    releaseWorkFolderLock(ctx);
 }
 
 void closeDatabases(_CONTEXT *ctx) {
@@ -262,6 +285,7 @@ failure:
     if (ctx != nullptr) {
         // Nothing was staged yet; an empty private folder is not left behind.
         if (ctx->work_dir[0] != '\0') rmdir(ctx->work_dir);
+        releaseWorkFolderLock(ctx);
         free(ctx->pLocationId);
         closeDatabases(ctx);
         if (ctx->afc_handle != nullptr) libiusb_afc_exit(ctx->afc_handle);
@@ -282,6 +306,10 @@ void tarnifs_destroy(void *private_data) {
     free(gEncodedPath);
     gEncodedPath = nullptr;
     closeDatabases(ctx);
+    // What a program wrote must not go with the work folder: a temporary
+    // still staged (its upload at release failed, or it is still open) goes
+    // to the device under its own name first.
+    UploadEveryStagedFile(ctx);
     FreeAllObjects(ctx->afc_handle);
     removeWorkFolder(ctx);
     memset(&ctx->device_info, 0, sizeof(ctx->device_info));

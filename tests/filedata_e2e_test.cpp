@@ -48,10 +48,11 @@ protected:
         *seen = shown.size();
     }
 
-    DevsimImage image() {
+    DevsimImage image(uint32_t locationId = 51) {
         DevsimImage phone;
         phone.name = "Copier";
-        phone.location_id = 51;
+        phone.location_id = locationId;
+        location = locationId;
         phone.apps = {{"com.example.notes", "Notes", true}};
         phone.folders = {"media/general_storage/in", "apps/com.example.notes/Documents/in"};
         phone.files = {{"media/general_storage/long.txt", std::string(5000, 'L')},
@@ -63,11 +64,22 @@ protected:
         return phone;
     }
     void mountFresh() {
-        ASSERT_TRUE(mountDevice(51));
+        ASSERT_TRUE(mountDevice(location));
         // Both areas listed, as a user's file manager would have them.
         runProgram({"ls", inMount("/Storage"), inMount("/Apps/Notes")});
     }
+    // What an app on the phone does: the image changes behind the mount.
+    void phoneWrites(const std::string &name, const std::string &bytes) { writeLocal(storageImage() + "/" + name, bytes); }
+    void phoneAppends(const std::string &name, const std::string &bytes) {
+        std::ofstream(storageImage() + "/" + name, std::ios::binary | std::ios::app) << bytes;
+    }
+    int shell(const std::string &command) { return runStatus({"sh", "-c", command}); }
+    uint32_t location = 51;
 };
+
+// Location ids of their own: a mount's work folder is "/tmp/" + id.
+constexpr uint32_t kPhoneChangesLocation = 9151;
+constexpr uint32_t kAreasLocation = 9153;
 
 TEST_F(FileDataTest, CopiesInAndOutKeepEveryByteInStorageAndInAnApp) {
     ASSERT_TRUE(startDevice({image()}));
@@ -159,6 +171,75 @@ TEST_F(FileDataTest, ChangesInPlaceLeaveExactlyTheBytesAsked) {
     std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
     ASSERT_EQ(shown.size(), 1u);
     EXPECT_EQ(shown[0].message, "This folder is read only. You can not write or modify.\n/Apps");
+}
+
+TEST_F(FileDataTest, ThePhonesOwnChangesAreNeverOverwrittenNorHidden) {
+    DevsimImage phone = image(kPhoneChangesLocation);
+    phone.files.push_back({"media/general_storage/empty.txt", ""});
+    phone.files.push_back({"media/general_storage/shrunk.txt", std::string(100, 's')});
+    phone.files.push_back({"media/general_storage/log.txt", "first\n"});
+    phone.files.push_back({"media/general_storage/held.txt", "0123456789"});
+    phone.files.push_back({"media/general_storage/grown.txt", "short"});
+    ASSERT_TRUE(startDevice({phone}));
+    mountFresh();
+    EXPECT_EQ(readLocal(inMount("/Storage/grown.txt")), "short");  // the kernel has seen its size
+
+    // Saving over a file the phone made longer (the catalogue says empty)
+    // or shorter leaves exactly what was saved.
+    phoneWrites("empty.txt", "an app on the phone wrote this line\n");
+    phoneWrites("shrunk.txt", "tiny");
+    for (const char *name : {"empty.txt", "shrunk.txt"}) {
+        ASSERT_EQ(shell("echo NEW > " + inMount("/Storage/") + name), 0) << name;
+        EXPECT_EQ(readLocal(storageImage() + "/" + name), "NEW\n") << name;
+    }
+
+    // An append lands after the line the phone added, whether the file is
+    // opened afresh or was already open when the phone changed it.
+    phoneAppends("log.txt", "phone line\n");
+    ASSERT_EQ(shell("echo X >> " + inMount("/Storage/log.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/log.txt"), "first\nphone line\nX\n");
+    int reader = open(inMount("/Storage/log.txt").c_str(), O_RDONLY);
+    ASSERT_GE(reader, 0) << strerror(errno);
+    phoneAppends("log.txt", "second phone line\n");
+    ASSERT_EQ(shell("echo Y >> " + inMount("/Storage/log.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/log.txt"), "first\nphone line\nX\nsecond phone line\nY\n");
+
+    // A size change reaches the device even when it is the size the
+    // catalogue holds (the file open, so nothing looked at it again).
+    int holder = open(inMount("/Storage/held.txt").c_str(), O_RDONLY);
+    ASSERT_GE(holder, 0) << strerror(errno);
+    phoneWrites("held.txt", "0123456789 and twenty more bytes");
+    ASSERT_EQ(runStatus({"truncate", "-s", "10", inMount("/Storage/held.txt")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/held.txt"), "0123456789");
+    close(holder);
+    close(reader);
+
+    // A file the phone made longer reads to its new end.
+    phoneWrites("grown.txt", "short, and then the phone added more");
+    EXPECT_EQ(readLocal(inMount("/Storage/grown.txt")), "short, and then the phone added more");
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/grown.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 36);
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(FileDataTest, OnlyStorageAndItsOwnNamesAreWrittenThere) {
+    ASSERT_TRUE(startDevice({image(kAreasLocation)}));
+    mountFresh();
+
+    // A user's file whose name says "Spotlight" is created like any other.
+    EXPECT_EQ(runStatus({"touch", inMount("/Storage/Spotlight notes.txt")}), 0);
+    EXPECT_TRUE(exists(storageImage() + "/Spotlight notes.txt"));
+    EXPECT_EQ(shell("echo kept > '" + inMount("/Storage/Spotlight notes.txt") + "'"), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/Spotlight notes.txt"), "kept\n");
+
+    // A name at the root that merely begins with "Storage" is the root's:
+    // refused with the read-only notice, nothing on the device.
+    EXPECT_NE(runStatus({"touch", inMount("/Storagex.txt")}), 0);
+    EXPECT_FALSE(exists(sim.image_dir(0) + "/media/general_storagex.txt"));
+    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_EQ(shown[0].message, "This folder is read only. You can not write or modify.\n/");
 }
 
 TEST_F(FileDataTest, TheTrayHearsOfEveryFileReadThroughAndWritten) {

@@ -68,16 +68,17 @@ TEST_F(FileDataUnitTest, AMediaItemIsNeverOpenedOrResizedForWriting) {
 
 TEST_F(FileDataUnitTest, ASafeSaveOverAnExistingFileIsStagedAtItsOffsetsAndTheDeviceIsLeftAlone) {
     file("/Storage/report.doc", 300);
-    _KTL_OBJECT *temporary = file("/Storage/report.doc.sb-1234-x1", 0);
+    const char *name = "/Storage/report.doc.sb-5e0f12ab-Qx7LmZ";
+    _KTL_OBJECT *temporary = file(name, 0);
     temporary->file_handle = 77;  // created on the device, as create does
     temporary->open_count = 1;
     struct fuse_file_info fi {};
     fi.fh = reinterpret_cast<uint64_t>(temporary);
 
-    EXPECT_EQ(tarnifs_write("/Storage/report.doc.sb-1234-x1", "hello", 5, 0, &fi), 5);
-    EXPECT_EQ(tarnifs_write("/Storage/report.doc.sb-1234-x1", "XY", 2, 1, &fi), 2);
-    EXPECT_EQ(tarnifs_write("/Storage/report.doc.sb-1234-x1", "!", 1, 5, &fi), 1);
-    std::string staged = std::string(context.work_dir) + "/report.doc.sb-1234-x1";
+    EXPECT_EQ(tarnifs_write(name, "hello", 5, 0, &fi), 5);
+    EXPECT_EQ(tarnifs_write(name, "XY", 2, 1, &fi), 2);
+    EXPECT_EQ(tarnifs_write(name, "!", 1, 5, &fi), 1);
+    std::string staged = std::string(context.work_dir) + "/staging" + name;
     EXPECT_EQ(readLocal(staged), "hXYlo!");
     struct stat st;
     ASSERT_EQ(stat(staged.c_str(), &st), 0);
@@ -87,13 +88,16 @@ TEST_F(FileDataUnitTest, ASafeSaveOverAnExistingFileIsStagedAtItsOffsetsAndTheDe
     EXPECT_EQ(temporary->writing, 1);
     EXPECT_EQ(context.device_info.free_capacity, 1000000u - 6);
 
-    // A safe-save name whose original does not exist is an ordinary file:
-    // its writes go to the device (here: no device handle, so refused).
-    _KTL_OBJECT *loose = file("/Storage/nothing.sb-1", 0);
-    struct fuse_file_info looseFi {};
-    looseFi.fh = reinterpret_cast<uint64_t>(loose);
-    EXPECT_EQ(tarnifs_write("/Storage/nothing.sb-1", "x", 1, 0, &looseFi), -ECANCELED);
-    EXPECT_EQ(readLocal(std::string(context.work_dir) + "/nothing.sb-1"), "");
+    // A safe-save name whose original does not exist, and a name that only
+    // contains ".sb-" beside an existing file, are ordinary files: their
+    // writes go to the device (here: no device handle, so refused).
+    for (const char *loosePath : {"/Storage/nothing.sb-5e0f12ab-Qx7LmZ", "/Storage/report.doc.sb-copy"}) {
+        _KTL_OBJECT *loose = file(loosePath, 0);
+        struct fuse_file_info looseFi {};
+        looseFi.fh = reinterpret_cast<uint64_t>(loose);
+        EXPECT_EQ(tarnifs_write(loosePath, "x", 1, 0, &looseFi), -ECANCELED) << loosePath;
+        EXPECT_EQ(readLocal(std::string(context.work_dir) + "/staging" + loosePath), "") << loosePath;
+    }
 }
 
 TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritten) {
@@ -103,8 +107,10 @@ TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritt
     context.afc_handle = reinterpret_cast<libiusb_afc *>(connectionStandIn);
     _KTL_OBJECT *notes = file("/Storage/notes.abcdefghijkl", 10);
     notes->type = KTL_TYPE_STAGED;
-    mkdir((std::string(context.work_dir) + "/Storage").c_str(), 0700);
-    std::ofstream(std::string(context.work_dir) + "/Storage/notes.abcdefghijkl") << "0123456789";
+    notes->open_count = 1;  // another program holds it open: nothing is uploaded yet
+    mkdir((std::string(context.work_dir) + "/staging").c_str(), 0700);
+    mkdir((std::string(context.work_dir) + "/staging/Storage").c_str(), 0700);
+    std::ofstream(std::string(context.work_dir) + "/staging/Storage/notes.abcdefghijkl") << "0123456789";
     struct fuse_file_info fi {};
     ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);
     char buffer[16] = {0};
@@ -130,7 +136,7 @@ TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritt
     queued = takeQueued();
     ASSERT_EQ(queued.size(), 1u);
     EXPECT_EQ(queued[0].kind, 2u);
-    EXPECT_EQ(notes->open_count, 0u);
+    EXPECT_EQ(notes->open_count, 1u);
 
     // Nothing read through, nothing written: nothing to report.
     ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);
@@ -143,6 +149,7 @@ TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritt
 TEST_F(FileDataUnitTest, CreatingOutsideStorageAndAppFoldersIsRefused) {
     struct fuse_file_info fi {};
     for (const auto &refused : {std::make_pair("/Apps/new.txt", "/Apps"), std::make_pair("/new.txt", "/"),
+                                std::make_pair("/Storagex.txt", "/"),
                                 std::make_pair("/Media/Music/new.mp3", "/Media/Music")}) {
         EXPECT_EQ(tarnifs_create(refused.first, 0644, &fi), -ECANCELED) << refused.first;
         EXPECT_EQ(dialogText(), std::string("This folder is read only. You can not write or modify.\n") + refused.second);

@@ -9,12 +9,14 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -33,6 +35,12 @@ namespace {
 constexpr uint32_t kLocation = 8117;
 constexpr uint32_t kSafeSaveLocation = 8118;
 constexpr uint32_t kBusyFolderLocation = 9201;
+constexpr uint32_t kStagingLocation = 9152;
+constexpr uint32_t kTwoMountsLocation = 9154;
+
+// A temporary as macOS's safe save names it: "<name>.sb-" + 8 hex digits +
+// "-" + 6 letters or digits, beside <name>.
+std::string safeSaveTemporary(const std::string &name) { return name + ".sb-" + "1f3e5d7c-aB3xZ9"; }
 
 std::vector<std::string> sortedNamesIn(const std::string &path) {
     std::vector<std::string> names = namesIn(path);
@@ -218,16 +226,18 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalWithExactlyTheNewBytes) {
     EXPECT_FALSE(exists(storageImage() + "/a.txt.tmp"));
     EXPECT_EQ(readLocal(inMount("/Storage/a.txt")), fresh);
 
-    // A ".sb-" safe save: its data waits in the work folder until the rename.
+    // A ".sb-" safe save: its data waits in the work folder, then goes to
+    // the device under its own name at its close, and the rename replaces
+    // the original in one step.
     std::string saved = "saved through a staging file\n";
-    const std::string temporary = "b.txt.sb-" + std::to_string(getpid());
+    const std::string temporary = safeSaveTemporary("b.txt");
     writeLocal(inMount("/Storage/" + temporary), saved);
-    EXPECT_EQ(readLocal(workFolder() + "/" + temporary), saved) << "staged in the work folder";
+    EXPECT_EQ(readLocal(storageImage() + "/" + temporary), saved) << "on the device at its close";
     EXPECT_EQ(readLocal(storageImage() + "/b.txt"), "bee") << "the original untouched until the rename";
     ASSERT_EQ(renameError(inMount("/Storage/" + temporary), inMount("/Storage/b.txt")), 0);
     EXPECT_EQ(readLocal(storageImage() + "/b.txt"), saved);
     EXPECT_FALSE(exists(storageImage() + "/" + temporary));
-    EXPECT_FALSE(exists(workFolder() + "/" + temporary)) << "no staging file left behind";
+    EXPECT_FALSE(exists(workFolder() + "/staging/Storage/" + temporary)) << "no staging file left behind";
     EXPECT_EQ(readLocal(inMount("/Storage/b.txt")), saved);
     struct stat st;
     ASSERT_EQ(stat(inMount("/Storage/b.txt").c_str(), &st), 0);
@@ -235,13 +245,103 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalWithExactlyTheNewBytes) {
     EXPECT_EQ(statError(inMount("/Storage/" + temporary)), ENOENT);
 
     // The same inside an app folder.
-    const std::string appTemporary = "over.txt.sb-" + std::to_string(getpid());
+    const std::string appTemporary = safeSaveTemporary("over.txt");
     writeLocal(inMount("/Apps/Notes/" + appTemporary), saved);
     EXPECT_EQ(readLocal(appImage() + "/over.txt"), "over old");
     ASSERT_EQ(renameError(inMount("/Apps/Notes/" + appTemporary), inMount("/Apps/Notes/over.txt")), 0);
     EXPECT_EQ(readLocal(appImage() + "/over.txt"), saved);
     EXPECT_FALSE(exists(appImage() + "/" + appTemporary));
-    EXPECT_FALSE(exists(workFolder() + "/" + appTemporary));
+    EXPECT_FALSE(exists(workFolder() + "/staging/Apps/Notes/" + appTemporary));
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(RenameTest, NothingWrittenStaysOnlyInTheWorkFolder) {
+    DevsimImage phone = image(kStagingLocation);
+    phone.files.push_back({"media/general_storage/report.txt", "the report"});
+    phone.folders.push_back("media/general_storage/music");
+    ASSERT_TRUE(startDevice({phone}));
+    mountFresh();
+
+    // Names that only contain ".sb-" are a user's files: on the device at once.
+    ASSERT_EQ(mkdir(inMount("/Storage/music.sb-old").c_str(), 0755), 0) << strerror(errno);
+    for (const std::string &name : {std::string("report.txt.sb-copy"), std::string("music.sb-old/x")}) {
+        int fd = open(inMount("/Storage/" + name).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0) << name << ": " << strerror(errno);
+        ASSERT_EQ(write(fd, "mine", 4), 4);
+        EXPECT_EQ(readLocal(storageImage() + "/" + name), "mine") << name << " before its close";
+        close(fd);
+        EXPECT_EQ(readLocal(storageImage() + "/" + name), "mine") << name;
+    }
+
+    // A real temporary: staged while open, under its whole path (not beside
+    // the first content), emptied by a second open that truncates.
+    const std::string temporary = safeSaveTemporary("report.txt");
+    int fd = open(inMount("/Storage/" + temporary).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(write(fd, "a first and longer draft", 24), 24);
+    EXPECT_EQ(readLocal(workFolder() + "/staging/Storage/" + temporary), "a first and longer draft");
+    EXPECT_EQ(readLocal(storageImage() + "/" + temporary), "") << "staged, not yet on the device";
+    int again = open(inMount("/Storage/" + temporary).c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_GE(again, 0) << strerror(errno);
+    ASSERT_EQ(write(again, "final", 5), 5);
+    close(again);
+    close(fd);
+    EXPECT_EQ(readLocal(storageImage() + "/" + temporary), "final") << "on the device at its last close";
+    // And the same once the first content is on the device.
+    writeLocal(inMount("/Storage/" + temporary), "second");
+    ASSERT_EQ(renameError(inMount("/Storage/" + temporary), inMount("/Storage/report.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/report.txt"), "second");
+    EXPECT_EQ(readLocal(inMount("/Storage/report.txt")), "second");
+
+    // A temporary never renamed is on the device after the unmount.
+    const std::string abandoned = safeSaveTemporary("a.txt");
+    fd = open(inMount("/Storage/" + abandoned).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(write(fd, "never renamed", 13), 13);
+    close(fd);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/" + abandoned), "never renamed");
+    EXPECT_EQ(readLocal(storageImage() + "/a.txt"), "old a");
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+TEST_F(RenameTest, TwoMountsOfOneDeviceKeepTheirStagingApart) {
+    ASSERT_TRUE(startDevice({image(kTwoMountsLocation)}));
+    mountFresh();
+    // A program of its own stages a temporary through the first mount and
+    // keeps it open (a descriptor of this process would be closed, and so
+    // flushed, by every program started meanwhile).
+    // It writes through its standard output only: every other descriptor
+    // of the file it closed (as a redirection does) would flush it.
+    const std::string temporary = safeSaveTemporary("b.txt");
+    const std::string staged = workFolder() + "/staging/Storage/" + temporary;
+    pid_t holder = startProgram({"/bin/sh", "-c", "exec >\"$0\" && printf 'staged by the first mount' && exec sleep 600",
+                                 inMount("/Storage/" + temporary)},
+                                tempDir + "/holder.out");
+    ASSERT_GT(holder, 0);
+    for (int wait = 0; wait < 400 && readLocal(staged).empty(); ++wait) usleep(50000);
+    EXPECT_EQ(readLocal(staged), "staged by the first mount");
+
+    // A second mount of the same device comes and goes.
+    QuorvelMount second;
+    second.mountPoint = tempDir + "/mnt2";
+    second.logDir = tempDir + "/log2";
+    second.extraEnvironment = mount.extraEnvironment;
+    mkdir(second.mountPoint.c_str(), 0755);
+    mkdir(second.logDir.c_str(), 0700);
+    bool mounted = second.start(location);
+    if (mounted) {
+        EXPECT_EQ(readLocal(second.mountPoint + "/Storage/b.txt"), "bee");
+    }
+    EXPECT_EQ(second.stop(), 0);
+    EXPECT_TRUE(mounted);
+
+    // Its unmount took nothing of the first mount's: the temporary reaches
+    // the device whole when its program closes it.
+    EXPECT_EQ(readLocal(staged), "staged by the first mount");
+    kill(holder, SIGTERM);
+    waitpid(holder, nullptr, 0);
+    EXPECT_EQ(readLocal(storageImage() + "/" + temporary), "staged by the first mount");
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
