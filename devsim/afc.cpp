@@ -632,11 +632,29 @@ Reply hostile_file_request(uint64_t operation, OpenFile& file, uint64_t first, u
   return status(kPermDenied);
 }
 
+// The kind of request an injected error may be limited to (see AfcErrorRule).
+const char* request_kind(uint64_t operation) {
+  switch (operation) {
+    case kOpRemovePath:
+    case kOpRemovePathAndContents: return "remove";
+    case kOpRenamePath: return "rename";
+    case kOpFileOpen: return "open";
+    case kOpFileRead: return "read";
+    case kOpFileWrite:
+    case kOpFileSetSize:
+    case kOpTruncate: return "write";
+    case kOpGetFileInfo: return "info";
+    case kOpMakeDir: return "mkdir";
+    case kOpReadDir: return "list";
+    default: return "";
+  }
+}
+
 // Parses and runs one request. nullopt: the parameters are malformed.
 std::optional<Reply> handle_request(Session& s, uint64_t operation, const std::vector<char>& parameters,
                                     const std::vector<char>& payload) {
   Params p{parameters};
-  auto injected = [&](const std::string& path) { return injected_afc_error(s.device, path); };
+  auto injected = [&](const std::string& path) { return injected_afc_error(s.device, path, request_kind(operation)); };
   auto with_file = [&](auto action) -> std::optional<Reply> {
     uint64_t handle = 0;
     if (!p.take_u64(handle)) return std::nullopt;

@@ -4,7 +4,9 @@
 
 #include <fnmatch.h>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -88,11 +90,17 @@ std::string apply_control_command(Server& server, const std::string& line) {
     return "ok";
   }
   if (verb == "afc-error") {
-    uint64_t code = words.size() == 4 ? afc_error_by_name(words[3]) : 0;
-    if (words.size() != 4 || code == 0) return usage("afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
+    uint64_t code = words.size() == 4 || words.size() == 5 ? afc_error_by_name(words[3]) : 0;
+    if (code == 0) return usage("afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
+    // An optional fifth word limits the rule to one kind of request, so that
+    // (say) a file can be read whole but not removed.
+    std::string request = words.size() == 5 ? words[4] : "";
+    static const char* const kRequests[] = {"remove", "rename", "open", "read", "write", "info", "mkdir", "list"};
+    if (!request.empty() && std::find(std::begin(kRequests), std::end(kRequests), request) == std::end(kRequests))
+      return "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list";
     for (Device* device : devices) {
       std::lock_guard<std::mutex> lock(device->faults_mutex);
-      device->faults.afc_errors.push_back(AfcErrorRule{words[2], code});
+      device->faults.afc_errors.push_back(AfcErrorRule{words[2], code, request});
     }
     return "ok";
   }
@@ -196,9 +204,10 @@ bool service_limit_reached(Server& server, Device& device) {
   return limit >= 0 && count_device_connections(server, device, 0) >= static_cast<uint64_t>(limit);
 }
 
-uint64_t injected_afc_error(Device& device, const std::string& path) {
+uint64_t injected_afc_error(Device& device, const std::string& path, const char* request) {
   std::lock_guard<std::mutex> lock(device.faults_mutex);
   for (const AfcErrorRule& rule : device.faults.afc_errors) {
+    if (!rule.request.empty() && rule.request != request) continue;
     if (fnmatch(rule.pattern.c_str(), path.c_str(), 0) == 0) return rule.error;
   }
   return 0;

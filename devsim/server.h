@@ -112,6 +112,9 @@ std::vector<std::string> hostile_listing(uint32_t kinds, const std::string& rel)
 struct AfcErrorRule {
   std::string pattern;  // fnmatch() pattern over the AFC path ("/" + relative)
   uint64_t error = 0;
+  // Only requests of this kind ("remove", "rename", "open", "read", "write",
+  // "info", "mkdir", "list"); empty: every request on the path.
+  std::string request;
 };
 
 struct DeviceFaults {
@@ -237,7 +240,9 @@ bool service_limit_reached(Server& server, Device& device);
 // Connections open to the device's ports; port 0 counts every one.
 size_t count_device_connections(Server& server, Device& device, uint16_t port);
 // Returns the injected error for an AFC path, or 0.
-uint64_t injected_afc_error(Device& device, const std::string& path);
+// The error a rule injects for a request of kind `request` (see
+// AfcErrorRule) on `path`, or 0.
+uint64_t injected_afc_error(Device& device, const std::string& path, const char* request);
 // Counts one served AFC request moving `data_bytes` of file data; true when
 // the device must now drop every connection.
 bool count_afc_request(Device& device, uint64_t data_bytes);

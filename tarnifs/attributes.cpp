@@ -1,6 +1,8 @@
 // Attributes and extended attributes: answered from the catalogue alone,
 // never from the device. Extended attributes live in memory only, so that a
 // file manager can keep its metadata without errors.
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -21,6 +23,17 @@ void fillTimes(struct stat *st, time_t birth, time_t modify, time_t access) {
     st->st_atime = access;
 }
 
+// Everything belongs to the user who mounted the volume. Open to all unless
+// other users can see it (allow_other): then they may read and list, and
+// only the owner may change anything, as the kernel checks these modes.
+void fillOwnerAndMode(struct stat *st, uint16_t kind) {
+    st->st_uid = geteuid();
+    st->st_gid = getegid();
+    mode_t permissions = 0777;
+    if (gOtherUsersReadOnly) permissions = kind == KTL_MODE_FOLDER ? 0755 : 0644;
+    st->st_mode = static_cast<mode_t>(kind | permissions);
+}
+
 } // namespace
 
 namespace {
@@ -39,7 +52,7 @@ int tarnifs_getattr(const char *path, struct stat *st) {
     memset(st, 0, sizeof(*st));
     if (strcmp(path, "/") == 0) {
         time_t now = time(nullptr);
-        st->st_mode = S_IFDIR | 0777;
+        fillOwnerAndMode(st, KTL_MODE_FOLDER);
         fillTimes(st, now, now, now);
         return 0;
     }
@@ -57,7 +70,7 @@ int tarnifs_getattr(const char *path, struct stat *st) {
 
 void StatFromObject(const _KTL_OBJECT *object, struct stat *st) {
     memset(st, 0, sizeof(*st));
-    st->st_mode = static_cast<mode_t>(object->mode | 0777);
+    fillOwnerAndMode(st, object->mode);
     st->st_size = static_cast<off_t>(object->size);
     // Programs size their reads and writes by this (cp, dd without bs=): one
     // mebibyte is what the kernel hands over in one request.

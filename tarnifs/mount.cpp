@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
@@ -14,6 +15,7 @@
 #include "util/log.h"
 
 pthread_mutex_t tarni_mutex = PTHREAD_MUTEX_INITIALIZER;
+bool gOtherUsersReadOnly = false;
 char gBundlePath[512];
 
 namespace {
@@ -141,10 +143,41 @@ int takeDevopt(int argc, char **argv, int *locationId) {
     return argc - 2;
 }
 
+bool MountOptionGiven(int argc, char **argv, const char *name) {
+    for (int i = 1; i < argc; ++i) {
+        if (argv[i] == nullptr || strncmp(argv[i], "-o", 2) != 0) continue;
+        // "-o a,b" or "-oa,b"
+        const char *list = argv[i][2] != '\0' ? argv[i] + 2 : (i + 1 < argc ? argv[++i] : nullptr);
+        if (list == nullptr) continue;
+        size_t length = strlen(name);
+        for (const char *start = list; *start != '\0';) {
+            const char *end = strchr(start, ',');
+            size_t size = end != nullptr ? static_cast<size_t>(end - start) : strlen(start);
+            if (size == length && strncmp(start, name, length) == 0) return true;
+            if (end == nullptr) break;
+            start = end + 1;
+        }
+    }
+    return false;
+}
+
 int tarnifs_main(int argc, char **argv) {
     umask(0);
     int locationId = 0;
     int fuseArgc = takeDevopt(argc, argv, &locationId);
+    std::vector<char *> fuseArgv(argv, argv + fuseArgc);
+    // A mount other users can see is theirs to read, not to change: the
+    // kernel checks the modes we report (the mounting user's files, others
+    // may read), and the mounting user may open it up with -o umask=...
+    gOtherUsersReadOnly = MountOptionGiven(fuseArgc, argv, "allow_other");
+    static char optionFlag[] = "-o";
+    static char kernelChecksModes[] = "default_permissions";
+    if (gOtherUsersReadOnly) {
+        fuseArgv.push_back(optionFlag);
+        fuseArgv.push_back(kernelChecksModes);
+    }
+    fuseArgv.push_back(nullptr);
     InstallStopSignalHandlers();
-    return fuse_main_real(fuseArgc, argv, &tarni_opers, sizeof(tarni_opers), &locationId);
+    return fuse_main_real(static_cast<int>(fuseArgv.size()) - 1, fuseArgv.data(), &tarni_opers, sizeof(tarni_opers),
+                          &locationId);
 }

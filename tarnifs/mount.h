@@ -86,6 +86,14 @@ struct TarniLock {
 // argument count FUSE is given: always argc - 2.
 int takeDevopt(int argc, char **argv, int *locationId);
 
+// Set when the volume is mounted with allow_other: the kernel then checks
+// permissions (default_permissions) and the volume reports its files as the
+// mounting user's, 0644 and folders 0755, so other users may only read.
+extern bool gOtherUsersReadOnly;
+
+// Whether a FUSE option ("-o a,b" or "-oa,b") among argv[1..argc) is `name`.
+bool MountOptionGiven(int argc, char **argv, const char *name);
+
 // The process entry, callable from the `quorvel` tool with its own argv.
 int tarnifs_main(int argc, char **argv);
 

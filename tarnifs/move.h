@@ -18,11 +18,19 @@ struct MoveSide {
     bool media = false;
 };
 
-int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *caller);
-void CloseMoveSide(MoveSide *side, const char *caller);
+// Opens one end. `otherAppSource`: the source of a move between two apps,
+// whose client failures are logged in that move's own words. 0 or an error.
+int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *caller, bool otherAppSource = false);
+// Ends an app's client; the result of its exit (0 for other ends).
+int CloseMoveSide(MoveSide *side, const char *caller, bool otherAppSource = false);
 
 // Carries the file or folder `from` (with everything below it) to `to`, then
-// removes it. 0 or a device error; logged under `caller`. Lock held.
+// removes it. 0 or a device error; logged under `caller` ("movetostorage" or
+// "movetoapps"), each step in that routine's words for where the source
+// lies. A source that cannot be removed once its copy is whole and in place
+// stays and is only logged: the move has succeeded. A copy that fails leaves
+// no hidden partial copy behind while the device answers. The volume's free
+// figure loses each copy's size and gains each removed source's. Lock held.
 int MoveByCopy(_CONTEXT *ctx, const char *from, const char *to, const char *caller);
 
 // "/Apps" into `to` in /Storage: a folder there with one folder per app,

@@ -44,12 +44,41 @@ const char kTitleWarning[] = "Quorvel Warnning!";
 const char kTitleError[] = "Quorvel Error!!";
 const char kTitleUnknown[] = "Quorvel Unknown";
 
+// Set once a refusal of the pipe is in the log: a pipe that is not ours is
+// refused for every message, and one line per mount says so.
+std::atomic<bool> pipeRefusalLogged{false};
+
+// The pipe is ours only as a FIFO of the mount's user: a link there could
+// point the records at any file, and another user's FIFO would hand them
+// every busy signal and transfer record.
+bool isOurFifo(const struct stat &st) { return S_ISFIFO(st.st_mode) && st.st_uid == geteuid(); }
+
+int refusePipe(const char *caller, const char *path) {
+    if (!pipeRefusalLogged.exchange(true))
+        QNLog(3, "%s tray pipe refused. path(%s) is not a FIFO owned by uid %u (a link, another kind of file or "
+                 "another user's); nothing is written to it while mounted",
+              caller, path, static_cast<unsigned>(geteuid()));
+    return -EPERM;
+}
+
 int writeToPipe(const char *caller, const char *buf, size_t len) {
-    int fd = open(notifyPipePath(), O_WRONLY | O_NONBLOCK, 0666);
+    const char *path = notifyPipePath();
+    // Looked at before opening, so that nothing but our FIFO is ever opened
+    // (opening a device node can have effects of its own).
+    struct stat st;
+    if (lstat(path, &st) == 0 && !isOurFifo(st)) return refusePipe(caller, path);
+    // Never through a link, never created, never waiting for a reader.
+    int fd = open(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
         int err = errno;
+        if (err == ELOOP) return refusePipe(caller, path);  // became a link since
         QNLog(3, "%s open pipe failed. errno : %d", caller, err);
         return -err;
+    }
+    // What was opened is what counts: the name may have been replaced since.
+    if (fstat(fd, &st) != 0 || !isOurFifo(st)) {
+        close(fd);
+        return refusePipe(caller, path);
     }
     // A short wait for the reader; only a failure of the wait itself counts.
     // poll rather than select: a busy file system may hold descriptors beyond
@@ -93,6 +122,8 @@ const char *notifyPipePath() {
     if (configured != nullptr && *configured != '\0') return configured;
     return kDefaultPipePath;
 }
+
+void resetPipeRefusal() { pipeRefusalLogged = false; }
 
 int sendPipeMsg(const char *msg) { return writeToPipe(__func__, msg, strlen(msg)); }
 

@@ -51,9 +51,14 @@ extern std::mutex &gQueueLock;
 const char *notifyPipePath();
 
 // One non-blocking write of the message to the pipe. 0, or -errno (logged)
-// when there is no pipe, no reader, or the write fails.
+// when there is no pipe, no reader, or the write fails. Only a FIFO owned by
+// this process's user is written, never through a link: anything else at the
+// path gets nothing and -EPERM, and is logged once (until resetPipeRefusal).
 int sendPipeMsg(const char *msg);
 int sendPipeData(const char *buf, size_t len);
+
+// A new mount logs its first refusal of the pipe again.
+void resetPipeRefusal();
 
 // write() with SIGPIPE kept away from the process: a pipe whose reader has
 // gone fails with EPIPE instead of killing the file system.

@@ -221,6 +221,7 @@ void *tarnifs_init(struct fuse_conn_info *conn) {
         fuse != nullptr && fuse->private_data != nullptr ? *static_cast<unsigned int *>(fuse->private_data) : 0;
 
     QNLogInit();
+    resetPipeRefusal();  // each mount says once that the pipe is not ours
     pthread_mutex_lock(&tarni_mutex);
 
     gEncodedPath = static_cast<char *>(calloc(kEncodedPathSize, 1));

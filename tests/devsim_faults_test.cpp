@@ -121,6 +121,19 @@ TEST_F(DevsimFaultsTest, AnswersTheChosenErrorForMatchingPathsOnly) {
   EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
   ASSERT_EQ(sim_.control("clear " + udid_), "ok");
   EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+
+  // A rule for one kind of request: the file opens and reads, but stays.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
+            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
+  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  char byte = 0;
+  uint32_t got = 0;
+  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
+  EXPECT_EQ(got, 1u);
+  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
 }
 
 TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTheLimit) {

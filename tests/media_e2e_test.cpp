@@ -3,6 +3,7 @@
 // by the code under test): duplicates, cuts, live-photo pairs, hidden and
 // trashed assets, the three photo database families, broken databases.
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -484,6 +485,51 @@ TEST_F(MediaTest, MovesAndCopiesOutOfMediaLeaveTheLibraryAsItWas) {
     // Nothing half-copied was left beside the targets.
     EXPECT_EQ(sorted(namesIn(notes)), sorted({"Trip", "live.mov"}));
     EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+// The free figure df shows follows every copy the mount makes: a media item
+// copied out lowers it by the item's size; a move between areas, whose
+// source goes once copied, leaves it where it was.
+TEST_F(MediaTest, ACopyOutOfMediaLowersTheFreeFigureByItsSize) {
+    constexpr uint32_t kLocation = 9104;
+    MediaLibrary library;
+    library.write_music_db = true;
+    library.songs.push_back(song("Ann", "Blue", "AAAA.mp3", 1));
+    constexpr size_t kSongBytes = 2000000;
+    library.songs.back().bytes = randomBytes(kSongBytes, 7);
+    DevsimImage phone;
+    phone.location_id = kLocation;
+    // A small device: its figures keep a few kilobytes of precision.
+    phone.capacity_bytes = 50000000;
+    phone.apps = {{"com.example.notes", "Notes", true}};
+    imageDir = tempDir + "/image";
+    std::string error;
+    ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
+    ASSERT_TRUE(devsim::write_media_library(imageDir + "/media", library, error)) << error;
+    ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
+    ASSERT_TRUE(mountDevice(kLocation));
+    auto freeBytes = [&] {
+        struct statvfs st;
+        EXPECT_EQ(statvfs(mount.mountPoint.c_str(), &st), 0);
+        return static_cast<long long>(st.f_bfree) * static_cast<long long>(st.f_frsize);
+    };
+    long long before = freeBytes();
+    ASSERT_GT(before, 10000000);
+
+    int status = -1;
+    runProgram({"mv", inMount("/Media/Music/Ann-Blue.mp3"), inMount("/Storage/")}, &status);
+    ASSERT_EQ(status, 0);
+    long long copied = freeBytes();
+    // The figures are re-expressed in decimal units (each 1024 counted as
+    // 1000), so the size shows a few per cent smaller.
+    EXPECT_GT(before - copied, static_cast<long long>(kSongBytes) * 9 / 10)
+        << "free " << before << " before the copy, " << copied << " after";
+    EXPECT_LE(before - copied, static_cast<long long>(kSongBytes));
+
+    runProgram({"mv", inMount("/Storage/Ann-Blue.mp3"), inMount("/Apps/Notes/")}, &status);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(readLocal(imageDir + "/media/general_storage/Ann-Blue.mp3"), "");
+    EXPECT_EQ(freeBytes(), copied);
 }
 
 } // namespace

@@ -4,13 +4,16 @@
 // file removed while a program still has it open.
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,12 +26,79 @@ bool listed(const std::string &folder, const std::string &name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
+// Another local user, as a mount with allow_other lets in.
+constexpr uid_t kOtherUser = 65534;
+// A location id of its own: the work folder is "/tmp/" + id.
+constexpr uint32_t kSharedLocation = 9101;
+
+// Runs each step in a child process as kOtherUser; a step answers 0, or the
+// errno it met (-1 when what it read was wrong). The answers, in order.
+std::vector<int> asOtherUser(const std::vector<std::function<int()>> &steps) {
+    int ends[2];
+    if (pipe(ends) != 0) return {};
+    pid_t child = fork();
+    if (child == 0) {
+        close(ends[0]);
+        if (setgroups(0, nullptr) != 0 || setresgid(kOtherUser, kOtherUser, kOtherUser) != 0 ||
+            setresuid(kOtherUser, kOtherUser, kOtherUser) != 0)
+            _exit(2);
+        for (const auto &step : steps) {
+            errno = 0;
+            int answer = step();
+            if (write(ends[1], &answer, sizeof(answer)) != sizeof(answer)) _exit(3);
+        }
+        _exit(0);
+    }
+    close(ends[1]);
+    std::vector<int> answers;
+    int answer = 0;
+    while (read(ends[0], &answer, sizeof(answer)) == sizeof(answer)) answers.push_back(answer);
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return answers;
+}
+
+int errnoOf(int result) { return result == 0 ? 0 : errno; }
+
+// A new file written whole: 0 or the errno.
+int writeNew(const std::string &path, const std::string &bytes) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (fd < 0) return errno;
+    ssize_t written = write(fd, bytes.data(), bytes.size());
+    int error = written == static_cast<ssize_t>(bytes.size()) ? 0 : errno;
+    return close(fd) == 0 ? error : errno;
+}
+
+int readsAs(const std::string &path, const std::string &expected) {
+    errno = 0;
+    std::string bytes = readLocal(path);
+    if (errno != 0 && bytes.empty()) return errno;
+    return bytes == expected ? 0 : -1;
+}
+
+// The image's files and folders below `folder`, each with its bytes.
+std::vector<std::string> treeOf(const std::string &folder) {
+    std::vector<std::string> tree;
+    for (const std::string &name : namesIn(folder)) {
+        std::string path = folder + "/" + name;
+        if (isFolder(path)) {
+            tree.push_back(name + "/");
+            for (const std::string &below : treeOf(path)) tree.push_back(name + "/" + below);
+        } else {
+            tree.push_back(name + " = " + readLocal(path));
+        }
+    }
+    std::sort(tree.begin(), tree.end());
+    return tree;
+}
+
 class NamespaceTest : public MountedDeviceTest {
 protected:
-    DevsimImage image() {
+    DevsimImage image(uint32_t location = 61) {
         DevsimImage phone;
         phone.name = "Remover";
-        phone.location_id = 61;
+        phone.location_id = location;
         phone.apps = {{"com.example.notes", "Notes", true}};
         phone.folders = {"media/general_storage/empty", "media/general_storage/tree/a/b",
                          "apps/com.example.notes/Documents/in"};
@@ -254,6 +324,64 @@ TEST_F(NamespaceTest, AFileRemovedWhileOpenStaysReadableThroughItsHandleUntilClo
         EXPECT_EQ(fresh.st_size, 3);
     }
     EXPECT_TRUE(dialogs.dialogs().empty());
+    EXPECT_EQ(unmountDevice(), 0);
+}
+
+// With allow_other every local user sees the volume; only the mounting user
+// may change it, unless that user opens it up with umask=000.
+TEST_F(NamespaceTest, OtherUsersMayReadButNotChangeAVolumeSharedWithAllowOther) {
+    if (geteuid() != 0) GTEST_SKIP() << "acting as another user (uid 65534) needs root";
+    ASSERT_TRUE(startDevice({image(kSharedLocation)}));
+    // The other user must be able to reach the mount point.
+    ASSERT_EQ(chmod(tempDir.c_str(), 0711), 0);
+    ASSERT_TRUE(mount.start(kSharedLocation, {"-o", "allow_other"}));
+    std::vector<std::string> storageBefore = treeOf(storageImage());
+    std::vector<std::string> appBefore = treeOf(appImage());
+
+    // The mounting user owns everything; others may read.
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/keep.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, geteuid());
+    EXPECT_EQ(st.st_mode & 07777, 0644u);
+    ASSERT_EQ(stat(inMount("/Storage").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+
+    const std::string keep = inMount("/Storage/keep.txt");
+    std::vector<int> answers = asOtherUser({
+        [&] { return readsAs(keep, "keep me"); },
+        [&] { return readsAs(inMount("/Apps/Notes/in/n.txt"), "note"); },
+        [&] { return namesIn(inMount("/Storage")).empty() ? -1 : 0; },
+        [&] { return writeNew(inMount("/Storage/theirs.txt"), "theirs"); },
+        [&] { return writeNew(inMount("/Apps/Notes/theirs.txt"), "theirs"); },
+        [&] { return errnoOf(truncate(keep.c_str(), 0)); },
+        [&] {
+            int fd = open(keep.c_str(), O_WRONLY | O_APPEND);
+            if (fd >= 0) close(fd);
+            return fd >= 0 ? 0 : errno;
+        },
+        [&] { return errnoOf(unlink(keep.c_str())); },
+        [&] { return errnoOf(unlink(inMount("/Apps/Notes/gone.txt").c_str())); },
+        [&] { return errnoOf(rename(keep.c_str(), inMount("/Storage/moved.txt").c_str())); },
+        [&] { return errnoOf(rename(keep.c_str(), inMount("/Apps/Notes/moved.txt").c_str())); },
+        [&] { return errnoOf(mkdir(inMount("/Storage/made").c_str(), 0755)); },
+        [&] { return errnoOf(rmdir(inMount("/Storage/empty").c_str())); },
+    });
+    EXPECT_EQ(answers, (std::vector<int>{0, 0, 0, EACCES, EACCES, EACCES, EACCES, EACCES, EACCES, EACCES, EACCES,
+                                         EACCES, EACCES}));
+    EXPECT_EQ(treeOf(storageImage()), storageBefore);
+    EXPECT_EQ(treeOf(appImage()), appBefore);
+    EXPECT_TRUE(dialogs.dialogs().empty());
+    ASSERT_EQ(unmountDevice(), 0);
+
+    // The mounting user opens it up: the other user may write.
+    ASSERT_TRUE(mount.start(kSharedLocation, {"-o", "allow_other,umask=000"}));
+    answers = asOtherUser({
+        [&] { return writeNew(inMount("/Storage/theirs.txt"), "theirs"); },
+        [&] { return errnoOf(rename(keep.c_str(), inMount("/Storage/moved.txt").c_str())); },
+    });
+    EXPECT_EQ(answers, (std::vector<int>{0, 0}));
+    EXPECT_EQ(readLocal(storageImage() + "/theirs.txt"), "theirs");
+    EXPECT_EQ(readLocal(storageImage() + "/moved.txt"), "keep me");
     EXPECT_EQ(unmountDevice(), 0);
 }
 

@@ -156,6 +156,67 @@ TEST_F(NotifyTest, BusySignalsAreBareTextsAndFailQuietlyWithoutAReader) {
     EXPECT_EQ(reader.received(), "-neon-neoff");
 }
 
+size_t countOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
+}
+
+// Only a FIFO of the mount's own user gets busy signals and records: a link
+// at the pipe's name, a plain file or another user's FIFO get nothing, and
+// the refusal is logged once, not once per message.
+TEST_F(NotifyTest, OnlyAFifoOfOurOwnIsWrittenAndARefusalIsLoggedOnce) {
+    resetPipeRefusal();
+    char batch[kBatchMaxBytes];
+    auto sendRecord = [&] {
+        queueTransferRecord(kTransferWritten, 12, "notes.txt");
+        size_t length = takePipeBatch(batch);
+        return sendPipeData(batch, length);
+    };
+    const std::string refused = "tray pipe refused. path(" + pipePath + ")";
+
+    // A link to some file: the file stays exactly as it was.
+    std::string victim = dir + "/victim";
+    std::ofstream(victim) << "precious";
+    ASSERT_EQ(symlink(victim.c_str(), pipePath.c_str()), 0);
+    EXPECT_EQ(sendPipeMsg("-neon"), -EPERM);
+    EXPECT_EQ(sendRecord(), -EPERM);
+    EXPECT_EQ(readLocal(victim), "precious");
+    ASSERT_EQ(unlink(pipePath.c_str()), 0);
+
+    // A plain file at the name.
+    std::ofstream(pipePath) << "plain";
+    EXPECT_EQ(sendPipeMsg("-neoff"), -EPERM);
+    EXPECT_EQ(sendRecord(), -EPERM);
+    EXPECT_EQ(readLocal(pipePath), "plain");
+    ASSERT_EQ(unlink(pipePath.c_str()), 0);
+    EXPECT_EQ(countOf(readLocal(QNLogPath()), refused), 1u) << readLocal(QNLogPath());
+
+    // Our own FIFO: everything arrives.
+    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
+    {
+        FifoReader reader(pipePath);
+        EXPECT_EQ(sendPipeMsg("-neon"), 0);
+        EXPECT_EQ(sendRecord(), 0);
+        std::string expected = "-neon" + batchHeader(1) + transferRecordBytes(2, 12, "txt");
+        EXPECT_TRUE(eventually([&] { return reader.received().size() >= expected.size(); }));
+        EXPECT_EQ(reader.received(), expected);
+    }
+
+    // Another user's FIFO, read by someone: nothing reaches it. Handing it
+    // back to us afterwards shows what came through: only what followed.
+    if (chown(pipePath.c_str(), 65534, 65534) != 0)
+        GTEST_SKIP() << "handing the FIFO to another user (uid 65534) needs root";
+    FifoReader reader(pipePath);
+    EXPECT_EQ(sendPipeMsg("-neon"), -EPERM);
+    EXPECT_EQ(sendRecord(), -EPERM);
+    ASSERT_EQ(chown(pipePath.c_str(), geteuid(), getegid()), 0);
+    EXPECT_EQ(sendPipeMsg("-neoff"), 0);
+    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 6; }));
+    EXPECT_EQ(reader.received(), "-neoff");
+    EXPECT_EQ(countOf(readLocal(QNLogPath()), refused), 1u);
+}
+
 TEST_F(NotifyTest, WritingToAPipeWhoseReaderIsGoneFailsWithEpipe) {
     signal(SIGPIPE, SIG_DFL);  // what a careless write would die of
     int ends[2];

@@ -41,6 +41,8 @@ constexpr uint32_t kTwoMountsLocation = 9154;
 // A temporary as macOS's safe save names it: "<name>.sb-" + 8 hex digits +
 // "-" + 6 letters or digits, beside <name>.
 std::string safeSaveTemporary(const std::string &name) { return name + ".sb-" + "1f3e5d7c-aB3xZ9"; }
+constexpr uint32_t kSourceStaysLocation = 9102;
+constexpr uint32_t kPartialCopyLocation = 9103;
 
 std::vector<std::string> sortedNamesIn(const std::string &path) {
     std::vector<std::string> names = namesIn(path);
@@ -499,9 +501,8 @@ TEST_F(RenameTest, AMoveThatFailsKeepsItsSourceWhole) {
     expectDialog(&seen, "Lost USB connection.\nRenaming or moving aborted.", "error");
     EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
     EXPECT_FALSE(exists(appImage() + "/big.bin"));
-    // With the connection gone the hidden staging copy cannot be removed; it
-    // is never listed, and the next move to that name starts it afresh.
-    unlink((appImage() + "/.big.bin.quorvel-move").c_str());
+    // The partial copy is removed through a fresh connection.
+    EXPECT_FALSE(exists(appImage() + "/.big.bin.quorvel-move"));
 
     // No room for the copy: refused before anything is written.
     ASSERT_EQ(sim.control("clear " + udid), "ok");
@@ -512,6 +513,85 @@ TEST_F(RenameTest, AMoveThatFailsKeepsItsSourceWhole) {
     expectDialog(&seen, "Not enough space on device.", "error");
     EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
     EXPECT_EQ(sortedNamesIn(appImage()), (std::vector<std::string>{"folder", "n.txt", "over.txt", "sub"}));
+}
+
+// A source the device will not remove once its copy is whole and in place
+// stays where it was: the move has succeeded, and the routine that moved it
+// logs the removal in its own words.
+TEST_F(RenameTest, ASourceThatCannotBeRemovedAfterAWholeCopyStaysAndTheMoveSucceeds) {
+    ASSERT_TRUE(startDevice({image(kSourceStaysLocation)}));
+    std::string udid = sim.udid(0);
+    mountFresh();
+    std::string big = readLocal(storageImage() + "/big.bin");
+    for (const char *path : {"/general_storage/big.bin", "/Documents/n.txt", "/Documents/over.txt"})
+        ASSERT_EQ(sim.control("afc-error " + udid + " " + path + " permission-denied remove"), "ok");
+    auto logged = [&](const std::string &start) {
+        for (const std::string &line : mount.logMessages())
+            if (line.compare(0, start.size(), start) == 0) return line;
+        return std::string("(not logged: ") + start + ")";
+    };
+
+    // Storage into an app.
+    EXPECT_EQ(run({"mv", inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")}), 0);
+    EXPECT_EQ(readLocal(appImage() + "/big.bin"), big);
+    EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
+    EXPECT_EQ(mount.countLog("movetoapps libiusb_afc_file_remove failed, ret : -3"), 1);
+
+    // An app into Storage.
+    EXPECT_EQ(run({"mv", inMount("/Apps/Notes/n.txt"), inMount("/Storage/n.txt")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/n.txt"), "note");
+    EXPECT_EQ(readLocal(appImage() + "/n.txt"), "note");
+    std::string line = logged("movetostorage  libiusb_afc_file_remove failed, ret : -3, hhandle : 0x");
+    EXPECT_EQ(line.substr(line.size() - 25), ", path : /Documents/n.txt") << line;
+
+    // One app into another.
+    EXPECT_EQ(run({"mv", inMount("/Apps/Notes/over.txt"), inMount("/Apps/Other/over.txt")}), 0);
+    EXPECT_EQ(readLocal(otherImage() + "/over.txt"), "over old");
+    EXPECT_EQ(readLocal(appImage() + "/over.txt"), "over old");
+    EXPECT_EQ(mount.countLog("movetoapps libiusb_afc_file_remove failed. path(/Documents/over.txt), error : -3"), 1);
+
+    // Each source is still there, through the mount too.
+    EXPECT_EQ(readLocal(inMount("/Storage/big.bin")), big);
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/n.txt")), "note");
+    EXPECT_EQ(readLocal(inMount("/Apps/Other/over.txt")), "over old");
+    EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+// A move cut short (the connection dropped, or no room left) removes its
+// hidden partial copy before it returns, and its source stays whole.
+TEST_F(RenameTest, AMoveCutShortLeavesNoHiddenPartialCopy) {
+    ASSERT_TRUE(startDevice({image(kPartialCopyLocation)}));
+    std::string udid = sim.udid(0);
+    std::string bytes = randomBytes(3000001, 9);
+    writeLocal(appImage() + "/large.bin", bytes);
+    std::string big = readLocal(storageImage() + "/big.bin");
+    mountFresh();
+    size_t seen = 0;
+    auto hiddenIn = [](const std::string &folder) {
+        std::vector<std::string> hidden;
+        for (const std::string &name : sortedNamesIn(folder))
+            if (name[0] == '.') hidden.push_back(name);
+        return hidden;
+    };
+
+    // From an app into Storage: the copy in Storage goes through the
+    // mount's own connection, which the drop takes with it.
+    ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
+    EXPECT_EQ(renameError(inMount("/Apps/Notes/large.bin"), inMount("/Storage/large.bin")), ECANCELED);
+    expectDialog(&seen, "Lost USB connection.\nRenaming or moving aborted.", "error");
+    EXPECT_EQ(readLocal(appImage() + "/large.bin"), bytes);
+    EXPECT_FALSE(exists(storageImage() + "/large.bin"));
+    EXPECT_EQ(hiddenIn(storageImage()), std::vector<std::string>{});
+    ASSERT_EQ(unmountDevice(), 0);
+
+    // The device runs out of room while the copy is written.
+    ASSERT_EQ(sim.control("afc-error " + udid + " *.quorvel-move no-space write"), "ok");
+    mountFresh();
+    EXPECT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")), ECANCELED);
+    expectDialog(&seen, "Not enough space on device.", "error");
+    EXPECT_EQ(readLocal(storageImage() + "/big.bin"), big);
+    EXPECT_FALSE(exists(appImage() + "/big.bin"));
+    EXPECT_EQ(hiddenIn(appImage()), std::vector<std::string>{});
 }
 
 // Faults in the middle of a folder move: every file ends whole at its source
