@@ -493,7 +493,8 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
         // looked those names up meanwhile; it must ask again too.
         for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next) {
             _KTL_OBJECT *child = ObjectFromSibling(link);
-            if (child->file_name != nullptr) InvalidateKernelView(ChildPath(path, child->file_name).c_str());
+            if (child->file_name != nullptr && !anythingOpenBelow(child))
+                InvalidateKernelView(ChildPath(path, child->file_name).c_str());
         }
         if (folder->open_count == 0) {
             DeleteChildObject(folder, path);

@@ -286,7 +286,7 @@ int copyFile(const MoveRun &run, const char *from, const char *to, uint64_t *siz
     return 0;
 }
 
-int moveEntry(const MoveRun &run, const char *from, const char *to, bool top);
+int moveEntry(const MoveRun &run, const char *from, const char *to);
 
 int moveFolder(const MoveRun &run, _KTL_OBJECT *folder, const char *from, const char *to) {
     _CONTEXT *ctx = run.ctx;
@@ -319,7 +319,7 @@ int moveFolder(const MoveRun &run, _KTL_OBJECT *folder, const char *from, const 
     for (const std::string &name : names) {
         std::string childFrom = ChildPath(from, name.c_str());
         std::string childTo = ChildPath(to, name.c_str());
-        result = moveEntry(run, childFrom.c_str(), childTo.c_str(), false);
+        result = moveEntry(run, childFrom.c_str(), childTo.c_str());
         if (result != 0) {
             QNLog(3, "%s  failed. ret : %d, from : %s, to : %s", run.caller, result, childFrom.c_str(),
                   childTo.c_str());
@@ -348,12 +348,14 @@ int moveFolder(const MoveRun &run, _KTL_OBJECT *folder, const char *from, const 
     return 0;
 }
 
-int moveEntry(const MoveRun &run, const char *from, const char *to, bool top) {
+int moveEntry(const MoveRun &run, const char *from, const char *to) {
     _CONTEXT *ctx = run.ctx;
     _KTL_OBJECT *record = FindObject(from);
     if (record == nullptr) return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND;
-    // The kernel knows the paths below a moved folder by their old names.
-    if (!top) InvalidateKernelView(from);
+    // Nothing below a moved folder is invalidated: to the kernel this is a
+    // rename, whose entries below stay true (the same names, sizes and
+    // bytes); and while it runs libfuse holds these paths, so an
+    // invalidation would wait for reads and writes that wait for it.
     if (record->mode == KTL_MODE_FOLDER) return moveFolder(run, record, from, to);
 
     if (record->type == KTL_TYPE_STAGED) {
@@ -457,7 +459,7 @@ int MoveByCopy(_CONTEXT *ctx, const char *from, const char *to, const char *call
     if (result != 0) return result;
     result = OpenMoveSide(ctx, to, &run.target, caller);
     if (result == 0) {
-        result = moveEntry(run, from, to, true);
+        result = moveEntry(run, from, to);
         CloseMoveSide(&run.target, caller);
     }
     int ended = CloseMoveSide(&run.source, caller, otherAppSource);

@@ -36,7 +36,10 @@ constexpr double kKernelCacheSeconds = 3600.0;
 // mount. Dropping cached pages waits for every read and write in flight on
 // them, and those wait for tarni_mutex: so a handler holding the lock only
 // notes the path, and the kernel is told when the handler lets the lock go
-// (before it answers, while libfuse still knows the path as named).
+// (before it answers, while libfuse still knows the path as named). Those
+// reads and writes may also wait for libfuse's hold on the paths above them
+// (a rename or removal in progress, or one queued): so it is never called for
+// a file that is open, nor from a rename.
 void InvalidateKernelView(const char *path);
 // The bookkeeping of TarniLock: paths noted while this thread holds the lock
 // are sent by SendDeferredKernelInvalidations, called after the unlock.
