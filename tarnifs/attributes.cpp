@@ -13,6 +13,7 @@
 #include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
 #include "tarnifs/mount.h"
+#include "tarnifs/namespace.h"
 #include "util/log.h"
 
 namespace {
@@ -57,6 +58,14 @@ int tarnifs_getattr(const char *path, struct stat *st) {
         return 0;
     }
     _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr && IsHiddenRemovedName(path)) {
+        // A file removed while open, asked after through its hidden name (fstat).
+        _KTL_OBJECT *removed = RemovedObjectAt(path);
+        if (removed == nullptr) return -ENOENT;
+        StatFromObject(removed, st);
+        st->st_nlink = 0;
+        return 0;
+    }
     if (object == nullptr) {
         // Nothing listed this path's folder yet: list it, then look again.
         result = listFoldersAbove(ctx, path);
@@ -110,6 +119,10 @@ int tarnifs_setattr_x(const char *path, struct setattr_x *attr) {
     // An unknown path becomes an empty regular file. The record is made under
     // the lock like every other catalogue change: two attribute changes
     // arriving at once must not race on the map.
+    // A file removed while open changes under its hidden name, never made
+    // anew as a record of that name.
+    _KTL_OBJECT *removed = IsHiddenRemovedName(path) ? RemovedObjectAt(path) : nullptr;
+    if (removed != nullptr) return applyAttributeChange(ctx, path, removed, attr, nullptr);
     _KTL_OBJECT *object = GetObject(path);
     return applyAttributeChange(ctx, path, object, attr, nullptr);
 }

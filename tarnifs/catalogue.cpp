@@ -287,6 +287,18 @@ _KTL_OBJECT *RemovedOpenObject(uint64_t fh, std::string *path) {
     return found->first;
 }
 
+_KTL_OBJECT *RemovedObjectAt(const char *path) {
+    // Few files are removed while open at once: a walk is enough.
+    for (const auto &removed : removedOpenObjects)
+        if (removed.second == path) return removed.first;
+    return nullptr;
+}
+
+void RenameRemovedObject(_KTL_OBJECT *object, const char *path) {
+    auto found = removedOpenObjects.find(object);
+    if (found != removedOpenObjects.end()) found->second = path;
+}
+
 void FreeRemovedObject(_KTL_OBJECT *object) {
     if (removedOpenObjects.erase(object) == 0) return;
     releaseRecord(object, nullptr);

@@ -109,6 +109,10 @@ _KTL_OBJECT *RemovedOpenObject(uint64_t fh, std::string *path);
 // Frees a removed file's record once its last handle is released; its device
 // handle must already be closed.
 void FreeRemovedObject(_KTL_OBJECT *object);
+// The record of a removed, still open file that is now known by `path` (the
+// hidden name libfuse gave it), or null. RenameRemovedObject gives it that name.
+_KTL_OBJECT *RemovedObjectAt(const char *path);
+void RenameRemovedObject(_KTL_OBJECT *object, const char *path);
 
 // Attributes and extended attributes, answered from the catalogue alone.
 #ifndef __APPLE__

@@ -145,6 +145,7 @@ int tarnifs_create(const char *path, mode_t, struct fuse_file_info *fi) {
     // macOS's own index folders (".Spotlight-V100") are never written to a
     // phone; a user's "Spotlight notes.txt" is a file like any other.
     if (strstr(path, "/.Spotlight-") != nullptr) return 0;
+    if (LastNameTooLong(path)) return -ENAMETOOLONG;
 
     bool inAppFolder = strncmp(path, "/Apps/", 6) == 0 && countSlashes(path) > 2;
     // "/Storagex.txt" is a name at the root, refused as the root is.

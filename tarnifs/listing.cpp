@@ -387,6 +387,11 @@ std::string deviceSpelling(const char *path, size_t from) {
 }
 } // namespace
 
+bool LastNameTooLong(const char *path) {
+    const char *slash = strrchr(path, '/');
+    return strlen(slash != nullptr ? slash + 1 : path) > NAME_MAX;
+}
+
 std::string StorageDevicePath(const char *path) {
     if (path[8] != '/') return std::string(kStorageRoot) + (path + 8);  // "/Storage" itself
     return std::string(kStorageRoot) + deviceSpelling(path, 8);

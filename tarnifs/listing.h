@@ -37,6 +37,11 @@ int listFoldersAbove(_CONTEXT *ctx, const char *path);
 // beginning with "." are shown like any name.
 bool IsListableDeviceName(const char *name);
 
+// A last component longer than NAME_MAX (what statfs reports): refused with
+// ENAMETOOLONG before anything is asked of the device, as Linux file systems
+// refuse it, never with a dialog.
+bool LastNameTooLong(const char *path);
+
 // Device paths of volume paths: "/Storage/a/b" -> "/general_storage/a/b";
 // "/Apps/<app>/x/y" -> "/Documents/x/y" inside the app's sandbox.
 std::string StorageDevicePath(const char *path);

@@ -32,9 +32,12 @@ void *initWithKernelCache(struct fuse_conn_info *conn, struct fuse_config *cfg) 
     cfg->attr_timeout = kKernelCacheSeconds;
     // A name that is not there is asked again: the device may gain it.
     cfg->negative_timeout = 0;
-    // A removed file is removed on the device, never renamed to a hidden name
-    // while something still has it open.
-    cfg->hard_remove = 1;
+    // A file removed while open keeps a path in libfuse (a hidden name it
+    // gives it), so fstat and seeks on it keep working: with hard_remove
+    // libfuse answers every path-based request on it with ESTALE. The
+    // hidden name never reaches the device (tarnifs_rename removes the file
+    // there at once, see HideRemovedOpenFile).
+    cfg->hard_remove = 0;
     // Every page of a listing carries its entries' attributes, not only the
     // first: `ls -l` of a large folder then asks nothing per entry.
     conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
@@ -70,6 +73,11 @@ int renameWithoutFlags(const char *from, const char *to, unsigned int flags) {
     return tarnifs_rename(from, to);
 }
 
+// The device keeps no links of either kind: refused as file systems
+// without them refuse (EPERM), never with a "not found" that sends users
+// looking for a missing file.
+int refuseLink(const char *, const char *) { return -EPERM; }
+
 struct fuse_operations makeOperationTable() {
     struct fuse_operations ops;
     memset(&ops, 0, sizeof(ops));
@@ -87,6 +95,8 @@ struct fuse_operations makeOperationTable() {
     ops.setxattr = setxattrOutsideKernelNames;
     ops.removexattr = removexattrOutsideKernelNames;
     ops.rename = renameWithoutFlags;
+    ops.link = refuseLink;
+    ops.symlink = refuseLink;
     ops.open = tarnifs_open;
     ops.read = tarnifs_read;
     ops.write = tarnifs_write;

@@ -205,6 +205,7 @@ int rmdirInApp(_CONTEXT *ctx, const char *path) {
 int tarnifs_mkdir(const char *path, mode_t) {
     TarniLock lock;
     if (isOneOf(path, {"/.Trashes", "/.TemporaryItems", "/.fseventsd"})) return -ENOENT;
+    if (LastNameTooLong(path)) return -ENAMETOOLONG;
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) {
@@ -278,11 +279,39 @@ int tarnifs_rmdir(const char *path) {
     return inStorage ? rmdirInStorage(ctx, path) : rmdirInApp(ctx, path);
 }
 
+namespace {
+int unlinkLocked(_CONTEXT *ctx, const char *path);
+} // namespace
+
+bool IsHiddenRemovedName(const char *path) {
+    const char *slash = strrchr(path, '/');
+    return slash != nullptr && strncmp(slash + 1, ".fuse_hidden", 12) == 0;
+}
+
+int HideRemovedOpenFile(_CONTEXT *ctx, const char *from, const char *to) {
+    // Removed on the device now, as any unlink; its record, kept for the
+    // open handles, is known by the hidden name from here on.
+    int result = unlinkLocked(ctx, from);
+    if (result != 0) return result;
+    _KTL_OBJECT *kept = RemovedObjectAt(from);
+    if (kept != nullptr) RenameRemovedObject(kept, to);
+    return 0;
+}
+
 int tarnifs_unlink(const char *path) {
     TarniLock lock;
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) return result;
+    // The hidden name of a file removed while open, let go at its last
+    // close: the file left the device when it was removed.
+    if (IsHiddenRemovedName(path)) return 0;
+    return unlinkLocked(ctx, path);
+}
+
+namespace {
+int unlinkLocked(_CONTEXT *ctx, const char *path) {
+    int result = 0;
     bool refused = true;
     if (belowStorage(path) || strncmp(path, "/Apps/", 6) == 0) {
         result = listFoldersAbove(ctx, path);
@@ -303,6 +332,7 @@ int tarnifs_unlink(const char *path) {
     ShowMessageBox(kMsgError, "%s", ErrMsg);
     return -ECANCELED;
 }
+} // namespace
 
 int UnlinkStorageContents(_CONTEXT *ctx, const char *path) {
     _KTL_OBJECT *record = FindObject(path);

@@ -15,6 +15,14 @@ int tarnifs_mkdir(const char *path, mode_t mode);
 int tarnifs_rmdir(const char *path);
 int tarnifs_unlink(const char *path);
 
+// A file removed while open keeps a path in libfuse: it is renamed to a
+// hidden name (".fuse_hidden" + digits, in its folder) instead of being
+// removed, and that name is removed at its last close. The hidden name never
+// reaches the device: the rename removes the file there as an unlink does,
+// and its record, kept for the open handles, takes the hidden name.
+bool IsHiddenRemovedName(const char *path);
+int HideRemovedOpenFile(_CONTEXT *ctx, const char *from, const char *to);
+
 // Removes a /Storage file on the device and then its record. 0 (also when the
 // device no longer had it) or the device error; the record stays on an error.
 int UnlinkStorageContents(_CONTEXT *ctx, const char *path);

@@ -12,6 +12,7 @@
 #include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
 #include "tarnifs/move.h"
+#include "tarnifs/namespace.h"
 #include "tarnifs/notify.h"
 #include "util/log.h"
 
@@ -239,6 +240,9 @@ int tarnifs_rename(const char *from, const char *to) {
         return reportFailure(result);
     }
     if (strcmp(from, to) == 0) return 0;
+    // libfuse hides a file that is removed (or renamed over) while open.
+    if (IsHiddenRemovedName(to)) return HideRemovedOpenFile(ctx, from, to);
+    if (LastNameTooLong(to)) return -ENAMETOOLONG;
 
     if (fromStorage(from)) {
         if (begins(to, "/Apps/")) {

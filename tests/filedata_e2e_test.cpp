@@ -80,6 +80,7 @@ protected:
 // Location ids of their own: a mount's work folder is "/tmp/" + id.
 constexpr uint32_t kPhoneChangesLocation = 9151;
 constexpr uint32_t kAreasLocation = 9153;
+constexpr uint32_t kStressLocation = 9203;
 
 TEST_F(FileDataTest, CopiesInAndOutKeepEveryByteInStorageAndInAnApp) {
     ASSERT_TRUE(startDevice({image()}));
@@ -351,6 +352,30 @@ TEST_F(FileDataTest, FioVerifiesEveryBlockWrittenSequentiallyAndAtRandom) {
     for (size_t at = report.find("err= 0"); at != std::string::npos; at = report.find("err= 0", at + 1)) ++jobs;
     EXPECT_EQ(jobs, 3u) << report;
     EXPECT_TRUE(dialogs.dialogs().empty());
+}
+
+// stress-ng's file stressors that the device can carry, each a few seconds
+// with its own verification, one after another on /Storage: every one ends,
+// passes, and leaves the folder as empty as it found it.
+// (scripts/stress_storage.sh runs the whole list, links and times included.)
+TEST_F(FileDataTest, StressNgFileStressorsVerifyOnStorage) {
+    if (runProgram({"sh", "-c", "command -v stress-ng"}).empty())
+        GTEST_SKIP() << "stress-ng is not installed (package stress-ng)";
+    ASSERT_TRUE(startDevice({image(kStressLocation)}));
+    mountFresh();
+    for (const char *stressor : {"hdd", "rename", "dir", "dentry", "filename", "io", "copy-file", "sendfile", "fstat"}) {
+        int status = -1;
+        std::string output = runProgram({"timeout", "120", "stress-ng", std::string("--") + stressor, "1", "--timeout",
+                                         "3", "--verify", "--temp-path", inMount("/Storage/in"), "--hdd-bytes", "4m",
+                                         "--stdout"},
+                                        &status);
+        EXPECT_EQ(status, 0) << stressor << ":\n" << output;
+    }
+    EXPECT_TRUE(namesIn(storageImage() + "/in").empty());
+    EXPECT_TRUE(namesIn(inMount("/Storage/in")).empty());
+    // Names past NAME_MAX (the filename stressor tries them) are refused
+    // as Linux refuses them, not with a dialog.
+    for (const RecordedDialog &dialog : dialogs.dialogs()) ADD_FAILURE() << "dialog: " << dialog.message;
 }
 
 } // namespace

@@ -61,8 +61,10 @@ TEST(OperationTableTest, OnlyBuiltHandlersAreFilledAndErrnoValuesAreLinuxs) {
     EXPECT_NE(tarni_opers.flush, nullptr);
     // Deliberately absent: FUSE answers or refuses these itself.
     EXPECT_EQ(tarni_opers.readlink, nullptr);
-    EXPECT_EQ(tarni_opers.symlink, nullptr);
-    EXPECT_EQ(tarni_opers.link, nullptr);
+    // The device has no links: "not permitted", never "not found".
+    ASSERT_NE(tarni_opers.link, nullptr);
+    EXPECT_EQ(tarni_opers.link("/Storage/a", "/Storage/b"), -EPERM);
+    EXPECT_EQ(tarni_opers.symlink("a", "/Storage/b"), -EPERM);
     EXPECT_EQ(tarni_opers.listxattr, nullptr);
     EXPECT_EQ(ENOSYS, 38);
     EXPECT_EQ(ECANCELED, 125);
