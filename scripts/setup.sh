@@ -17,7 +17,7 @@ packages=(
   libimobiledevice-dev libplist-dev libusbmuxd-dev
   libsqlite3-dev sqlite3 libutf8proc-dev libjpeg-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libimobiledevice-utils ifuse fio rsync
+  libimobiledevice-utils ifuse fio rsync stress-ng
   nlohmann-json3-dev
   clang
 )
