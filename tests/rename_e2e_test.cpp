@@ -678,6 +678,34 @@ TEST_F(RenameTest, FilesOpenWhileRenamedOrMovedStayUsableThroughTheirHandles) {
     EXPECT_EQ(readLocal(appImage() + "/a.txt"), "old a");
     EXPECT_EQ(readLocal(inMount("/Apps/Notes/a.txt")), "old a");
     EXPECT_EQ(statError(inMount("/Storage/a.txt")), ENOENT);
+
+    // Renamed over, and removed, while open: the handle reads the old bytes
+    // and fstat answers (link count 0); the device holds exactly the new
+    // file, and no hidden name ever reaches it.
+    fd = open(inMount("/Storage/keep.txt").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/b.txt"), inMount("/Storage/keep.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/keep.txt"), "bee");
+    EXPECT_EQ(readLocal(inMount("/Storage/keep.txt")), "bee");
+    struct stat st;
+    ASSERT_EQ(fstat(fd, &st), 0) << strerror(errno);
+    EXPECT_EQ(st.st_size, 7);
+    EXPECT_EQ(st.st_nlink, 0u);
+    memset(buffer, 0, sizeof(buffer));
+    EXPECT_EQ(pread(fd, buffer, sizeof(buffer), 0), 7);
+    EXPECT_STREQ(buffer, "keep me");
+    EXPECT_EQ(lseek(fd, 0, SEEK_END), 7);
+    int removed = open(inMount("/Storage/keep.txt").c_str(), O_RDONLY);
+    ASSERT_GE(removed, 0) << strerror(errno);
+    ASSERT_EQ(unlink(inMount("/Storage/keep.txt").c_str()), 0) << strerror(errno);
+    EXPECT_FALSE(exists(storageImage() + "/keep.txt"));
+    ASSERT_EQ(fstat(removed, &st), 0) << strerror(errno);
+    EXPECT_EQ(st.st_size, 3);
+    EXPECT_EQ(close(removed), 0);
+    EXPECT_EQ(close(fd), 0);
+    for (const std::string &name : sortedNamesIn(storageImage()))
+        EXPECT_EQ(name.find(".fuse_hidden"), std::string::npos) << name;
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage")), sortedNamesIn(storageImage()));
     EXPECT_TRUE(dialogs.dialogs().empty());
     EXPECT_EQ(unmountDevice(), 0);
 }
