@@ -18,11 +18,12 @@ const Subcommand subcommands[] = {
     {"unmount", cmdUnmount, "unmount it again: quorvel unmount MOUNTPOINT"},
     {"demo", cmdDemo, "mount a simulated iPhone at ./quorvel-demo to browse, until Ctrl-C"},
     {"tray", cmdTray, "listen on the notification pipe and print what the file system reports"},
+    {"install-service", cmdInstallService, "start `quorvel watch` with your desktop session (systemd user unit)"},
 };
 
 void printUsage(FILE *out) {
     fprintf(out, "usage: quorvel <command> [arguments]\n\ncommands:\n");
-    for (const Subcommand &sub : subcommands) fprintf(out, "  %-8s %s\n", sub.name, sub.summary);
+    for (const Subcommand &sub : subcommands) fprintf(out, "  %-15s %s\n", sub.name, sub.summary);
     fprintf(out, "\n`quorvel <command> --help` explains each command.\n");
 }
 
