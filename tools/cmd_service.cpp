@@ -15,6 +15,7 @@
 
 #include "tools/commands.h"
 #include "tools/process.h"
+#include "tools/unit_template.h"
 
 using namespace quorvel_tools;
 
@@ -82,28 +83,12 @@ std::string execStartWord(const std::string &path) {
     return quote ? "\"" + word + "\"" : word;
 }
 
-// The unit's text. It belongs to the graphical session rather than to every
-// login: started when the desktop has imported DISPLAY and the session bus into
-// the user manager (notifications and dialogs need them), stopped when the
-// session ends (PartOf), and never started by an ssh login alone, where
-// mounting devices under the desktop's volume folder would serve no one.
+// The unit's text: the installed unit's, naming the program at `quorvelPath`.
 std::string unitText(const std::string &quorvelPath) {
-    return "[Unit]\n"
-           "Description=Quorvel: mounts each attached iPhone or iPad where file managers show it\n"
-           "Documentation=man:quorvel(1)\n"
-           "PartOf=graphical-session.target\n"
-           "After=graphical-session.target\n"
-           "\n"
-           "[Service]\n"
-           "Type=simple\n"
-           "ExecStart=" +
-           execStartWord(quorvelPath) +
-           " watch\n"
-           "Restart=on-failure\n"
-           "RestartSec=5\n"
-           "\n"
-           "[Install]\n"
-           "WantedBy=graphical-session.target\n";
+    std::string text = kUnitTemplate;
+    size_t at = text.find(kUnitPathPlaceholder);
+    if (at != std::string::npos) text.replace(at, strlen(kUnitPathPlaceholder), execStartWord(quorvelPath));
+    return text;
 }
 
 // Runs `systemctl --user ARGS...`. 0 when it succeeded; otherwise prints why
