@@ -4,13 +4,14 @@
 #               then runs them again under the address and undefined-behaviour sanitizers,
 #               then gives each libFuzzer target a short run (fuzz-smoke)
 # and for longer fuzzing: make fuzz [FUZZ_SECONDS=N]
+# and a Debian package of quorvel in this folder: make deb
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
 JOBS       ?= $(shell nproc)
 
-.PHONY: setup build test test-plain test-sanitize fuzz-build fuzz fuzz-smoke demo bench clean
+.PHONY: setup build deb test test-plain test-sanitize fuzz-build fuzz fuzz-smoke demo bench clean
 
 setup:
 	bash scripts/setup.sh
@@ -41,6 +42,12 @@ fuzz-smoke: fuzz-build
 	cd $(FUZZ_BUILD) && ctest --output-on-failure -R '^Fuzz\.'
 
 test: test-plain test-sanitize fuzz-smoke
+
+# Only the two programs are built for it: the package holds nothing else compiled.
+deb: setup
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j $(JOBS) --target quorvel quorvelfs -- --no-print-directory
+	bash scripts/make_deb.sh $(BUILD) .
 
 demo: build
 	$(BUILD)/tools/quorvel demo

@@ -20,6 +20,7 @@ packages=(
   libimobiledevice-utils ifuse fio rsync stress-ng
   nlohmann-json3-dev
   clang
+  dpkg-dev lintian man-db systemd
 )
 
 # QUORVEL_SETUP_SIMULATE=1 shows what apt-get would do and changes nothing;
