@@ -7,3 +7,4 @@ int cmdTray(int argc, char **argv);
 int cmdMount(int argc, char **argv);
 int cmdUnmount(int argc, char **argv);
 int cmdDemo(int argc, char **argv);
+int cmdWatch(int argc, char **argv);
