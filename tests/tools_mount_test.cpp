@@ -226,16 +226,121 @@ TEST_F(QuorvelMountCommand, NonemptyMountsOverAFolderWithFilesAndIsNotPassedToFu
     EXPECT_TRUE(fs::exists(mountPoint + "/hidden-while-mounted.txt"));
 }
 
+// `quorvel watch` left running in the fixture's folder; whatever a failing
+// test leaves mounted under its folder is detached before devsim stops.
+class QuorvelWatchCommand : public QuorvelMountCommand {
+protected:
+    void SetUp() override {
+        QuorvelMountCommand::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        watchFolder = folder + "/Devices";
+        watchLog = folder + "/watch.out";
+        // Lost-connection dialogs of the unplugged mount go nowhere.
+        setenv("QUORVEL_DIALOG", "/bin/true", 1);
+    }
+    void TearDown() override {
+        if (watcher > 0) {
+            kill(watcher, SIGTERM);
+            waitpid(watcher, nullptr, 0);
+        }
+        std::error_code error;
+        for (const auto &entry : fs::directory_iterator(watchFolder, error))
+            if (isFuseMountPoint(entry.path().string())) run_program({fusermountProgram(), "-u", "-z", entry.path().string()});
+        unsetenv("QUORVEL_DIALOG");
+        QuorvelMountCommand::TearDown();
+    }
+    bool said(const std::string &text) const { return readLocal(watchLog).find(text) != std::string::npos; }
+    bool waitUntilSaid(const std::string &text) {
+        return eventually([&] { return said(text); }, 120);
+    }
+
+    std::string watchFolder, watchLog;
+    pid_t watcher = -1;
+};
+
+TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
+    DevsimImage alpha = phone("Alpha Phone", 9301, {"alpha.txt"});
+    alpha.files.push_back({"media/general_storage/big.bin", std::string(6 << 20, 'b')});
+    DevsimImage beta = phone("Beta Phone", 9302, {"beta.txt"});
+    // Slow enough that the unplug lands in the middle of the copy.
+    ASSERT_TRUE(sim.start({alpha, beta}, {"--bandwidth-mbps", "2"})) << sim.error();
+    // A folder of the user's with the second phone's name: it gets a suffix.
+    fs::create_directories(watchFolder + "/Beta Phone");
+    std::ofstream(watchFolder + "/Beta Phone/mine.txt") << "mine";
+
+    watcher = startProgram({kQuorvel, "watch", "--dir", watchFolder}, watchLog);
+    ASSERT_GT(watcher, 0);
+    const std::string alphaPoint = watchFolder + "/Alpha Phone";
+    const std::string betaPoint = watchFolder + "/Beta Phone (2)";
+    ASSERT_TRUE(waitUntilSaid("Mounted Alpha Phone at " + alphaPoint + ".")) << readLocal(watchLog);
+    ASSERT_TRUE(waitUntilSaid("Mounted Beta Phone at " + betaPoint + ".")) << readLocal(watchLog);
+    EXPECT_TRUE(isFuseMountPoint(alphaPoint));
+    EXPECT_TRUE(isFuseMountPoint(betaPoint));
+    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
+    EXPECT_EQ(readLocal(watchFolder + "/Beta Phone/mine.txt"), "mine");
+
+    // Unplugged while a copy out of it runs: the copy fails instead of
+    // hanging, and neither the mount nor its folder stays behind.
+    const std::string copy = folder + "/copy.bin";
+    pid_t cp = startProgram({"/bin/cp", alphaPoint + "/Storage/big.bin", copy}, folder + "/cp.out");
+    ASSERT_GT(cp, 0);
+    ASSERT_TRUE(eventually([&] { return fs::exists(copy) && fs::file_size(copy) > 0; }, 60)) << "the copy never started";
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    int cpStatus = -1;
+    bool cpEnded = false;
+    eventually([&] { return cpEnded = cpEnded || waitpid(cp, &cpStatus, WNOHANG) == cp; }, 120);
+    if (!cpEnded) {
+        kill(cp, SIGKILL);
+        waitpid(cp, nullptr, 0);
+    }
+    ASSERT_TRUE(cpEnded) << "cp hung on the unplugged device";
+    EXPECT_TRUE(WIFEXITED(cpStatus) && WEXITSTATUS(cpStatus) != 0) << readLocal(folder + "/cp.out");
+    ASSERT_TRUE(waitUntilSaid("Alpha Phone was unplugged; removed " + alphaPoint + ".")) << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(alphaPoint));
+    std::error_code error;
+    EXPECT_FALSE(fs::exists(fs::symlink_status(alphaPoint, error))) << "the folder of the unplugged phone is removed";
+    EXPECT_TRUE(isFuseMountPoint(betaPoint)) << "the other phone stays mounted";
+    EXPECT_EQ(sortedNames(betaPoint + "/Storage"), sortedNames(sim.image_dir(1) + "/media/general_storage"));
+    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
+
+    // Plugged back in while it asks for Trust: said in plain words, and only
+    // that phone waits.
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 3600"), "ok");
+    ASSERT_EQ(sim.control("plug " + sim.udid(0)), "ok");
+    ASSERT_TRUE(waitUntilSaid("tap Trust on Alpha Phone")) << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(alphaPoint));
+    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 60 PasswordProtected"), "ok");
+    ASSERT_TRUE(waitUntilSaid("unlock Alpha Phone with its passcode")) << readLocal(watchLog);
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 0"), "ok");
+    ASSERT_TRUE(eventually([&] { return isFuseMountPoint(alphaPoint); }, 120)) << readLocal(watchLog);
+    EXPECT_EQ(readLocal(alphaPoint + "/Storage/alpha.txt"), "Alpha Phone");
+
+    // SIGTERM: everything it mounted is unmounted and removed; the user's own folder stays.
+    waitForQueuedReleases(alphaPoint);
+    waitForQueuedReleases(betaPoint);
+    kill(watcher, SIGTERM);
+    int status = -1;
+    EXPECT_EQ(waitpid(watcher, &status, 0), watcher);
+    watcher = -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(alphaPoint));
+    EXPECT_FALSE(isFuseMountPoint(betaPoint));
+    EXPECT_EQ(sortedNames(watchFolder), std::vector<std::string>{"Beta Phone"}) << readLocal(watchLog);
+}
+
 TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {
     std::string output;
     ASSERT_EQ(runQuorvel({"--help"}, &output), 0);
-    for (const char *command : {"mount", "unmount", "demo"})
+    for (const char *command : {"mount", "unmount", "watch", "demo"})
         EXPECT_NE(output.find(std::string("  ") + command + " "), std::string::npos) << output;
     ASSERT_EQ(runQuorvel({"mount", "--help"}, &output), 0);
     EXPECT_NE(output.find("--udid UDID"), std::string::npos);
     EXPECT_NE(output.find("quorvel unmount MOUNTPOINT"), std::string::npos);
     ASSERT_EQ(runQuorvel({"unmount", "--help"}, &output), 0);
     EXPECT_NE(output.find("fusermount3 -u -z"), std::string::npos);
+    ASSERT_EQ(runQuorvel({"watch", "--help"}, &output), 0);
+    EXPECT_NE(output.find("--dir DIR"), std::string::npos);
     ASSERT_EQ(runQuorvel({"demo", "--help"}, &output), 0);
     EXPECT_NE(output.find("Ctrl-C"), std::string::npos);
 }
