@@ -235,8 +235,17 @@ protected:
         if (IsSkipped() || HasFatalFailure()) return;
         watchFolder = folder + "/Devices";
         watchLog = folder + "/watch.out";
-        // Lost-connection dialogs of the unplugged mount go nowhere.
+        // Lost-connection dialogs of the unplugged mount go nowhere; no
+        // session bus, so every notice is a line of the watcher's output.
         setenv("QUORVEL_DIALOG", "/bin/true", 1);
+        runtimeFolder = folder + "/run";
+        fs::create_directory(runtimeFolder);
+        for (const char *name : {"XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS"}) {
+            const char *value = getenv(name);
+            saved.push_back({name, value != nullptr ? value : ""});
+            unsetenv(name);
+        }
+        setenv("XDG_RUNTIME_DIR", runtimeFolder.c_str(), 1);
     }
     void TearDown() override {
         if (watcher > 0) {
@@ -247,21 +256,32 @@ protected:
         for (const auto &entry : fs::directory_iterator(watchFolder, error))
             if (isFuseMountPoint(entry.path().string())) run_program({fusermountProgram(), "-u", "-z", entry.path().string()});
         unsetenv("QUORVEL_DIALOG");
+        for (const auto &variable : saved) {
+            if (variable.second.empty()) unsetenv(variable.first.c_str());
+            else setenv(variable.first.c_str(), variable.second.c_str(), 1);
+        }
         QuorvelMountCommand::TearDown();
     }
     bool said(const std::string &text) const { return readLocal(watchLog).find(text) != std::string::npos; }
+    size_t timesSaid(const std::string &text) const {
+        std::string log = readLocal(watchLog);
+        size_t count = 0;
+        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+        return count;
+    }
     bool waitUntilSaid(const std::string &text) {
         return eventually([&] { return said(text); }, 120);
     }
 
-    std::string watchFolder, watchLog;
+    std::string watchFolder, watchLog, runtimeFolder;
+    std::vector<std::pair<std::string, std::string>> saved;
     pid_t watcher = -1;
 };
 
 TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     DevsimImage alpha = phone("Alpha Phone", 9301, {"alpha.txt"});
     alpha.files.push_back({"media/general_storage/big.bin", std::string(6 << 20, 'b')});
-    DevsimImage beta = phone("Beta Phone", 9302, {"beta.txt"});
+    DevsimImage beta = phone("Beta Phone", 9302, {"beta.txt", "b1.txt", "b2.txt"});
     // Slow enough that the unplug lands in the middle of the copy.
     ASSERT_TRUE(sim.start({alpha, beta}, {"--bandwidth-mbps", "2"})) << sim.error();
     // A folder of the user's with the second phone's name: it gets a suffix.
@@ -276,8 +296,20 @@ TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     ASSERT_TRUE(waitUntilSaid("Mounted Beta Phone at " + betaPoint + ".")) << readLocal(watchLog);
     EXPECT_TRUE(isFuseMountPoint(alphaPoint));
     EXPECT_TRUE(isFuseMountPoint(betaPoint));
-    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
     EXPECT_EQ(readLocal(watchFolder + "/Beta Phone/mine.txt"), "mine");
+
+    // What quorvelfs reports on its tray pipe becomes one notice per burst,
+    // never one per file, with the phone's name.
+    ASSERT_EQ(run_program({"/bin/cp", "-r", betaPoint + "/Storage", folder + "/beta-copy"}), 0);
+    ASSERT_TRUE(waitUntilSaid("Copied 3 files (30 bytes) from Beta Phone")) << readLocal(watchLog);
+    std::ofstream(folder + "/up.txt") << "hello";
+    ASSERT_EQ(run_program({"/bin/cp", folder + "/up.txt", betaPoint + "/Storage/up.txt"}), 0);
+    ASSERT_TRUE(waitUntilSaid("Copied 1 file (5 bytes) to Beta Phone")) << readLocal(watchLog);
+    EXPECT_EQ(sortedNames(betaPoint + "/Apps"), std::vector<std::string>{});
+    ASSERT_TRUE(waitUntilSaid("Working on Beta Phone…")) << readLocal(watchLog);
+    EXPECT_EQ(timesSaid("Copied 3 files"), 1u) << readLocal(watchLog);
+    EXPECT_EQ(timesSaid("Copied "), 2u) << readLocal(watchLog);
+    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
 
     // Unplugged while a copy out of it runs: the copy fails instead of
     // hanging, and neither the mount nor its folder stays behind.
@@ -327,6 +359,7 @@ TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     EXPECT_FALSE(isFuseMountPoint(alphaPoint));
     EXPECT_FALSE(isFuseMountPoint(betaPoint));
     EXPECT_EQ(sortedNames(watchFolder), std::vector<std::string>{"Beta Phone"}) << readLocal(watchLog);
+    EXPECT_EQ(sortedNames(runtimeFolder), std::vector<std::string>{}) << "its pipes are removed";
 }
 
 TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {

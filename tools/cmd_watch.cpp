@@ -30,7 +30,12 @@
 
 #include "device/libiusb.h"
 #include "tools/commands.h"
+#include "tools/pipe_messages.h"
 #include "tools/process.h"
+
+#ifdef QUORVEL_HAVE_LIBNOTIFY
+#include <libnotify/notify.h>
+#endif
 
 using namespace quorvel_tools;
 
@@ -44,6 +49,9 @@ constexpr int kRetrySeconds = 1;
 constexpr int kMountAppearSeconds = 60;
 // A file-system process still running this long after its lazy unmount is stopped.
 constexpr int kStopGraceSeconds = 30;
+// Quiet on the tray pipe this long ends a burst: the transfers so far become
+// one summary, and a "Working on" notice whose work ended is closed.
+constexpr int kBurstQuietSeconds = 2;
 
 void printWatchUsage(FILE *out) {
     fprintf(out,
@@ -74,6 +82,16 @@ struct WatchedDevice {
     std::string mountPoint;
     pid_t pid = -1;
     Clock::time_point mountDeadline;
+    // The tray pipe of its quorvelfs: a FIFO of ours, one per device, so every
+    // message is known to be about this device.
+    std::string pipePath;
+    int pipeFd = -1;
+    std::string pipeStream;
+    int busyDepth = 0;
+    void *workingNotice = nullptr;  // shown while work runs; null when none
+    Clock::time_point busyEnded;
+    uint64_t filesRead = 0, bytesRead = 0, filesWritten = 0, bytesWritten = 0;
+    Clock::time_point lastTransfer;
 };
 
 // A file-system process whose mount was detached lazily: it ends once the
@@ -106,6 +124,52 @@ void onDeviceEvent(const usbmuxd_event_t *event, void *) {
     char byte = 1;
     ssize_t ignored = write(wakeWriteFd, &byte, 1);
     (void)ignored;
+}
+
+bool desktopNotices = false;
+
+// Tells the user something about a device: a desktop notification when a
+// session bus is there to show it, else one line on standard error (the
+// sentence, which says it all). With `keep`, returns a handle for
+// closeNotice (null when nothing stays open).
+void *notice(const std::string &summary, const std::string &sentence, bool keep = false) {
+#ifdef QUORVEL_HAVE_LIBNOTIFY
+    if (desktopNotices) {
+        NotifyNotification *shown = notify_notification_new(summary.c_str(), sentence.c_str(), "phone");
+        if (notify_notification_show(shown, nullptr)) {
+            if (keep) return shown;
+            g_object_unref(shown);
+            return nullptr;
+        }
+        g_object_unref(shown);  // the bus went away: say it on standard error instead
+    }
+#else
+    (void)keep;
+#endif
+    fprintf(stderr, "%s\n", sentence.empty() ? summary.c_str() : sentence.c_str());
+    return nullptr;
+}
+
+void closeNotice(void *&handle) {
+#ifdef QUORVEL_HAVE_LIBNOTIFY
+    if (handle != nullptr) {
+        NotifyNotification *shown = static_cast<NotifyNotification *>(handle);
+        notify_notification_close(shown, nullptr);
+        g_object_unref(shown);
+    }
+#endif
+    handle = nullptr;
+}
+
+// Notifications are tried only where a session bus is known to be: GLib
+// would otherwise try to start one through X11.
+bool sessionBusPresent() {
+    const char *address = getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (address != nullptr && *address != '\0') return true;
+    const char *runtime = getenv("XDG_RUNTIME_DIR");
+    struct stat st;
+    return runtime != nullptr && *runtime != '\0' && stat((std::string(runtime) + "/bus").c_str(), &st) == 0 &&
+           S_ISSOCK(st.st_mode);
 }
 
 void tell(const std::string &sentence) { printf("%s\n", sentence.c_str()); }
@@ -180,20 +244,128 @@ std::string shownName(const WatchedDevice &device) {
     return device.name.empty() ? "the device " + device.udid : device.name;
 }
 
+// The private folder holding the devices' FIFOs: 0700, under
+// $XDG_RUNTIME_DIR (the user's own, cleared at logout) or else /tmp.
+std::string runtimeFolder;
+
+bool makeRuntimeFolder() {
+    const char *runtime = getenv("XDG_RUNTIME_DIR");
+    struct stat st;
+    std::string base = runtime != nullptr && *runtime != '\0' && stat(runtime, &st) == 0 && S_ISDIR(st.st_mode)
+                           ? runtime
+                           : "/tmp";
+    std::string pattern = base + "/quorvel-watch-XXXXXX";
+    if (mkdtemp(&pattern[0]) == nullptr) return false;
+    runtimeFolder = pattern;
+    return true;
+}
+
+// Made by us (0600) and held open for reading and writing, so quorvelfs can
+// always write and we never see end-of-file between its writes.
+bool openPipe(WatchedDevice &device) {
+    if (runtimeFolder.empty()) return false;
+    device.pipePath = runtimeFolder + "/pipe-" + std::to_string(device.locationId);
+    unlink(device.pipePath.c_str());
+    if (mkfifo(device.pipePath.c_str(), 0600) != 0) {
+        device.pipePath.clear();
+        return false;
+    }
+    device.pipeFd = open(device.pipePath.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (device.pipeFd < 0) {
+        unlink(device.pipePath.c_str());
+        device.pipePath.clear();
+        return false;
+    }
+    return true;
+}
+
+// "48 MB": whole units, powers of ten as file managers count.
+std::string amountText(uint64_t bytes) {
+    if (bytes < 1000) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+    if (bytes < 1000000) return std::to_string((bytes + 500) / 1000) + " kB";
+    if (bytes < 1000000000) return std::to_string((bytes + 500000) / 1000000) + " MB";
+    char text[32];
+    snprintf(text, sizeof(text), "%.1f GB", static_cast<double>(bytes) / 1e9);
+    return text;
+}
+
+std::string filesText(uint64_t count) { return std::to_string(count) + (count == 1 ? " file" : " files"); }
+
+// One summary per burst of transfers, never one per file.
+void flushTransfers(WatchedDevice &device) {
+    std::string name = shownName(device);
+    if (device.filesRead > 0) {
+        notice("Copied " + filesText(device.filesRead) + " (" + amountText(device.bytesRead) + ") from " + name, "");
+    }
+    if (device.filesWritten > 0) {
+        notice("Copied " + filesText(device.filesWritten) + " (" + amountText(device.bytesWritten) + ") to " + name, "");
+    }
+    device.filesRead = device.bytesRead = device.filesWritten = device.bytesWritten = 0;
+}
+
+void readPipe(WatchedDevice &device) {
+    char chunk[4096];
+    ssize_t got;
+    while ((got = read(device.pipeFd, chunk, sizeof(chunk))) > 0) device.pipeStream.append(chunk, static_cast<size_t>(got));
+    std::vector<PipeMessage> messages;
+    takePipeMessages(device.pipeStream, &messages);
+    for (const PipeMessage &message : messages) {
+        if (message.kind == PipeMessageKind::BusyOn) {
+            if (++device.busyDepth == 1 && device.workingNotice == nullptr)
+                device.workingNotice = notice("Working on " + shownName(device) + "…", "", true);
+        } else if (message.kind == PipeMessageKind::BusyOff) {
+            if (device.busyDepth > 0 && --device.busyDepth == 0) device.busyEnded = Clock::now();
+        } else if (message.kind == PipeMessageKind::Transfer) {
+            if (message.record.kind == kTransferRead) {
+                ++device.filesRead;
+                device.bytesRead += message.record.size;
+            } else if (message.record.kind == kTransferWritten) {
+                ++device.filesWritten;
+                device.bytesWritten += message.record.size;
+            }
+            device.lastTransfer = Clock::now();
+        }
+    }
+}
+
+// Ends bursts that have gone quiet.
+void settlePipe(WatchedDevice &device) {
+    auto quiet = std::chrono::seconds(kBurstQuietSeconds);
+    if ((device.filesRead > 0 || device.filesWritten > 0) && Clock::now() - device.lastTransfer >= quiet)
+        flushTransfers(device);
+    if (device.workingNotice != nullptr && device.busyDepth == 0 && Clock::now() - device.busyEnded >= quiet)
+        closeNotice(device.workingNotice);
+}
+
+void closePipe(WatchedDevice &device) {
+    if (device.pipeFd >= 0) {
+        readPipe(device);  // what was written before the end still counts
+        close(device.pipeFd);
+        unlink(device.pipePath.c_str());
+    }
+    flushTransfers(device);
+    closeNotice(device.workingNotice);
+    device.pipeFd = -1;
+    device.pipePath.clear();
+    device.pipeStream.clear();
+    device.busyDepth = 0;
+}
+
 // What the user must do while the device will not talk to us yet.
 void tellRefusal(WatchedDevice &device, int result) {
     if (result == device.lastRefusal) return;
     device.lastRefusal = result;
     std::string name = shownName(device);
     if (result == LIBIUSB_ERROR_TRUST_PENDING) {
-        tell("To use " + name + ", tap Trust on " + name + " when it asks \"Trust This Computer?\".");
+        notice(name + " asks whether to trust this computer",
+               "To use " + name + ", tap Trust on " + name + " when it asks \"Trust This Computer?\".");
     } else if (result == LIBIUSB_ERROR_PASSWORD_PROTECTED) {
-        tell("To use " + name + ", unlock " + name + " with its passcode.");
+        notice(name + " is locked", "To use " + name + ", unlock " + name + " with its passcode.");
     } else if (result == LIBIUSB_ERROR_NOT_PAIRED) {
-        tell("You told " + name +
-             " not to trust this computer. To use it, unplug it, plug it in again and tap Trust.");
+        notice(name + " does not trust this computer",
+               "You told " + name + " not to trust this computer. To use it, unplug it, plug it in again and tap Trust.");
     } else {
-        tell("Cannot open " + name + " yet (" + libiusb_error_name(result) + "); trying again.");
+        notice("Cannot open " + name, "Cannot open " + name + " yet (" + libiusb_error_name(result) + "); trying again.");
     }
 }
 
@@ -201,7 +373,8 @@ void startMount(WatchedDevice &device, const std::string &watchFolder, const std
                 const std::vector<WatchedDevice> &devices) {
     device.mountPoint = chooseMountPoint(watchFolder, folderName(device.name, device.udid), devices);
     if (mkdir(device.mountPoint.c_str(), 0755) != 0 && errno != EEXIST) {
-        tell("Cannot create " + device.mountPoint + " for " + shownName(device) + ": " + strerror(errno) + ".");
+        notice("Cannot mount " + shownName(device),
+               "Cannot create " + device.mountPoint + " for " + shownName(device) + ": " + strerror(errno) + ".");
         device.mountPoint.clear();
         device.state = DeviceState::Ended;
         return;
@@ -210,10 +383,12 @@ void startMount(WatchedDevice &device, const std::string &watchFolder, const std
     // In the foreground, so the process stays ours: we know when it ends.
     spec.argv = {fileSystem, device.mountPoint, "-f", "-devopt", std::to_string(device.locationId)};
     spec.ownProcessGroup = true;  // a Ctrl-C at the terminal reaches only us; we stop it in order
+    if (openPipe(device)) spec.environment.push_back("QUORVEL_PIPE=" + device.pipePath);
     std::string error;
     device.pid = startChild(spec, &error);
     if (device.pid < 0) {
-        tell("Cannot mount " + shownName(device) + ": " + error);
+        notice("Cannot mount " + shownName(device), "Cannot mount " + shownName(device) + ": " + error);
+        closePipe(device);
         rmdir(device.mountPoint.c_str());
         device.mountPoint.clear();
         device.state = DeviceState::Ended;
@@ -227,6 +402,7 @@ void startMount(WatchedDevice &device, const std::string &watchFolder, const std
 // the mount keeps its process alive until it lets go; that process is
 // collected later, so no other device waits for it.
 void takeDown(WatchedDevice &device, std::vector<Stopping> &stopping) {
+    closePipe(device);
     if (!device.mountPoint.empty()) {
         std::string detail;
         UnmountResult result = unmountFuse(device.mountPoint, &detail);
@@ -271,22 +447,23 @@ void advance(WatchedDevice &device, const std::string &watchFolder, const std::s
             device.nextTry = Clock::now() + std::chrono::seconds(kRetrySeconds);
             return;
         }
-        if (device.lastRefusal != 0) tell(shownName(device) + " trusts this computer now.");
+        if (device.lastRefusal != 0) notice(shownName(device) + " is ready", shownName(device) + " trusts this computer now.");
         startMount(device, watchFolder, fileSystem, devices);
         return;
     }
     if (device.state == DeviceState::Mounting) {
         if (isFuseMount(device.mountPoint)) {
             device.state = DeviceState::Mounted;
-            tell("Mounted " + shownName(device) + " at " + device.mountPoint + ".");
+            notice(shownName(device) + " is mounted", "Mounted " + shownName(device) + " at " + device.mountPoint + ".");
             return;
         }
         int status = 0;
         bool ended = waitChild(device.pid, 0, &status);
         if (ended || Clock::now() >= device.mountDeadline) {
             if (ended) device.pid = -1;
-            tell("Could not mount " + shownName(device) + " at " + device.mountPoint +
-                 "; the file system's log is in " + logFolderForMessages() + ". Unplug it and plug it in again to retry.");
+            notice("Could not mount " + shownName(device),
+                   "Could not mount " + shownName(device) + " at " + device.mountPoint + "; the file system's log is in " +
+                       logFolderForMessages() + ". Unplug it and plug it in again to retry.");
             takeDown(device, stopping);
             device.state = DeviceState::Ended;
         }
@@ -301,7 +478,7 @@ void advance(WatchedDevice &device, const std::string &watchFolder, const std::s
             std::string point = device.mountPoint;
             takeDown(device, stopping);
             device.state = DeviceState::Ended;
-            tell(shownName(device) + " was unmounted from " + point + ".");
+            notice(shownName(device) + " was unmounted", shownName(device) + " was unmounted from " + point + ".");
         }
     }
 }
@@ -323,7 +500,8 @@ void handleEvents(std::vector<WatchedDevice> &devices, std::vector<Stopping> &st
             }
             std::string point = device.mountPoint;
             takeDown(device, stopping);
-            if (!point.empty()) tell(shownName(device) + " was unplugged; removed " + point + ".");
+            if (!point.empty())
+                notice(shownName(device) + " was unplugged", shownName(device) + " was unplugged; removed " + point + ".");
             devices.erase(devices.begin() + static_cast<long>(i));
         }
         if (event.type == UE_DEVICE_ADD) {
@@ -387,6 +565,13 @@ int cmdWatch(int argc, char **argv) {
     }
     wakeWriteFd = wake[1];
 
+    if (!makeRuntimeFolder())
+        fprintf(stderr, "quorvel watch: no private folder for the tray pipes (%s); no transfer summaries.\n",
+                strerror(errno));
+#ifdef QUORVEL_HAVE_LIBNOTIFY
+    desktopNotices = sessionBusPresent() && notify_init("Quorvel");
+#endif
+
     libiusb_init_ex(nullptr, 1);
     usbmuxd_subscription_context_t subscription = nullptr;
     if (usbmuxd_events_subscribe(&subscription, onDeviceEvent, nullptr) != 0) {
@@ -399,8 +584,10 @@ int cmdWatch(int argc, char **argv) {
     std::vector<Stopping> stopping;
     bool stop = false;
     while (!stop) {
-        pollfd fds[2] = {{signalFd, POLLIN, 0}, {wake[0], POLLIN, 0}};
-        poll(fds, 2, 200);
+        std::vector<pollfd> fds = {{signalFd, POLLIN, 0}, {wake[0], POLLIN, 0}};
+        for (const WatchedDevice &device : devices)
+            if (device.pipeFd >= 0) fds.push_back({device.pipeFd, POLLIN, 0});
+        poll(fds.data(), fds.size(), 200);
         if (fds[0].revents & POLLIN) {
             signalfd_siginfo info;
             if (read(signalFd, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) stop = true;
@@ -411,6 +598,11 @@ int cmdWatch(int argc, char **argv) {
             }
         }
         if (stop) break;
+        for (WatchedDevice &device : devices) {
+            if (device.pipeFd < 0) continue;
+            readPipe(device);
+            settlePipe(device);
+        }
         handleEvents(devices, stopping);
         for (WatchedDevice &device : devices) advance(device, watchFolder, fileSystem, devices, stopping);
         collectStopped(stopping);
@@ -420,9 +612,13 @@ int cmdWatch(int argc, char **argv) {
     for (WatchedDevice &device : devices) {
         std::string point = device.mountPoint;
         takeDown(device, stopping);
-        if (!point.empty()) tell("Unmounted " + shownName(device) + " from " + point + ".");
+        if (!point.empty()) notice(shownName(device) + " was unmounted", "Unmounted " + shownName(device) + " from " + point + ".");
     }
     for (const Stopping &child : stopping) stopChild(child.pid, 10000);
+    if (!runtimeFolder.empty()) std::filesystem::remove_all(runtimeFolder, error);
+#ifdef QUORVEL_HAVE_LIBNOTIFY
+    if (desktopNotices) notify_uninit();
+#endif
     tell("Stopped watching.");
     return 0;
 }
