@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,6 +22,10 @@
 #include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
+
+#ifdef QUORVEL_TEST_HAVE_GIO
+#include <gio/gio.h>
+#endif
 
 namespace fs = std::filesystem;
 
@@ -226,6 +233,98 @@ TEST_F(QuorvelMountCommand, NonemptyMountsOverAFolderWithFilesAndIsNotPassedToFu
     EXPECT_TRUE(fs::exists(mountPoint + "/hidden-while-mounted.txt"));
 }
 
+#ifdef QUORVEL_TEST_HAVE_GIO
+// A desktop's notification service on a private session bus: answers what
+// libnotify asks (it shows nothing unless GetServerInformation answers), so
+// the notices go out as on a desktop; dbus-monitor records them.
+class NotificationServer {
+public:
+    bool start(const std::string &address) {
+        thread = std::thread([this, address] { serve(address); });
+        std::unique_lock<std::mutex> guard(lock);
+        changed.wait(guard, [&] { return state != 0; });
+        return state == 1;
+    }
+    void stop() {
+        if (!thread.joinable()) return;
+        if (loop != nullptr) g_main_loop_quit(loop);
+        thread.join();
+    }
+    ~NotificationServer() { stop(); }
+
+private:
+    static void onCall(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *method, GVariant *,
+                       GDBusMethodInvocation *invocation, gpointer) {
+        static guint lastId = 0;
+        static const gchar *capabilities[] = {"body", nullptr};
+        if (strcmp(method, "GetServerInformation") == 0)
+            g_dbus_method_invocation_return_value(invocation, g_variant_new("(ssss)", "test", "quorvel", "1", "1.2"));
+        else if (strcmp(method, "GetCapabilities") == 0)
+            g_dbus_method_invocation_return_value(invocation, g_variant_new("(^as)", capabilities));
+        else if (strcmp(method, "Notify") == 0)
+            g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", ++lastId));
+        else
+            g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
+    void ready(int result) {
+        std::lock_guard<std::mutex> guard(lock);
+        state = result;
+        changed.notify_all();
+    }
+    void serve(const std::string &address) {
+        static const char xml[] =
+            "<node><interface name='org.freedesktop.Notifications'>"
+            "<method name='GetServerInformation'><arg type='s' direction='out'/><arg type='s' direction='out'/>"
+            "<arg type='s' direction='out'/><arg type='s' direction='out'/></method>"
+            "<method name='GetCapabilities'><arg type='as' direction='out'/></method>"
+            "<method name='Notify'><arg type='s'/><arg type='u'/><arg type='s'/><arg type='s'/><arg type='s'/>"
+            "<arg type='as'/><arg type='a{sv}'/><arg type='i'/><arg type='u' direction='out'/></method>"
+            "<method name='CloseNotification'><arg type='u'/></method>"
+            "</interface></node>";
+        GMainContext *context = g_main_context_new();
+        g_main_context_push_thread_default(context);
+        GDBusConnection *connection = g_dbus_connection_new_for_address_sync(
+            address.c_str(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr);
+        GDBusNodeInfo *node = g_dbus_node_info_new_for_xml(xml, nullptr);
+        GDBusInterfaceVTable table = {onCall, nullptr, nullptr, {nullptr}};
+        bool serving = connection != nullptr && node != nullptr &&
+                       g_dbus_connection_register_object(connection, "/org/freedesktop/Notifications",
+                                                         node->interfaces[0], &table, nullptr, nullptr, nullptr) != 0;
+        GVariant *owned = serving ? g_dbus_connection_call_sync(
+                                        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                        "org.freedesktop.DBus", "RequestName",
+                                        g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
+                                        G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, nullptr)
+                                  : nullptr;
+        if (owned != nullptr) {
+            loop = g_main_loop_new(context, FALSE);
+            g_variant_unref(owned);
+            ready(1);
+            g_main_loop_run(loop);
+            g_main_loop_unref(loop);
+        } else {
+            ready(-1);
+        }
+        if (node != nullptr) g_dbus_node_info_unref(node);
+        if (connection != nullptr) {
+            g_dbus_connection_close_sync(connection, nullptr, nullptr);
+            g_object_unref(connection);
+        }
+        g_main_context_pop_thread_default(context);
+        g_main_context_unref(context);
+    }
+
+    std::thread thread;
+    std::mutex lock;
+    std::condition_variable changed;
+    int state = 0;
+    GMainLoop *loop = nullptr;
+};
+#endif
+
 // `quorvel watch` left running in the fixture's folder; whatever a failing
 // test leaves mounted under its folder is detached before devsim stops.
 class QuorvelWatchCommand : public QuorvelMountCommand {
@@ -252,6 +351,10 @@ protected:
             kill(watcher, SIGTERM);
             waitpid(watcher, nullptr, 0);
         }
+        for (pid_t helper : helpers) {
+            kill(helper, SIGTERM);
+            waitpid(helper, nullptr, 0);
+        }
         std::error_code error;
         for (const auto &entry : fs::directory_iterator(watchFolder, error))
             if (isFuseMountPoint(entry.path().string())) run_program({fusermountProgram(), "-u", "-z", entry.path().string()});
@@ -276,6 +379,7 @@ protected:
     std::string watchFolder, watchLog, runtimeFolder;
     std::vector<std::pair<std::string, std::string>> saved;
     pid_t watcher = -1;
+    std::vector<pid_t> helpers;  // a session bus and its monitor
 };
 
 TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
@@ -360,6 +464,57 @@ TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     EXPECT_FALSE(isFuseMountPoint(betaPoint));
     EXPECT_EQ(sortedNames(watchFolder), std::vector<std::string>{"Beta Phone"}) << readLocal(watchLog);
     EXPECT_EQ(sortedNames(runtimeFolder), std::vector<std::string>{}) << "its pipes are removed";
+}
+
+TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
+#ifndef QUORVEL_TEST_HAVE_GIO
+    GTEST_SKIP() << "GIO (libglib2.0-dev) is missing: no notification service to answer libnotify";
+#else
+    const std::string daemon = "/usr/bin/dbus-daemon", monitor = "/usr/bin/dbus-monitor";
+    if (access(daemon.c_str(), X_OK) != 0 || access(monitor.c_str(), X_OK) != 0)
+        GTEST_SKIP() << "dbus-daemon or dbus-monitor is missing (Debian package dbus)";
+    ASSERT_TRUE(sim.start({phone("Gamma Phone", 9303, {"g1.txt", "g2.txt"})})) << sim.error();
+
+    // A private session bus, as dbus-run-session gives one.
+    const std::string bus = "unix:path=" + folder + "/bus";
+    helpers.push_back(startProgram({daemon, "--session", "--nofork", "--address=" + bus}, folder + "/bus.out"));
+    ASSERT_TRUE(eventually([&] { return fs::exists(folder + "/bus"); }, 30)) << readLocal(folder + "/bus.out");
+    const std::string calls = folder + "/monitor.out";
+    helpers.push_back(startProgram({monitor, "--address", bus, "interface='org.freedesktop.Notifications'"}, calls));
+    ASSERT_TRUE(eventually([&] { return readLocal(calls).find("NameAcquired") != std::string::npos; }, 30));
+    NotificationServer server;
+    ASSERT_TRUE(server.start(bus));
+    setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+    watcher = startProgram({kQuorvel, "watch", "--dir", watchFolder}, watchLog);
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    ASSERT_GT(watcher, 0);
+
+    auto notified = [&](const std::string &text) {
+        return eventually([&] { return readLocal(calls).find("string \"" + text) != std::string::npos; }, 120);
+    };
+    const std::string point = watchFolder + "/Gamma Phone";
+    EXPECT_TRUE(notified("Mounted Gamma Phone at " + point + ".")) << readLocal(calls);
+    ASSERT_TRUE(eventually([&] { return isFuseMountPoint(point); }, 120)) << readLocal(watchLog);
+    ASSERT_EQ(run_program({"/bin/cp", "-r", point + "/Storage", folder + "/gamma-copy"}), 0);
+    EXPECT_TRUE(notified("Copied 2 files (22 bytes) from Gamma Phone")) << readLocal(calls);
+    sortedNames(point + "/Apps");
+    EXPECT_TRUE(notified("Working on Gamma Phone…")) << readLocal(calls);
+    waitForQueuedReleases(point);
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    EXPECT_TRUE(notified("Gamma Phone was unplugged; removed " + point + ".")) << readLocal(calls);
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 3600"), "ok");
+    ASSERT_EQ(sim.control("plug " + sim.udid(0)), "ok");
+    EXPECT_TRUE(notified("To use Gamma Phone, tap Trust on Gamma Phone")) << readLocal(calls);
+    // Shown on the desktop, so not repeated on standard error.
+    EXPECT_FALSE(said("Mounted Gamma Phone")) << readLocal(watchLog);
+
+    kill(watcher, SIGTERM);
+    int status = -1;
+    EXPECT_EQ(waitpid(watcher, &status, 0), watcher);
+    watcher = -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readLocal(watchLog);
+    server.stop();
+#endif
 }
 
 TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {
