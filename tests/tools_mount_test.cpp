@@ -14,6 +14,7 @@
 #include <mutex>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -484,8 +485,13 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
     ASSERT_TRUE(eventually([&] { return readLocal(calls).find("NameAcquired") != std::string::npos; }, 30));
     NotificationServer server;
     ASSERT_TRUE(server.start(bus));
+    // Without --dir, in the folder it says file managers list: ~/Devices.
+    const char *home = getenv("HOME");
+    saved.push_back({"HOME", home != nullptr ? home : ""});
+    setenv("HOME", (folder + "/home").c_str(), 1);
+    watchFolder = folder + "/home/Devices";
     setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
-    watcher = startProgram({kQuorvel, "watch", "--dir", watchFolder}, watchLog);
+    watcher = startProgram({kQuorvel, "watch"}, watchLog);
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
     ASSERT_GT(watcher, 0);
 
@@ -495,6 +501,14 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
     const std::string point = watchFolder + "/Gamma Phone";
     EXPECT_TRUE(notified("Mounted Gamma Phone at " + point + ".")) << readLocal(calls);
     ASSERT_TRUE(eventually([&] { return isFuseMountPoint(point); }, 120)) << readLocal(watchLog);
+    if (access("/usr/bin/gio", X_OK) == 0) {
+        // GIO's own rule for what file managers show as a device.
+        std::string mounts;
+        run_program({"/usr/bin/gio", "mount", "-l"}, &mounts, 60);
+        EXPECT_NE(mounts.find("Gamma Phone -> file://"), std::string::npos) << mounts;
+    } else {
+        std::cout << "gio (libglib2.0-bin) is missing: not checked that GIO lists the mount\n";
+    }
     ASSERT_EQ(run_program({"/bin/cp", "-r", point + "/Storage", folder + "/gamma-copy"}), 0);
     EXPECT_TRUE(notified("Copied 2 files (22 bytes) from Gamma Phone")) << readLocal(calls);
     sortedNames(point + "/Apps");
