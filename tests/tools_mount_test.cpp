@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -392,6 +394,18 @@ TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     // A folder of the user's with the second phone's name: it gets a suffix.
     fs::create_directories(watchFolder + "/Beta Phone");
     std::ofstream(watchFolder + "/Beta Phone/mine.txt") << "mine";
+    // The first phone's name holds a dead mount, as a watcher killed with
+    // its file systems leaves one: cleared and used again.
+    QuorvelMount killed;
+    killed.mountPoint = watchFolder + "/Alpha Phone";
+    killed.logDir = folder + "/log";
+    fs::create_directories(killed.mountPoint);
+    ASSERT_TRUE(killed.start(9301));
+    kill(killed.pid, SIGKILL);
+    waitpid(killed.pid, nullptr, 0);
+    struct statvfs dead;
+    ASSERT_NE(statvfs(killed.mountPoint.c_str(), &dead), 0);
+    ASSERT_EQ(errno, ENOTCONN);
 
     watcher = startProgram({kQuorvel, "watch", "--dir", watchFolder}, watchLog);
     ASSERT_GT(watcher, 0);

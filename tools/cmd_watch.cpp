@@ -205,6 +205,21 @@ bool folderIsFree(const std::string &path) {
     return std::filesystem::is_empty(path, error) && !error;
 }
 
+// A mount whose file system died (a watcher killed with its children before
+// they could unmount) answers "Transport endpoint is not connected" for
+// ever: cleared at start, so its folder can be used again.
+void clearDeadMounts(const std::string &watchFolder) {
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator(watchFolder, error)) {
+        std::string path = watchFolder + "/" + entry.path().filename().string();
+        MountEntry mounted;
+        if (!findMount(path, &mounted) || !isFuseType(mounted.type) || !isDeadMount(path)) continue;
+        std::string output;
+        runAndCapture({fusermountProgram(), "-u", "-z", path}, &output, 30);
+        if (rmdir(path.c_str()) == 0) printf("Cleared a dead mount at %s.\n", path.c_str());
+    }
+}
+
 // DIR/<name>, or DIR/<name> (2), (3) ... when that is mounted over, holds
 // files, or is already one of ours.
 std::string chooseMountPoint(const std::string &watchFolder, const std::string &name,
@@ -544,6 +559,8 @@ int cmdWatch(int argc, char **argv) {
         return 1;
     }
     watchFolder = mountPointPath(watchFolder);
+
+    clearDeadMounts(watchFolder);
 
     std::string fileSystem = firstExecutable({executableFolder() + "/quorvelfs"});
     if (fileSystem.empty()) {
