@@ -458,7 +458,8 @@ void advance(WatchedDevice &device, const std::string &watchFolder, const std::s
         if (Clock::now() < device.nextTry) return;
         int result = tryOpen(device);
         if (result != LIBIUSB_SUCCESS) {
-            tellRefusal(device, result);
+            // Gone from the list: its detach event is on the way, nothing to tell.
+            if (result != LIBIUSB_ERROR_NO_DEVICE) tellRefusal(device, result);
             device.nextTry = Clock::now() + std::chrono::seconds(kRetrySeconds);
             return;
         }
