@@ -18,7 +18,7 @@ packages=(
   libsqlite3-dev sqlite3 libutf8proc-dev libjpeg-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libimobiledevice-utils ifuse fio rsync stress-ng
-  nlohmann-json3-dev
+  nlohmann-json3-dev libnotify-dev dbus
   clang
   dpkg-dev lintian man-db systemd
 )

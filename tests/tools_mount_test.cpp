@@ -4,13 +4,19 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -19,6 +25,10 @@
 #include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
+
+#ifdef QUORVEL_TEST_HAVE_GIO
+#include <gio/gio.h>
+#endif
 
 namespace fs = std::filesystem;
 
@@ -226,16 +236,327 @@ TEST_F(QuorvelMountCommand, NonemptyMountsOverAFolderWithFilesAndIsNotPassedToFu
     EXPECT_TRUE(fs::exists(mountPoint + "/hidden-while-mounted.txt"));
 }
 
+#ifdef QUORVEL_TEST_HAVE_GIO
+// A desktop's notification service on a private session bus: answers what
+// libnotify asks (it shows nothing unless GetServerInformation answers), so
+// the notices go out as on a desktop; dbus-monitor records them.
+class NotificationServer {
+public:
+    bool start(const std::string &address) {
+        thread = std::thread([this, address] { serve(address); });
+        std::unique_lock<std::mutex> guard(lock);
+        changed.wait(guard, [&] { return state != 0; });
+        return state == 1;
+    }
+    void stop() {
+        if (!thread.joinable()) return;
+        if (loop != nullptr) g_main_loop_quit(loop);
+        thread.join();
+    }
+    ~NotificationServer() { stop(); }
+
+private:
+    static void onCall(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *method, GVariant *,
+                       GDBusMethodInvocation *invocation, gpointer) {
+        static guint lastId = 0;
+        static const gchar *capabilities[] = {"body", nullptr};
+        if (strcmp(method, "GetServerInformation") == 0)
+            g_dbus_method_invocation_return_value(invocation, g_variant_new("(ssss)", "test", "quorvel", "1", "1.2"));
+        else if (strcmp(method, "GetCapabilities") == 0)
+            g_dbus_method_invocation_return_value(invocation, g_variant_new("(^as)", capabilities));
+        else if (strcmp(method, "Notify") == 0)
+            g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", ++lastId));
+        else
+            g_dbus_method_invocation_return_value(invocation, nullptr);
+    }
+    void ready(int result) {
+        std::lock_guard<std::mutex> guard(lock);
+        state = result;
+        changed.notify_all();
+    }
+    void serve(const std::string &address) {
+        static const char xml[] =
+            "<node><interface name='org.freedesktop.Notifications'>"
+            "<method name='GetServerInformation'><arg type='s' direction='out'/><arg type='s' direction='out'/>"
+            "<arg type='s' direction='out'/><arg type='s' direction='out'/></method>"
+            "<method name='GetCapabilities'><arg type='as' direction='out'/></method>"
+            "<method name='Notify'><arg type='s'/><arg type='u'/><arg type='s'/><arg type='s'/><arg type='s'/>"
+            "<arg type='as'/><arg type='a{sv}'/><arg type='i'/><arg type='u' direction='out'/></method>"
+            "<method name='CloseNotification'><arg type='u'/></method>"
+            "</interface></node>";
+        GMainContext *context = g_main_context_new();
+        g_main_context_push_thread_default(context);
+        GDBusConnection *connection = g_dbus_connection_new_for_address_sync(
+            address.c_str(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr);
+        GDBusNodeInfo *node = g_dbus_node_info_new_for_xml(xml, nullptr);
+        GDBusInterfaceVTable table = {onCall, nullptr, nullptr, {nullptr}};
+        bool serving = connection != nullptr && node != nullptr &&
+                       g_dbus_connection_register_object(connection, "/org/freedesktop/Notifications",
+                                                         node->interfaces[0], &table, nullptr, nullptr, nullptr) != 0;
+        GVariant *owned = serving ? g_dbus_connection_call_sync(
+                                        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                        "org.freedesktop.DBus", "RequestName",
+                                        g_variant_new("(su)", "org.freedesktop.Notifications", 4u), nullptr,
+                                        G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, nullptr)
+                                  : nullptr;
+        if (owned != nullptr) {
+            loop = g_main_loop_new(context, FALSE);
+            g_variant_unref(owned);
+            ready(1);
+            g_main_loop_run(loop);
+            g_main_loop_unref(loop);
+        } else {
+            ready(-1);
+        }
+        if (node != nullptr) g_dbus_node_info_unref(node);
+        if (connection != nullptr) {
+            g_dbus_connection_close_sync(connection, nullptr, nullptr);
+            g_object_unref(connection);
+        }
+        g_main_context_pop_thread_default(context);
+        g_main_context_unref(context);
+    }
+
+    std::thread thread;
+    std::mutex lock;
+    std::condition_variable changed;
+    int state = 0;
+    GMainLoop *loop = nullptr;
+};
+#endif
+
+// `quorvel watch` left running in the fixture's folder; whatever a failing
+// test leaves mounted under its folder is detached before devsim stops.
+class QuorvelWatchCommand : public QuorvelMountCommand {
+protected:
+    void SetUp() override {
+        QuorvelMountCommand::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        watchFolder = folder + "/Devices";
+        watchLog = folder + "/watch.out";
+        // Lost-connection dialogs of the unplugged mount go nowhere; no
+        // session bus, so every notice is a line of the watcher's output.
+        setenv("QUORVEL_DIALOG", "/bin/true", 1);
+        runtimeFolder = folder + "/run";
+        fs::create_directory(runtimeFolder);
+        for (const char *name : {"XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS"}) {
+            const char *value = getenv(name);
+            saved.push_back({name, value != nullptr ? value : ""});
+            unsetenv(name);
+        }
+        setenv("XDG_RUNTIME_DIR", runtimeFolder.c_str(), 1);
+    }
+    void TearDown() override {
+        if (watcher > 0) {
+            kill(watcher, SIGTERM);
+            waitpid(watcher, nullptr, 0);
+        }
+        for (pid_t helper : helpers) {
+            kill(helper, SIGTERM);
+            waitpid(helper, nullptr, 0);
+        }
+        std::error_code error;
+        for (const auto &entry : fs::directory_iterator(watchFolder, error))
+            if (isFuseMountPoint(entry.path().string())) run_program({fusermountProgram(), "-u", "-z", entry.path().string()});
+        unsetenv("QUORVEL_DIALOG");
+        for (const auto &variable : saved) {
+            if (variable.second.empty()) unsetenv(variable.first.c_str());
+            else setenv(variable.first.c_str(), variable.second.c_str(), 1);
+        }
+        QuorvelMountCommand::TearDown();
+    }
+    bool said(const std::string &text) const { return readLocal(watchLog).find(text) != std::string::npos; }
+    size_t timesSaid(const std::string &text) const {
+        std::string log = readLocal(watchLog);
+        size_t count = 0;
+        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+        return count;
+    }
+    bool waitUntilSaid(const std::string &text) {
+        return eventually([&] { return said(text); }, 120);
+    }
+
+    std::string watchFolder, watchLog, runtimeFolder;
+    std::vector<std::pair<std::string, std::string>> saved;
+    pid_t watcher = -1;
+    std::vector<pid_t> helpers;  // a session bus and its monitor
+};
+
+TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
+    DevsimImage alpha = phone("Alpha Phone", 9301, {"alpha.txt"});
+    alpha.files.push_back({"media/general_storage/big.bin", std::string(6 << 20, 'b')});
+    DevsimImage beta = phone("Beta Phone", 9302, {"beta.txt", "b1.txt", "b2.txt"});
+    // Slow enough that the unplug lands in the middle of the copy.
+    ASSERT_TRUE(sim.start({alpha, beta}, {"--bandwidth-mbps", "2"})) << sim.error();
+    // A folder of the user's with the second phone's name: it gets a suffix.
+    fs::create_directories(watchFolder + "/Beta Phone");
+    std::ofstream(watchFolder + "/Beta Phone/mine.txt") << "mine";
+    // The first phone's name holds a dead mount, as a watcher killed with
+    // its file systems leaves one: cleared and used again.
+    QuorvelMount killed;
+    killed.mountPoint = watchFolder + "/Alpha Phone";
+    killed.logDir = folder + "/log";
+    fs::create_directories(killed.mountPoint);
+    ASSERT_TRUE(killed.start(9301));
+    kill(killed.pid, SIGKILL);
+    waitpid(killed.pid, nullptr, 0);
+    struct statvfs dead;
+    ASSERT_NE(statvfs(killed.mountPoint.c_str(), &dead), 0);
+    ASSERT_EQ(errno, ENOTCONN);
+
+    watcher = startProgram({kQuorvel, "watch", "--dir", watchFolder}, watchLog);
+    ASSERT_GT(watcher, 0);
+    const std::string alphaPoint = watchFolder + "/Alpha Phone";
+    const std::string betaPoint = watchFolder + "/Beta Phone (2)";
+    ASSERT_TRUE(waitUntilSaid("Mounted Alpha Phone at " + alphaPoint + ".")) << readLocal(watchLog);
+    ASSERT_TRUE(waitUntilSaid("Mounted Beta Phone at " + betaPoint + ".")) << readLocal(watchLog);
+    EXPECT_TRUE(isFuseMountPoint(alphaPoint));
+    EXPECT_TRUE(isFuseMountPoint(betaPoint));
+    EXPECT_EQ(readLocal(watchFolder + "/Beta Phone/mine.txt"), "mine");
+
+    // What quorvelfs reports on its tray pipe becomes one notice per burst,
+    // never one per file, with the phone's name.
+    ASSERT_EQ(run_program({"/bin/cp", "-r", betaPoint + "/Storage", folder + "/beta-copy"}), 0);
+    ASSERT_TRUE(waitUntilSaid("Copied 3 files (30 bytes) from Beta Phone")) << readLocal(watchLog);
+    std::ofstream(folder + "/up.txt") << "hello";
+    ASSERT_EQ(run_program({"/bin/cp", folder + "/up.txt", betaPoint + "/Storage/up.txt"}), 0);
+    ASSERT_TRUE(waitUntilSaid("Copied 1 file (5 bytes) to Beta Phone")) << readLocal(watchLog);
+    EXPECT_EQ(sortedNames(betaPoint + "/Apps"), std::vector<std::string>{});
+    ASSERT_TRUE(waitUntilSaid("Working on Beta Phone…")) << readLocal(watchLog);
+    EXPECT_EQ(timesSaid("Copied 3 files"), 1u) << readLocal(watchLog);
+    EXPECT_EQ(timesSaid("Copied "), 2u) << readLocal(watchLog);
+    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
+
+    // Unplugged while a copy out of it runs: the copy fails instead of
+    // hanging, and neither the mount nor its folder stays behind.
+    const std::string copy = folder + "/copy.bin";
+    pid_t cp = startProgram({"/bin/cp", alphaPoint + "/Storage/big.bin", copy}, folder + "/cp.out");
+    ASSERT_GT(cp, 0);
+    ASSERT_TRUE(eventually([&] { return fs::exists(copy) && fs::file_size(copy) > 0; }, 60)) << "the copy never started";
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    int cpStatus = -1;
+    bool cpEnded = false;
+    eventually([&] { return cpEnded = cpEnded || waitpid(cp, &cpStatus, WNOHANG) == cp; }, 120);
+    if (!cpEnded) {
+        kill(cp, SIGKILL);
+        waitpid(cp, nullptr, 0);
+    }
+    ASSERT_TRUE(cpEnded) << "cp hung on the unplugged device";
+    EXPECT_TRUE(WIFEXITED(cpStatus) && WEXITSTATUS(cpStatus) != 0) << readLocal(folder + "/cp.out");
+    ASSERT_TRUE(waitUntilSaid("Alpha Phone was unplugged; removed " + alphaPoint + ".")) << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(alphaPoint));
+    std::error_code error;
+    EXPECT_FALSE(fs::exists(fs::symlink_status(alphaPoint, error))) << "the folder of the unplugged phone is removed";
+    EXPECT_TRUE(isFuseMountPoint(betaPoint)) << "the other phone stays mounted";
+    EXPECT_EQ(sortedNames(betaPoint + "/Storage"), sortedNames(sim.image_dir(1) + "/media/general_storage"));
+    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
+
+    // Plugged back in while it asks for Trust: said in plain words, and only
+    // that phone waits.
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 3600"), "ok");
+    ASSERT_EQ(sim.control("plug " + sim.udid(0)), "ok");
+    ASSERT_TRUE(waitUntilSaid("tap Trust on Alpha Phone")) << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(alphaPoint));
+    EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 60 PasswordProtected"), "ok");
+    ASSERT_TRUE(waitUntilSaid("unlock Alpha Phone with its passcode")) << readLocal(watchLog);
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 0"), "ok");
+    ASSERT_TRUE(eventually([&] { return isFuseMountPoint(alphaPoint); }, 120)) << readLocal(watchLog);
+    EXPECT_EQ(readLocal(alphaPoint + "/Storage/alpha.txt"), "Alpha Phone");
+
+    // SIGTERM: everything it mounted is unmounted and removed; the user's own folder stays.
+    waitForQueuedReleases(alphaPoint);
+    waitForQueuedReleases(betaPoint);
+    kill(watcher, SIGTERM);
+    int status = -1;
+    EXPECT_EQ(waitpid(watcher, &status, 0), watcher);
+    watcher = -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(alphaPoint));
+    EXPECT_FALSE(isFuseMountPoint(betaPoint));
+    EXPECT_EQ(sortedNames(watchFolder), std::vector<std::string>{"Beta Phone"}) << readLocal(watchLog);
+    EXPECT_EQ(sortedNames(runtimeFolder), std::vector<std::string>{}) << "its pipes are removed";
+}
+
+TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
+#ifndef QUORVEL_TEST_HAVE_GIO
+    GTEST_SKIP() << "GIO (libglib2.0-dev) is missing: no notification service to answer libnotify";
+#else
+    const std::string daemon = "/usr/bin/dbus-daemon", monitor = "/usr/bin/dbus-monitor";
+    if (access(daemon.c_str(), X_OK) != 0 || access(monitor.c_str(), X_OK) != 0)
+        GTEST_SKIP() << "dbus-daemon or dbus-monitor is missing (Debian package dbus)";
+    ASSERT_TRUE(sim.start({phone("Gamma Phone", 9303, {"g1.txt", "g2.txt"})})) << sim.error();
+
+    // A private session bus, as dbus-run-session gives one.
+    const std::string bus = "unix:path=" + folder + "/bus";
+    helpers.push_back(startProgram({daemon, "--session", "--nofork", "--address=" + bus}, folder + "/bus.out"));
+    ASSERT_TRUE(eventually([&] { return fs::exists(folder + "/bus"); }, 30)) << readLocal(folder + "/bus.out");
+    const std::string calls = folder + "/monitor.out";
+    helpers.push_back(startProgram({monitor, "--address", bus, "interface='org.freedesktop.Notifications'"}, calls));
+    ASSERT_TRUE(eventually([&] { return readLocal(calls).find("NameAcquired") != std::string::npos; }, 30));
+    NotificationServer server;
+    ASSERT_TRUE(server.start(bus));
+    // Without --dir, in the folder it says file managers list: ~/Devices.
+    const char *home = getenv("HOME");
+    saved.push_back({"HOME", home != nullptr ? home : ""});
+    setenv("HOME", (folder + "/home").c_str(), 1);
+    watchFolder = folder + "/home/Devices";
+    setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+    watcher = startProgram({kQuorvel, "watch"}, watchLog);
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    ASSERT_GT(watcher, 0);
+
+    auto notified = [&](const std::string &text) {
+        return eventually([&] { return readLocal(calls).find("string \"" + text) != std::string::npos; }, 120);
+    };
+    const std::string point = watchFolder + "/Gamma Phone";
+    EXPECT_TRUE(notified("Mounted Gamma Phone at " + point + ".")) << readLocal(calls);
+    ASSERT_TRUE(eventually([&] { return isFuseMountPoint(point); }, 120)) << readLocal(watchLog);
+    if (access("/usr/bin/gio", X_OK) == 0) {
+        // GIO's own rule for what file managers show as a device.
+        std::string mounts;
+        run_program({"/usr/bin/gio", "mount", "-l"}, &mounts, 60);
+        EXPECT_NE(mounts.find("Gamma Phone -> file://"), std::string::npos) << mounts;
+    } else {
+        std::cout << "gio (libglib2.0-bin) is missing: not checked that GIO lists the mount\n";
+    }
+    ASSERT_EQ(run_program({"/bin/cp", "-r", point + "/Storage", folder + "/gamma-copy"}), 0);
+    EXPECT_TRUE(notified("Copied 2 files (22 bytes) from Gamma Phone")) << readLocal(calls);
+    sortedNames(point + "/Apps");
+    EXPECT_TRUE(notified("Working on Gamma Phone…")) << readLocal(calls);
+    waitForQueuedReleases(point);
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    EXPECT_TRUE(notified("Gamma Phone was unplugged; removed " + point + ".")) << readLocal(calls);
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 3600"), "ok");
+    ASSERT_EQ(sim.control("plug " + sim.udid(0)), "ok");
+    EXPECT_TRUE(notified("To use Gamma Phone, tap Trust on Gamma Phone")) << readLocal(calls);
+    // Shown on the desktop, so not repeated on standard error.
+    EXPECT_FALSE(said("Mounted Gamma Phone")) << readLocal(watchLog);
+
+    kill(watcher, SIGTERM);
+    int status = -1;
+    EXPECT_EQ(waitpid(watcher, &status, 0), watcher);
+    watcher = -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readLocal(watchLog);
+    server.stop();
+#endif
+}
+
 TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {
     std::string output;
     ASSERT_EQ(runQuorvel({"--help"}, &output), 0);
-    for (const char *command : {"mount", "unmount", "demo"})
+    for (const char *command : {"mount", "unmount", "watch", "demo"})
         EXPECT_NE(output.find(std::string("  ") + command + " "), std::string::npos) << output;
     ASSERT_EQ(runQuorvel({"mount", "--help"}, &output), 0);
     EXPECT_NE(output.find("--udid UDID"), std::string::npos);
     EXPECT_NE(output.find("quorvel unmount MOUNTPOINT"), std::string::npos);
     ASSERT_EQ(runQuorvel({"unmount", "--help"}, &output), 0);
     EXPECT_NE(output.find("fusermount3 -u -z"), std::string::npos);
+    ASSERT_EQ(runQuorvel({"watch", "--help"}, &output), 0);
+    EXPECT_NE(output.find("--dir DIR"), std::string::npos);
     ASSERT_EQ(runQuorvel({"demo", "--help"}, &output), 0);
     EXPECT_NE(output.find("Ctrl-C"), std::string::npos);
 }

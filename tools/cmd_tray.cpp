@@ -12,8 +12,10 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "tarnifs/notify.h"
+#include "tools/pipe_messages.h"
 #include "tools/commands.h"
 
 namespace {
@@ -32,16 +34,6 @@ void printTrayUsage(FILE *out) {
             "The pipe is /tmp/QNNOTIPIPE, or the path in QUORVEL_PIPE. It is created (mode 0600)\n"
             "when missing and removed at exit; an existing FIFO is used and left in place.\n"
             "Ctrl-C or SIGTERM ends the listener.\n");
-}
-
-bool startsWith(const std::string &buffer, size_t at, const char *text) {
-    return buffer.compare(at, strlen(text), text) == 0;
-}
-
-// True when the bytes from `at` to the end could still grow into `text`.
-bool couldBecome(const std::string &buffer, size_t at, const char *text) {
-    size_t left = buffer.size() - at;
-    return left < strlen(text) && buffer.compare(at, left, text, left) == 0;
 }
 
 void printRecord(const char *record) {
@@ -63,46 +55,23 @@ void printRecord(const char *record) {
 }
 
 // Prints every complete message at the front of the stream and drops it;
-// an incomplete one stays for the next read. Messages from several writers
-// arrive whole, since each is one write smaller than the pipe's atomic size.
+// an incomplete one stays for the next read.
 void printMessages(std::string &stream) {
-    const char *busyOn = "-neon";
-    const char *busyOff = "-neoff";
-    const char *batch = "-ncdat";
-    size_t at = 0;
-    while (at < stream.size()) {
-        if (startsWith(stream, at, batch)) {
-            if (stream.size() - at < kBatchHeaderBytes) break;
-            uint32_t count = 0;
-            memcpy(&count, stream.data() + at + kBatchCountOffset, sizeof(count));
-            if (count == 0 || count > kBatchMaxRecords) {
-                printf("unreadable batch (count %u)\n", static_cast<unsigned>(count));
-                at += strlen(batch);
-                continue;
-            }
-            size_t length = kBatchHeaderBytes + count * sizeof(_KTL_PIPE_DATA_BOX_FS_VALUE);
-            if (stream.size() - at < length) break;
-            for (uint32_t i = 0; i < count; ++i)
-                printRecord(stream.data() + at + kBatchHeaderBytes + i * sizeof(_KTL_PIPE_DATA_BOX_FS_VALUE));
-            at += length;
-        } else if (startsWith(stream, at, busyOff)) {
-            printf("busy off\n");
-            at += strlen(busyOff);
-        } else if (startsWith(stream, at, busyOn)) {
-            printf("busy on\n");
-            at += strlen(busyOn);
-        } else if (couldBecome(stream, at, busyOn) || couldBecome(stream, at, busyOff) ||
-                   couldBecome(stream, at, batch)) {
+    std::vector<quorvel_tools::PipeMessage> messages;
+    quorvel_tools::takePipeMessages(stream, &messages);
+    for (const quorvel_tools::PipeMessage &message : messages) {
+        switch (message.kind) {
+        case quorvel_tools::PipeMessageKind::BusyOn: printf("busy on\n"); break;
+        case quorvel_tools::PipeMessageKind::BusyOff: printf("busy off\n"); break;
+        case quorvel_tools::PipeMessageKind::Transfer:
+            printRecord(reinterpret_cast<const char *>(&message.record));
             break;
-        } else {
-            // Not ours: skip to where the next message may begin.
-            size_t next = stream.find('-', at + 1);
-            if (next == std::string::npos) next = stream.size();
-            printf("skipped %zu unknown bytes\n", next - at);
-            at = next;
+        case quorvel_tools::PipeMessageKind::UnreadableBatch:
+            printf("unreadable batch (count %u)\n", static_cast<unsigned>(message.amount));
+            break;
+        case quorvel_tools::PipeMessageKind::Unknown: printf("skipped %zu unknown bytes\n", message.amount); break;
         }
     }
-    stream.erase(0, at);
     fflush(stdout);
 }
 

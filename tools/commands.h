@@ -8,3 +8,4 @@ int cmdMount(int argc, char **argv);
 int cmdUnmount(int argc, char **argv);
 int cmdDemo(int argc, char **argv);
 int cmdInstallService(int argc, char **argv);
+int cmdWatch(int argc, char **argv);

@@ -16,6 +16,7 @@ const Subcommand subcommands[] = {
     {"list", cmdList, "show every attached device: location id, name, UDID, iOS version"},
     {"mount", cmdMount, "mount a device at a folder: quorvel mount MOUNTPOINT [--udid UDID | --location ID]"},
     {"unmount", cmdUnmount, "unmount it again: quorvel unmount MOUNTPOINT"},
+    {"watch", cmdWatch, "mount every device as it is plugged in, at DIR/<name>: quorvel watch [--dir DIR]"},
     {"demo", cmdDemo, "mount a simulated iPhone at ./quorvel-demo to browse, until Ctrl-C"},
     {"tray", cmdTray, "listen on the notification pipe and print what the file system reports"},
     {"install-service", cmdInstallService, "start `quorvel watch` with your desktop session (systemd user unit)"},
