@@ -14,16 +14,13 @@
 #include <vector>
 
 #include "tests/support/devsim_fixture.h"
+#include "tests/support/fuse_mount.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-#ifdef QUORVEL_PATH
-const std::string kQuorvel = QUORVEL_PATH;
-#else
-const std::string kQuorvel;
-#endif
+const std::string kQuorvel = quorvelProgram();
 
 constexpr uid_t kNobody = 65534;
 

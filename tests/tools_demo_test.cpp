@@ -26,11 +26,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-#ifdef QUORVEL_PATH
-const std::string kQuorvel = QUORVEL_PATH;
-#else
-const std::string kQuorvel;
-#endif
+const std::string kQuorvel = quorvelProgram();
 
 bool deadMount(const std::string &path) { return quorvel_tools::isDeadMount(path); }
 

@@ -34,11 +34,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-#ifdef QUORVEL_PATH
-const std::string kQuorvel = QUORVEL_PATH;
-#else
-const std::string kQuorvel;
-#endif
+const std::string kQuorvel = quorvelProgram();
 
 int runQuorvel(const std::vector<std::string> &args, std::string *output) {
     std::vector<std::string> argv = {kQuorvel};

@@ -263,3 +263,11 @@ int QuorvelMount::countLog(const std::string &message) const {
     for (const std::string &line : logMessages()) count += line == message;
     return count;
 }
+
+std::string quorvelProgram() {
+#ifdef QUORVEL_PATH
+    return QUORVEL_PATH;
+#else
+    return "";
+#endif
+}

@@ -45,6 +45,8 @@ struct QuorvelMount {
 };
 
 bool isFuseMountPoint(const std::string &path);
+// The quorvel program built with the tests, or "" when it was not built.
+std::string quorvelProgram();
 // fusermount3, or fusermount where only FUSE 2's tools are installed.
 std::string fusermountProgram();
 // Returns once every folder this process closed in the mount has been
