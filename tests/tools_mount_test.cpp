@@ -35,6 +35,7 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kQuorvel = quorvelProgram();
+const std::string kDbusDaemon = "/usr/bin/dbus-daemon";
 
 int runQuorvel(const std::vector<std::string> &args, std::string *output) {
     std::vector<std::string> argv = {kQuorvel};
@@ -350,9 +351,11 @@ protected:
             kill(watcher, SIGTERM);
             waitpid(watcher, nullptr, 0);
         }
-        for (pid_t helper : helpers) {
-            kill(helper, SIGTERM);
-            waitpid(helper, nullptr, 0);
+        // Last started, first ended: a file manager before its display and bus.
+        for (auto helper = helpers.rbegin(); helper != helpers.rend(); ++helper) {
+            if (*helper <= 0) continue;  // kill(-1) would reach every process
+            kill(*helper, SIGTERM);
+            waitpid(*helper, nullptr, 0);
         }
         std::error_code error;
         for (const auto &entry : fs::directory_iterator(watchFolder, error))
@@ -373,6 +376,31 @@ protected:
     }
     bool waitUntilSaid(const std::string &text) {
         return eventually([&] { return said(text); }, 120);
+    }
+    // A private session bus, as dbus-run-session gives one, but one that
+    // starts no service on demand (a file manager would have it start its
+    // settings daemon): every process on it is one the test started and
+    // ends. Its address, or "" when it did not come up.
+    std::string startSessionBus() {
+        const std::string socket = folder + "/bus", config = folder + "/bus.conf";
+        std::ofstream(config) << "<busconfig><type>session</type><listen>unix:path=" << socket
+                              << "</listen><auth>EXTERNAL</auth><policy context='default'>"
+                                 "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
+                                 "<allow own='*'/></policy></busconfig>";
+        helpers.push_back(startProgram({kDbusDaemon, "--nofork", "--config-file=" + config}, folder + "/bus.out"));
+        if (!eventually([&] { return fs::exists(socket); }, 30)) return "";
+        return "unix:path=" + socket;
+    }
+    // `quorvel watch` without --dir, so in the folder it says file managers
+    // list, ~/Devices, with HOME a test folder and notices sent on `bus`.
+    void watchInHome(const std::string &bus) {
+        const char *home = getenv("HOME");
+        saved.push_back({"HOME", home != nullptr ? home : ""});
+        setenv("HOME", (folder + "/home").c_str(), 1);
+        watchFolder = folder + "/home/Devices";
+        setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+        watcher = startProgram({kQuorvel, "watch"}, watchLog);
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
     }
 
     std::string watchFolder, watchLog, runtimeFolder;
@@ -481,28 +509,19 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
 #ifndef QUORVEL_TEST_HAVE_GIO
     GTEST_SKIP() << "GIO (libglib2.0-dev) is missing: no notification service to answer libnotify";
 #else
-    const std::string daemon = "/usr/bin/dbus-daemon", monitor = "/usr/bin/dbus-monitor";
-    if (access(daemon.c_str(), X_OK) != 0 || access(monitor.c_str(), X_OK) != 0)
+    const std::string monitor = "/usr/bin/dbus-monitor";
+    if (access(kDbusDaemon.c_str(), X_OK) != 0 || access(monitor.c_str(), X_OK) != 0)
         GTEST_SKIP() << "dbus-daemon or dbus-monitor is missing (Debian package dbus)";
     ASSERT_TRUE(sim.start({phone("Gamma Phone", 9303, {"g1.txt", "g2.txt"})})) << sim.error();
 
-    // A private session bus, as dbus-run-session gives one.
-    const std::string bus = "unix:path=" + folder + "/bus";
-    helpers.push_back(startProgram({daemon, "--session", "--nofork", "--address=" + bus}, folder + "/bus.out"));
-    ASSERT_TRUE(eventually([&] { return fs::exists(folder + "/bus"); }, 30)) << readLocal(folder + "/bus.out");
+    const std::string bus = startSessionBus();
+    ASSERT_NE(bus, "") << readLocal(folder + "/bus.out");
     const std::string calls = folder + "/monitor.out";
     helpers.push_back(startProgram({monitor, "--address", bus, "interface='org.freedesktop.Notifications'"}, calls));
     ASSERT_TRUE(eventually([&] { return readLocal(calls).find("NameAcquired") != std::string::npos; }, 30));
     NotificationServer server;
     ASSERT_TRUE(server.start(bus));
-    // Without --dir, in the folder it says file managers list: ~/Devices.
-    const char *home = getenv("HOME");
-    saved.push_back({"HOME", home != nullptr ? home : ""});
-    setenv("HOME", (folder + "/home").c_str(), 1);
-    watchFolder = folder + "/home/Devices";
-    setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
-    watcher = startProgram({kQuorvel, "watch"}, watchLog);
-    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    watchInHome(bus);
     ASSERT_GT(watcher, 0);
 
     auto notified = [&](const std::string &text) {
