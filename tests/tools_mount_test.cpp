@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -558,6 +559,137 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readLocal(watchLog);
     server.stop();
 #endif
+}
+
+// Where a window is on the screen, as xwininfo tells it.
+struct ScreenArea {
+    int x = 0, y = 0, width = 0, height = 0;
+    bool viewable = false;
+};
+
+ScreenArea windowNamed(const std::string &display, const std::string &name) {
+    ScreenArea area;
+    std::string out;
+    if (run_program({"/usr/bin/xwininfo", "-display", display, "-name", name}, &out, 60) != 0) return area;
+    auto number = [&](const std::string &label) {
+        size_t at = out.find(label);
+        return at == std::string::npos ? 0 : atoi(out.c_str() + at + label.size());
+    };
+    area.x = number("Absolute upper-left X:");
+    area.y = number("Absolute upper-left Y:");
+    area.width = number("Width:");
+    area.height = number("Height:");
+    area.viewable = out.find("Map State: IsViewable") != std::string::npos;
+    return area;
+}
+
+// Saves a screenshot of the whole screen at `shot` and returns what
+// tesseract reads in `area` of it, enlarged three times first: a side
+// panel's small type reads badly at its own size.
+std::string textOnScreen(const std::string &display, const std::string &shot, const ScreenArea &area,
+                         const std::string &scratch) {
+    std::string output;
+    if (run_program({"/usr/bin/import", "-display", display, "-window", "root", shot}, &output, 60) != 0) return "";
+    const std::string geometry = std::to_string(area.width) + "x" + std::to_string(area.height) + "+" +
+                                 std::to_string(area.x) + "+" + std::to_string(area.y);
+    const std::string cut = scratch + "/area.png";
+    if (run_program({"/usr/bin/convert", shot, "-crop", geometry, "+repage", "-resize", "300%", "-colorspace", "Gray",
+                     cut},
+                    &output, 60) != 0)
+        return "";
+    if (run_program({"/usr/bin/tesseract", cut, "stdout"}, &output, 60) != 0) return "";
+    return output;
+}
+
+// A real file manager on a virtual screen lists the phone the watcher
+// mounted in ~/Devices among its devices. What is checked is what a person
+// sees: tesseract reads the side panel off a screenshot, so the check fails
+// whenever the name is not drawn there (no mount, a hidden one, a panel
+// that does not list it).
+TEST_F(QuorvelWatchCommand, AFileManagerShowsThePhoneInItsSidePanelUntilItIsUnplugged) {
+    const std::vector<std::pair<std::string, std::string>> tools = {
+        {"/usr/bin/Xvfb", "xvfb"},          {"/usr/bin/thunar", "thunar"},
+        {"/usr/bin/import", "imagemagick"}, {"/usr/bin/convert", "imagemagick"},
+        {"/usr/bin/tesseract", "tesseract-ocr"}, {"/usr/bin/xwininfo", "x11-utils"},
+        {kDbusDaemon, "dbus"}};
+    for (const auto &tool : tools)
+        if (access(tool.first.c_str(), X_OK) != 0)
+            GTEST_SKIP() << tool.first << " is missing (Debian package " << tool.second << ")";
+    ASSERT_TRUE(sim.start({phone("Delta Phone", 9451, {"d.txt"})})) << sim.error();
+
+    // A screen on a free display: Xvfb picks the number and writes it out.
+    const std::string screenLog = folder + "/xvfb.out";
+    helpers.push_back(startProgram(
+        {"/usr/bin/Xvfb", "-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten", "tcp"}, screenLog));
+    std::string display;
+    ASSERT_TRUE(eventually(
+        [&] {
+            std::istringstream lines(readLocal(screenLog));
+            for (std::string line; std::getline(lines, line) && !lines.eof();)
+                if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) display = ":" + line;
+            return !display.empty();
+        },
+        60))
+        << readLocal(screenLog);
+
+    const std::string bus = startSessionBus();
+    ASSERT_NE(bus, "") << readLocal(folder + "/bus.out");
+    watchInHome(bus);
+    ASSERT_GT(watcher, 0);
+    const std::string home = folder + "/home", point = watchFolder + "/Delta Phone";
+    ASSERT_TRUE(eventually([&] { return isFuseMountPoint(point); }, 120)) << readLocal(watchLog);
+
+    // Thunar as the user starts it, on the home folder, keeping its settings
+    // in that home; in English, the words the check reads.
+    const std::string thunarLog = folder + "/thunar.out";
+    helpers.push_back(startProgram({"/usr/bin/env", "LC_ALL=C.UTF-8", "DISPLAY=" + display,
+                                    "DBUS_SESSION_BUS_ADDRESS=" + bus, "XDG_CONFIG_HOME=" + home + "/.config",
+                                    "XDG_CACHE_HOME=" + home + "/.cache", "XDG_DATA_HOME=" + home + "/.local/share",
+                                    "NO_AT_BRIDGE=1", "/usr/bin/thunar", home},
+                                   thunarLog));
+    ScreenArea window;
+    ASSERT_TRUE(eventually(
+        [&] {
+            window = windowNamed(display, "home - Thunar");
+            if (!window.viewable) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            return window.viewable;
+        },
+        120))
+        << readLocal(thunarLog);
+    // The side panel is the left part of the window; the folder view, which
+    // shows the Devices folder, stays out of what is read.
+    ScreenArea panel = window;
+    panel.width = window.width / 4;
+
+    const std::string artifacts = QUORVEL_TEST_ARTIFACTS;
+    fs::create_directories(artifacts);
+    const std::string shot = artifacts + "/file-manager-side-panel.png";
+    std::string text;
+    bool listed = eventually(
+        [&] {
+            text = textOnScreen(display, shot, panel, folder);
+            return text.find("Delta Phone") != std::string::npos;
+        },
+        120);
+    std::cout << "Screenshot of the file manager: " << shot << "\n";
+    EXPECT_TRUE(listed) << "tesseract read in the side panel:\n" << text;
+    EXPECT_GT(text.find("Delta Phone"), text.find("Devices")) << "listed among the devices:\n" << text;
+
+    // Unplugged: the mount and its folder go, and so does the panel's entry
+    // (the panel still read, so the check is not passed by a blank screen).
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    ASSERT_TRUE(waitUntilSaid("Delta Phone was unplugged; removed " + point + ".")) << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(point));
+    std::error_code error;
+    EXPECT_FALSE(fs::exists(fs::symlink_status(point, error))) << "the folder of the unplugged phone is removed";
+    const std::string after = artifacts + "/file-manager-after-unplug.png";
+    EXPECT_TRUE(eventually(
+        [&] {
+            text = textOnScreen(display, after, panel, folder);
+            return text.find("Delta Phone") == std::string::npos && text.find("File System") != std::string::npos;
+        },
+        120))
+        << "tesseract read in the side panel of " << after << ":\n" << text;
 }
 
 TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {
