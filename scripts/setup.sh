@@ -19,6 +19,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libimobiledevice-utils ifuse fio rsync stress-ng
   nlohmann-json3-dev libnotify-dev dbus
+  xvfb thunar imagemagick tesseract-ocr x11-utils
   clang
   dpkg-dev lintian man-db systemd
 )
