@@ -449,8 +449,13 @@ TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     std::ofstream(folder + "/up.txt") << "hello";
     ASSERT_EQ(run_program({"/bin/cp", folder + "/up.txt", betaPoint + "/Storage/up.txt"}), 0);
     ASSERT_TRUE(waitUntilSaid("Copied 1 file (5 bytes) to Beta Phone")) << readLocal(watchLog);
+    // Long work shows a "Working on" notice; short work shows none.
+    EXPECT_EQ(sortedNames(alphaPoint + "/Apps"), std::vector<std::string>{});
+    ASSERT_EQ(sim.control("latency-us 1500000"), "ok");
     EXPECT_EQ(sortedNames(betaPoint + "/Apps"), std::vector<std::string>{});
+    ASSERT_EQ(sim.control("latency-us 0"), "ok");
     ASSERT_TRUE(waitUntilSaid("Working on Beta Phone…")) << readLocal(watchLog);
+    EXPECT_EQ(timesSaid("Working on"), 1u) << readLocal(watchLog);
     EXPECT_EQ(timesSaid("Copied 3 files"), 1u) << readLocal(watchLog);
     EXPECT_EQ(timesSaid("Copied "), 2u) << readLocal(watchLog);
     EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
@@ -541,7 +546,9 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
     }
     ASSERT_EQ(run_program({"/bin/cp", "-r", point + "/Storage", folder + "/gamma-copy"}), 0);
     EXPECT_TRUE(notified("Copied 2 files (22 bytes) from Gamma Phone")) << readLocal(calls);
+    ASSERT_EQ(sim.control("latency-us 1500000"), "ok");
     sortedNames(point + "/Apps");
+    ASSERT_EQ(sim.control("latency-us 0"), "ok");
     EXPECT_TRUE(notified("Working on Gamma Phone…")) << readLocal(calls);
     waitForQueuedReleases(point);
     ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
