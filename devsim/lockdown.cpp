@@ -32,7 +32,9 @@ plist_t global_domain(const DeviceImage& image, const std::string& public_key) {
   put("WiFiAddress", "02:00:00:00:00:01");
   put("BluetoothAddress", "02:00:00:00:00:02");
   plist_dict_set_item(values, "PasswordProtected", plist_new_bool(0));
-  if (!public_key.empty()) plist_dict_set_item(values, "DevicePublicKey", plist_new_data(public_key.data(), public_key.size()));
+  if (!public_key.empty()) {
+    plist_dict_set_item(values, "DevicePublicKey", plist_new_data(public_key.data(), public_key.size()));
+  }
   plist_dict_set_item(values, "UniqueChipID", plist_new_uint(image.location_id * 7919ull));
   return values;
 }

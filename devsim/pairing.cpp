@@ -88,10 +88,10 @@ Cert certificate_from_pem(const std::string& pem) {
   return cert;
 }
 
-bool add_extension(X509* cert, X509* issuer, int nid, const char* value) {
+bool add_extension(X509* cert, X509* parent, int nid, const char* value) {
   X509V3_CTX context;
   X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, issuer, cert, nullptr, nullptr, 0);
+  X509V3_set_ctx(&context, parent, cert, nullptr, nullptr, 0);
   X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
   if (extension == nullptr) return false;
   X509_add_ext(cert, extension, -1);
@@ -99,20 +99,22 @@ bool add_extension(X509* cert, X509* issuer, int nid, const char* value) {
   return true;
 }
 
-// A certificate for `subject`'s public key, signed by `signer` (the key of
-// `issuer`; both the subject's own for a self-signed one). Ten years, no
-// names, as a host makes pairing certificates.
-Cert make_certificate(EVP_PKEY* subject, EVP_PKEY* signer, X509* issuer, bool authority) {
+// A certificate for `subject`'s public key, signed by `signer`, the key of
+// the `parent` certificate (null and the subject's own key: self-signed).
+// Ten years, no names, as a host makes pairing certificates.
+Cert make_certificate(EVP_PKEY* subject, EVP_PKEY* signer, X509* parent, bool authority) {
   Cert cert(X509_new());
   X509_set_version(cert.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
   X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
   X509_gmtime_adj(X509_getm_notAfter(cert.get()), 10L * 365 * 24 * 3600);
   X509_set_pubkey(cert.get(), subject);
-  X509* issuer_cert = issuer != nullptr ? issuer : cert.get();
-  bool ok = add_extension(cert.get(), issuer_cert, NID_basic_constraints,
+  X509* parent_cert = parent != nullptr ? parent : cert.get();
+  bool ok = add_extension(cert.get(), parent_cert, NID_basic_constraints,
                           authority ? "critical,CA:TRUE" : "critical,CA:FALSE");
-  if (!authority) ok = ok && add_extension(cert.get(), issuer_cert, NID_key_usage, "critical,digitalSignature,keyEncipherment");
+  if (!authority) {
+    ok = ok && add_extension(cert.get(), parent_cert, NID_key_usage, "critical,digitalSignature,keyEncipherment");
+  }
   if (!ok || X509_sign(cert.get(), signer, EVP_sha256()) == 0) return Cert();
   return cert;
 }
@@ -481,7 +483,9 @@ bool end_session_tls(Connection& conn) {
   SSL_free(conn.ssl);
   conn.ssl = nullptr;
   ERR_clear_error();
-  if (got > 0) log_line("[%llu] lockdown: data instead of the end of TLS, closing", static_cast<unsigned long long>(conn.id));
+  if (got > 0) {
+    log_line("[%llu] lockdown: data instead of the end of TLS, closing", static_cast<unsigned long long>(conn.id));
+  }
   return got <= 0 && error == SSL_ERROR_ZERO_RETURN;
 }
 

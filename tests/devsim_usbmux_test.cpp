@@ -173,8 +173,10 @@ TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilT
 
   plist_t record = read_pair_record(image.udid);
   ASSERT_NE(record, nullptr);
-  for (const char* key : {"HostCertificate", "HostPrivateKey", "RootCertificate", "RootPrivateKey", "DeviceCertificate"})
+  for (const char* key :
+       {"HostCertificate", "HostPrivateKey", "RootCertificate", "RootPrivateKey", "DeviceCertificate"}) {
     EXPECT_EQ(record_text(record, key).rfind("-----BEGIN ", 0), 0u) << key;
+  }
   char* buid = nullptr;
   ASSERT_EQ(usbmuxd_read_buid(&buid), 0);
   EXPECT_EQ(record_text(record, "SystemBUID"), buid);
