@@ -237,15 +237,17 @@ TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilT
 }
 
 // idevicepair and ideviceinfo, unmodified, through a trust prompt, a denial,
-// a passcode lock and a device that forgot the computer.
+// a passcode lock and a device that forgot the computer; then with --no-tls,
+// where the made-up record needs no pairing.
 TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAsOnAPhone) {
   if (!have_program("idevicepair") || !have_program("ideviceinfo"))
     GTEST_SKIP() << "idevicepair/ideviceinfo (libimobiledevice-utils) not installed";
   DevsimImage phone;
   phone.name = "Pairing Phone";
   phone.location_id = 9402;
+  phone.udid = "9a1e0000000000000000000000000000000094a2";
   ASSERT_TRUE(sim_.start({phone})) << sim_.error();
-  const std::string udid = sim_.udid(0);
+  const std::string udid = phone.udid;
   const std::string pending = "Please accept the trust dialog", denied = "the user denied the trust dialog",
                     paired = "SUCCESS: Paired", valid = "SUCCESS: Validated", passcode = "a passcode is set",
                     not_paired = "is not paired with this host", unpaired = "SUCCESS: Unpaired";
@@ -281,17 +283,24 @@ TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAs
       // Unpaired from the host: no record left, so validating pairs anew.
       {nullptr, {"idevicepair", "validate"}, 1, pending},
   };
-  for (size_t i = 0; i < steps.size(); ++i) {
-    const Step& step = steps[i];
-    if (step.control) {
-      ASSERT_EQ(sim_.control(std::string(step.control) + " " + udid), "ok") << step.control;
+  auto play = [&](const std::vector<Step>& steps) {
+    for (size_t i = 0; i < steps.size(); ++i) {
+      const Step& step = steps[i];
+      if (step.control) {
+        ASSERT_EQ(sim_.control(std::string(step.control) + " " + udid), "ok") << step.control;
+      }
+      std::vector<std::string> argv = step.tool;
+      argv.insert(argv.begin() + 1, {"-u", udid});
+      std::string output;
+      EXPECT_EQ(run_program(argv, &output, 60), step.status) << "step " << i << ": " << output;
+      EXPECT_NE(output.find(step.says), std::string::npos) << "step " << i << ": " << output;
     }
-    std::vector<std::string> argv = step.tool;
-    argv.insert(argv.begin() + 1, {"-u", udid});
-    std::string output;
-    EXPECT_EQ(run_program(argv, &output, 60), step.status) << "step " << i << ": " << output;
-    EXPECT_NE(output.find(step.says), std::string::npos) << "step " << i << ": " << output;
-  }
+  };
+  play(steps);
+  ASSERT_TRUE(sim_.start({phone}, {"--no-tls"})) << sim_.error();
+  play({{nullptr, {"idevicepair", "validate"}, 0, valid},
+        {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 0, "Pairing Phone\n"},
+        {"lock", {"idevicepair", "validate"}, 1, passcode}});
 }
 
 TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
