@@ -1,6 +1,7 @@
 // Devices: the snapshot of what usbmuxd lists, device information, and the
 // lockdown session an opened device keeps for starting its services.
 #include <plist/plist.h>
+#include <signal.h>
 #include <usbmuxd.h>
 
 #include <cstdio>
@@ -106,6 +107,18 @@ int fillCapacity(libiusb_device_handle *handle, libiusb_device_info *info) {
     return 0;
 }
 
+// A lockdown session runs TLS, and OpenSSL writes its records with write(),
+// which raises SIGPIPE once the phone has gone (unplugged, dropped): the
+// process must see EPIPE instead of dying. A handler the program set itself
+// is left alone.
+void keepSigpipeFromKilling() {
+    struct sigaction current;
+    if (sigaction(SIGPIPE, nullptr, &current) == 0 && !(current.sa_flags & SA_SIGINFO) &&
+        current.sa_handler == SIG_DFL) {
+        signal(SIGPIPE, SIG_IGN);
+    }
+}
+
 // A lockdown session with the device of that UDID, as long as usbmuxd still
 // lists it under location_id: the same UDID under another id is a device
 // that was unplugged and came back, which is not the one that was opened.
@@ -133,6 +146,7 @@ bool sessionLost(int result) { return result == LIBIUSB_ERROR_CONNECTION_LOST ||
 // Replaces the handle's lost lockdown session; lockdown_lock is held. A device
 // that is no longer attached is a lost connection to the caller, as before.
 int reopenSession(libiusb_device_handle *handle) {
+    keepSigpipeFromKilling();  // the old session is ended on a dead connection
     idevice_t device = nullptr;
     lockdownd_client_t lockdown = nullptr;
     int result = openSession(handle->udid, handle->location_id, &device, &lockdown);
@@ -165,6 +179,7 @@ int startDeviceService(libiusb_device_handle *handle, const char *name, lockdown
 int libiusb_init_ex(const char *resource_dir, int flags) {
     (void)resource_dir;  // nothing of ours lives there: libimobiledevice keeps its own state
     (void)flags;
+    keepSigpipeFromKilling();
     const char *debug = getenv("QUORVEL_DEVICE_DEBUG");
     if (debug != nullptr && *debug != '\0' && strcmp(debug, "0") != 0) idevice_set_debug_level(1);
     return LIBIUSB_SUCCESS;
@@ -173,6 +188,7 @@ int libiusb_init_ex(const char *resource_dir, int flags) {
 int libiusb_context_init(libiusb_context **out) {
     if (out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
+    keepSigpipeFromKilling();
     usbmuxd_device_info_t *listed = nullptr;
     int count = usbmuxd_get_device_list(&listed);
     if (count < 0 || (count > 0 && listed == nullptr)) {
@@ -297,6 +313,9 @@ int libiusb_device_open(libiusb_device *device, libiusb_device_handle **out) {
 
 int libiusb_device_close(libiusb_device_handle *handle) {
     if (handle == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    // Ending the session writes to the phone, perhaps after FUSE's clean-up
+    // put SIGPIPE back to its default.
+    keepSigpipeFromKilling();
     if (handle->lockdown != nullptr) lockdownd_client_free(handle->lockdown);
     if (handle->device != nullptr) idevice_free(handle->device);
     for (idevice_t retired : handle->retired_devices) idevice_free(retired);

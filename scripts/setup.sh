@@ -15,7 +15,7 @@ packages=(
   build-essential cmake pkg-config g++ git
   libfuse3-dev
   libimobiledevice-dev libplist-dev libusbmuxd-dev
-  libsqlite3-dev sqlite3 libutf8proc-dev libjpeg-dev
+  libsqlite3-dev sqlite3 libutf8proc-dev libjpeg-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libimobiledevice-utils ifuse fio rsync stress-ng
   nlohmann-json3-dev libnotify-dev dbus
