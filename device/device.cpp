@@ -135,6 +135,9 @@ int openSession(const std::string &udid, uint32_t location_id, idevice_t *device
     lockdownd_error_t shaken = lockdownd_client_new_with_handshake(idevice, lockdown, kLabel);
     if (shaken != LOCKDOWN_E_SUCCESS) {
         idevice_free(idevice);
+        // The session's TLS handshake is where a device that forgot this
+        // computer refuses the pairing record.
+        if (shaken == LOCKDOWN_E_SSL_ERROR) return LIBIUSB_ERROR_PAIRING_REJECTED;
         return mapNativeError(NativeSource::Lockdown, shaken);
     }
     *device = idevice;
@@ -309,6 +312,24 @@ int libiusb_device_open(libiusb_device *device, libiusb_device_handle **out) {
     handle->udid = device->udid;
     *out = handle;
     return LIBIUSB_SUCCESS;
+}
+
+int libiusb_device_forget_pairing(libiusb_device *device) {
+    if (device == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    keepSigpipeFromKilling();
+    idevice_t idevice = nullptr;
+    idevice_error_t found = idevice_new_with_options(&idevice, device->udid.c_str(), IDEVICE_LOOKUP_USBMUX);
+    if (found != IDEVICE_E_SUCCESS) return mapNativeError(NativeSource::Idevice, found);
+    lockdownd_client_t lockdown = nullptr;
+    if (lockdownd_client_new(idevice, &lockdown, kLabel) == LOCKDOWN_E_SUCCESS) {
+        // A device that forgot us answers that it does not know this host;
+        // either way the record below goes.
+        lockdownd_unpair(lockdown, nullptr);
+        lockdownd_client_free(lockdown);
+    }
+    idevice_free(idevice);
+    // Kept, the record would be refused again at the next open.
+    return usbmuxd_delete_pair_record(device->udid.c_str()) < 0 ? LIBIUSB_ERROR_NOT_PAIRED : LIBIUSB_SUCCESS;
 }
 
 int libiusb_device_close(libiusb_device_handle *handle) {

@@ -35,7 +35,7 @@ const std::vector<NativeErrorRow> kTable = {
     ROW(Lockdown, LOCKDOWN_E_RECEIVE_TIMEOUT, LIBIUSB_ERROR_IO),
     ROW(Lockdown, LOCKDOWN_E_MUX_ERROR, LIBIUSB_ERROR_CONNECTION_LOST),
     ROW(Lockdown, LOCKDOWN_E_PASSWORD_PROTECTED, LIBIUSB_ERROR_PASSWORD_PROTECTED),
-    ROW(Lockdown, LOCKDOWN_E_USER_DENIED_PAIRING, LIBIUSB_ERROR_NOT_PAIRED),
+    ROW(Lockdown, LOCKDOWN_E_USER_DENIED_PAIRING, LIBIUSB_ERROR_PAIRING_DENIED),
     ROW(Lockdown, LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING, LIBIUSB_ERROR_TRUST_PENDING),
     ROW(Lockdown, LOCKDOWN_E_MISSING_HOST_ID, LIBIUSB_ERROR_NOT_PAIRED),
     ROW(Lockdown, LOCKDOWN_E_INVALID_HOST_ID, LIBIUSB_ERROR_NOT_PAIRED),
@@ -125,6 +125,8 @@ const char *libiusb_error_name(int code) {
     case LIBIUSB_ERROR_TRUST_PENDING: return "waiting for the user to trust this computer";
     case LIBIUSB_ERROR_PASSWORD_PROTECTED: return "device locked with a passcode";
     case LIBIUSB_ERROR_NOT_PAIRED: return "not paired";
+    case LIBIUSB_ERROR_PAIRING_DENIED: return "the user told the device not to trust this computer";
+    case LIBIUSB_ERROR_PAIRING_REJECTED: return "the device no longer accepts this computer's pairing";
     case LIBIUSB_ERROR_SERVICE_UNAVAILABLE: return "service unavailable";
     case LIBIUSB_ERROR_SERVICE_LIMIT: return "too many services open";
     case LIBIUSB_ERROR_NO_SPACE: return "not enough space on the device";

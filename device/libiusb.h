@@ -33,6 +33,8 @@ enum {
     LIBIUSB_ERROR_NOT_PAIRED = -46,                // pairing refused, failed or no longer valid
     LIBIUSB_ERROR_SERVICE_UNAVAILABLE = -47,       // lockdown would not start the service
     LIBIUSB_ERROR_SERVICE_LIMIT = -48,             // the device opens no more services until some are closed
+    LIBIUSB_ERROR_PAIRING_DENIED = -49,            // the user answered "Don't Trust"
+    LIBIUSB_ERROR_PAIRING_REJECTED = -50,          // the device no longer accepts this computer's pairing record
     LIBIUSB_ERROR_AFC_OBJECT_EXISTS = -71,         // the name is taken
     LIBIUSB_ERROR_AFC_OBJECT_IS_DIR = -72,         // a folder where a file was expected
     LIBIUSB_ERROR_APP_NOT_FOUND = -73,             // house-arrest knows no app with that bundle id
@@ -118,6 +120,12 @@ int libiusb_device_get_info(libiusb_device_handle *handle, libiusb_device_info *
 int libiusb_device_find(libiusb_context *ctx, uint32_t location_id, libiusb_device **out);
 int libiusb_device_find_by_udid(libiusb_context *ctx, const char *udid, libiusb_device **out);
 int libiusb_device_open(libiusb_device *device, libiusb_device_handle **out);
+// Ends this computer's pairing with a device that no longer accepts it
+// (libiusb_device_open gave LIBIUSB_ERROR_PAIRING_REJECTED, as after a reset
+// or "forget this computer"): asks the device to unpair, which it may refuse,
+// and deletes the record usbmuxd keeps, so the next open pairs afresh and the
+// device asks "Trust this computer?" again.
+int libiusb_device_forget_pairing(libiusb_device *device);
 int libiusb_device_close(libiusb_device_handle *handle);
 
 // Connections share nothing that changes but the device handle's lockdown

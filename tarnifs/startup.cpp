@@ -150,8 +150,18 @@ int device_init(_CONTEXT *ctx, libiusb_context *libctx, unsigned int locationId)
         }
 
         bool trustWaited = false;
+        bool pairedAgain = false;
         for (int attempt = 0; attempt < kTrustAttempts; ++attempt) {
             result = libiusb_device_open(chosen, &device);
+            if (result == LIBIUSB_ERROR_PAIRING_REJECTED && !pairedAgain) {
+                // The device was reset or forgot this computer: pair afresh, once.
+                QNLog(3, "%s the device no longer accepts the pairing record: pairing again", "device_init");
+                pairedAgain = true;
+                if (libiusb_device_forget_pairing(chosen) == 0) {
+                    trustWaited = true;
+                    continue;
+                }
+            }
             if (result != LIBIUSB_ERROR_TRUST_PENDING && result != LIBIUSB_ERROR_PASSWORD_PROTECTED) break;
             QNLog(3, "%s libiusb fail cause trust dialog. retry(%d/%d)", "device_init", attempt, kTrustAttempts);
             sleep(3);

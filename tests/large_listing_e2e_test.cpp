@@ -205,6 +205,43 @@ TEST_F(LargeListingTest, AnUnreadableEntryInTheMiddleFailsAStorageListingAndIsLe
     EXPECT_EQ(unmountDevice(), 0);
 }
 
+// A phone that opens only three services at once (lockdown and the media
+// connection take two): every folder still lists and every app file reads,
+// one after another, the pool giving up its idle connections, and the user
+// sees no dialog.
+TEST_F(LargeListingTest, UnderAServiceLimitOfThreeEveryFolderListsWithoutADialog) {
+    DevsimImage image = largeImage(400, 100);
+    for (int app = 0; app < 10; ++app) {
+        std::string id = "com.example.app" + std::to_string(app);
+        image.apps.push_back({id, "App " + std::to_string(app), true});
+        fillFolder(image, "apps/" + id + "/Documents", 80, "note");
+    }
+    ASSERT_TRUE(startDevice({image}));
+    // Asked before the limit: these questions take connections of their own.
+    std::vector<std::string> storageOrder = shownOnce(deviceOrder("/general_storage/many"));
+    std::vector<std::vector<std::string>> appOrders;
+    for (int app = 0; app < 10; ++app) appOrders.push_back(deviceOrder("/Documents", ("com.example.app" + std::to_string(app)).c_str()));
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 3"), "ok");
+    ASSERT_TRUE(mountDevice(kLocation));
+
+    // The app list first: the installation proxy start-up opened is closed
+    // after it, so the large listing gets one extra connection, which the
+    // first app folder then needs.
+    EXPECT_EQ(namesIn(inMount("/Apps")).size(), 11u);
+    EXPECT_EQ(namesIn(inMount("/Storage/many")), storageOrder);
+    for (int app = 0; app < 10; ++app) {
+        std::string id = "com.example.app" + std::to_string(app);
+        std::string folder = inMount("/Apps/App " + std::to_string(app));
+        EXPECT_EQ(namesIn(folder), appOrders[static_cast<size_t>(app)]) << folder;
+        EXPECT_EQ(readLocal(folder + "/" + numbered("note", 7)), readLocal(appImage(id) + "/" + numbered("note", 7)));
+        EXPECT_EQ(namesIn(inMount("/Storage/many/" + numbered("dir", 5 + 11 * app))), std::vector<std::string>{"inside.txt"});
+    }
+    EXPECT_TRUE(dialogs.dialogs().empty());
+    EXPECT_EQ(countLogStarting("CloseIdleConnections closed 1 idle connections"), 1);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_TRUE(eventually([&] { return connections() == 0; })) << connections() << " connections left";
+}
+
 TEST_F(LargeListingTest, ADeviceLostInTheMiddleOfALargeListingFailsItOnceAndUnmountsCleanly) {
     ASSERT_TRUE(startDevice({largeImage(2000, 10)}));
     ASSERT_TRUE(mountDevice(kLocation));

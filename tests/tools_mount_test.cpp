@@ -171,27 +171,78 @@ TEST_F(QuorvelMountCommand, BusyMountIsDetachedLazily) {
     close(held);
 }
 
-TEST_F(QuorvelMountCommand, WaitsWhileTheDeviceAsksForTrust) {
+// The phone's side of pairing, as devsim plays it: the first contact, a
+// phone that forgot this computer, a locked one, "Don't Trust", nobody there.
+TEST_F(QuorvelMountCommand, PairsWaitingForTrustPairsAgainWhenForgottenAndStopsWhenDenied) {
     ASSERT_TRUE(sim.start({phone("Careful", 4131, {"t.txt"})})) << sim.error();
-    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 3"), "ok");
-    std::string output;
-    ASSERT_EQ(runQuorvel({"mount", mountPoint}, &output), 0) << output;
+    const std::string udid = sim.udid(0);
     const std::string waiting = "Waiting for you to tap Trust on the device…";
-    size_t first = output.find(waiting);
-    ASSERT_NE(first, std::string::npos) << output;
-    EXPECT_EQ(output.find(waiting, first + 1), std::string::npos) << "said once, not on every retry:\n" << output;
-    EXPECT_TRUE(isFuseMountPoint(mountPoint));
-    EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &output), 0) << output;
-    EXPECT_TRUE(waitUntilUnmounted());
+    // A file of its own for each run: the file system a run left behind still
+    // writes to the one it was started with.
+    std::string output;
+    int runs = 0;
+    pid_t mounting = -1;
+    auto startMount = [&]() {
+        output = folder + "/mount" + std::to_string(++runs) + ".out";
+        mounting = startProgram({kQuorvel, "mount", mountPoint}, output);
+    };
+    auto said = [&](const std::string &text) {
+        return eventually([&] { return readLocal(output).find(text) != std::string::npos; }, 60);
+    };
+    auto exitStatus = [&]() {
+        int status = -1;
+        bool ended = false;
+        eventually([&] { return ended = ended || waitpid(mounting, &status, WNOHANG) == mounting; }, 120);
+        return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    // Starts quorvel mount, which is to wait until `phoneSide` is sent to the
+    // phone, and then mount: the phone's file is read through the mount.
+    auto mountsOnceAnswered = [&](const std::string &before, const std::string &phoneSide) {
+        startMount();
+        ASSERT_TRUE(said(before)) << readLocal(output);
+        EXPECT_FALSE(isFuseMountPoint(mountPoint));
+        ASSERT_EQ(sim.control(phoneSide + " " + udid), "ok");
+        ASSERT_EQ(exitStatus(), 0) << readLocal(output);
+        EXPECT_EQ(readLocal(mountPoint + "/Storage/t.txt"), "Careful");
+        std::string text = readLocal(output);
+        EXPECT_EQ(text.find(waiting, text.find(waiting) + 1), std::string::npos) << "said once:\n" << text;
+        std::string unmounted;
+        EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &unmounted), 0) << unmounted;
+        EXPECT_TRUE(waitUntilUnmounted());
+    };
 
-    // Nobody taps Trust: the wait ends with a clear message.
-    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 60 PasswordProtected"), "ok");
+    // First contact: no pairing yet; the phone asks until Trust is tapped.
+    ASSERT_EQ(sim.control("unpaired " + udid), "ok");
+    mountsOnceAnswered(waiting, "trust");
+    // Reset, or told to forget this computer: the pairing is made afresh once.
+    ASSERT_EQ(sim.control("forget-host " + udid), "ok");
+    mountsOnceAnswered(waiting, "trust");
+    EXPECT_NE(readLocal(output).find("Careful no longer accepts this computer's pairing"), std::string::npos)
+        << readLocal(output);
+    // Locked with its passcode.
+    ASSERT_EQ(sim.control("lock " + udid), "ok");
+    mountsOnceAnswered("(It is locked: unlock it with its passcode first.)", "unlock");
+
+    // "Don't Trust": a plain sentence and status 1, nothing mounted.
+    ASSERT_EQ(sim.control("unpaired " + udid), "ok");
+    startMount();
+    ASSERT_TRUE(said(waiting)) << readLocal(output);
+    ASSERT_EQ(sim.control("deny " + udid), "ok");
+    EXPECT_EQ(exitStatus(), 1) << readLocal(output);
+    EXPECT_NE(readLocal(output).find("Careful does not trust this computer: \"Don't Trust\" was tapped."),
+              std::string::npos)
+        << readLocal(output);
+    EXPECT_FALSE(isFuseMountPoint(mountPoint));
+
+    // Nobody answers: the wait ends with a clear message.
+    ASSERT_EQ(sim.control("trust " + udid), "ok");
+    ASSERT_EQ(sim.control("lock " + udid), "ok");
     setenv("QUORVEL_TRUST_TIMEOUT", "2", 1);
-    int status = runQuorvel({"mount", mountPoint}, &output);
+    std::string text;
+    int status = runQuorvel({"mount", mountPoint}, &text);
     unsetenv("QUORVEL_TRUST_TIMEOUT");
-    EXPECT_EQ(status, 1) << output;
-    EXPECT_NE(output.find(waiting), std::string::npos) << output;
-    EXPECT_NE(output.find("did not trust this computer within 2 seconds"), std::string::npos) << output;
+    EXPECT_EQ(status, 1) << text;
+    EXPECT_NE(text.find("did not trust this computer within 2 seconds"), std::string::npos) << text;
     EXPECT_FALSE(isFuseMountPoint(mountPoint));
 }
 
@@ -553,9 +604,17 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
     waitForQueuedReleases(point);
     ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
     EXPECT_TRUE(notified("Gamma Phone was unplugged; removed " + point + ".")) << readLocal(calls);
-    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 3600"), "ok");
+    // Plugged in again after it was reset: the pairing it refuses is made
+    // afresh once, with a notice, and the phone asks for Trust.
+    ASSERT_EQ(sim.control("forget-host " + sim.udid(0)), "ok");
     ASSERT_EQ(sim.control("plug " + sim.udid(0)), "ok");
+    EXPECT_TRUE(notified("Gamma Phone was reset or told to forget this computer. Pairing again: tap Trust on Gamma "
+                         "Phone when it asks"))
+        << readLocal(calls);
     EXPECT_TRUE(notified("To use Gamma Phone, tap Trust on Gamma Phone")) << readLocal(calls);
+    ASSERT_EQ(sim.control("trust " + sim.udid(0)), "ok");
+    EXPECT_TRUE(eventually([&] { return isFuseMountPoint(point); }, 120)) << readLocal(watchLog);
+    EXPECT_EQ(readLocal(point + "/Storage/g1.txt"), "Gamma Phone");
     // Shown on the desktop, so not repeated on standard error.
     EXPECT_FALSE(said("Mounted Gamma Phone")) << readLocal(watchLog);
 

@@ -317,6 +317,7 @@ bool waitUntilDeviceAnswers(libiusb_context *&context, Attached &chosen) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limit);
     bool announced = false;
     bool lockedHintShown = false;
+    bool pairedAgain = false;
     for (;;) {
         libiusb_device_handle *handle = nullptr;
         int result = libiusb_device_open(chosen.device, &handle);
@@ -345,6 +346,24 @@ bool waitUntilDeviceAnswers(libiusb_context *&context, Attached &chosen) {
                 if (std::chrono::steady_clock::now() < deadline) continue;
             }
             fprintf(stderr, "quorvel mount: %s is no longer attached.\n", displayName(chosen.info).c_str());
+            return false;
+        }
+        if (result == LIBIUSB_ERROR_PAIRING_REJECTED && !pairedAgain) {
+            // Reset, or told to forget this computer: its old pairing is of
+            // no use, so it is ended and made again, once.
+            printf("%s no longer accepts this computer's pairing (it was reset or told to forget this computer).\n"
+                   "Pairing again: tap Trust on the device when it asks.\n",
+                   displayName(chosen.info).c_str());
+            pairedAgain = true;
+            int forgotten = libiusb_device_forget_pairing(chosen.device);
+            if (forgotten == LIBIUSB_SUCCESS) continue;
+            result = forgotten;
+        }
+        if (result == LIBIUSB_ERROR_PAIRING_DENIED) {
+            fprintf(stderr,
+                    "quorvel mount: %s does not trust this computer: \"Don't Trust\" was tapped.\n"
+                    "Unplug it, plug it in again, tap Trust when it asks, and run quorvel mount again.\n",
+                    displayName(chosen.info).c_str());
             return false;
         }
         if (result != LIBIUSB_ERROR_TRUST_PENDING && result != LIBIUSB_ERROR_PASSWORD_PROTECTED) {

@@ -81,6 +81,7 @@ struct WatchedDevice {
     std::string name;
     DeviceState state = DeviceState::Waiting;
     int lastRefusal = 0;  // the last open result told to the user, so each is said once
+    bool pairedAgain = false;  // its refused pairing was ended and made afresh once already
     Clock::time_point nextTry;
     std::string mountPoint;
     pid_t pid = -1;
@@ -238,6 +239,8 @@ std::string chooseMountPoint(const std::string &watchFolder, const std::string &
     }
 }
 
+std::string shownName(const WatchedDevice &device);
+
 // One attempt at opening the device, as quorvelfs will. Fills in its name,
 // which a device tells even before it trusts us.
 int tryOpen(WatchedDevice &device) {
@@ -252,6 +255,17 @@ int tryOpen(WatchedDevice &device) {
         device.name = info.device_name;
     libiusb_device_handle *handle = nullptr;
     if (result == LIBIUSB_SUCCESS) result = libiusb_device_open(found, &handle);
+    if (result == LIBIUSB_ERROR_PAIRING_REJECTED && !device.pairedAgain) {
+        // Reset, or told to forget this computer: the old pairing is ended and
+        // made afresh, once; the device then asks "Trust This Computer?".
+        device.pairedAgain = true;
+        std::string name = shownName(device);
+        notice(name + " no longer trusts this computer",
+               name + " was reset or told to forget this computer. Pairing again: tap Trust on " + name +
+                   " when it asks \"Trust This Computer?\".");
+        int forgotten = libiusb_device_forget_pairing(found);
+        result = forgotten == LIBIUSB_SUCCESS ? libiusb_device_open(found, &handle) : forgotten;
+    }
     if (result == LIBIUSB_SUCCESS) {
         if (libiusb_device_get_info(handle, &info) == LIBIUSB_SUCCESS && info.device_name[0] != '\0')
             device.name = info.device_name;
@@ -389,7 +403,7 @@ void tellRefusal(WatchedDevice &device, int result) {
                "To use " + name + ", tap Trust on " + name + " when it asks \"Trust This Computer?\".");
     } else if (result == LIBIUSB_ERROR_PASSWORD_PROTECTED) {
         notice(name + " is locked", "To use " + name + ", unlock " + name + " with its passcode.");
-    } else if (result == LIBIUSB_ERROR_NOT_PAIRED) {
+    } else if (result == LIBIUSB_ERROR_PAIRING_DENIED || result == LIBIUSB_ERROR_NOT_PAIRED) {
         notice(name + " does not trust this computer",
                "You told " + name + " not to trust this computer. To use it, unplug it, plug it in again and tap Trust.");
     } else {
