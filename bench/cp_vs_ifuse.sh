@@ -5,7 +5,8 @@
 # that streams the file in 1 MiB requests, the best the protocol allows.
 # Each is run with shaping off and with --bandwidth-mbps 35 --latency-us 300
 # (a phone on USB 2).
-# Usage: bench/cp_vs_ifuse.sh [BUILD_DIR]
+# Usage: [DEVSIM_ARGS=--no-tls] bench/cp_vs_ifuse.sh [BUILD_DIR]
+# (DEVSIM_ARGS: more devsim options; --no-tls skips the TLS of lockdown sessions)
 #
 # Columns of the table:
 #   shaping       devsim's traffic shaping for that row
@@ -156,7 +157,8 @@ run() {
   local label=$1; shift
   local config=$1; shift
   local quorvel_up="" ifuse_up="" mount_why=""
-  "$devsim" serve --socket "$work/mux.sock" "$@" "$work/image" > "$work/ready" 2> "$work/devsim.log" &
+  # shellcheck disable=SC2086  # DEVSIM_ARGS is a list of options
+  "$devsim" serve --socket "$work/mux.sock" ${DEVSIM_ARGS:-} "$@" "$work/image" > "$work/ready" 2> "$work/devsim.log" &
   pid=$!
   for _ in $(seq 1 200); do grep -qs '^ready:' "$work/ready" && break; sleep 0.05; done
   grep -qs '^ready:' "$work/ready" || { echo "devsim did not start: $(head -n 3 "$work/devsim.log")" >&2; exit 1; }

@@ -5,7 +5,8 @@
 # listing comes 2 s after the first, as when a user looks at a folder again:
 # ifuse's kernel caches last 1 s, so a second listing straight after a short
 # first one would only measure that cache.
-# Usage: bench/listing_vs_ifuse.sh [BUILD_DIR]
+# Usage: [DEVSIM_ARGS=--no-tls] bench/listing_vs_ifuse.sh [BUILD_DIR]
+# (DEVSIM_ARGS: more devsim options; --no-tls skips the TLS of lockdown sessions)
 set -euo pipefail
 
 build=${1:-build}
@@ -57,7 +58,8 @@ wait_for_mount() {
 
 run() {
   local label=$1; shift
-  "$devsim" serve --socket "$work/mux.sock" "$@" "$work/image" > "$work/ready" 2> "$work/devsim.log" &
+  # shellcheck disable=SC2086  # DEVSIM_ARGS is a list of options
+  "$devsim" serve --socket "$work/mux.sock" ${DEVSIM_ARGS:-} "$@" "$work/image" > "$work/ready" 2> "$work/devsim.log" &
   pid=$!
   for _ in $(seq 1 200); do grep -qs '^ready:' "$work/ready" && break; sleep 0.05; done
   export USBMUXD_SOCKET_ADDRESS="UNIX:$work/mux.sock"

@@ -36,7 +36,9 @@ if [ -e /dev/fuse ]; then
   bash "$here/media_listing.sh" "$build" < /dev/null || failed=1
   echo "== ls of a hostile device's 1,000,000-entry folder: time and memory =="
   bash "$here/hostile_listing.sh" "$build" < /dev/null || failed=1
+  echo "== ls -l of 30,000 entries and of ten app folders at once: a service limit of 3 and none =="
+  bash "$here/service_limit.sh" "$build" < /dev/null || failed=1
 else
-  echo "left out: the media listing and hostile listing benchmarks need /dev/fuse"
+  echo "left out: the media listing, hostile listing and service limit benchmarks need /dev/fuse"
 fi
 exit $failed

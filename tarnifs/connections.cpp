@@ -1,6 +1,9 @@
 // Room for new device services under the device's service limit.
 #include "tarnifs/connections.h"
 
+#include <chrono>
+#include <thread>
+
 #include "tarnifs/catalogue.h"
 #include "tarnifs/listing_pool.h"
 #include "util/log.h"
@@ -41,11 +44,21 @@ size_t CloseIdleConnections(_CONTEXT *ctx) {
 
 namespace {
 
+// How long a start refused for the limit is tried again: the device counts a
+// connection closed here as open until it has seen the close, a moment later.
+constexpr int kLimitRetries = 20;
+constexpr auto kLimitRetryPause = std::chrono::milliseconds(50);
+
 template <typename Start>
 int startWithRoom(_CONTEXT *ctx, Start start) {
     if (ctx == nullptr || ctx->device_handle == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     int result = start();
-    if (result == LIBIUSB_ERROR_SERVICE_LIMIT && CloseIdleConnections(ctx) > 0) result = start();
+    if (result != LIBIUSB_ERROR_SERVICE_LIMIT) return result;
+    CloseIdleConnections(ctx);
+    for (int retry = 0; retry < kLimitRetries && result == LIBIUSB_ERROR_SERVICE_LIMIT; ++retry) {
+        std::this_thread::sleep_for(kLimitRetryPause);
+        result = start();
+    }
     return result;
 }
 
