@@ -65,7 +65,10 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
             std::string childPath = ChildPath(path, names[index].c_str());
             const _KTL_OBJECT *child = FindObject(childPath.c_str());
             // A record removed since the snapshot goes out as a bare name.
-            if (child != nullptr) {
+            // A JPEG view not converted yet goes out as a bare name too:
+            // its size is known only once converted, which the kernel's
+            // lookup of it waits for.
+            if (child != nullptr && child->jpeg_view != 1) {
                 StatFromObject(child, &st);
                 known = true;
             }
