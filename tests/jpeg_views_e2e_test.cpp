@@ -173,6 +173,10 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     EXPECT_EQ(status, 0);
     EXPECT_EQ(readLocal(again), readLocal(copy + "/IMG_0002.JPG"));
     EXPECT_EQ(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 4u);
+    // Moved into Storage, the JPEG is what lands on the device; the still stays.
+    runProgram({"mv", inMount(roll + "IMG_0001.JPG"), inMount("/Storage/")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(storageImage() + "/IMG_0001.JPG"), readLocal(copy + "/IMG_0001.JPG"));
 }
 
 } // namespace
