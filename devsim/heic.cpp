@@ -113,7 +113,7 @@ std::string make_heic(const HeicStill& still) {
     uint8_t* row = pixels + static_cast<size_t>(y) * static_cast<size_t>(stride);
     for (int x = 0; x < width; ++x) {
       noise = noise * 1103515245u + 12345u;
-      const int grain = still.texture ? static_cast<int>((noise >> 16) % 48) - 24 : 0;
+      const int grain = still.texture ? static_cast<int>((noise >> 16) % 20) - 10 : 0;
       const uint32_t fx = static_cast<uint32_t>(x) * 255 / static_cast<uint32_t>(width);
       const uint32_t fy = static_cast<uint32_t>(y) * 255 / static_cast<uint32_t>(height);
       const bool corner = x < width / 4 && y < height / 4;

@@ -252,6 +252,41 @@ void enqueue(Converter &c, const std::string &devicePath, bool first) {
     c.work.notify_one();
 }
 
+// Whether the still's colour coding is JPEG's own: BT.601 matrix, full
+// range (what libheif assumes when the file says nothing), no alpha.
+bool jpegReadyPlanes(const heif_image_handle *handle) {
+    if (heif_image_handle_has_alpha_channel(handle) || heif_image_handle_get_luma_bits_per_pixel(handle) != 8 ||
+        heif_image_handle_get_chroma_bits_per_pixel(handle) != 8)
+        return false;
+    heif_color_profile_nclx *nclx = nullptr;
+    if (heif_image_handle_get_nclx_color_profile(handle, &nclx).code != heif_error_Ok || nclx == nullptr) return true;
+    bool ready = (nclx->matrix_coefficients == heif_matrix_coefficients_ITU_R_BT_601_6 ||
+                  nclx->matrix_coefficients == heif_matrix_coefficients_ITU_R_BT_470_6_System_B_G) &&
+                 nclx->full_range_flag != 0;
+    heif_nclx_color_profile_free(nclx);
+    return ready;
+}
+
+// Encodes decoded 8-bit 4:2:0 planes as they are. False when the image is
+// not such planes or the encoder fails.
+bool encodePlanes(const heif_image *image, tjhandle *encoder, unsigned char **encoded, unsigned long *encodedSize) {
+    if (heif_image_get_colorspace(image) != heif_colorspace_YCbCr || heif_image_get_chroma_format(image) != heif_chroma_420)
+        return false;
+    const heif_channel channels[3] = {heif_channel_Y, heif_channel_Cb, heif_channel_Cr};
+    const unsigned char *planes[3];
+    int strides[3];
+    for (int i = 0; i < 3; ++i) {
+        if (heif_image_get_bits_per_pixel_range(image, channels[i]) != 8) return false;
+        planes[i] = heif_image_get_plane_readonly(image, channels[i], &strides[i]);
+        if (planes[i] == nullptr) return false;
+    }
+    if (*encoder == nullptr) *encoder = tjInitCompress();
+    return *encoder != nullptr &&
+           tjCompressFromYUVPlanes(*encoder, planes, heif_image_get_width(image, heif_channel_Y), strides,
+                                   heif_image_get_height(image, heif_channel_Y), TJSAMP_420, encoded, encodedSize,
+                                   kJpegViewQuality, 0) == 0;
+}
+
 } // namespace
 
 bool IsHeifStillPath(const std::string &devicePath) {
@@ -277,17 +312,29 @@ bool ConvertHeifToJpeg(const void *heif, size_t size, std::string *jpeg, std::st
     bool done = false;
     heif_error error = heif_context_read_from_memory_without_copy(context, heif, size, nullptr);
     if (error.code == heif_error_Ok) error = heif_context_get_primary_image_handle(context, &handle);
-    // The irot/imir transforms are applied here: the pixels come upright.
-    if (error.code == heif_error_Ok)
+    // The irot/imir transforms are applied while decoding: the pixels come
+    // upright. Stills coded as JPEG codes them (8-bit 4:2:0, BT.601 full
+    // range) go from the decoder's planes straight to the encoder, without
+    // a round trip through RGB, which costs as much as the JPEG encoding.
+    if (error.code == heif_error_Ok && jpegReadyPlanes(handle)) {
+        error = heif_decode_image(handle, &image, heif_colorspace_YCbCr, heif_chroma_420, nullptr);
+        if (error.code == heif_error_Ok && encodePlanes(image, &encoder, &encoded, &encodedSize)) {
+            done = true;
+        } else if (image != nullptr) {
+            heif_image_release(image);
+            image = nullptr;
+        }
+    }
+    if (error.code == heif_error_Ok && !done)
         error = heif_decode_image(handle, &image, heif_colorspace_RGB, heif_chroma_interleaved_RGB, nullptr);
     if (error.code != heif_error_Ok) {
         *why = error.message != nullptr ? error.message : "libheif error";
-    } else {
+    } else if (!done) {
         int width = heif_image_get_width(image, heif_channel_interleaved);
         int height = heif_image_get_height(image, heif_channel_interleaved);
         int stride = 0;
         const uint8_t *pixels = heif_image_get_plane_readonly(image, heif_channel_interleaved, &stride);
-        encoder = tjInitCompress();
+        if (encoder == nullptr) encoder = tjInitCompress();
         if (pixels == nullptr || encoder == nullptr ||
             tjCompress2(encoder, pixels, width, stride, height, TJPF_RGB, &encoded, &encodedSize, TJSAMP_420,
                         kJpegViewQuality, 0) != 0) {
