@@ -644,22 +644,23 @@ void UploadEveryStagedFile(_CONTEXT *ctx) {
     }
 }
 
-void SettleJpegView(const char *path) {
+int SettleJpegView(const char *path) {
     std::string devicePath;
     {
         TarniLock lock;
         _KTL_OBJECT *object = path != nullptr ? FindObject(path) : nullptr;
-        if (object == nullptr || object->jpeg_view != 1 || object->device_path == nullptr) return;
+        if (object == nullptr || object->jpeg_view != 1 || object->device_path == nullptr) return 0;
         devicePath = object->device_path;
     }
     // Converting takes a while: other requests go on meanwhile.
     uint64_t size = 0;
     std::string file;
-    if (AwaitJpegView(devicePath, &size, &file) != 0) return;
+    if (AwaitJpegView(devicePath, &size, &file) != 0) return -EIO;
     TarniLock lock;
     _KTL_OBJECT *object = FindObject(path);
     if (object == nullptr || object->jpeg_view != 1 || object->device_path == nullptr || devicePath != object->device_path)
-        return;
+        return 0;
     object->size = size;
     object->jpeg_view = 2;
+    return 0;
 }

@@ -26,13 +26,13 @@ namespace {
 int getattrOfPathOrFile(const char *path, struct stat *st, struct fuse_file_info *fi) {
     if (fi != nullptr) return tarnifs_fgetattr(path, st, fi);
     // A JPEG view reports its exact size, so it is converted first.
-    if (gJpegViews) SettleJpegView(path);
-    return tarnifs_getattr(path, st);
+    int settled = gJpegViews ? SettleJpegView(path) : 0;
+    return settled != 0 ? settled : tarnifs_getattr(path, st);
 }
 
 int openSettlingJpegView(const char *path, struct fuse_file_info *fi) {
-    if (gJpegViews) SettleJpegView(path);
-    return tarnifs_open(path, fi);
+    int settled = gJpegViews ? SettleJpegView(path) : 0;
+    return settled != 0 ? settled : tarnifs_open(path, fi);
 }
 
 // "-o jpeg" is ours, not FUSE's: taken out of the option lists (an emptied
