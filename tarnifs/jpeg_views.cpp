@@ -98,6 +98,7 @@ struct View {
     uint64_t size = 0;       // exact JPEG size once converted; kept when the file is dropped
     bool cached = false;     // the file is in the cache folder
     uint64_t last_use = 0;
+    int waiters = 0;         // requests waiting for it: it is not dropped under them
     // Where the listing showed it, for converting what follows.
     std::shared_ptr<const std::vector<std::string>> folder;
     size_t index = 0;
@@ -181,7 +182,8 @@ void trimCache(Converter &c, const std::string &keep) {
     while (c.cached_bytes > c.bound) {
         View *oldest = nullptr;
         for (auto &entry : c.views)
-            if (entry.second.cached && entry.first != keep && (oldest == nullptr || entry.second.last_use < oldest->last_use))
+            if (entry.second.cached && entry.second.waiters == 0 && entry.first != keep &&
+                (oldest == nullptr || entry.second.last_use < oldest->last_use))
                 oldest = &entry.second;
         if (oldest == nullptr) return;
         unlink(cacheFileOf(c, *oldest).c_str());
@@ -383,6 +385,9 @@ void StartJpegViews(_CONTEXT *ctx) {
     c->folder = std::string(ctx->work_dir) + "/jpeg";
     mkdir(c->folder.c_str(), 0700);
     c->device = ctx->device_handle;
+    // Made here, under the lock the other device sessions are made under;
+    // a worker makes a new one only after this one is lost.
+    if (c->device != nullptr && libiusb_afc_init(c->device, &c->afc) != 0) c->afc = nullptr;
     if (const char *megabytes = getenv("QUORVEL_JPEG_CACHE_MB"))
         c->bound = strtoull(megabytes, nullptr, 10) << 20;
     unsigned cores = std::max(1u, std::thread::hardware_concurrency());
@@ -441,11 +446,15 @@ int AwaitJpegView(const std::string &devicePath, uint64_t *size, std::string *fi
         for (size_t i = asked.index + 1; i < folder->size() && i <= asked.index + kJpegViewPrefetch; ++i)
             if (!c->views[(*folder)[i]].cached) enqueue(*c, (*folder)[i], false);
     }
-    c->changed.wait(guard, [&] {
-        const View &view = c->views[devicePath];
-        return c->stopping || view.cached || view.state == ViewState::failed;
-    });
     View &view = c->views[devicePath];
+    view.waiters++;
+    for (;;) {
+        if (view.cached || c->stopping || view.state == ViewState::failed) break;
+        // Dropped from the cache before this request came to wait for it.
+        if (view.state == ViewState::idle) enqueue(*c, devicePath, true);
+        c->changed.wait(guard);
+    }
+    view.waiters--;
     if (!view.cached) return -EIO;
     view.last_use = ++c->clock;
     *size = view.size;

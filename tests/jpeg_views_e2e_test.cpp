@@ -177,6 +177,22 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     runProgram({"mv", inMount(roll + "IMG_0001.JPG"), inMount("/Storage/")}, &status);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(readLocal(storageImage() + "/IMG_0001.JPG"), readLocal(copy + "/IMG_0001.JPG"));
+    ASSERT_EQ(unmountDevice(), 0);
+
+    // A cache bound of nothing keeps only the JPEG made last: every other
+    // one is dropped as the next is made (those open keep their bytes), and
+    // made again, the same, when asked for again.
+    mount.extraEnvironment.push_back("QUORVEL_JPEG_CACHE_MB=0");
+    ASSERT_TRUE(mount.start(kLocation, {"-o", "jpeg"}));
+    std::string recopy = tempDir + "/recopy";
+    runProgram({"cp", "-r", inMount("/Media/Photo/Camera Roll"), recopy}, &status);
+    ASSERT_EQ(status, 0);
+    runProgram({"cp", inMount(roll + "IMG_0003.JPG"), recopy + "/again.JPG"}, &status);
+    EXPECT_EQ(status, 0);
+    for (const Still &still : kStills)
+        EXPECT_EQ(readLocal(recopy + "/" + still.shown), readLocal(copy + "/" + still.shown)) << still.shown;
+    EXPECT_EQ(readLocal(recopy + "/again.JPG"), readLocal(copy + "/IMG_0003.JPG"));
+    EXPECT_EQ(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 1u);
 }
 
 } // namespace
