@@ -662,5 +662,5 @@ int SettleJpegView(const char *path) {
         return 0;
     object->size = size;
     object->jpeg_view = 2;
-    return 0;
+    return 1;
 }

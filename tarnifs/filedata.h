@@ -28,9 +28,10 @@ _KTL_OBJECT *objectOfHandle(const char *path, const struct fuse_file_info *fi, s
 
 // Converts the JPEG view at `path` when its size is not known yet, waiting
 // for it without holding the lock; the record then has its exact size.
-// Called before getattr and open answer (nothing for other paths). 0, or
-// -EIO when the still could not be read or converted: no size is reported
-// for it then, rather than one the kernel would keep.
+// Called before getattr and open answer (nothing for other paths). 1 when
+// it converted, 0 when there was nothing to do, or -EIO when the still could
+// not be read or converted: no size is reported for it then, rather than
+// one the kernel would keep.
 int SettleJpegView(const char *path);
 
 // Opens the device file of a new object (created empty); the lock is held.

@@ -142,23 +142,20 @@ int readFromDevice(Converter &c, const std::string &devicePath, std::string *byt
     }
     uint64_t handle = 0;
     int result = libiusb_afc_file_open(c.afc, devicePath.c_str(), LIBIUSB_AFC_RDONLY, &handle);
-    if (result != 0) {
-        if (result == LIBIUSB_ERROR_CONNECTION_LOST) {
-            libiusb_afc_exit(c.afc);  // a fresh connection for the next still
-            c.afc = nullptr;
-        }
-        return result;
-    }
     bytes->clear();
     constexpr uint32_t kChunk = 1u << 20;
-    std::string chunk(kChunk, '\0');
-    for (;;) {
+    std::string chunk(result == 0 ? kChunk : 0, '\0');
+    while (result == 0) {
         uint32_t got = 0;
         result = libiusb_afc_file_read(c.afc, handle, &chunk[0], kChunk, bytes->size(), &got);
         if (result != 0 || got == 0) break;
         bytes->append(chunk, 0, got);
     }
-    libiusb_afc_file_close(c.afc, handle);
+    if (handle != 0) libiusb_afc_file_close(c.afc, handle);
+    if (result == LIBIUSB_ERROR_CONNECTION_LOST) {
+        libiusb_afc_exit(c.afc);  // a fresh connection for the next still
+        c.afc = nullptr;
+    }
     return result;
 }
 

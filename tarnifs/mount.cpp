@@ -25,14 +25,19 @@ namespace {
 // answers as getattr does.
 int getattrOfPathOrFile(const char *path, struct stat *st, struct fuse_file_info *fi) {
     if (fi != nullptr) return tarnifs_fgetattr(path, st, fi);
-    // A JPEG view reports its exact size, so it is converted first.
+    // A JPEG view reports its exact size, so it is converted first; one in
+    // a folder that only this getattr listed, right after.
     int settled = gJpegViews ? SettleJpegView(path) : 0;
-    return settled != 0 ? settled : tarnifs_getattr(path, st);
+    if (settled < 0) return settled;
+    int result = tarnifs_getattr(path, st);
+    if (result != 0 || !gJpegViews || settled != 0 || !S_ISREG(st->st_mode) || st->st_size != 0) return result;
+    settled = SettleJpegView(path);
+    return settled < 0 ? settled : settled == 0 ? 0 : tarnifs_getattr(path, st);
 }
 
 int openSettlingJpegView(const char *path, struct fuse_file_info *fi) {
     int settled = gJpegViews ? SettleJpegView(path) : 0;
-    return settled != 0 ? settled : tarnifs_open(path, fi);
+    return settled < 0 ? settled : tarnifs_open(path, fi);
 }
 
 // "-o jpeg" is ours, not FUSE's: taken out of the option lists (an emptied

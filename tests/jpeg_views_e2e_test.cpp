@@ -184,6 +184,10 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     // made again, the same, when asked for again.
     mount.extraEnvironment.push_back("QUORVEL_JPEG_CACHE_MB=0");
     ASSERT_TRUE(mount.start(kLocation, {"-o", "jpeg"}));
+    // Asked for before anything listed its folder: the exact size all the same.
+    struct stat unlisted;
+    ASSERT_EQ(stat(inMount(roll + "IMG_0002.JPG").c_str(), &unlisted), 0);
+    EXPECT_EQ(unlisted.st_size, statSize["IMG_0002.JPG"]);
     std::string recopy = tempDir + "/recopy";
     runProgram({"cp", "-r", inMount("/Media/Photo/Camera Roll"), recopy}, &status);
     ASSERT_EQ(status, 0);
