@@ -89,6 +89,20 @@ std::string exifBlock(const HeicStill& still) {
   return std::string("MM\0\x2a", 4) + be32(mainAt) + ifdAt(main, mainAt) + ifdAt(exif, exifAt) + ifdAt(gps, gpsAt);
 }
 
+// A small ICC profile (version 2.1, display class, RGB to XYZ) whose only
+// tag is its description, as phones attach Display P3: readers show the
+// description, which is all the copies are checked by.
+std::string iccProfile(const std::string& description) {
+  std::string desc = std::string("desc") + be32(0) + be32(static_cast<uint32_t>(description.size() + 1)) +
+                     description + std::string(1, '\0') + be32(0) + be32(0) + std::string(2 + 1 + 67, '\0');
+  while (desc.size() % 4 != 0) desc += '\0';
+  const uint32_t tagsAt = 128 + 4 + 12;
+  std::string header = be32(static_cast<uint32_t>(tagsAt + desc.size())) + be32(0) + be32(0x02100000) + "mntr" +
+                       "RGB " + "XYZ " + std::string(12, '\0') + "acsp" + std::string(24, '\0') + be32(0) +
+                       be32(0x0000F6D6) + be32(0x00010000) + be32(0x0000D32D) + std::string(48, '\0');
+  return header + be32(1) + "desc" + be32(128 + 4 + 12) + be32(static_cast<uint32_t>(desc.size())) + desc;
+}
+
 heif_error appendTo(heif_context*, const void* data, size_t size, void* userdata) {
   static_cast<std::string*>(userdata)->append(static_cast<const char*>(data), size);
   return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
@@ -124,6 +138,11 @@ std::string make_heic(const HeicStill& still) {
         row[x * 3 + c] = static_cast<uint8_t>(std::min(255, std::max(0, value)));
       }
     }
+  }
+
+  if (!still.icc_description.empty()) {
+    const std::string icc = iccProfile(still.icc_description);
+    heif_image_set_raw_color_profile(image, "prof", icc.data(), icc.size());
   }
 
   heif_context* context = heif_context_alloc();

@@ -187,6 +187,8 @@ struct HeicStill {
   std::string date_taken = "2021:06:05 14:03:09";  // Exif DateTimeOriginal
   int64_t latitude_millionths = 48856613;           // north
   int64_t longitude_millionths = 2352222;           // east
+  // An ICC profile with this description ("" for none), as phones attach one.
+  std::string icc_description = "Display P3 (devsim)";
 };
 
 // An HEIC file (HEVC through libheif) with an Exif block holding Make,

@@ -165,6 +165,7 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
         EXPECT_EQ(trimmed(runProgram({"exiftool", "-s3", "-n", "-DateTimeOriginal", "-Orientation", "-Model", jpeg})),
                   dateOf(seed) + "\n1\niPhone 12");
         EXPECT_NE(runProgram({"exiftool", "-s3", "-GPSLatitude", jpeg}), "");
+        EXPECT_EQ(trimmed(runProgram({"exiftool", "-s3", "-ProfileDescription", jpeg})), "Display P3 (devsim)");
         ++seed;
     }
     // A second copy is served from the work folder's cache, the same bytes.
