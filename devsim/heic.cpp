@@ -112,33 +112,62 @@ heif_error appendTo(heif_context*, const void* data, size_t size, void* userdata
 
 std::string make_heic(const HeicStill& still) {
   const int width = std::max(still.width, 2), height = std::max(still.height, 2);
-  heif_image* image = nullptr;
-  if (heif_image_create(width, height, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &image).code != heif_error_Ok)
-    return std::string();
-  heif_image_add_plane(image, heif_channel_interleaved, width, height, 8);
-  int stride = 0;
-  uint8_t* pixels = heif_image_get_plane(image, heif_channel_interleaved, &stride);
   // A gradient whose colours follow the seed, with a little texture so that
   // large pictures compress to the sizes a camera's do; a dark block in the
   // top-left corner shows which way up the stored picture is.
+  std::vector<uint8_t> rgb(static_cast<size_t>(width) * static_cast<size_t>(height) * 3);
   uint32_t noise = still.seed * 2654435761u + 1;
   const uint32_t r0 = (still.seed * 97u) & 255, g0 = (still.seed * 57u + 80) & 255, b0 = (still.seed * 31u + 160) & 255;
   for (int y = 0; y < height; ++y) {
-    uint8_t* row = pixels + static_cast<size_t>(y) * static_cast<size_t>(stride);
     for (int x = 0; x < width; ++x) {
       noise = noise * 1103515245u + 12345u;
       const int grain = still.texture ? static_cast<int>((noise >> 16) % 20) - 10 : 0;
       const uint32_t fx = static_cast<uint32_t>(x) * 255 / static_cast<uint32_t>(width);
       const uint32_t fy = static_cast<uint32_t>(y) * 255 / static_cast<uint32_t>(height);
       const bool corner = x < width / 4 && y < height / 4;
-      const int rgb[3] = {static_cast<int>((r0 + fx) & 255), static_cast<int>((g0 + fy) & 255),
-                          static_cast<int>((b0 + (fx + fy) / 2) & 255)};
+      const int colour[3] = {static_cast<int>((r0 + fx) & 255), static_cast<int>((g0 + fy) & 255),
+                             static_cast<int>((b0 + (fx + fy) / 2) & 255)};
       for (int c = 0; c < 3; ++c) {
-        const int value = corner ? rgb[c] / 4 : rgb[c] + grain;
-        row[x * 3 + c] = static_cast<uint8_t>(std::min(255, std::max(0, value)));
+        const int value = corner ? colour[c] / 4 : colour[c] + grain;
+        rgb[(static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 3 + c] =
+            static_cast<uint8_t>(std::min(255, std::max(0, value)));
       }
     }
   }
+  // Coded as a phone codes it: YCbCr 4:2:0 (BT.601, full range), each
+  // chroma sample the mean of its 2x2 block.
+  heif_image* image = nullptr;
+  if (heif_image_create(width, height, heif_colorspace_YCbCr, heif_chroma_420, &image).code != heif_error_Ok)
+    return std::string();
+  const int chromaWidth = (width + 1) / 2, chromaHeight = (height + 1) / 2;
+  heif_image_add_plane(image, heif_channel_Y, width, height, 8);
+  heif_image_add_plane(image, heif_channel_Cb, chromaWidth, chromaHeight, 8);
+  heif_image_add_plane(image, heif_channel_Cr, chromaWidth, chromaHeight, 8);
+  int strides[3] = {0, 0, 0};
+  uint8_t* planes[3] = {heif_image_get_plane(image, heif_channel_Y, &strides[0]),
+                        heif_image_get_plane(image, heif_channel_Cb, &strides[1]),
+                        heif_image_get_plane(image, heif_channel_Cr, &strides[2])};
+  auto clamp = [](double v) { return static_cast<uint8_t>(std::min(255.0, std::max(0.0, v + 0.5))); };
+  auto pixel = [&](int x, int y) { return &rgb[(static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 3]; };
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      const uint8_t* p = pixel(x, y);
+      planes[0][static_cast<size_t>(y) * static_cast<size_t>(strides[0]) + static_cast<size_t>(x)] =
+          clamp(0.299 * p[0] + 0.587 * p[1] + 0.114 * p[2]);
+    }
+  for (int cy = 0; cy < chromaHeight; ++cy)
+    for (int cx = 0; cx < chromaWidth; ++cx) {
+      double sum[3] = {0, 0, 0};
+      int count = 0;
+      for (int y = cy * 2; y < std::min(height, cy * 2 + 2); ++y)
+        for (int x = cx * 2; x < std::min(width, cx * 2 + 2); ++x, ++count)
+          for (int c = 0; c < 3; ++c) sum[c] += pixel(x, y)[c];
+      const double r = sum[0] / count, g = sum[1] / count, b = sum[2] / count;
+      planes[1][static_cast<size_t>(cy) * static_cast<size_t>(strides[1]) + static_cast<size_t>(cx)] =
+          clamp(128 - 0.168736 * r - 0.331264 * g + 0.5 * b);
+      planes[2][static_cast<size_t>(cy) * static_cast<size_t>(strides[2]) + static_cast<size_t>(cx)] =
+          clamp(128 + 0.5 * r - 0.418688 * g - 0.081312 * b);
+    }
 
   if (!still.icc_description.empty()) {
     const std::string icc = iccProfile(still.icc_description);

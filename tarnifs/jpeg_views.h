@@ -31,6 +31,10 @@ std::string JpegViewName(const std::string &name);
 // its ICC profile as APP2. False with *why set when it cannot.
 bool ConvertHeifToJpeg(const void *heif, size_t size, std::string *jpeg, std::string *why);
 
+// Has malloc keep the large buffers of conversions for the next one
+// (about 100 MB a worker stays with the process). StartJpegViews calls it.
+void KeepConversionMemory();
+
 // The converter of this mount: its own device connection, its workers and
 // the cache folder (work folder + "/jpeg"). Started at the first listing
 // that shows a view (the lock is held), stopped at unmount.
