@@ -30,13 +30,9 @@ constexpr uint32_t kMaxTransfer = 1u << 20;
 
 int afcResult(afc_error_t result) { return mapNativeError(NativeSource::Afc, result); }
 
-// Only connections that have an AFC client can serve file requests; a
-// house-arrest handle gets one once an app is opened.
-bool usable(const libiusb_afc *afc) { return afc != nullptr && afc->client != nullptr; }
-
-int startService(libiusb_device_handle *handle, const char *name, lockdownd_service_descriptor_t *service) {
-    std::lock_guard<std::mutex> guard(handle->lockdown_lock);
-    return mapNativeError(NativeSource::Lockdown, lockdownd_start_service(handle->lockdown, name, service));
+int startService(libiusb_device_handle *handle, const char *name, lockdownd_service_descriptor_t *service,
+                 idevice_t *device) {
+    return startDeviceService(handle, name, service, device);
 }
 
 void forgetPosition(libiusb_afc *afc, uint64_t file_handle) {
@@ -46,7 +42,7 @@ void forgetPosition(libiusb_afc *afc, uint64_t file_handle) {
 }
 
 // Puts the device's file pointer at offset, unless it is known to be there.
-int seekTo(libiusb_afc *afc, uint64_t file_handle, uint64_t offset) {
+int seekTo(libiusb_afc *afc, afc_client_t client, uint64_t file_handle, uint64_t device_handle, uint64_t offset) {
     {
         std::lock_guard<std::mutex> guard(afc->positions_lock);
         auto found = afc->open_files.find(file_handle);
@@ -54,7 +50,7 @@ int seekTo(libiusb_afc *afc, uint64_t file_handle, uint64_t offset) {
         afc->seeks_sent++;
     }
     if (offset > static_cast<uint64_t>(INT64_MAX)) return LIBIUSB_ERROR_INVALID_PARAM;
-    int result = afcResult(afc_file_seek(afc->client, file_handle, static_cast<int64_t>(offset), SEEK_SET));
+    int result = afcResult(afc_file_seek(client, device_handle, static_cast<int64_t>(offset), SEEK_SET));
     std::lock_guard<std::mutex> guard(afc->positions_lock);
     auto found = afc->open_files.find(file_handle);
     if (found != afc->open_files.end()) found->second.position = result == 0 ? offset : kPositionUnknown;
@@ -69,32 +65,148 @@ void settlePosition(libiusb_afc *afc, uint64_t file_handle, uint64_t position, b
     found->second.position = (wrote && found->second.appends) ? kPositionUnknown : position;
 }
 
-void freeConnection(libiusb_afc *afc) {
+// Frees the connection's clients; the handles opened on it stay known, to be
+// opened again on the next connection.
+void freeClients(libiusb_afc *afc) {
     // The AFC client of a house-arrest connection borrows the house-arrest
     // service, so it goes first.
     if (afc->client != nullptr) afc_client_free(afc->client);
     if (afc->house_arrest != nullptr) house_arrest_client_free(afc->house_arrest);
     afc->client = nullptr;
     afc->house_arrest = nullptr;
+}
+
+void freeConnection(libiusb_afc *afc) {
+    freeClients(afc);
     std::lock_guard<std::mutex> guard(afc->positions_lock);
     afc->open_files.clear();
 }
 
 int startHouseArrest(libiusb_afc *afc) {
     lockdownd_service_descriptor_t service = nullptr;
-    int result = startService(afc->owner, HOUSE_ARREST_SERVICE_NAME, &service);
+    idevice_t device = nullptr;
+    int result = startService(afc->owner, HOUSE_ARREST_SERVICE_NAME, &service, &device);
     if (result == 0) {
-        result = mapNativeError(NativeSource::HouseArrest,
-                                house_arrest_client_new(afc->owner->device, service, &afc->house_arrest));
+        result = mapNativeError(NativeSource::HouseArrest, house_arrest_client_new(device, service, &afc->house_arrest));
     }
     if (service != nullptr) lockdownd_service_descriptor_free(service);
     return result;
 }
 
+// Asks house-arrest for the app's documents and turns the connection into
+// AFC rooted there. On failure the service is in no state to be asked again,
+// so both clients are freed.
+int vendDocuments(libiusb_afc *afc, const char *bundle_id) {
+    int result =
+        mapNativeError(NativeSource::HouseArrest, house_arrest_send_command(afc->house_arrest, "VendDocuments", bundle_id));
+    plist_t reply = nullptr;
+    if (result == 0) {
+        result = mapNativeError(NativeSource::HouseArrest, house_arrest_get_result(afc->house_arrest, &reply));
+    }
+    if (result == 0) {
+        plist_t error = reply != nullptr ? plist_dict_get_item(reply, "Error") : nullptr;
+        plist_t status = reply != nullptr ? plist_dict_get_item(reply, "Status") : nullptr;
+        char *text = nullptr;
+        if (error != nullptr && plist_get_node_type(error) == PLIST_STRING) {
+            plist_get_string_val(error, &text);
+            result = mapHouseArrestReply(text);
+        } else if (status == nullptr || plist_get_node_type(status) != PLIST_STRING) {
+            result = LIBIUSB_ERROR_OTHER;
+        } else {
+            plist_get_string_val(status, &text);
+            if (text == nullptr || strcmp(text, "Complete") != 0) result = LIBIUSB_ERROR_OTHER;
+        }
+        free(text);
+    }
+    if (reply != nullptr) plist_free(reply);
+    if (result == 0) {
+        result = mapNativeError(NativeSource::Afc, afc_client_new_from_house_arrest_client(afc->house_arrest, &afc->client));
+    }
+    if (result != 0) freeClients(afc);
+    return result;
+}
+
+// A new connection in place of a lost one: the same service and, for an app's
+// connection, the same app. connection_lock is held exclusively.
+int openConnectionAgain(libiusb_afc *afc) {
+    freeClients(afc);
+    int result;
+    if (afc->kind == AfcKind::Media) {
+        lockdownd_service_descriptor_t service = nullptr;
+        idevice_t device = nullptr;
+        result = startService(afc->owner, AFC_SERVICE_NAME, &service, &device);
+        if (result == 0) result = afcResult(afc_client_new(device, service, &afc->client));
+        if (service != nullptr) lockdownd_service_descriptor_free(service);
+    } else {
+        result = startHouseArrest(afc);
+        if (result == 0 && afc->kind == AfcKind::HouseArrestApp) result = vendDocuments(afc, afc->bundle_id.c_str());
+    }
+    if (result != 0) {
+        freeClients(afc);
+        return result;
+    }
+    afc->generation++;
+    afc->lost = false;
+    return LIBIUSB_SUCCESS;
+}
+
+int reopenIfLost(libiusb_afc *afc) {
+    if (!afc->lost) return LIBIUSB_SUCCESS;
+    std::unique_lock<std::shared_mutex> exclusive(afc->connection_lock);
+    if (!afc->lost) return LIBIUSB_SUCCESS;  // another thread got there first
+    return openConnectionAgain(afc);
+}
+
+// Runs one request on the connection. A connection a request found lost
+// before is opened again first (the device still being attached); the request
+// that finds it lost fails, and is not sent twice: it may have been carried
+// out before the connection went.
+template <typename Request>
+int onConnection(libiusb_afc *afc, Request request) {
+    if (afc == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    int reopened = reopenIfLost(afc);
+    if (reopened != 0) return reopened;
+    std::shared_lock<std::shared_mutex> shared(afc->connection_lock);
+    // Only connections that have an AFC client can serve file requests; a
+    // house-arrest handle gets one once an app is opened.
+    if (afc->client == nullptr) return afc->lost ? LIBIUSB_ERROR_CONNECTION_LOST : LIBIUSB_ERROR_INVALID_PARAM;
+    int result = request(afc->client);
+    if (result == LIBIUSB_ERROR_CONNECTION_LOST) afc->lost = true;
+    return result;
+}
+
+// An open mode that reopens a file as it stands: what was written through
+// the handle before must not be truncated away.
+int modeToReopen(int mode) {
+    if (mode == LIBIUSB_AFC_WRONLY || mode == LIBIUSB_AFC_WR) return LIBIUSB_AFC_RW;
+    return mode;
+}
+
+// The device's own handle for one of ours on the current connection, the
+// file opened again when it was opened on an earlier one. 0, or the error.
+int deviceHandleOf(libiusb_afc *afc, afc_client_t client, uint64_t file_handle, uint64_t *device_handle) {
+    std::lock_guard<std::mutex> guard(afc->positions_lock);
+    auto found = afc->open_files.find(file_handle);
+    if (found == afc->open_files.end()) return LIBIUSB_ERROR_INVALID_PARAM;
+    libiusb_afc::OpenFile &record = found->second;
+    if (record.generation != afc->generation) {
+        uint64_t opened = 0;
+        int result = afcResult(afc_file_open(client, record.path.c_str(),
+                                             static_cast<afc_file_mode_t>(modeToReopen(record.mode)), &opened));
+        if (result != 0) return result;
+        if (opened == 0) return LIBIUSB_ERROR_OTHER;
+        record.device_handle = opened;
+        record.generation = afc->generation;
+        record.position = record.appends ? kPositionUnknown : 0;
+    }
+    *device_handle = record.device_handle;
+    return LIBIUSB_SUCCESS;
+}
+
 // True when path is a folder with anything in it besides "." and "..".
-bool holdsEntries(libiusb_afc *afc, const char *path) {
+bool holdsEntries(afc_client_t client, const char *path) {
     char **entries = nullptr;
-    if (afc_read_directory(afc->client, path, &entries) != AFC_E_SUCCESS || entries == nullptr) {
+    if (afc_read_directory(client, path, &entries) != AFC_E_SUCCESS || entries == nullptr) {
         if (entries != nullptr) afc_dictionary_free(entries);
         return false;
     }
@@ -122,9 +234,10 @@ int libiusb_afc_init(libiusb_device_handle *handle, libiusb_afc **out) {
     if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
     lockdownd_service_descriptor_t service = nullptr;
-    int result = startService(handle, AFC_SERVICE_NAME, &service);
+    idevice_t device = nullptr;
+    int result = startService(handle, AFC_SERVICE_NAME, &service, &device);
     afc_client_t client = nullptr;
-    if (result == 0) result = afcResult(afc_client_new(handle->device, service, &client));
+    if (result == 0) result = afcResult(afc_client_new(device, service, &client));
     if (service != nullptr) lockdownd_service_descriptor_free(service);
     if (result != 0) return result;
     libiusb_afc *afc = new libiusb_afc;
@@ -137,7 +250,9 @@ int libiusb_afc_init(libiusb_device_handle *handle, libiusb_afc **out) {
 
 int libiusb_afc_exit(libiusb_afc *afc) {
     if (afc == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    std::unique_lock<std::shared_mutex> exclusive(afc->connection_lock);
     freeConnection(afc);
+    exclusive.unlock();
     delete afc;
     return LIBIUSB_SUCCESS;
 }
@@ -147,55 +262,62 @@ int libiusb_afc_file_open(libiusb_afc *afc, const char *path, int mode, uint64_t
         return LIBIUSB_ERROR_INVALID_PARAM;
     }
     *file_handle = 0;
-    if (!usable(afc)) return LIBIUSB_ERROR_INVALID_PARAM;
     uint64_t opened = 0;
-    int result = afcResult(afc_file_open(afc->client, path, static_cast<afc_file_mode_t>(mode), &opened));
+    uint64_t generation = 0;
+    int result = onConnection(afc, [&](afc_client_t client) -> int {
+        generation = afc->generation;
+        return afcResult(afc_file_open(client, path, static_cast<afc_file_mode_t>(mode), &opened));
+    });
     if (result != 0) return result;
     if (opened == 0) return LIBIUSB_ERROR_OTHER;
     libiusb_afc::OpenFile record;
+    record.device_handle = opened;
+    record.generation = generation;
+    record.path = path;
+    record.mode = mode;
     record.appends = mode == LIBIUSB_AFC_APPEND || mode == LIBIUSB_AFC_RDAPPEND;
     // Where an append-mode handle starts reading is the device's business;
     // seek before the first transfer.
     record.position = record.appends ? kPositionUnknown : 0;
-    {
-        std::lock_guard<std::mutex> guard(afc->positions_lock);
-        afc->open_files[opened] = record;
-    }
-    *file_handle = opened;
+    std::lock_guard<std::mutex> guard(afc->positions_lock);
+    *file_handle = ++afc->last_file_handle;
+    afc->open_files[*file_handle] = record;
     return LIBIUSB_SUCCESS;
 }
 
 int libiusb_afc_file_read(libiusb_afc *afc, uint64_t file_handle, char *buf, uint32_t length, uint64_t offset,
                           uint32_t *bytes_read) {
     if (bytes_read != nullptr) *bytes_read = 0;
-    if (!usable(afc) || file_handle == 0 || (buf == nullptr && length > 0)) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (afc == nullptr || file_handle == 0 || (buf == nullptr && length > 0)) return LIBIUSB_ERROR_INVALID_PARAM;
     if (length == 0) return LIBIUSB_SUCCESS;
     std::lock_guard<std::mutex> transfer(afc->transfer_lock);
-    int result = seekTo(afc, file_handle, offset);
-    if (result != 0) return result;
     uint32_t total = 0;
-    while (total < length) {
-        uint32_t wanted = std::min(length - total, kMaxTransfer);
-        uint32_t got = 0;
-        result = afcResult(afc_file_read(afc->client, file_handle, buf + total, wanted, &got));
-        if (result != 0) {
-            forgetPosition(afc, file_handle);
-            return result;
-        }
-        total += std::min(got, wanted);
-        if (got < wanted) {
-            // A short piece is the end of the file, or what came of a reply
-            // cut short: libimobiledevice hands over both alike. The
-            // device's file pointer, asked after it, tells which.
-            uint64_t position = 0;
-            result = afcResult(afc_file_tell(afc->client, file_handle, &position));
-            if (result == 0 && position != offset + total) result = LIBIUSB_ERROR_IO;
-            if (result != 0) {
-                forgetPosition(afc, file_handle);
-                return result;
+    int result = onConnection(afc, [&](afc_client_t client) -> int {
+        uint64_t device_handle = 0;
+        int done = deviceHandleOf(afc, client, file_handle, &device_handle);
+        if (done == 0) done = seekTo(afc, client, file_handle, device_handle, offset);
+        if (done != 0) return done;
+        while (total < length) {
+            uint32_t wanted = std::min(length - total, kMaxTransfer);
+            uint32_t got = 0;
+            done = afcResult(afc_file_read(client, device_handle, buf + total, wanted, &got));
+            if (done != 0) return done;
+            total += std::min(got, wanted);
+            if (got < wanted) {
+                // A short piece is the end of the file, or what came of a
+                // reply cut short: libimobiledevice hands over both alike.
+                // The device's file pointer, asked after it, tells which.
+                uint64_t position = 0;
+                done = afcResult(afc_file_tell(client, device_handle, &position));
+                if (done == 0 && position != offset + total) done = LIBIUSB_ERROR_IO;
+                return done;
             }
-            break;
         }
+        return LIBIUSB_SUCCESS;
+    });
+    if (result != 0) {
+        forgetPosition(afc, file_handle);
+        return result;
     }
     settlePosition(afc, file_handle, offset + total, false);
     if (bytes_read != nullptr) *bytes_read = total;
@@ -205,26 +327,32 @@ int libiusb_afc_file_read(libiusb_afc *afc, uint64_t file_handle, char *buf, uin
 int libiusb_afc_file_write(libiusb_afc *afc, uint64_t file_handle, const char *buf, uint32_t length,
                            uint64_t offset, uint32_t *bytes_written) {
     if (bytes_written != nullptr) *bytes_written = 0;
-    if (!usable(afc) || file_handle == 0 || (buf == nullptr && length > 0)) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (afc == nullptr || file_handle == 0 || (buf == nullptr && length > 0)) return LIBIUSB_ERROR_INVALID_PARAM;
     if (length == 0) return LIBIUSB_SUCCESS;
     std::lock_guard<std::mutex> transfer(afc->transfer_lock);
-    int result = seekTo(afc, file_handle, offset);
-    if (result != 0) return result;
     uint32_t total = 0;
-    while (total < length) {
-        uint32_t piece = std::min(length - total, kMaxTransfer);
-        uint32_t sent = 0;
-        result = afcResult(afc_file_write(afc->client, file_handle, buf + total, piece, &sent));
-        // After a failure the count libimobiledevice reports cannot be
-        // trusted, nor can the device's file pointer.
-        if (result != 0) {
-            forgetPosition(afc, file_handle);
-            if (bytes_written != nullptr) *bytes_written = total;
-            return result;
+    int result = onConnection(afc, [&](afc_client_t client) -> int {
+        uint64_t device_handle = 0;
+        int done = deviceHandleOf(afc, client, file_handle, &device_handle);
+        if (done == 0) done = seekTo(afc, client, file_handle, device_handle, offset);
+        if (done != 0) return done;
+        while (total < length) {
+            uint32_t piece = std::min(length - total, kMaxTransfer);
+            uint32_t sent = 0;
+            done = afcResult(afc_file_write(client, device_handle, buf + total, piece, &sent));
+            if (done != 0) return done;
+            if (sent > piece) sent = piece;
+            total += sent;
+            if (sent < piece) break;
         }
-        if (sent > piece) sent = piece;
-        total += sent;
-        if (sent < piece) break;
+        return LIBIUSB_SUCCESS;
+    });
+    // After a failure the count libimobiledevice reports cannot be trusted,
+    // nor can the device's file pointer.
+    if (result != 0) {
+        forgetPosition(afc, file_handle);
+        if (bytes_written != nullptr) *bytes_written = total;
+        return result;
     }
     settlePosition(afc, file_handle, offset + total, true);
     if (bytes_written != nullptr) *bytes_written = total;
@@ -232,25 +360,38 @@ int libiusb_afc_file_write(libiusb_afc *afc, uint64_t file_handle, const char *b
 }
 
 int libiusb_afc_file_close(libiusb_afc *afc, uint64_t file_handle) {
-    if (!usable(afc) || file_handle == 0) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (afc == nullptr || file_handle == 0) return LIBIUSB_ERROR_INVALID_PARAM;
+    libiusb_afc::OpenFile record;
     {
         std::lock_guard<std::mutex> guard(afc->positions_lock);
-        afc->open_files.erase(file_handle);
+        auto found = afc->open_files.find(file_handle);
+        if (found == afc->open_files.end()) return LIBIUSB_ERROR_INVALID_PARAM;
+        record = found->second;
+        afc->open_files.erase(found);
     }
-    return afcResult(afc_file_close(afc->client, file_handle));
+    // A handle of a connection that is gone was closed with it.
+    std::shared_lock<std::shared_mutex> shared(afc->connection_lock);
+    if (afc->lost || afc->client == nullptr || record.generation != afc->generation) return LIBIUSB_SUCCESS;
+    int result = afcResult(afc_file_close(afc->client, record.device_handle));
+    if (result == LIBIUSB_ERROR_CONNECTION_LOST) afc->lost = true;
+    return result;
 }
 
 int libiusb_afc_file_truncate(libiusb_afc *afc, uint64_t file_handle, uint64_t size) {
-    if (!usable(afc) || file_handle == 0) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (afc == nullptr || file_handle == 0) return LIBIUSB_ERROR_INVALID_PARAM;
     // Like ftruncate, the file pointer stays where it was.
-    int result = afcResult(afc_file_truncate(afc->client, file_handle, size));
+    int result = onConnection(afc, [&](afc_client_t client) -> int {
+        uint64_t device_handle = 0;
+        int done = deviceHandleOf(afc, client, file_handle, &device_handle);
+        return done != 0 ? done : afcResult(afc_file_truncate(client, device_handle, size));
+    });
     if (result != 0) forgetPosition(afc, file_handle);
     return result;
 }
 
 int libiusb_afc_truncate(libiusb_afc *afc, const char *path, uint64_t size) {
-    if (!usable(afc) || path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
-    return afcResult(afc_truncate(afc->client, path, size));
+    if (path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return onConnection(afc, [&](afc_client_t client) { return afcResult(afc_truncate(client, path, size)); });
 }
 
 void parseFileInfoPairs(const char *const *pairs, libiusb_file_info *info) {
@@ -275,9 +416,9 @@ void parseFileInfoPairs(const char *const *pairs, libiusb_file_info *info) {
 
 int libiusb_afc_file_get_info(libiusb_afc *afc, const char *path, libiusb_file_info *info) {
     if (info != nullptr) memset(info, 0, sizeof(*info));
-    if (!usable(afc) || path == nullptr || info == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (path == nullptr || info == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     char **pairs = nullptr;
-    int result = afcResult(afc_get_file_info(afc->client, path, &pairs));
+    int result = onConnection(afc, [&](afc_client_t client) { return afcResult(afc_get_file_info(client, path, &pairs)); });
     if (result != 0) {
         if (pairs != nullptr) afc_dictionary_free(pairs);
         return result;
@@ -291,9 +432,10 @@ int libiusb_afc_file_get_info(libiusb_afc *afc, const char *path, libiusb_file_i
 int libiusb_afc_file_read_directory(libiusb_afc *afc, const char *path, char ***list, uint32_t *count) {
     if (list != nullptr) *list = nullptr;
     if (count != nullptr) *count = 0;
-    if (!usable(afc) || path == nullptr || (list == nullptr && count == nullptr)) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (path == nullptr || (list == nullptr && count == nullptr)) return LIBIUSB_ERROR_INVALID_PARAM;
     char **entries = nullptr;
-    int result = afcResult(afc_read_directory(afc->client, path, &entries));
+    int result =
+        onConnection(afc, [&](afc_client_t client) { return afcResult(afc_read_directory(client, path, &entries)); });
     if (result != 0) {
         if (entries != nullptr) afc_dictionary_free(entries);
         return result;
@@ -317,30 +459,34 @@ int libiusb_afc_file_read_directory(libiusb_afc *afc, const char *path, char ***
 }
 
 int libiusb_afc_file_remove(libiusb_afc *afc, const char *path) {
-    if (!usable(afc) || path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
-    afc_error_t removed = afc_remove_path(afc->client, path);
-    if (removed == AFC_E_DIR_NOT_EMPTY && !holdsEntries(afc, path)) {
-        // libimobiledevice turns every reasonless refusal of a removal into
-        // "directory not empty" (that is how phones answer for a folder with
-        // contents); anything else it hides is not that.
-        return LIBIUSB_ERROR_OTHER;
-    }
-    return afcResult(removed);
+    if (path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return onConnection(afc, [&](afc_client_t client) -> int {
+        afc_error_t removed = afc_remove_path(client, path);
+        if (removed == AFC_E_DIR_NOT_EMPTY && !holdsEntries(client, path)) {
+            // libimobiledevice turns every reasonless refusal of a removal
+            // into "directory not empty" (that is how phones answer for a
+            // folder with contents); anything else it hides is not that.
+            return static_cast<int>(LIBIUSB_ERROR_OTHER);
+        }
+        return afcResult(removed);
+    });
 }
 
 int libiusb_afc_make_directory(libiusb_afc *afc, const char *path) {
-    if (!usable(afc) || path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
-    return afcResult(afc_make_directory(afc->client, path));
+    if (path == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return onConnection(afc, [&](afc_client_t client) { return afcResult(afc_make_directory(client, path)); });
 }
 
 int libiusb_afc_rename(libiusb_afc *afc, const char *from, const char *to) {
-    if (!usable(afc) || from == nullptr || to == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
-    return afcResult(afc_rename_path(afc->client, from, to));
+    if (from == nullptr || to == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return onConnection(afc, [&](afc_client_t client) { return afcResult(afc_rename_path(client, from, to)); });
 }
 
 int libiusb_afc_set_modify_time(libiusb_afc *afc, const char *path, int64_t modify_time_ns) {
-    if (!usable(afc) || path == nullptr || modify_time_ns < 0) return LIBIUSB_ERROR_INVALID_PARAM;
-    return afcResult(afc_set_file_time(afc->client, path, static_cast<uint64_t>(modify_time_ns)));
+    if (path == nullptr || modify_time_ns < 0) return LIBIUSB_ERROR_INVALID_PARAM;
+    return onConnection(afc, [&](afc_client_t client) -> int {
+        return afcResult(afc_set_file_time(client, path, static_cast<uint64_t>(modify_time_ns)));
+    });
 }
 
 int libiusb_housearrest_init(libiusb_device_handle *handle, libiusb_afc **out) {
@@ -363,54 +509,30 @@ int libiusb_housearrest_openapp(libiusb_afc *house_arrest, const char *bundle_id
     if (house_arrest == nullptr || bundle_id == nullptr || house_arrest->kind == AfcKind::Media) {
         return LIBIUSB_ERROR_INVALID_PARAM;
     }
+    std::unique_lock<std::shared_mutex> exclusive(house_arrest->connection_lock);
     if (house_arrest->kind == AfcKind::HouseArrestApp) {
-        if (house_arrest->bundle_id == bundle_id) return LIBIUSB_SUCCESS;
-        // The connection already speaks AFC for another app: start afresh.
-        freeConnection(house_arrest);
+        if (house_arrest->bundle_id == bundle_id) {
+            if (!house_arrest->lost) return LIBIUSB_SUCCESS;
+            // The same app on a new connection: its open files follow.
+            freeClients(house_arrest);
+        } else {
+            // The connection already speaks AFC for another app: start afresh.
+            freeConnection(house_arrest);
+        }
         house_arrest->kind = AfcKind::HouseArrestNoApp;
         house_arrest->bundle_id.clear();
+    }
+    if (house_arrest->house_arrest == nullptr || house_arrest->lost) {
+        freeClients(house_arrest);
         int result = startHouseArrest(house_arrest);
         if (result != 0) return result;
+        house_arrest->lost = false;
     }
-    if (house_arrest->house_arrest == nullptr) {
-        int result = startHouseArrest(house_arrest);
-        if (result != 0) return result;
-    }
-    int result = mapNativeError(NativeSource::HouseArrest,
-                                house_arrest_send_command(house_arrest->house_arrest, "VendDocuments", bundle_id));
-    plist_t reply = nullptr;
-    if (result == 0) {
-        result = mapNativeError(NativeSource::HouseArrest, house_arrest_get_result(house_arrest->house_arrest, &reply));
-    }
-    if (result == 0) {
-        plist_t error = reply != nullptr ? plist_dict_get_item(reply, "Error") : nullptr;
-        plist_t status = reply != nullptr ? plist_dict_get_item(reply, "Status") : nullptr;
-        char *text = nullptr;
-        if (error != nullptr && plist_get_node_type(error) == PLIST_STRING) {
-            plist_get_string_val(error, &text);
-            result = mapHouseArrestReply(text);
-        } else if (status == nullptr || plist_get_node_type(status) != PLIST_STRING) {
-            result = LIBIUSB_ERROR_OTHER;
-        } else {
-            plist_get_string_val(status, &text);
-            if (text == nullptr || strcmp(text, "Complete") != 0) result = LIBIUSB_ERROR_OTHER;
-        }
-        free(text);
-    }
-    if (reply != nullptr) plist_free(reply);
-    if (result != 0) {
-        // A refused request leaves the service in no state to try again.
-        freeConnection(house_arrest);
-        return result;
-    }
-    result = mapNativeError(NativeSource::Afc,
-                            afc_client_new_from_house_arrest_client(house_arrest->house_arrest, &house_arrest->client));
-    if (result != 0) {
-        freeConnection(house_arrest);
-        return result;
-    }
+    int result = vendDocuments(house_arrest, bundle_id);
+    if (result != 0) return result;
     house_arrest->kind = AfcKind::HouseArrestApp;
     house_arrest->bundle_id = bundle_id;
+    house_arrest->generation++;
     return LIBIUSB_SUCCESS;
 }
 

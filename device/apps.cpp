@@ -89,15 +89,11 @@ int libiusb_instproxy_init(libiusb_device_handle *handle, libiusb_instproxy **ou
     if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
     lockdownd_service_descriptor_t service = nullptr;
-    lockdownd_error_t started;
-    {
-        std::lock_guard<std::mutex> guard(handle->lockdown_lock);
-        started = lockdownd_start_service(handle->lockdown, INSTPROXY_SERVICE_NAME, &service);
-    }
-    int result = mapNativeError(NativeSource::Lockdown, started);
+    idevice_t device = nullptr;
+    int result = startDeviceService(handle, INSTPROXY_SERVICE_NAME, &service, &device);
     instproxy_client_t client = nullptr;
     if (result == 0) {
-        result = mapNativeError(NativeSource::Instproxy, instproxy_client_new(handle->device, service, &client));
+        result = mapNativeError(NativeSource::Instproxy, instproxy_client_new(device, service, &client));
     }
     if (service != nullptr) lockdownd_service_descriptor_free(service);
     if (result != 0) return result;

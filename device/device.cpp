@@ -1,6 +1,7 @@
 // Devices: the snapshot of what usbmuxd lists, device information, and the
 // lockdown session an opened device keeps for starting its services.
 #include <plist/plist.h>
+#include <signal.h>
 #include <usbmuxd.h>
 
 #include <cstdio>
@@ -72,15 +73,11 @@ uint64_t parseNumber(const char *text) {
 // back to lockdown's disk-usage domain when AFC cannot be reached.
 int fillCapacity(libiusb_device_handle *handle, libiusb_device_info *info) {
     lockdownd_service_descriptor_t service = nullptr;
-    lockdownd_error_t started;
-    {
-        std::lock_guard<std::mutex> guard(handle->lockdown_lock);
-        started = lockdownd_start_service(handle->lockdown, AFC_SERVICE_NAME, &service);
-    }
-    int result = mapNativeError(NativeSource::Lockdown, started);
+    idevice_t device = nullptr;
+    int result = startDeviceService(handle, AFC_SERVICE_NAME, &service, &device);
     afc_client_t afc = nullptr;
     if (result == 0) {
-        result = mapNativeError(NativeSource::Afc, afc_client_new(handle->device, service, &afc));
+        result = mapNativeError(NativeSource::Afc, afc_client_new(device, service, &afc));
     }
     if (service != nullptr) lockdownd_service_descriptor_free(service);
     if (result == 0) {
@@ -110,11 +107,79 @@ int fillCapacity(libiusb_device_handle *handle, libiusb_device_info *info) {
     return 0;
 }
 
+// A lockdown session runs TLS, and OpenSSL writes its records with write(),
+// which raises SIGPIPE once the phone has gone (unplugged, dropped): the
+// process must see EPIPE instead of dying. A handler the program set itself
+// is left alone.
+void keepSigpipeFromKilling() {
+    struct sigaction current;
+    if (sigaction(SIGPIPE, nullptr, &current) == 0 && !(current.sa_flags & SA_SIGINFO) &&
+        current.sa_handler == SIG_DFL) {
+        signal(SIGPIPE, SIG_IGN);
+    }
+}
+
+// A lockdown session with the device of that UDID, as long as usbmuxd still
+// lists it under location_id: the same UDID under another id is a device
+// that was unplugged and came back, which is not the one that was opened.
+int openSession(const std::string &udid, uint32_t location_id, idevice_t *device, lockdownd_client_t *lockdown) {
+    idevice_t idevice = nullptr;
+    idevice_error_t found = idevice_new_with_options(&idevice, udid.c_str(), IDEVICE_LOOKUP_USBMUX);
+    if (found != IDEVICE_E_SUCCESS) return mapNativeError(NativeSource::Idevice, found);
+    uint32_t mux_id = 0;
+    idevice_get_handle(idevice, &mux_id);
+    if (mux_id != location_id) {
+        idevice_free(idevice);
+        return LIBIUSB_ERROR_NO_DEVICE;
+    }
+    lockdownd_error_t shaken = lockdownd_client_new_with_handshake(idevice, lockdown, kLabel);
+    if (shaken != LOCKDOWN_E_SUCCESS) {
+        idevice_free(idevice);
+        return mapNativeError(NativeSource::Lockdown, shaken);
+    }
+    *device = idevice;
+    return LIBIUSB_SUCCESS;
+}
+
+bool sessionLost(int result) { return result == LIBIUSB_ERROR_CONNECTION_LOST || result == LIBIUSB_ERROR_IO; }
+
+// Replaces the handle's lost lockdown session; lockdown_lock is held. A device
+// that is no longer attached is a lost connection to the caller, as before.
+int reopenSession(libiusb_device_handle *handle) {
+    keepSigpipeFromKilling();  // the old session is ended on a dead connection
+    idevice_t device = nullptr;
+    lockdownd_client_t lockdown = nullptr;
+    int result = openSession(handle->udid, handle->location_id, &device, &lockdown);
+    if (result == LIBIUSB_ERROR_NO_DEVICE) return LIBIUSB_ERROR_CONNECTION_LOST;
+    if (result != 0) return result;
+    if (handle->lockdown != nullptr) lockdownd_client_free(handle->lockdown);
+    if (handle->device != nullptr) handle->retired_devices.push_back(handle->device);
+    handle->device = device;
+    handle->lockdown = lockdown;
+    return LIBIUSB_SUCCESS;
+}
+
 } // namespace
+
+int startDeviceService(libiusb_device_handle *handle, const char *name, lockdownd_service_descriptor_t *service,
+                       idevice_t *device) {
+    std::lock_guard<std::mutex> guard(handle->lockdown_lock);
+    int result = mapNativeError(NativeSource::Lockdown, lockdownd_start_service(handle->lockdown, name, service));
+    if (sessionLost(result)) {
+        if (*service != nullptr) lockdownd_service_descriptor_free(*service);
+        *service = nullptr;
+        int reopened = reopenSession(handle);
+        if (reopened != 0) return reopened == LIBIUSB_ERROR_CONNECTION_LOST ? result : reopened;
+        result = mapNativeError(NativeSource::Lockdown, lockdownd_start_service(handle->lockdown, name, service));
+    }
+    *device = handle->device;
+    return result;
+}
 
 int libiusb_init_ex(const char *resource_dir, int flags) {
     (void)resource_dir;  // nothing of ours lives there: libimobiledevice keeps its own state
     (void)flags;
+    keepSigpipeFromKilling();
     const char *debug = getenv("QUORVEL_DEVICE_DEBUG");
     if (debug != nullptr && *debug != '\0' && strcmp(debug, "0") != 0) idevice_set_debug_level(1);
     return LIBIUSB_SUCCESS;
@@ -123,6 +188,7 @@ int libiusb_init_ex(const char *resource_dir, int flags) {
 int libiusb_context_init(libiusb_context **out) {
     if (out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
+    keepSigpipeFromKilling();
     usbmuxd_device_info_t *listed = nullptr;
     int count = usbmuxd_get_device_list(&listed);
     if (count < 0 || (count > 0 && listed == nullptr)) {
@@ -206,6 +272,11 @@ int libiusb_device_get_info(libiusb_device_handle *handle, libiusb_device_info *
         // One request that must succeed, so a dead session is reported rather
         // than a block of empty names.
         lockdownd_error_t asked = lockdownd_get_value(handle->lockdown, nullptr, "ProductVersion", &probe);
+        if (sessionLost(mapNativeError(NativeSource::Lockdown, asked)) && reopenSession(handle) == 0) {
+            if (probe != nullptr) plist_free(probe);
+            probe = nullptr;
+            asked = lockdownd_get_value(handle->lockdown, nullptr, "ProductVersion", &probe);
+        }
         if (asked != LOCKDOWN_E_SUCCESS) {
             if (probe != nullptr) plist_free(probe);
             return mapNativeError(NativeSource::Lockdown, asked);
@@ -228,21 +299,9 @@ int libiusb_device_open(libiusb_device *device, libiusb_device_handle **out) {
     if (device == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
     idevice_t idevice = nullptr;
-    idevice_error_t found = idevice_new_with_options(&idevice, device->udid.c_str(), IDEVICE_LOOKUP_USBMUX);
-    if (found != IDEVICE_E_SUCCESS) return mapNativeError(NativeSource::Idevice, found);
-    uint32_t mux_id = 0;
-    idevice_get_handle(idevice, &mux_id);
-    if (mux_id != device->location_id) {
-        // The UDID now belongs to another usbmuxd entry: the listed device is gone.
-        idevice_free(idevice);
-        return LIBIUSB_ERROR_NO_DEVICE;
-    }
     lockdownd_client_t lockdown = nullptr;
-    lockdownd_error_t shaken = lockdownd_client_new_with_handshake(idevice, &lockdown, kLabel);
-    if (shaken != LOCKDOWN_E_SUCCESS) {
-        idevice_free(idevice);
-        return mapNativeError(NativeSource::Lockdown, shaken);
-    }
+    int result = openSession(device->udid, device->location_id, &idevice, &lockdown);
+    if (result != 0) return result;
     libiusb_device_handle *handle = new libiusb_device_handle;
     handle->device = idevice;
     handle->lockdown = lockdown;
@@ -254,8 +313,12 @@ int libiusb_device_open(libiusb_device *device, libiusb_device_handle **out) {
 
 int libiusb_device_close(libiusb_device_handle *handle) {
     if (handle == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    // Ending the session writes to the phone, perhaps after FUSE's clean-up
+    // put SIGPIPE back to its default.
+    keepSigpipeFromKilling();
     if (handle->lockdown != nullptr) lockdownd_client_free(handle->lockdown);
     if (handle->device != nullptr) idevice_free(handle->device);
+    for (idevice_t retired : handle->retired_devices) idevice_free(retired);
     delete handle;
     return LIBIUSB_SUCCESS;
 }

@@ -9,8 +9,10 @@
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -39,8 +41,20 @@ struct libiusb_device_handle {
     lockdownd_client_t lockdown = nullptr;  // kept for starting services
     uint32_t location_id = 0;
     std::string udid;
-    std::mutex lockdown_lock;  // lockdown clients are not safe for concurrent requests
+    // Guards device and lockdown: lockdown clients are not safe for
+    // concurrent requests, and a lost session is replaced under it.
+    std::mutex lockdown_lock;
+    // Device records of sessions replaced after a lost connection: AFC
+    // clients made from them may still point at them, so they live as long as
+    // the handle.
+    std::vector<idevice_t> retired_devices;
 };
+
+// Starts a lockdown service, opening a new lockdown session first when the
+// one the handle keeps was lost while the device stays attached. *device is
+// the device record to make the service's client with.
+int startDeviceService(libiusb_device_handle *handle, const char *name, lockdownd_service_descriptor_t *service,
+                       idevice_t *device);
 
 enum class AfcKind {
     Media,             // the device's media file system
@@ -58,17 +72,34 @@ struct libiusb_afc {
     afc_client_t client = nullptr;
     house_arrest_client_t house_arrest = nullptr;
     std::string bundle_id;  // the app a house-arrest connection serves
+    // Requests hold it shared while they use client; a lost connection is
+    // replaced under it held exclusively.
+    std::shared_mutex connection_lock;
+    // Set once a request found the connection lost; the next request opens a
+    // new one (same service, same app) before it is sent.
+    std::atomic<bool> lost{false};
+    // Counts the connections this handle has had: a file handle opened on an
+    // earlier one is opened again on the current one before it is used.
+    uint64_t generation = 0;
     // Held across a seek and the transfer after it, so two threads sharing a
     // connection cannot move each other's file pointer in between.
     std::mutex transfer_lock;
     std::mutex positions_lock;
     // Per open file: where the device's file pointer stands, and whether every
     // write lands at the end whatever the pointer says.
+    // The handles given out are ours, never the device's own numbers: the
+    // device numbers handles per connection, so after a new connection an old
+    // number could name another file.
     struct OpenFile {
+        uint64_t device_handle = 0;  // the device's handle on connection `generation`
+        uint64_t generation = 0;
+        std::string path;
+        int mode = 0;
         uint64_t position = 0;
         bool appends = false;
     };
     std::unordered_map<uint64_t, OpenFile> open_files;
+    uint64_t last_file_handle = 0;
     // How many seeks read and write sent, for tests that check the seek is
     // skipped when the handle is already at the offset.
     uint64_t seeks_sent = 0;

@@ -41,7 +41,7 @@ const std::vector<NativeErrorRow> kTable = {
     ROW(Lockdown, LOCKDOWN_E_INVALID_HOST_ID, LIBIUSB_ERROR_NOT_PAIRED),
     ROW(Lockdown, LOCKDOWN_E_MISSING_SERVICE, LIBIUSB_ERROR_SERVICE_UNAVAILABLE),
     ROW(Lockdown, LOCKDOWN_E_INVALID_SERVICE, LIBIUSB_ERROR_SERVICE_UNAVAILABLE),
-    ROW(Lockdown, LOCKDOWN_E_SERVICE_LIMIT, LIBIUSB_ERROR_SERVICE_UNAVAILABLE),
+    ROW(Lockdown, LOCKDOWN_E_SERVICE_LIMIT, LIBIUSB_ERROR_SERVICE_LIMIT),
     ROW(Lockdown, LOCKDOWN_E_MISSING_PAIR_RECORD, LIBIUSB_ERROR_NOT_PAIRED),
     ROW(Lockdown, LOCKDOWN_E_INVALID_PAIR_RECORD, LIBIUSB_ERROR_NOT_PAIRED),
     ROW(Lockdown, LOCKDOWN_E_SERVICE_PROHIBITED, LIBIUSB_ERROR_SERVICE_UNAVAILABLE),
@@ -126,6 +126,7 @@ const char *libiusb_error_name(int code) {
     case LIBIUSB_ERROR_PASSWORD_PROTECTED: return "device locked with a passcode";
     case LIBIUSB_ERROR_NOT_PAIRED: return "not paired";
     case LIBIUSB_ERROR_SERVICE_UNAVAILABLE: return "service unavailable";
+    case LIBIUSB_ERROR_SERVICE_LIMIT: return "too many services open";
     case LIBIUSB_ERROR_NO_SPACE: return "not enough space on the device";
     case LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND: return "no such file or folder";
     case LIBIUSB_ERROR_AFC_OBJECT_EXISTS: return "already exists";

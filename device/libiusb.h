@@ -32,6 +32,7 @@ enum {
     LIBIUSB_ERROR_USBMUXD_UNREACHABLE = -15,       // usbmuxd (or USBMUXD_SOCKET_ADDRESS) cannot be reached
     LIBIUSB_ERROR_NOT_PAIRED = -46,                // pairing refused, failed or no longer valid
     LIBIUSB_ERROR_SERVICE_UNAVAILABLE = -47,       // lockdown would not start the service
+    LIBIUSB_ERROR_SERVICE_LIMIT = -48,             // the device opens no more services until some are closed
     LIBIUSB_ERROR_AFC_OBJECT_EXISTS = -71,         // the name is taken
     LIBIUSB_ERROR_AFC_OBJECT_IS_DIR = -72,         // a folder where a file was expected
     LIBIUSB_ERROR_APP_NOT_FOUND = -73,             // house-arrest knows no app with that bundle id

@@ -118,6 +118,20 @@ std::string apply_control_command(Server& server, const std::string& line) {
     }
     return "ok";
   }
+  if (verb == "lock" || verb == "unlock") {
+    if (words.size() != 2) return usage(verb == "lock" ? "lock UDID" : "unlock UDID");
+    for (Device* device : devices) {
+      std::lock_guard<std::mutex> lock(device->faults_mutex);
+      device->faults.locked = verb == "lock";
+    }
+    return "ok";
+  }
+  if (verb == "unpaired" || verb == "forget-host" || verb == "trust" || verb == "deny") {
+    if (words.size() != 2) return usage((verb + " UDID").c_str());
+    if (!server.tls) return "error: " + verb + ": devsim runs with --no-tls, where nothing pairs";
+    for (Device* device : devices) apply_pairing_command(*device, verb);
+    return "ok";
+  }
   if (verb == "unplug" || verb == "appear-after") {
     std::chrono::milliseconds delay{};
     bool timed = words.size() == 3;
@@ -190,6 +204,10 @@ std::string apply_control_command(Server& server, const std::string& line) {
 
 bool trust_prompt_active(Device& device, std::string& error_name) {
   std::lock_guard<std::mutex> lock(device.faults_mutex);
+  if (device.faults.locked) {
+    error_name = "PasswordProtected";
+    return true;
+  }
   if (std::chrono::steady_clock::now() >= device.faults.trust_until) return false;
   error_name = device.faults.trust_error;
   return true;

@@ -1,11 +1,13 @@
-// lockdownd: device values, sessions without TLS, and service start.
+// lockdownd: device values, pairing, sessions (TLS unless --no-tls), and
+// service start.
 #include "devsim/server.h"
 
 namespace devsim {
 
 namespace {
 
-plist_t global_domain(const DeviceImage& image) {
+// `public_key`: the device's, in TLS mode; "" leaves it out.
+plist_t global_domain(const DeviceImage& image, const std::string& public_key) {
   plist_t values = plist_new_dict();
   auto put = [&](const char* key, const std::string& value) {
     plist_dict_set_item(values, key, plist_new_string(value.c_str()));
@@ -30,6 +32,9 @@ plist_t global_domain(const DeviceImage& image) {
   put("WiFiAddress", "02:00:00:00:00:01");
   put("BluetoothAddress", "02:00:00:00:00:02");
   plist_dict_set_item(values, "PasswordProtected", plist_new_bool(0));
+  if (!public_key.empty()) {
+    plist_dict_set_item(values, "DevicePublicKey", plist_new_data(public_key.data(), public_key.size()));
+  }
   plist_dict_set_item(values, "UniqueChipID", plist_new_uint(image.location_id * 7919ull));
   return values;
 }
@@ -62,13 +67,15 @@ plist_t reply_for(const std::string& request) {
 void set_error(plist_t reply, const char* error) { plist_dict_set_item(reply, "Error", plist_new_string(error)); }
 void set_success(plist_t reply) { plist_dict_set_item(reply, "Result", plist_new_string("Success")); }
 
-plist_t get_value(Device& device, plist_t request) {
+plist_t get_value(Connection& conn, plist_t request) {
+  Device& device = *conn.device;
   plist_t reply = reply_for("GetValue");
   std::string domain = plist_string(request, "Domain");
   std::string key = plist_string(request, "Key");
   plist_t values = nullptr;
   if (domain.empty()) {
-    values = global_domain(device.image);
+    bool wants_key = key.empty() || key == "DevicePublicKey";
+    values = global_domain(device.image, conn.server.tls && wants_key ? device_public_key(device) : "");
   } else if (domain == "com.apple.disk_usage" || domain == "com.apple.disk_usage.factory") {
     values = disk_usage_domain(device);
   } else {
@@ -113,9 +120,7 @@ plist_t start_service(Connection& conn, plist_t request) {
   return reply;
 }
 
-}  // namespace
-
-void serve_lockdown(Connection& conn) {
+void serve_lockdown_requests(Connection& conn) {
   Device& device = *conn.device;
   unsigned long long id = conn.id;
   uint64_t session_counter = 0;
@@ -126,34 +131,40 @@ void serve_lockdown(Connection& conn) {
     if (conn.server.verbose) log_line("[%llu] lockdown: %s", id, name.c_str());
     plist_t reply = nullptr;
     bool close_after = false;
-    std::string trust_error;
+    bool start_tls = false, stop_tls = false;
+    std::string trust_error, host_id;
     if (name == "QueryType") {
       reply = reply_for(name);
       plist_dict_set_item(reply, "Type", plist_new_string("com.apple.mobile.lockdown"));
     } else if (name == "GetValue") {
-      reply = get_value(device, request);
+      reply = get_value(conn, request);
     } else if (name == "StartSession") {
       reply = reply_for(name);
       if (trust_prompt_active(device, trust_error)) {
         set_error(reply, trust_error.c_str());
-      } else if (plist_string(request, "HostID").empty()) {
+      } else if ((host_id = plist_string(request, "HostID")).empty()) {
         set_error(reply, "InvalidHostID");
       } else {
         std::string session = "5E55-" + std::to_string(id) + "-" + std::to_string(++session_counter);
         plist_dict_set_item(reply, "SessionID", plist_new_string(session.c_str()));
-        plist_dict_set_item(reply, "EnableSessionSSL", plist_new_bool(0));
+        // The host presents its certificate in the handshake that follows;
+        // a host the device does not accept fails there, not here.
+        start_tls = conn.server.tls && conn.ssl == nullptr;
+        plist_dict_set_item(reply, "EnableSessionSSL", plist_new_bool(start_tls));
         set_success(reply);
       }
     } else if (name == "StopSession") {
       reply = reply_for(name);
       set_success(reply);
-    } else if (name == "Pair" || name == "ValidatePair") {
+      stop_tls = true;
+    } else if ((name == "Pair" || name == "ValidatePair") && trust_prompt_active(device, trust_error)) {
       reply = reply_for(name);
-      if (trust_prompt_active(device, trust_error)) {
-        set_error(reply, trust_error.c_str());
-      } else {
-        set_success(reply);
-      }
+      set_error(reply, trust_error.c_str());
+    } else if ((name == "Pair" || name == "ValidatePair" || name == "Unpair") && conn.server.tls) {
+      reply = answer_pairing_request(device, name, request);
+    } else if (name == "Pair" || name == "ValidatePair" || name == "Unpair") {
+      reply = reply_for(name);
+      set_success(reply);
     } else if (name == "SetValue" || name == "RemoveValue") {
       reply = reply_for(name);
       set_success(reply);
@@ -173,7 +184,16 @@ void serve_lockdown(Connection& conn) {
     bool sent = send_plist_message(conn, reply);
     plist_free(reply);
     if (!sent || close_after) return;
+    if (start_tls && !begin_session_tls(conn, host_id)) return;
+    if (stop_tls && !end_session_tls(conn)) return;
   }
+}
+
+}  // namespace
+
+void serve_lockdown(Connection& conn) {
+  serve_lockdown_requests(conn);
+  drop_session_tls(conn);
 }
 
 }  // namespace devsim

@@ -26,7 +26,7 @@ namespace {
 const char* const kUsage =
     "usage:\n"
     "  devsim serve --socket PATH [--control PATH] [--latency-us N] [--bandwidth-mbps N]\n"
-    "               [--fault COMMAND]... [--verbose] IMAGE_DIR [IMAGE_DIR ...]\n"
+    "               [--fault COMMAND]... [--no-tls] [--verbose] IMAGE_DIR [IMAGE_DIR ...]\n"
     "  devsim make-sample DIR\n"
     "  devsim make-media IMAGE_DIR --photo-family {ios10,older,cloud,modern} [--modern-version N]\n"
     "                    [--photos N] [--songs N] [--memos N] [--photo-size WxH]\n"
@@ -202,6 +202,8 @@ int run_serve(int argc, char** argv) {
       (arg == "--latency-us" ? server->latency_us : server->bandwidth_mbps) = number;
     } else if (arg == "--fault") {
       fault_commands.push_back(value("--fault"));
+    } else if (arg == "--no-tls") {
+      server->tls = false;
     } else if (arg == "--verbose" || arg == "-v") {
       server->verbose = true;
     } else if (arg == "--help" || arg == "-h") {

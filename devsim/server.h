@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+struct ssl_st;  // OpenSSL's SSL
+
 namespace devsim {
 
 // Device ports a client may Connect to. Lockdown's port is the real one; the
@@ -128,7 +130,23 @@ struct DeviceFaults {
   // StartService answers ServiceLimit while the device has this many
   // connections open; -1: off.
   int64_t service_limit = -1;
+  // A passcode-locked phone answers Pair and StartSession with PasswordProtected.
+  bool locked = false;
 };
+
+// ---------------------------------------------------------------- pairing ---
+
+// A host the device accepted through Pair: its certificates are PEM text.
+struct PairedHost {
+  std::string host_id;
+  std::string system_buid;
+  std::string root_certificate;
+  std::string host_certificate;
+  std::string device_certificate;
+};
+
+// The user's answer to "Trust this computer?".
+enum class TrustAnswer { none, pending, trusted, denied };
 
 // ---------------------------------------------------------------- server ---
 
@@ -149,6 +167,14 @@ struct Device {
   bool attached = true;
   std::map<int, uint16_t> connection_fds;  // open connections to the device: fd -> device port
 
+  // Pairing state (TLS mode), read from or made in image.dir/pairing at first
+  // use; guarded by pairing_mutex.
+  std::mutex pairing_mutex;
+  bool pairing_loaded = false;
+  std::string device_key_pem;
+  std::vector<PairedHost> accepted_hosts;
+  TrustAnswer trust_answer = TrustAnswer::none;
+
   // Bandwidth shaping is per device, as a USB link is.
   std::mutex link_mutex;
   std::chrono::steady_clock::time_point link_free_at{};
@@ -163,6 +189,9 @@ struct Server {
   std::string socket_path;
   std::string control_path;
   bool verbose = false;
+  // Lockdown sessions run TLS and pairing is real; false (--no-tls): plain
+  // sessions and a made-up pair record.
+  bool tls = true;
   std::vector<std::unique_ptr<Device>> devices;
 
   std::atomic<uint32_t> latency_us{0};
@@ -172,6 +201,7 @@ struct Server {
   std::mutex mutex;  // guards what follows and Device::attached / connection_fds
   std::set<int> client_fds;
   std::vector<std::shared_ptr<Listener>> listeners;
+  // Records saved for ids that are not a device's in TLS mode, every record in --no-tls mode.
   std::map<std::string, std::vector<char>> saved_pair_records;
 
   // Timed actions (late appearance, replug), run by the scheduler thread.
@@ -186,6 +216,8 @@ struct Connection {
   int fd;
   uint64_t id;
   Device* device = nullptr;
+  // Set while a lockdown session runs TLS: reads and writes go through it.
+  ::ssl_st* ssl = nullptr;
 };
 
 // ----------------------------------------------------------------- wire ---
@@ -221,6 +253,31 @@ void serve_house_arrest(Connection& conn);
 // Serves AFC over `conn` rooted at `root_dir` until the client leaves.
 void serve_afc(Connection& conn, const std::string& root_dir);
 
+// ------------------------------------------------- pairing (pairing.cpp) ---
+
+// The pair record usbmux keeps for the device (its host side): false when
+// there is none.
+bool read_host_record(Device& device, std::vector<char>& record);
+bool save_host_record(Device& device, const char* data, size_t length);
+void delete_host_record(Device& device);
+// The device's public key as PKCS#1 PEM, as GetValue DevicePublicKey gives
+// it; "" when the key cannot be had.
+std::string device_public_key(Device& device);
+// The reply to Pair, ValidatePair or Unpair.
+plist_t answer_pairing_request(Device& device, const std::string& name, plist_t request);
+// After StartSession's reply: the TLS handshake as the device's side. False
+// (logged) when it fails, for instance for a host the device does not accept.
+bool begin_session_tls(Connection& conn, const std::string& host_id);
+// After StopSession's reply: takes the client's close_notify and goes back to
+// plain on the same connection. False when the connection cannot go on.
+bool end_session_tls(Connection& conn);
+// When the connection ends: frees its TLS state, if any, sending nothing.
+void drop_session_tls(Connection& conn);
+// Control commands: "unpaired", "forget-host", "trust", "deny".
+void apply_pairing_command(Device& device, const std::string& verb);
+// A replugged phone shows the prompt afresh.
+void reset_trust_answer(Device& device);
+
 // usbmux events
 void set_device_attached(Server& server, Device& device, bool attached);
 void drop_device_connections(Server& server, Device& device);
@@ -234,6 +291,8 @@ void schedule_action(Server& server, std::chrono::milliseconds delay, std::funct
 void run_scheduler(Server& server);
 
 // Fault hooks used by the services.
+// True while Pair and StartSession are to answer `error_name`: a trust prompt
+// (trust-prompt) or a passcode lock (lock).
 bool trust_prompt_active(Device& device, std::string& error_name);
 // True when the device must refuse to start one more service now.
 bool service_limit_reached(Server& server, Device& device);

@@ -74,13 +74,20 @@ plist_t attached_message(const Device& device) {
   return message;
 }
 
-plist_t default_pair_record(const Device& device) {
+// --no-tls: enough for a client to skip pairing, nothing to start TLS with.
+std::string made_up_pair_record(const Device& device) {
   plist_t record = plist_new_dict();
   plist_dict_set_item(record, "HostID", plist_new_string(kHostId));
   plist_dict_set_item(record, "SystemBUID", plist_new_string(kSystemBuid));
   plist_dict_set_item(record, "UDID", plist_new_string(device.image.udid.c_str()));
   plist_dict_set_item(record, "WiFiMACAddress", plist_new_string("02:00:00:00:00:01"));
-  return record;
+  char* xml = nullptr;
+  uint32_t length = 0;
+  plist_to_xml(record, &xml, &length);
+  plist_free(record);
+  std::string text(xml != nullptr ? xml : "", length);
+  free(xml);
+  return text;
 }
 
 uint64_t uint_value(plist_t dict, const char* key, bool& present) {
@@ -198,6 +205,7 @@ void set_device_attached(Server& server, Device& device, bool attached) {
     }
   }
   log_line("device %s %s", device.image.udid.c_str(), attached ? "attached" : "detached");
+  if (!attached) reset_trust_answer(device);
   plist_t message;
   if (attached) {
     message = attached_message(device);
@@ -264,54 +272,65 @@ void serve_usbmux_client(Server& server, int fd, uint64_t id) {
       plist_free(reply);
     } else if (type == "ReadPairRecord") {
       std::string record_id = plist_string(request, "PairRecordID");
-      std::vector<char> saved;
-      bool have_saved = false;
       Device* device = nullptr;
+      std::vector<char> record;
+      bool found = false;
       {
         std::lock_guard<std::mutex> lock(server.mutex);
-        auto it = server.saved_pair_records.find(record_id);
-        if (it != server.saved_pair_records.end()) {
-          saved = it->second;
-          have_saved = true;
-        }
         device = find_device_by_udid(server, record_id);
+        auto it = server.saved_pair_records.find(record_id);
+        if (it != server.saved_pair_records.end() && !(server.tls && device != nullptr)) {
+          record = it->second;
+          found = true;
+        }
       }
-      plist_t data = nullptr;
-      if (have_saved) {
-        data = plist_new_data(saved.data(), saved.size());
-      } else if (device != nullptr) {
-        plist_t record = default_pair_record(*device);
-        char* xml = nullptr;
-        uint32_t length = 0;
-        plist_to_xml(record, &xml, &length);
-        plist_free(record);
-        data = plist_new_data(xml, length);
-        free(xml);
+      if (device != nullptr && server.tls) {
+        // What the host side keeps for the device, in its image.
+        found = read_host_record(*device, record);
+      } else if (device != nullptr && !found) {
+        std::string made_up = made_up_pair_record(*device);
+        record.assign(made_up.begin(), made_up.end());
+        found = true;
       }
-      if (data == nullptr) {
+      if (!found) {
         send_result(fd, header.tag, kNoSuchRecord);
       } else {
         plist_t reply = plist_new_dict();
-        plist_dict_set_item(reply, "PairRecordData", data);
+        plist_dict_set_item(reply, "PairRecordData", plist_new_data(record.data(), record.size()));
         send_usbmux_plist(fd, header.tag, reply);
         plist_free(reply);
       }
     } else if (type == "SavePairRecord") {
       std::string record_id = plist_string(request, "PairRecordID");
       plist_t data = plist_dict_get_item(request, "PairRecordData");
+      Device* device = nullptr;
+      {
+        std::lock_guard<std::mutex> lock(server.mutex);
+        device = find_device_by_udid(server, record_id);
+      }
       if (record_id.empty() || data == nullptr || plist_get_node_type(data) != PLIST_DATA) {
         send_result(fd, header.tag, 22);  // EINVAL
       } else {
         uint64_t length = 0;
         const char* bytes = plist_get_data_ptr(data, &length);
-        std::lock_guard<std::mutex> lock(server.mutex);
-        server.saved_pair_records[record_id] = std::vector<char>(bytes, bytes + length);
-        send_result(fd, header.tag, kResultOk);
+        bool saved = true;
+        if (device != nullptr && server.tls) {
+          saved = save_host_record(*device, bytes, length);
+        } else {
+          std::lock_guard<std::mutex> lock(server.mutex);
+          server.saved_pair_records[record_id] = std::vector<char>(bytes, bytes + length);
+        }
+        send_result(fd, header.tag, saved ? kResultOk : 5);  // EIO
       }
     } else if (type == "DeletePairRecord") {
       std::string record_id = plist_string(request, "PairRecordID");
-      std::lock_guard<std::mutex> lock(server.mutex);
-      server.saved_pair_records.erase(record_id);
+      Device* device = nullptr;
+      {
+        std::lock_guard<std::mutex> lock(server.mutex);
+        device = find_device_by_udid(server, record_id);
+        server.saved_pair_records.erase(record_id);
+      }
+      if (device != nullptr && server.tls) delete_host_record(*device);
       send_result(fd, header.tag, kResultOk);
     } else if (type == "Connect") {
       bool has_device = false, has_port = false;

@@ -3,9 +3,13 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -31,6 +35,42 @@ void shape_bytes(Connection& conn, size_t bytes) {
     until = conn.device->link_free_at;
   }
   std::this_thread::sleep_until(until);
+}
+
+// What SSL_read or SSL_write's result means for read_exact and write_all:
+// bytes moved, 0 at the peer's end (close_notify or end of stream), -1 on
+// failure.
+ssize_t tls_result(Connection& conn, int n, bool reading) {
+  if (n > 0) return n;
+  int error = SSL_get_error(conn.ssl, n);
+  ERR_clear_error();
+  return error == SSL_ERROR_ZERO_RETURN || (reading && error == SSL_ERROR_SYSCALL) ? 0 : -1;
+}
+
+// One recv, through the session's TLS while it runs.
+ssize_t receive_some(Connection& conn, char* data, size_t length) {
+  if (conn.ssl != nullptr) {
+    ERR_clear_error();
+    return tls_result(conn, SSL_read(conn.ssl, data, static_cast<int>(std::min<size_t>(length, INT_MAX))), true);
+  }
+  for (;;) {
+    ssize_t n = recv(conn.fd, data, length, 0);
+    if (n >= 0) return n;
+    if (errno == ECONNRESET) return 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
+// One send, through the session's TLS while it runs.
+ssize_t send_some(Connection& conn, const char* data, size_t length) {
+  if (conn.ssl != nullptr) {
+    ERR_clear_error();
+    return tls_result(conn, SSL_write(conn.ssl, data, static_cast<int>(std::min<size_t>(length, INT_MAX))), false);
+  }
+  for (;;) {
+    ssize_t n = send(conn.fd, data, length, MSG_NOSIGNAL);
+    if (n >= 0 || errno != EINTR) return n;
+  }
 }
 }  // namespace
 
@@ -59,13 +99,9 @@ ReadStatus read_exact(Connection& conn, void* buffer, size_t length) {
   char* out = static_cast<char*>(buffer);
   size_t done = 0;
   while (done < length) {
-    ssize_t n = recv(conn.fd, out + done, length - done, 0);
+    ssize_t n = receive_some(conn, out + done, length - done);
     if (n == 0) return done == 0 ? ReadStatus::closed : ReadStatus::truncated;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      if (errno == ECONNRESET) return done == 0 ? ReadStatus::closed : ReadStatus::truncated;
-      return ReadStatus::failed;
-    }
+    if (n < 0) return ReadStatus::failed;
     done += static_cast<size_t>(n);
   }
   shape_bytes(conn, length);
@@ -77,11 +113,8 @@ bool write_all(Connection& conn, const void* buffer, size_t length) {
   const char* in = static_cast<const char*>(buffer);
   size_t done = 0;
   while (done < length) {
-    ssize_t n = send(conn.fd, in + done, length - done, MSG_NOSIGNAL);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
+    ssize_t n = send_some(conn, in + done, length - done);
+    if (n <= 0) return false;
     done += static_cast<size_t>(n);
   }
   return true;

@@ -15,11 +15,12 @@ packages=(
   build-essential cmake pkg-config g++ git
   libfuse3-dev
   libimobiledevice-dev libplist-dev libusbmuxd-dev
-  libsqlite3-dev sqlite3 libutf8proc-dev libjpeg-dev
-  libheif-dev libturbojpeg0-dev libheif-examples imagemagick libimage-exiftool-perl file
+  libsqlite3-dev sqlite3 libutf8proc-dev libjpeg-dev libssl-dev
+  libheif-dev libturbojpeg0-dev libheif-examples libimage-exiftool-perl file
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libimobiledevice-utils ifuse fio rsync stress-ng
   nlohmann-json3-dev libnotify-dev dbus
+  xvfb thunar imagemagick tesseract-ocr x11-utils
   clang
   dpkg-dev lintian man-db systemd
 )

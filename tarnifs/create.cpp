@@ -10,6 +10,7 @@
 #include <ctime>
 #include <string>
 
+#include "tarnifs/connections.h"
 #include "tarnifs/filedata.h"
 #include "tarnifs/listing.h"
 #include "tarnifs/notify.h"
@@ -102,7 +103,7 @@ int CreateFileHandle(const char *path) {
     if (object->file_handle != 0) return 0;
     if (parent != nullptr && parent->app_id != nullptr) {
         if (parent->hhandle == nullptr) {
-            result = libiusb_housearrest_init(ctx->device_handle, &parent->hhandle);
+            result = StartHouseArrest(ctx, &parent->hhandle);
             if (result != 0) {
                 QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "CreateFileHandle", result);
                 parent->hhandle = nullptr;

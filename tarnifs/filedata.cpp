@@ -1,6 +1,7 @@
 // Open, read, write and release. An open file has no record of its own: the
 // handle's fh is the address of the path's catalogue record, and one device
 // handle on that record serves every FUSE handle open on it.
+#include "tarnifs/connections.h"
 #include "tarnifs/filedata.h"
 
 #include <fcntl.h>
@@ -61,7 +62,7 @@ void dropFolderClient(_KTL_OBJECT *parent) {
 int openFolderClient(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent) {
     if (parent->hhandle != nullptr) return 0;
     std::string app = AppFolderName(path);
-    int result = libiusb_housearrest_init(ctx->device_handle, &parent->hhandle);
+    int result = StartHouseArrest(ctx, &parent->hhandle);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "tarnifs_open", result);
         if (result == LIBIUSB_ERROR_CONNECTION_LOST)

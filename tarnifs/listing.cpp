@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/connections.h"
 #include "tarnifs/listing_pool.h"
 #include "tarnifs/media.h"
 #include "tarnifs/names.h"
@@ -147,7 +148,20 @@ std::string appFolderNameOf(const char *displayName, const char *bundleId) {
 int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir_t filler) {
     sendPipeMsg("-neon");
     libiusb_app_node *list = nullptr;
-    int result = libiusb_instproxy_getAppId(ctx->instproxy_handle, &list);
+    // The installation proxy start-up opened is used once, then each listing
+    // of /Apps opens one of its own and closes it: a proxy kept open would
+    // take one of the few services a phone opens at once, and would be lost
+    // for good with a dropped connection.
+    int result = 0;
+    for (int attempt = 0; attempt < 2; attempt++) {
+        if (ctx->instproxy_handle == nullptr) result = StartInstproxy(ctx, &ctx->instproxy_handle);
+        if (result == 0) result = libiusb_instproxy_getAppId(ctx->instproxy_handle, &list);
+        if (ctx->instproxy_handle != nullptr) {
+            libiusb_instproxy_exit(ctx->instproxy_handle);
+            ctx->instproxy_handle = nullptr;
+        }
+        if (result != LIBIUSB_ERROR_CONNECTION_LOST) break;
+    }
     if (result != 0) {
         QNLog(3, "%s libiusb_instproxy_getAppId failed. error : %d", "enumApps", result);
         sendPipeMsg("-neoff");
@@ -199,7 +213,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
     if (strstr(path, "/Apps") == nullptr || folder->app_id == nullptr) return 0;
 
     libiusb_afc *client = nullptr;
-    int result = libiusb_housearrest_init(ctx->device_handle, &client);
+    int result = StartHouseArrest(ctx, &client);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "enumApps", result);
         return result;
@@ -291,7 +305,7 @@ void refreshListedFolder(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
     libiusb_afc *connection = inStorage ? ctx->afc_handle : folder->hhandle;
     libiusb_afc *ownClient = nullptr;
     if (connection == nullptr && inApp && ctx->device_handle != nullptr) {
-        if (libiusb_housearrest_init(ctx->device_handle, &ownClient) != 0) return;
+        if (StartHouseArrest(ctx, &ownClient) != 0) return;
         if (libiusb_housearrest_openapp(ownClient, folder->app_id) != 0) {
             endHouseArrest(ownClient);
             return;

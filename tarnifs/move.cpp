@@ -3,6 +3,7 @@
 // on the device, and renamed into place in one step; only then is the source
 // removed. A move that fails half-way leaves every source that was not
 // carried whole where it was, and no partial copy behind.
+#include "tarnifs/connections.h"
 #include "tarnifs/move.h"
 
 #include <cstdlib>
@@ -427,7 +428,7 @@ int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *ca
     _KTL_OBJECT *app = FindObject(appFolderOf(path).c_str());
     if (app == nullptr || app->app_id == nullptr) return LIBIUSB_ERROR_APP_NOT_FOUND;
     // A client of its own: the folder connections that open files use stay untouched.
-    int result = libiusb_housearrest_init(ctx->device_handle, &side->afc);
+    int result = StartHouseArrest(ctx, &side->afc);
     if (result != 0) {
         if (otherAppSource)
             QNLog(3, "%s libiusb_housearrest_init failed. error : %d", caller, result);

@@ -1,6 +1,7 @@
 // Make and remove: mkdir, rmdir and unlink in /Storage and inside app folders.
 // The device changes first; the catalogue follows only what the device did,
 // and a removal never reaches further on the device than the one name asked.
+#include "tarnifs/connections.h"
 #include "tarnifs/namespace.h"
 
 #include <algorithm>
@@ -39,7 +40,7 @@ int holdFolderClient(_CONTEXT *ctx, _KTL_OBJECT *folder, const char *appId, cons
                      ClientStep *failed) {
     *failed = ClientStep::None;
     if (folder->hhandle != nullptr) return 0;
-    int result = libiusb_housearrest_init(ctx->device_handle, &folder->hhandle);
+    int result = StartHouseArrest(ctx, &folder->hhandle);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_init failed. error : %d", caller, result);
         folder->hhandle = nullptr;

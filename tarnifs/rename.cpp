@@ -1,6 +1,7 @@
 // Rename dispatch: which renames are device renames, which are moves between
 // areas, and which are refused. The catalogue changes only after the device
 // did; a failed rename leaves both as they were.
+#include "tarnifs/connections.h"
 #include "tarnifs/rename.h"
 
 #include <algorithm>
@@ -176,7 +177,7 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
     // A client of its own, so nothing is shared with the connection that
     // files open in the folder use.
     libiusb_afc *client = nullptr;
-    int result = libiusb_housearrest_init(ctx->device_handle, &client);
+    int result = StartHouseArrest(ctx, &client);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_init failed, ret : %d", "movetoapps", result);
         return result;

@@ -526,27 +526,61 @@ TEST_F(DeviceLayerErrors, InjectedAfcErrorsMapRowByRow) {
     EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/readme.txt", &info), 0);
 }
 
-TEST_F(DeviceLayerErrors, DroppedConnectionIsConnectionLost) {
+TEST_F(DeviceLayerErrors, ADroppedConnectionFailsTheRequestInFlightAndTheNextOpensItAgain) {
     OpenDevice device;
     ASSERT_EQ(device.open(77), 0);
-    uint64_t file = 0;
-    ASSERT_EQ(libiusb_afc_file_open(device.afc, "/general_storage/readme.txt", LIBIUSB_AFC_RDONLY, &file), 0);
+    libiusb_afc *afc = device.afc;
+    uint64_t readme = 0, written = 0;
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/readme.txt", LIBIUSB_AFC_RDONLY, &readme), 0);
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/w.bin", LIBIUSB_AFC_WR, &written), 0);
+    uint32_t done = 0;
+    ASSERT_EQ(libiusb_afc_file_write(afc, written, "abc", 3, 0, &done), 0);
+    libiusb_afc *sandbox = nullptr;
+    ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
+    ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
     libiusb_instproxy *instproxy = nullptr;
     ASSERT_EQ(libiusb_instproxy_init(device.handle, &instproxy), 0);
     ASSERT_EQ(sim.control("drop-now " + udid()), "ok");
 
-    char buffer[100];
-    uint32_t done = 0;
-    int read = libiusb_afc_file_read(device.afc, file, buffer, sizeof buffer, 0, &done);
-    EXPECT_TRUE(read == -32 || read == -30) << read;
+    // The request that meets the dropped connection fails: it is not sent
+    // twice, since it may have been carried out already.
     libiusb_file_info info;
-    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/readme.txt", &info), -32);
+    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), -32);
+    EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), -32);
     libiusb_app_node *apps = nullptr;
     EXPECT_EQ(libiusb_instproxy_getAppId(instproxy, &apps), -32);
     EXPECT_EQ(apps, nullptr);
     libiusb_instproxy_exit(instproxy);
+
+    // The next requests open the connections again, the app's included, and
+    // the files open before go on at their offsets: the written one is not
+    // truncated by being opened again.
+    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), 0);
+    EXPECT_EQ(info.size, 300000u);
+    char buffer[4] = {0};
+    EXPECT_EQ(libiusb_afc_file_read(afc, readme, buffer, 3, 1000, &done), 0);
+    EXPECT_EQ(std::string(buffer, done), "rrr");
+    EXPECT_EQ(libiusb_afc_file_write(afc, written, "def", 3, 3, &done), 0);
+    EXPECT_EQ(libiusb_afc_file_close(afc, written), 0);
+    EXPECT_EQ(readWhole(afc, "/general_storage/w.bin"), "abcdef");
+    EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), 0);
+    struct stat made;
+    EXPECT_EQ(stat((sim.image_dir(0) + "/apps/com.example.notes/Documents/made").c_str(), &made), 0);
     libiusb_device_info block;
-    EXPECT_EQ(libiusb_device_get_info(device.handle, &block), -32);
+    EXPECT_EQ(libiusb_device_get_info(device.handle, &block), 0);
+    EXPECT_EQ(block.location_id, 77u);
+
+    // A handle opened before a drop never reaches a file opened after it,
+    // though the device numbers each connection's handles afresh.
+    ASSERT_EQ(sim.control("drop-now " + udid()), "ok");
+    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), -32);
+    uint64_t later = 0;
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/full/inside.txt", LIBIUSB_AFC_RDONLY, &later), 0);
+    EXPECT_EQ(libiusb_afc_file_read(afc, readme, buffer, 1, 0, &done), 0);
+    EXPECT_EQ(std::string(buffer, done), "r");
+    EXPECT_EQ(libiusb_afc_file_read(afc, later, buffer, 1, 0, &done), 0);
+    EXPECT_EQ(std::string(buffer, done), "x");
+    EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
 }
 
 TEST_F(DeviceLayerErrors, TrustPromptThenAccepted) {

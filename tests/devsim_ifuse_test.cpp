@@ -1,5 +1,6 @@
-// ifuse, an unmodified client, mounts the simulated device; ordinary tools
-// work on the mount and every byte matches the image folder.
+// ifuse, an unmodified client, mounts the simulated device (over a TLS
+// lockdown session, or a plain one with --no-tls); ordinary tools work on the
+// mount and every byte matches the image folder.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -141,6 +142,32 @@ TEST_F(DevsimIfuseTest, DocumentsOfASharingAppMountAndOthersAreRefused) {
   fs::create_directories(refused);
   EXPECT_NE(run_program({"ifuse", "-u", sim_.udid(0), "--documents", "com.example.vault", refused}, &output), 0);
   EXPECT_NE(output.find("InstallationLookupFailed"), std::string::npos) << output;
+}
+
+// The mount needs a session: none once the device forgot the computer, one
+// again after pairing anew; with --no-tls it needs no pairing at all.
+TEST_F(DevsimIfuseTest, MountsWhileTheDeviceAcceptsTheComputerAndWithoutTls) {
+  std::string mnt = scratch_ + "/mnt", output;
+  const std::string udid = sim_.udid(0);
+  ASSERT_EQ(sim_.control("forget-host " + udid), "ok");
+  EXPECT_NE(run_program({"ifuse", "-u", udid, mnt}, &output), 0) << output;
+  run_program({"idevicepair", "-u", udid, "pair"}, &output);
+  EXPECT_NE(output.find("Please accept the trust dialog"), std::string::npos) << output;
+  ASSERT_EQ(sim_.control("trust " + udid), "ok");
+  run({"idevicepair", "-u", udid, "pair"});
+  mount({}, mnt);
+  run({"ls", mnt + "/general_storage"}, &output);
+  EXPECT_EQ(output, "readme.txt\nsub folder\n");
+  run({fusermountProgram(), "-u", mnt});
+  mounted_.clear();
+
+  DevsimImage plain;
+  plain.location_id = 9403;
+  plain.files = {{"media/general_storage/plain.txt", "no tls\n"}};
+  ASSERT_TRUE(sim_.start({plain}, {"--no-tls"})) << sim_.error();
+  mount({}, mnt);
+  run({"cat", mnt + "/general_storage/plain.txt"}, &output);
+  EXPECT_EQ(output, "no tls\n");
 }
 
 }  // namespace

@@ -66,7 +66,7 @@ TEST_F(DevsimUsbmuxTest, StockToolsReachEachImageByItsUdid) {
             0);
 }
 
-TEST_F(DevsimUsbmuxTest, LockdownAnswersValuesAndStartsServicesWithoutTls) {
+TEST_F(DevsimUsbmuxTest, LockdownAnswersValuesAndStartsPlainServicesFromItsTlsSession) {
   DevsimImage phone;
   phone.name = "Values";
   phone.capacity_bytes = 1000000;
@@ -100,32 +100,207 @@ TEST_F(DevsimUsbmuxTest, LockdownAnswersValuesAndStartsServicesWithoutTls) {
   idevice_free(device);
 }
 
-TEST_F(DevsimUsbmuxTest, ServesPairRecordsSoNoPairingIsNeeded) {
-  ASSERT_TRUE(sim_.start({DevsimImage{}})) << sim_.error();
+// The parsed pair record usbmux serves for `udid`, or null.
+plist_t read_pair_record(const std::string& udid) {
   char* record = nullptr;
   uint32_t size = 0;
-  ASSERT_EQ(usbmuxd_read_pair_record(sim_.udid(0).c_str(), &record, &size), 0);
+  if (usbmuxd_read_pair_record(udid.c_str(), &record, &size) < 0) return nullptr;
   plist_t parsed = nullptr;
   plist_from_memory(record, size, &parsed);
   free(record);
-  ASSERT_NE(parsed, nullptr);
-  EXPECT_NE(plist_dict_get_item(parsed, "HostID"), nullptr);
-  EXPECT_NE(plist_dict_get_item(parsed, "SystemBUID"), nullptr);
-  plist_free(parsed);
+  return parsed;
+}
 
+std::string record_text(plist_t record, const char* key) {
+  plist_t node = record ? plist_dict_get_item(record, key) : nullptr;
+  char* text = nullptr;
+  uint64_t length = 0;
+  if (node && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &text);
+  if (node && plist_get_node_type(node) == PLIST_DATA) plist_get_data_val(node, &text, &length);
+  std::string value = text ? (length ? std::string(text, length) : std::string(text)) : "";
+  free(text);
+  return value;
+}
+
+// lockdownd_client_new_with_handshake, then StartService of AFC, as every
+// client does; the first error met.
+lockdownd_error_t handshake_and_start_afc(const std::string& udid) {
+  idevice_t device = nullptr;
+  if (idevice_new(&device, udid.c_str()) != IDEVICE_E_SUCCESS) return LOCKDOWN_E_MUX_ERROR;
+  lockdownd_client_t client = nullptr;
+  lockdownd_error_t result = lockdownd_client_new_with_handshake(device, &client, "devsim-test");
+  lockdownd_service_descriptor_t service = nullptr;
+  if (result == LOCKDOWN_E_SUCCESS) result = lockdownd_start_service(client, "com.apple.afc", &service);
+  if (service) lockdownd_service_descriptor_free(service);
+  if (client) lockdownd_client_free(client);
+  idevice_free(device);
+  return result;
+}
+
+// StartSession with the served record's HostID: whether the device asked for
+// TLS, and whether the connection still answers in plain after StopSession.
+void session_then_plain(const std::string& udid, int& ssl_enabled, bool& plain_after) {
+  ssl_enabled = -1;
+  plain_after = false;
+  plist_t record = read_pair_record(udid);
+  std::string host_id = record_text(record, "HostID");
+  plist_free(record);
+  idevice_t device = nullptr;
+  ASSERT_EQ(idevice_new(&device, udid.c_str()), IDEVICE_E_SUCCESS);
+  lockdownd_client_t client = nullptr;
+  ASSERT_EQ(lockdownd_client_new(device, &client, "devsim-test"), LOCKDOWN_E_SUCCESS);
+  char* session = nullptr;
+  EXPECT_EQ(lockdownd_start_session(client, host_id.c_str(), &session, &ssl_enabled), LOCKDOWN_E_SUCCESS);
+  if (session) {
+    EXPECT_EQ(lockdownd_stop_session(client, session), LOCKDOWN_E_SUCCESS);
+  }
+  free(session);
+  plist_t value = nullptr;
+  plain_after = lockdownd_get_value(client, nullptr, "DeviceName", &value) == LOCKDOWN_E_SUCCESS;
+  plist_free(value);
+  lockdownd_client_free(client);
+  idevice_free(device);
+}
+
+TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilTheDeviceForgetsIt) {
+  std::string dir = makeTempDir("devsim-pairing-");
+  ASSERT_FALSE(dir.empty());
+  DevsimImage image;
+  image.udid = "9a1e0000000000000000000000000000000094a1";
+  image.location_id = 9401;
+  ASSERT_TRUE(write_devsim_image(dir + "/image", image));
+  ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"})) << sim_.error();
+
+  plist_t record = read_pair_record(image.udid);
+  ASSERT_NE(record, nullptr);
+  for (const char* key :
+       {"HostCertificate", "HostPrivateKey", "RootCertificate", "RootPrivateKey", "DeviceCertificate"}) {
+    EXPECT_EQ(record_text(record, key).rfind("-----BEGIN ", 0), 0u) << key;
+  }
   char* buid = nullptr;
   ASSERT_EQ(usbmuxd_read_buid(&buid), 0);
-  EXPECT_NE(std::string(buid), "");
+  EXPECT_EQ(record_text(record, "SystemBUID"), buid);
   free(buid);
+  EXPECT_NE(record_text(record, "HostID"), "");
+  std::string served = record_text(record, "HostID") + record_text(record, "RootCertificate");
+  plist_free(record);
 
-  EXPECT_LT(usbmuxd_read_pair_record("unknown-device", &record, &size), 0);
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
+  int ssl_enabled = -1;
+  bool plain_after = false;
+  session_then_plain(image.udid, ssl_enabled, plain_after);
+  EXPECT_EQ(ssl_enabled, 1);
+  EXPECT_TRUE(plain_after) << sim_.log();
+
+  // A restart serves the same pairing, and the device still accepts it.
+  ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"})) << sim_.error();
+  record = read_pair_record(image.udid);
+  EXPECT_EQ(record_text(record, "HostID") + record_text(record, "RootCertificate"), served);
+  plist_free(record);
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
+
+  // Forgotten: usbmux still serves the record, the handshake refuses it.
+  EXPECT_EQ(sim_.control("forget-host " + image.udid), "ok");
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SSL_ERROR);
+  record = read_pair_record(image.udid);
+  EXPECT_NE(record, nullptr);
+  plist_free(record);
+  // Unpaired: no record, and a client must pair.
+  EXPECT_EQ(sim_.control("unpaired " + image.udid), "ok");
+  EXPECT_EQ(read_pair_record(image.udid), nullptr);
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING);
+
+  // --no-tls: plain sessions on a made-up record, whatever the image holds.
+  ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"}, {"--no-tls"})) << sim_.error();
+  record = read_pair_record(image.udid);
+  EXPECT_NE(record_text(record, "HostID"), "");
+  EXPECT_EQ(record_text(record, "RootCertificate"), "");
+  plist_free(record);
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
+  session_then_plain(image.udid, ssl_enabled, plain_after);
+  EXPECT_EQ(ssl_enabled, 0);
+  EXPECT_TRUE(plain_after);
+  EXPECT_EQ(sim_.control("trust " + image.udid).rfind("error: ", 0), 0u);
+
+  // Records for ids that are no device's are kept as given.
+  char* saved_back = nullptr;
+  uint32_t size = 0;
   const char saved[] = "saved record";
   ASSERT_EQ(usbmuxd_save_pair_record("unknown-device", saved, sizeof saved), 0);
-  ASSERT_EQ(usbmuxd_read_pair_record("unknown-device", &record, &size), 0);
-  EXPECT_EQ(std::string(record, size), std::string(saved, sizeof saved));
-  free(record);
+  ASSERT_EQ(usbmuxd_read_pair_record("unknown-device", &saved_back, &size), 0);
+  EXPECT_EQ(std::string(saved_back, size), std::string(saved, sizeof saved));
+  free(saved_back);
   ASSERT_EQ(usbmuxd_delete_pair_record("unknown-device"), 0);
-  EXPECT_LT(usbmuxd_read_pair_record("unknown-device", &record, &size), 0);
+  EXPECT_LT(usbmuxd_read_pair_record("unknown-device", &saved_back, &size), 0);
+  EXPECT_TRUE(sim_.stop()) << sim_.error();
+  removeTree(dir);
+}
+
+// idevicepair and ideviceinfo, unmodified, through a trust prompt, a denial,
+// a passcode lock and a device that forgot the computer; then with --no-tls,
+// where the made-up record needs no pairing.
+TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAsOnAPhone) {
+  if (!have_program("idevicepair") || !have_program("ideviceinfo"))
+    GTEST_SKIP() << "idevicepair/ideviceinfo (libimobiledevice-utils) not installed";
+  DevsimImage phone;
+  phone.name = "Pairing Phone";
+  phone.location_id = 9402;
+  phone.udid = "9a1e0000000000000000000000000000000094a2";
+  ASSERT_TRUE(sim_.start({phone})) << sim_.error();
+  const std::string udid = phone.udid;
+  const std::string pending = "Please accept the trust dialog", denied = "the user denied the trust dialog",
+                    paired = "SUCCESS: Paired", valid = "SUCCESS: Validated", passcode = "a passcode is set",
+                    not_paired = "is not paired with this host", unpaired = "SUCCESS: Unpaired";
+  struct Step {
+    const char* control;  // sent first when not null
+    std::vector<std::string> tool;
+    int status;
+    std::string says;
+  };
+  const std::vector<Step> steps = {
+      {nullptr, {"idevicepair", "validate"}, 0, valid},
+      {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 0, "Pairing Phone\n"},
+      // A new computer: the prompt until the user answers, on every try.
+      {"unpaired", {"ideviceinfo", "-k", "DeviceName"}, 255, "Pairing dialog response pending (-19)"},
+      {nullptr, {"idevicepair", "pair"}, 1, pending},
+      {nullptr, {"idevicepair", "pair"}, 1, pending},
+      {"deny", {"idevicepair", "pair"}, 1, denied},
+      {nullptr, {"idevicepair", "pair"}, 1, denied},
+      {"trust", {"idevicepair", "pair"}, 0, paired},
+      {nullptr, {"idevicepair", "validate"}, 0, valid},
+      {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 0, "Pairing Phone\n"},
+      // Locked: pairing and sessions wait for the passcode.
+      {"lock", {"idevicepair", "validate"}, 1, passcode},
+      {nullptr, {"idevicepair", "pair"}, 1, passcode},
+      {"unlock", {"idevicepair", "validate"}, 0, valid},
+      // Forgotten: the stored record no longer opens a session.
+      {"forget-host", {"idevicepair", "validate"}, 1, "error code -5"},
+      {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 255, "SSL error (-5)"},
+      {nullptr, {"idevicepair", "unpair"}, 1, not_paired},
+      {nullptr, {"idevicepair", "pair"}, 1, pending},
+      {"trust", {"idevicepair", "pair"}, 0, paired},
+      {nullptr, {"idevicepair", "unpair"}, 0, unpaired},
+      // Unpaired from the host: no record left, so validating pairs anew.
+      {nullptr, {"idevicepair", "validate"}, 1, pending},
+  };
+  auto play = [&](const std::vector<Step>& steps) {
+    for (size_t i = 0; i < steps.size(); ++i) {
+      const Step& step = steps[i];
+      if (step.control) {
+        ASSERT_EQ(sim_.control(std::string(step.control) + " " + udid), "ok") << step.control;
+      }
+      std::vector<std::string> argv = step.tool;
+      argv.insert(argv.begin() + 1, {"-u", udid});
+      std::string output;
+      EXPECT_EQ(run_program(argv, &output, 60), step.status) << "step " << i << ": " << output;
+      EXPECT_NE(output.find(step.says), std::string::npos) << "step " << i << ": " << output;
+    }
+  };
+  play(steps);
+  ASSERT_TRUE(sim_.start({phone}, {"--no-tls"})) << sim_.error();
+  play({{nullptr, {"idevicepair", "validate"}, 0, valid},
+        {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 0, "Pairing Phone\n"},
+        {"lock", {"idevicepair", "validate"}, 1, passcode}});
 }
 
 TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {

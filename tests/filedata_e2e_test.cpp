@@ -286,11 +286,15 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     }));
     EXPECT_EQ(shortened, longBytes.substr(0, 100));
 
-    // The connection drops while a file is being read. The kernel may have
-    // several reads in flight: each one fails the same way.
+    // The connection drops while a file is being read: the read that meets
+    // it fails; the kernel may have been reading ahead, and the reads after
+    // it open the connection again. Whatever cp calls a copy is the device's.
     ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1048576"), "ok");
-    EXPECT_TRUE(answers([&] { return runStatus({"cp", inMount("/Storage/big.bin"), tempDir + "/big.out"}); }));
-    EXPECT_NE(readLocal(tempDir + "/big.out"), original);
+    int copied = -1;
+    EXPECT_TRUE(answers([&] { return copied = runStatus({"cp", inMount("/Storage/big.bin"), tempDir + "/big.out"}); }));
+    if (copied == 0) {
+        EXPECT_TRUE(readLocal(tempDir + "/big.out") == original) << "cp succeeded with other bytes";
+    }
     expectNewDialogsSay(&seen, "Lost USB connection.\nReading aborted.");
     EXPECT_GE(mount.countLog("tarnifs_read libiusb_afc_file_read fail. Err=-32, path(/Storage/big.bin)"), 1);
     EXPECT_EQ(readLocal(storageImage() + "/big.bin"), original) << "the device file is whole where it was";

@@ -124,6 +124,8 @@ protected:
         phone.name = "Media Phone";
         phone.location_id = locationId;
         phone.ios_version = iosVersion;
+        phone.udid = "00008101-" + std::string(15, '0') + std::to_string(locationId);
+        udid = phone.udid;
         imageDir = tempDir + "/image";
         std::string error;
         ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
@@ -150,6 +152,7 @@ protected:
     }
 
     std::string imageDir;
+    std::string udid;
 };
 
 const std::vector<std::string> kPhotoRoot = {"Camera Roll", "Trip",        "Trip (2)",  "My Panoramas",
@@ -319,6 +322,12 @@ TEST_F(MediaTest, MusicPodcastsMoviesAndVoiceMemosAreNamedByArtistTitleAndLabel)
     EXPECT_EQ(st.st_mtime, 978307200 + 400000000);
     EXPECT_TRUE(logHas("enumMedia file : (AAAI.mp3), database file size : "));
     EXPECT_TRUE(logHas("enumMedia getUTF8MACName failed."));
+
+    // The media connection drops with the phone still attached: the read that
+    // meets the drop may fail, the next one opens the connection again.
+    ASSERT_EQ(sim.control("drop-now " + udid), "ok");
+    runProgram({"cat", inMount("/Media/Podcast/Pod-Episode 1.mp3")});
+    expectSameBytes("/Media/Podcast/Pod-Episode 1.mp3", "iTunes_Control/Music/F03/AAAM.mp3");
 }
 
 // Broken and missing databases: /Media still lists, each failure is logged,

@@ -281,9 +281,10 @@ TEST_F(NamespaceTest, ADeviceFailureIsShownAndLeavesTheCatalogueAsItWas) {
               1);
     EXPECT_TRUE(listed(inMount("/Storage"), "keep.txt"));
     EXPECT_EQ(statError(inMount("/Storage/keep.txt")), 0);
-    EXPECT_NE(mkdir(inMount("/Storage/later").c_str(), 0755), 0);
-    expectDialog(&seen, "Lost USB connection.\nDirectory making aborted.", "error");
     EXPECT_TRUE(exists(storageImage() + "/keep.txt"));
+    // The device is still attached: the next request opens the connection again.
+    EXPECT_EQ(mkdir(inMount("/Storage/later").c_str(), 0755), 0) << strerror(errno);
+    EXPECT_TRUE(isFolder(storageImage() + "/later"));
 }
 
 TEST_F(NamespaceTest, AFileAlreadyGoneOnTheDeviceIsRemovedWithoutADialog) {

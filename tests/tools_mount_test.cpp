@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -35,6 +36,7 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kQuorvel = quorvelProgram();
+const std::string kDbusDaemon = "/usr/bin/dbus-daemon";
 
 int runQuorvel(const std::vector<std::string> &args, std::string *output) {
     std::vector<std::string> argv = {kQuorvel};
@@ -351,9 +353,11 @@ protected:
             kill(watcher, SIGTERM);
             waitpid(watcher, nullptr, 0);
         }
-        for (pid_t helper : helpers) {
-            kill(helper, SIGTERM);
-            waitpid(helper, nullptr, 0);
+        // Last started, first ended: a file manager before its display and bus.
+        for (auto helper = helpers.rbegin(); helper != helpers.rend(); ++helper) {
+            if (*helper <= 0) continue;  // kill(-1) would reach every process
+            kill(*helper, SIGTERM);
+            waitpid(*helper, nullptr, 0);
         }
         std::error_code error;
         for (const auto &entry : fs::directory_iterator(watchFolder, error))
@@ -374,6 +378,31 @@ protected:
     }
     bool waitUntilSaid(const std::string &text) {
         return eventually([&] { return said(text); }, 120);
+    }
+    // A private session bus, as dbus-run-session gives one, but one that
+    // starts no service on demand (a file manager would have it start its
+    // settings daemon): every process on it is one the test started and
+    // ends. Its address, or "" when it did not come up.
+    std::string startSessionBus() {
+        const std::string socket = folder + "/bus", config = folder + "/bus.conf";
+        std::ofstream(config) << "<busconfig><type>session</type><listen>unix:path=" << socket
+                              << "</listen><auth>EXTERNAL</auth><policy context='default'>"
+                                 "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/>"
+                                 "<allow own='*'/></policy></busconfig>";
+        helpers.push_back(startProgram({kDbusDaemon, "--nofork", "--config-file=" + config}, folder + "/bus.out"));
+        if (!eventually([&] { return fs::exists(socket); }, 30)) return "";
+        return "unix:path=" + socket;
+    }
+    // `quorvel watch` without --dir, so in the folder it says file managers
+    // list, ~/Devices, with HOME a test folder and notices sent on `bus`.
+    void watchInHome(const std::string &bus) {
+        const char *home = getenv("HOME");
+        saved.push_back({"HOME", home != nullptr ? home : ""});
+        setenv("HOME", (folder + "/home").c_str(), 1);
+        watchFolder = folder + "/home/Devices";
+        setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+        watcher = startProgram({kQuorvel, "watch"}, watchLog);
+        unsetenv("DBUS_SESSION_BUS_ADDRESS");
     }
 
     std::string watchFolder, watchLog, runtimeFolder;
@@ -422,8 +451,13 @@ TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     std::ofstream(folder + "/up.txt") << "hello";
     ASSERT_EQ(run_program({"/bin/cp", folder + "/up.txt", betaPoint + "/Storage/up.txt"}), 0);
     ASSERT_TRUE(waitUntilSaid("Copied 1 file (5 bytes) to Beta Phone")) << readLocal(watchLog);
+    // Long work shows a "Working on" notice; short work shows none.
+    EXPECT_EQ(sortedNames(alphaPoint + "/Apps"), std::vector<std::string>{});
+    ASSERT_EQ(sim.control("latency-us 1500000"), "ok");
     EXPECT_EQ(sortedNames(betaPoint + "/Apps"), std::vector<std::string>{});
+    ASSERT_EQ(sim.control("latency-us 0"), "ok");
     ASSERT_TRUE(waitUntilSaid("Working on Beta Phone…")) << readLocal(watchLog);
+    EXPECT_EQ(timesSaid("Working on"), 1u) << readLocal(watchLog);
     EXPECT_EQ(timesSaid("Copied 3 files"), 1u) << readLocal(watchLog);
     EXPECT_EQ(timesSaid("Copied "), 2u) << readLocal(watchLog);
     EXPECT_EQ(readLocal(betaPoint + "/Storage/beta.txt"), "Beta Phone");
@@ -483,28 +517,19 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
 #ifndef QUORVEL_TEST_HAVE_GIO
     GTEST_SKIP() << "GIO (libglib2.0-dev) is missing: no notification service to answer libnotify";
 #else
-    const std::string daemon = "/usr/bin/dbus-daemon", monitor = "/usr/bin/dbus-monitor";
-    if (access(daemon.c_str(), X_OK) != 0 || access(monitor.c_str(), X_OK) != 0)
+    const std::string monitor = "/usr/bin/dbus-monitor";
+    if (access(kDbusDaemon.c_str(), X_OK) != 0 || access(monitor.c_str(), X_OK) != 0)
         GTEST_SKIP() << "dbus-daemon or dbus-monitor is missing (Debian package dbus)";
     ASSERT_TRUE(sim.start({phone("Gamma Phone", 9303, {"g1.txt", "g2.txt"})})) << sim.error();
 
-    // A private session bus, as dbus-run-session gives one.
-    const std::string bus = "unix:path=" + folder + "/bus";
-    helpers.push_back(startProgram({daemon, "--session", "--nofork", "--address=" + bus}, folder + "/bus.out"));
-    ASSERT_TRUE(eventually([&] { return fs::exists(folder + "/bus"); }, 30)) << readLocal(folder + "/bus.out");
+    const std::string bus = startSessionBus();
+    ASSERT_NE(bus, "") << readLocal(folder + "/bus.out");
     const std::string calls = folder + "/monitor.out";
     helpers.push_back(startProgram({monitor, "--address", bus, "interface='org.freedesktop.Notifications'"}, calls));
     ASSERT_TRUE(eventually([&] { return readLocal(calls).find("NameAcquired") != std::string::npos; }, 30));
     NotificationServer server;
     ASSERT_TRUE(server.start(bus));
-    // Without --dir, in the folder it says file managers list: ~/Devices.
-    const char *home = getenv("HOME");
-    saved.push_back({"HOME", home != nullptr ? home : ""});
-    setenv("HOME", (folder + "/home").c_str(), 1);
-    watchFolder = folder + "/home/Devices";
-    setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
-    watcher = startProgram({kQuorvel, "watch"}, watchLog);
-    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    watchInHome(bus);
     ASSERT_GT(watcher, 0);
 
     auto notified = [&](const std::string &text) {
@@ -523,7 +548,9 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
     }
     ASSERT_EQ(run_program({"/bin/cp", "-r", point + "/Storage", folder + "/gamma-copy"}), 0);
     EXPECT_TRUE(notified("Copied 2 files (22 bytes) from Gamma Phone")) << readLocal(calls);
+    ASSERT_EQ(sim.control("latency-us 1500000"), "ok");
     sortedNames(point + "/Apps");
+    ASSERT_EQ(sim.control("latency-us 0"), "ok");
     EXPECT_TRUE(notified("Working on Gamma Phone…")) << readLocal(calls);
     waitForQueuedReleases(point);
     ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
@@ -541,6 +568,137 @@ TEST_F(QuorvelWatchCommand, NoticesReachTheDesktopsNotificationService) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readLocal(watchLog);
     server.stop();
 #endif
+}
+
+// Where a window is on the screen, as xwininfo tells it.
+struct ScreenArea {
+    int x = 0, y = 0, width = 0, height = 0;
+    bool viewable = false;
+};
+
+ScreenArea windowNamed(const std::string &display, const std::string &name) {
+    ScreenArea area;
+    std::string out;
+    if (run_program({"/usr/bin/xwininfo", "-display", display, "-name", name}, &out, 60) != 0) return area;
+    auto number = [&](const std::string &label) {
+        size_t at = out.find(label);
+        return at == std::string::npos ? 0 : atoi(out.c_str() + at + label.size());
+    };
+    area.x = number("Absolute upper-left X:");
+    area.y = number("Absolute upper-left Y:");
+    area.width = number("Width:");
+    area.height = number("Height:");
+    area.viewable = out.find("Map State: IsViewable") != std::string::npos;
+    return area;
+}
+
+// Saves a screenshot of the whole screen at `shot` and returns what
+// tesseract reads in `area` of it, enlarged three times first: a side
+// panel's small type reads badly at its own size.
+std::string textOnScreen(const std::string &display, const std::string &shot, const ScreenArea &area,
+                         const std::string &scratch) {
+    std::string output;
+    if (run_program({"/usr/bin/import", "-display", display, "-window", "root", shot}, &output, 60) != 0) return "";
+    const std::string geometry = std::to_string(area.width) + "x" + std::to_string(area.height) + "+" +
+                                 std::to_string(area.x) + "+" + std::to_string(area.y);
+    const std::string cut = scratch + "/area.png";
+    if (run_program({"/usr/bin/convert", shot, "-crop", geometry, "+repage", "-resize", "300%", "-colorspace", "Gray",
+                     cut},
+                    &output, 60) != 0)
+        return "";
+    if (run_program({"/usr/bin/tesseract", cut, "stdout"}, &output, 60) != 0) return "";
+    return output;
+}
+
+// A real file manager on a virtual screen lists the phone the watcher
+// mounted in ~/Devices among its devices. What is checked is what a person
+// sees: tesseract reads the side panel off a screenshot, so the check fails
+// whenever the name is not drawn there (no mount, a hidden one, a panel
+// that does not list it).
+TEST_F(QuorvelWatchCommand, AFileManagerShowsThePhoneInItsSidePanelUntilItIsUnplugged) {
+    const std::vector<std::pair<std::string, std::string>> tools = {
+        {"/usr/bin/Xvfb", "xvfb"},          {"/usr/bin/thunar", "thunar"},
+        {"/usr/bin/import", "imagemagick"}, {"/usr/bin/convert", "imagemagick"},
+        {"/usr/bin/tesseract", "tesseract-ocr"}, {"/usr/bin/xwininfo", "x11-utils"},
+        {kDbusDaemon, "dbus"}};
+    for (const auto &tool : tools)
+        if (access(tool.first.c_str(), X_OK) != 0)
+            GTEST_SKIP() << tool.first << " is missing (Debian package " << tool.second << ")";
+    ASSERT_TRUE(sim.start({phone("Delta Phone", 9451, {"d.txt"})})) << sim.error();
+
+    // A screen on a free display: Xvfb picks the number and writes it out.
+    const std::string screenLog = folder + "/xvfb.out";
+    helpers.push_back(startProgram(
+        {"/usr/bin/Xvfb", "-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten", "tcp"}, screenLog));
+    std::string display;
+    ASSERT_TRUE(eventually(
+        [&] {
+            std::istringstream lines(readLocal(screenLog));
+            for (std::string line; std::getline(lines, line) && !lines.eof();)
+                if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) display = ":" + line;
+            return !display.empty();
+        },
+        60))
+        << readLocal(screenLog);
+
+    const std::string bus = startSessionBus();
+    ASSERT_NE(bus, "") << readLocal(folder + "/bus.out");
+    watchInHome(bus);
+    ASSERT_GT(watcher, 0);
+    const std::string home = folder + "/home", point = watchFolder + "/Delta Phone";
+    ASSERT_TRUE(eventually([&] { return isFuseMountPoint(point); }, 120)) << readLocal(watchLog);
+
+    // Thunar as the user starts it, on the home folder, keeping its settings
+    // in that home; in English, the words the check reads.
+    const std::string thunarLog = folder + "/thunar.out";
+    helpers.push_back(startProgram({"/usr/bin/env", "LC_ALL=C.UTF-8", "DISPLAY=" + display,
+                                    "DBUS_SESSION_BUS_ADDRESS=" + bus, "XDG_CONFIG_HOME=" + home + "/.config",
+                                    "XDG_CACHE_HOME=" + home + "/.cache", "XDG_DATA_HOME=" + home + "/.local/share",
+                                    "NO_AT_BRIDGE=1", "/usr/bin/thunar", home},
+                                   thunarLog));
+    ScreenArea window;
+    ASSERT_TRUE(eventually(
+        [&] {
+            window = windowNamed(display, "home - Thunar");
+            if (!window.viewable) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            return window.viewable;
+        },
+        120))
+        << readLocal(thunarLog);
+    // The side panel is the left part of the window; the folder view, which
+    // shows the Devices folder, stays out of what is read.
+    ScreenArea panel = window;
+    panel.width = window.width / 4;
+
+    const std::string artifacts = QUORVEL_TEST_ARTIFACTS;
+    fs::create_directories(artifacts);
+    const std::string shot = artifacts + "/file-manager-side-panel.png";
+    std::string text;
+    bool listed = eventually(
+        [&] {
+            text = textOnScreen(display, shot, panel, folder);
+            return text.find("Delta Phone") != std::string::npos;
+        },
+        120);
+    std::cout << "Screenshot of the file manager: " << shot << "\n";
+    EXPECT_TRUE(listed) << "tesseract read in the side panel:\n" << text;
+    EXPECT_GT(text.find("Delta Phone"), text.find("Devices")) << "listed among the devices:\n" << text;
+
+    // Unplugged: the mount and its folder go, and so does the panel's entry
+    // (the panel still read, so the check is not passed by a blank screen).
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    ASSERT_TRUE(waitUntilSaid("Delta Phone was unplugged; removed " + point + ".")) << readLocal(watchLog);
+    EXPECT_FALSE(isFuseMountPoint(point));
+    std::error_code error;
+    EXPECT_FALSE(fs::exists(fs::symlink_status(point, error))) << "the folder of the unplugged phone is removed";
+    const std::string after = artifacts + "/file-manager-after-unplug.png";
+    EXPECT_TRUE(eventually(
+        [&] {
+            text = textOnScreen(display, after, panel, folder);
+            return text.find("Delta Phone") == std::string::npos && text.find("File System") != std::string::npos;
+        },
+        120))
+        << "tesseract read in the side panel of " << after << ":\n" << text;
 }
 
 TEST_F(QuorvelMountCommand, EveryCommandExplainsItself) {

@@ -52,6 +52,9 @@ constexpr int kStopGraceSeconds = 30;
 // Quiet on the tray pipe this long ends a burst: the transfers so far become
 // one summary, and a "Working on" notice whose work ended is closed.
 constexpr int kBurstQuietSeconds = 2;
+// Work that ends sooner than this shows no "Working on" notice: a notice that
+// flashes up and goes for every short listing only distracts.
+constexpr int kBusyNoticeAfterMilliseconds = 1000;
 
 void printWatchUsage(FILE *out) {
     fprintf(out,
@@ -94,8 +97,11 @@ struct WatchedDevice {
     int pipeFd = -1;
     std::string pipeStream;
     int busyDepth = 0;
-    void *workingNotice = nullptr;  // shown while work runs; null when none
-    Clock::time_point busyEnded;
+    // The "Working on" notice of the work running now: whether it was said,
+    // and the desktop's handle to close it by (null on standard error).
+    bool workingSaid = false;
+    void *workingNotice = nullptr;
+    Clock::time_point busySince, busyEnded;
     uint64_t filesRead = 0, bytesRead = 0, filesWritten = 0, bytesWritten = 0;
     Clock::time_point lastTransfer;
 };
@@ -332,8 +338,7 @@ void readPipe(WatchedDevice &device) {
     takePipeMessages(device.pipeStream, &messages);
     for (const PipeMessage &message : messages) {
         if (message.kind == PipeMessageKind::BusyOn) {
-            if (++device.busyDepth == 1 && device.workingNotice == nullptr)
-                device.workingNotice = notice("Working on " + shownName(device) + "…", "", true);
+            if (++device.busyDepth == 1) device.busySince = Clock::now();
         } else if (message.kind == PipeMessageKind::BusyOff) {
             if (device.busyDepth > 0 && --device.busyDepth == 0) device.busyEnded = Clock::now();
         } else if (message.kind == PipeMessageKind::Transfer) {
@@ -352,10 +357,18 @@ void readPipe(WatchedDevice &device) {
 // Ends bursts that have gone quiet.
 void settlePipe(WatchedDevice &device) {
     auto quiet = std::chrono::seconds(kBurstQuietSeconds);
+    if (device.busyDepth > 0 && !device.workingSaid &&
+        Clock::now() - device.busySince >= std::chrono::milliseconds(kBusyNoticeAfterMilliseconds)) {
+        device.workingNotice = notice("Working on " + shownName(device) + "…", "", true);
+        device.workingSaid = true;
+    }
     if ((device.filesRead > 0 || device.filesWritten > 0) && Clock::now() - device.lastTransfer >= quiet)
         flushTransfers(device);
-    if (device.workingNotice != nullptr && device.busyDepth == 0 && Clock::now() - device.busyEnded >= quiet)
+    if (device.workingSaid && device.busyDepth == 0 && Clock::now() - device.busyEnded >= quiet) {
         closeNotice(device.workingNotice);
+    device.workingSaid = false;
+        device.workingSaid = false;
+    }
 }
 
 void closePipe(WatchedDevice &device) {

@@ -1,0 +1,60 @@
+// Room for new device services under the device's service limit.
+#include "tarnifs/connections.h"
+
+#include "tarnifs/catalogue.h"
+#include "tarnifs/listing_pool.h"
+#include "util/log.h"
+
+namespace {
+
+// A folder inside an app keeps the house-arrest client its last operation
+// used; with nothing open in it, no one is using it now.
+size_t closeIdleFolderClients(_KTL_OBJECT *folder) {
+    size_t closed = 0;
+    if (folder->hhandle != nullptr && folder->open_count == 0) {
+        libiusb_housearrest_exit(folder->hhandle);
+        folder->hhandle = nullptr;
+        closed++;
+    }
+    for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next) {
+        _KTL_OBJECT *child = ObjectFromSibling(link);
+        if (child->mode == KTL_MODE_FOLDER) closed += closeIdleFolderClients(child);
+    }
+    return closed;
+}
+
+} // namespace
+
+size_t CloseIdleConnections(_CONTEXT *ctx) {
+    size_t closed = ctx->listing_afc_handles.size();
+    closeStorageListingConnections(ctx);
+    if (ctx->instproxy_handle != nullptr) {
+        libiusb_instproxy_exit(ctx->instproxy_handle);
+        ctx->instproxy_handle = nullptr;
+        closed++;
+    }
+    _KTL_OBJECT *apps = FindObject("/Apps");
+    if (apps != nullptr) closed += closeIdleFolderClients(apps);
+    if (closed > 0) QNLog(3, "%s closed %zu idle connections: the device opens no more services", "CloseIdleConnections", closed);
+    return closed;
+}
+
+namespace {
+
+template <typename Start>
+int startWithRoom(_CONTEXT *ctx, Start start) {
+    if (ctx == nullptr || ctx->device_handle == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    int result = start();
+    if (result == LIBIUSB_ERROR_SERVICE_LIMIT && CloseIdleConnections(ctx) > 0) result = start();
+    return result;
+}
+
+} // namespace
+
+int StartHouseArrest(_CONTEXT *ctx, libiusb_afc **out) {
+    return startWithRoom(ctx, [&] { return libiusb_housearrest_init(ctx->device_handle, out); });
+}
+
+int StartInstproxy(_CONTEXT *ctx, libiusb_instproxy **out) {
+    return startWithRoom(ctx, [&] { return libiusb_instproxy_init(ctx->device_handle, out); });
+}
