@@ -207,9 +207,11 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
             // a file dropped from the cache meanwhile is made again here.
             uint64_t size = 0;
             std::string file;
-            int fd = AwaitJpegView(object->device_path, &size, &file) == 0
-                         ? open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)
-                         : -1;
+            int fd = -1;
+            if (AwaitJpegView(object->device_path, &size, &file, true) == 0) {
+                fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+                ReleaseJpegView(object->device_path);  // the open file keeps its bytes
+            }
             if (fd < 0) {
                 ShowMessageBox(kMsgError, "Could not convert a photo to JPEG.\n%s", path);
                 return -EIO;

@@ -174,8 +174,8 @@ bool writePrivateFile(const std::string &path, const std::string &bytes) {
 }
 
 // Drops the least recently used files until the cache is within its bound;
-// `keep` (just made) stays. Lock held. An open view keeps its bytes: its
-// handle holds the file.
+// `keep` (just made) and the files requests wait for or hold stay. Lock
+// held. An open view keeps its bytes: its handle holds the file.
 void trimCache(Converter &c, const std::string &keep) {
     while (c.cached_bytes > c.bound) {
         View *oldest = nullptr;
@@ -440,7 +440,7 @@ uint64_t KnownJpegViewSize(const std::string &devicePath) {
     return found != c->views.end() ? found->second.size : 0;
 }
 
-int AwaitJpegView(const std::string &devicePath, uint64_t *size, std::string *file) {
+int AwaitJpegView(const std::string &devicePath, uint64_t *size, std::string *file, bool pin) {
     Converter *c = gConverter;
     if (c == nullptr) return -EIO;
     std::unique_lock<std::mutex> guard(c->lock);
@@ -462,10 +462,25 @@ int AwaitJpegView(const std::string &devicePath, uint64_t *size, std::string *fi
         if (view.state == ViewState::idle) enqueue(*c, devicePath, true);
         c->changed.wait(guard);
     }
-    view.waiters--;
-    if (!view.cached) return -EIO;
+    if (!view.cached) {
+        view.waiters--;
+        return -EIO;
+    }
     view.last_use = ++c->clock;
     *size = view.size;
     *file = cacheFileOf(*c, view);
+    if (!pin) {
+        view.waiters--;
+        trimCache(*c, std::string());  // what waiters kept past the bound
+    }
     return 0;
+}
+
+void ReleaseJpegView(const std::string &devicePath) {
+    Converter *c = gConverter;
+    if (c == nullptr) return;
+    std::lock_guard<std::mutex> guard(c->lock);
+    View &view = c->views[devicePath];
+    if (view.waiters > 0) view.waiters--;
+    trimCache(*c, std::string());
 }

@@ -49,5 +49,7 @@ uint64_t KnownJpegViewSize(const std::string &devicePath);
 // Converts the view now (ahead of the background work) unless it is in the
 // cache, and waits for it. Never call with the global lock held on a path
 // that other requests wait for: it may take a second. 0 with *size and *file
-// (the cached JPEG) set, or -EIO (logged).
-int AwaitJpegView(const std::string &devicePath, uint64_t *size, std::string *file);
+// (the cached JPEG) set, or -EIO (logged). With `pin`, the file stays in the
+// cache until ReleaseJpegView, so that it can be opened or copied.
+int AwaitJpegView(const std::string &devicePath, uint64_t *size, std::string *file, bool pin = false);
+void ReleaseJpegView(const std::string &devicePath);

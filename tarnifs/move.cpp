@@ -386,9 +386,10 @@ int moveEntry(const MoveRun &run, const char *from, const char *to) {
         // folder, not the HEIC on the device; the still stays.
         uint64_t converted = 0;
         std::string file;
-        if (AwaitJpegView(record->device_path, &converted, &file) != 0) return LIBIUSB_ERROR_IO;
+        if (AwaitJpegView(record->device_path, &converted, &file, true) != 0) return LIBIUSB_ERROR_IO;
         int uploaded = uploadfile(ctx, file.substr(strlen(ctx->work_dir)).c_str(), devicePathOf(to).c_str(),
                                   run.target.afc, false);
+        ReleaseJpegView(record->device_path);
         if (uploaded != 0) return uploaded;
         recordTarget(run, to, KTL_MODE_FILE, converted);
         takeFreeSpace(ctx, converted);

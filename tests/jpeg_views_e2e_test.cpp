@@ -180,7 +180,7 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     EXPECT_EQ(readLocal(storageImage() + "/IMG_0001.JPG"), readLocal(copy + "/IMG_0001.JPG"));
     ASSERT_EQ(unmountDevice(), 0);
 
-    // A cache bound of nothing keeps only the JPEG made last: every other
+    // A cache bound of nothing keeps at most the JPEG made last: every other
     // one is dropped as the next is made (those open keep their bytes), and
     // made again, the same, when asked for again.
     mount.extraEnvironment.push_back("QUORVEL_JPEG_CACHE_MB=0");
@@ -197,7 +197,7 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     for (const Still &still : kStills)
         EXPECT_EQ(readLocal(recopy + "/" + still.shown), readLocal(copy + "/" + still.shown)) << still.shown;
     EXPECT_EQ(readLocal(recopy + "/again.JPG"), readLocal(copy + "/IMG_0003.JPG"));
-    EXPECT_EQ(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 1u);
+    EXPECT_LE(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 1u);
 }
 
 } // namespace
