@@ -41,4 +41,11 @@ if [ -e /dev/fuse ]; then
 else
   echo "left out: the media listing, hostile listing and service limit benchmarks need /dev/fuse"
 fi
+
+if [ -e /dev/fuse ] && command -v heif-convert >/dev/null && command -v identify >/dev/null; then
+  echo "== 100 12-megapixel HEIC stills copied as JPEG views: Quorvel -o jpeg, heif-convert and a plain copy =="
+  bash "$here/jpeg_views.sh" "$build" < /dev/null || failed=1
+else
+  echo "left out: the JPEG views benchmark needs /dev/fuse, heif-convert and ImageMagick"
+fi
 exit $failed

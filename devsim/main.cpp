@@ -29,7 +29,7 @@ const char* const kUsage =
     "               [--fault COMMAND]... [--no-tls] [--verbose] IMAGE_DIR [IMAGE_DIR ...]\n"
     "  devsim make-sample DIR\n"
     "  devsim make-media IMAGE_DIR --photo-family {ios10,older,cloud,modern} [--modern-version N]\n"
-    "                    [--photos N] [--songs N] [--memos N]\n"
+    "                    [--photos N] [--songs N] [--memos N] [--photo-size WxH]\n"
     "  devsim control CONTROL_PATH COMMAND [ARGS...]\n"
     "Clients reach the server with USBMUXD_SOCKET_ADDRESS=UNIX:PATH.\n"
     "The control socket defaults to PATH.control; see docs/devsim.md for its commands.\n";
@@ -367,6 +367,7 @@ int run_make_media(int argc, char** argv) {
   std::string image_dir, family_name;
   uint32_t counts[3] = {1000, 200, 10};  // photos, songs, memos
   uint32_t modern_version = 0;           // 0: not given
+  int photo_width = 64, photo_height = 48;
   const char* const count_options[3] = {"--photos", "--songs", "--memos"};
   for (int i = 0; i < argc; ++i) {
     std::string arg = argv[i];
@@ -382,6 +383,18 @@ int run_make_media(int argc, char** argv) {
     if (known) continue;
     if (arg == "--photo-family" && i + 1 < argc) {
       family_name = argv[++i];
+    } else if (arg == "--photo-size") {
+      // The size of the modern family's HEIC stills (12-megapixel ones for
+      // benchmarks: 4032x3024).
+      char x = 0;
+      int width = 0, height = 0;
+      if (i + 1 >= argc || sscanf(argv[++i], "%d%c%d", &width, &x, &height) != 3 || x != 'x' || width < 2 ||
+          height < 2 || width > 16384 || height > 16384) {
+        fprintf(stderr, "devsim: --photo-size needs WIDTHxHEIGHT, e.g. 4032x3024\n");
+        return 2;
+      }
+      photo_width = width;
+      photo_height = height;
     } else if (arg == "--modern-version") {
       if (i + 1 >= argc || !parse_count(argv[++i], modern_version) ||
           modern_ios_version(static_cast<int>(modern_version)).empty()) {
@@ -420,7 +433,8 @@ int run_make_media(int argc, char** argv) {
   }
   const auto start = std::chrono::steady_clock::now();
   MediaLibrary library = generated_media_library(chosen->family, static_cast<int>(counts[0]),
-                                                 static_cast<int>(counts[1]), static_cast<int>(counts[2]));
+                                                 static_cast<int>(counts[1]), static_cast<int>(counts[2]),
+                                                 photo_width, photo_height);
   if (modern && modern_version) library.modern_version = static_cast<int>(modern_version);
   const std::string ios_version = modern ? modern_ios_version(library.modern_version) : chosen->ios_version;
   const std::filesystem::path root(image_dir);

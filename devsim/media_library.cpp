@@ -834,7 +834,8 @@ bool write_media_library(const fs::path& media_root, const MediaLibrary& library
          (!library.write_record_db || write_recordings(recordings, files, library.recordings, error));
 }
 
-MediaLibrary generated_media_library(PhotoFamily family, int photo_count, int song_count, int memo_count) {
+MediaLibrary generated_media_library(PhotoFamily family, int photo_count, int song_count, int memo_count,
+                                     int photo_width, int photo_height) {
   MediaLibrary library;
   library.photo_family = family;
   const bool modern = family == PhotoFamily::modern;
@@ -854,12 +855,26 @@ MediaLibrary generated_media_library(PhotoFamily family, int photo_count, int so
                       {3, std::string("Family"), 2, 0, std::nullopt},
                       {4, std::string("Travel"), 2, 0, std::nullopt}};
   }
-  // Stills share a few tiny JPEGs (modern: HEIC stand-ins) made once: real
-  // images that cost nothing to write fifty thousand times. Videos hold
-  // placeholder bytes.
+  // Stills share a few tiny JPEGs (modern: real HEIC pictures, every other
+  // one turned a quarter or half round) made once: real images that cost
+  // nothing to write fifty thousand times. Large pictures take seconds each
+  // to encode, so there are fewer of them. Videos hold placeholder bytes.
   std::vector<std::string> stills;
-  for (uint32_t seed = 0; seed < 16; ++seed) {
-    stills.push_back(modern ? make_heic_placeholder(200 + seed, seed) : make_jpeg(16, 16, seed));
+  const bool large = static_cast<int64_t>(photo_width) * photo_height > 1000000;
+  for (uint32_t seed = 0; seed < (modern && large ? 4u : 16u); ++seed) {
+    if (!modern) {
+      stills.push_back(make_jpeg(16, 16, seed));
+      continue;
+    }
+    HeicStill still;
+    still.width = photo_width;
+    still.height = photo_height;
+    still.seed = seed;
+    still.orientation = seed % 4 == 1 ? 6 : seed % 4 == 3 ? 3 : 1;
+    still.texture = large;
+    still.date_taken = format("2021:06:%02lld 14:03:09", 1 + seed);
+    std::string heic = make_heic(still);
+    stills.push_back(heic.empty() ? make_heic_placeholder(200 + seed, seed) : heic);
   }
   library.photos.reserve(static_cast<size_t>(std::max(photo_count, 0)));
   for (int i = 0; i < photo_count; ++i) {

@@ -175,6 +175,27 @@ std::string make_jpeg(int width, int height, uint32_t seed);
 // type probes see HEIC; image decoders do not open it.
 std::string make_heic_placeholder(size_t length, uint32_t seed);
 
+// What a real HEIC still shows and says of itself.
+struct HeicStill {
+  int width = 64;        // as stored, before the orientation is applied
+  int height = 48;
+  uint32_t seed = 0;     // picks the colours
+  int orientation = 1;   // Exif orientation 1..8, also written as irot/imir
+  int quality = 50;
+  bool texture = false;  // grain, so that large pictures compress as photos do
+  std::string model = "iPhone 12";
+  std::string date_taken = "2021:06:05 14:03:09";  // Exif DateTimeOriginal
+  int64_t latitude_millionths = 48856613;           // north
+  int64_t longitude_millionths = 2352222;           // east
+  // An ICC profile with this description ("" for none), as phones attach one.
+  std::string icc_description = "Display P3 (devsim)";
+};
+
+// An HEIC file (HEVC through libheif) with an Exif block holding Make,
+// Model, Orientation, DateTimeOriginal and GPS; "" when libheif cannot
+// encode.
+std::string make_heic(const HeicStill& still);
+
 // A generated library for make-media: `photos` assets in the camera roll
 // (every 10th a video, every 7th a live photo, a few panoramas and
 // screenshots), spread over a few albums, `songs` songs and `memos` voice
@@ -182,7 +203,10 @@ std::string make_heic_placeholder(size_t length, uint32_t seed);
 // 17; change it afterwards for another) has HEIC stills, PNG screenshots,
 // a tenth of the assets only in iCloud, a few hidden and trashed ones, a
 // trashed album, a shared and a smart album.
-MediaLibrary generated_media_library(PhotoFamily family, int photos, int songs, int memos);
+// Modern stills are real HEIC pictures of photo_width x photo_height (some
+// turned through their orientation).
+MediaLibrary generated_media_library(PhotoFamily family, int photos, int songs, int memos, int photo_width = 64,
+                                     int photo_height = 48);
 
 // The library make-sample adds for the demo.
 MediaLibrary sample_media_library();

@@ -16,6 +16,7 @@ packages=(
   libfuse3-dev
   libimobiledevice-dev libplist-dev libusbmuxd-dev
   libsqlite3-dev sqlite3 libutf8proc-dev libjpeg-dev libssl-dev
+  libheif-dev libturbojpeg0-dev libheif-examples libimage-exiftool-perl file
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libimobiledevice-utils ifuse fio rsync stress-ng
   nlohmann-json3-dev libnotify-dev dbus

@@ -1,5 +1,7 @@
 #include "tarnifs/catalogue.h"
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -95,6 +97,10 @@ void freeXattrs(_KTL_OBJECT *object) {
 // record itself.
 void releaseRecord(_KTL_OBJECT *object, libiusb_afc *afc_handle) {
     UnlinkObject(object);
+    if (object->file_handle != 0 && object->jpeg_view != 0) {
+        close(static_cast<int>(object->file_handle - 1));
+        object->file_handle = 0;
+    }
     if (object->file_handle != 0) {
         libiusb_afc *connection = object->hhandle != nullptr ? object->hhandle : afc_handle;
         if (connection != nullptr) libiusb_afc_file_close(connection, object->file_handle);

@@ -65,6 +65,10 @@ struct _KTL_OBJECT {
     // The device handle in file_handle was opened for writing too ("r+"),
     // not only for reading ("r").
     uint8_t device_writable;
+    // A JPEG view of the HEIC still at device_path (mount option "jpeg"):
+    // 1 while its size is not known (no conversion yet), 2 once it is exact.
+    // While open, file_handle is the cached JPEG's descriptor + 1.
+    uint8_t jpeg_view;
 };
 
 // Full volume path -> record address; 0 (an entry a missed lookup left

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <string>
 
+#include "tarnifs/jpeg_views.h"
 #include "tarnifs/listing.h"
 #include "tarnifs/media.h"
 #include "tarnifs/notify.h"
@@ -196,7 +197,30 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
         return -ENOENT;
     }
     fi->fh = 0;
-    if (object->type == KTL_TYPE_NOTE) {
+    if (object->jpeg_view != 0) {
+        if (opensForWriting(fi->flags)) {
+            refuseReadOnly(path);
+            return -ECANCELED;
+        }
+        if (object->file_handle == 0) {
+            // Converted already (SettleJpegView waited without the lock);
+            // a file dropped from the cache meanwhile is made again here.
+            uint64_t size = 0;
+            std::string file;
+            int fd = -1;
+            if (AwaitJpegView(object->device_path, &size, &file, true) == 0) {
+                fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+                ReleaseJpegView(object->device_path);  // the open file keeps its bytes
+            }
+            if (fd < 0) {
+                ShowMessageBox(kMsgError, "Could not convert a photo to JPEG.\n%s", path);
+                return -EIO;
+            }
+            object->file_handle = static_cast<uint64_t>(fd) + 1;
+            object->size = size;
+            object->jpeg_view = 2;
+        }
+    } else if (object->type == KTL_TYPE_NOTE) {
         // Our own note in the read-only media views: read, never written.
         if (opensForWriting(fi->flags)) {
             refuseReadOnly(path);
@@ -326,7 +350,12 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
         return 0;
     }
 
-    if (object->type == KTL_TYPE_STAGED) {
+    if (object->jpeg_view != 0 && object->file_handle != 0) {
+        // The converted JPEG, from the cache file opened with the handle.
+        ssize_t got = pread(static_cast<int>(object->file_handle - 1), buf, size, offset);
+        if (got < 0) return -EIO;
+        result = static_cast<int>(got);
+    } else if (object->type == KTL_TYPE_STAGED) {
         // A staged file is read from the work folder under its whole volume path.
         std::string local = stagingFileOf(ctx, path);
         struct stat st;
@@ -472,6 +501,10 @@ int tarnifs_release(const char *path, struct fuse_file_info *fi) {
         int uploaded = UploadStagedFile(ctx, path, object, "tarnifs_release");
         if (uploaded != 0) result = uploaded;
     }
+    if (object->open_count == 0 && object->file_handle != 0 && object->jpeg_view != 0) {
+        close(static_cast<int>(object->file_handle - 1));
+        object->file_handle = 0;
+    }
     if (object->open_count == 0 && object->file_handle != 0) {
         if (object->app_id != nullptr) {
             _KTL_OBJECT *parent = GetParentObject(path);
@@ -612,4 +645,25 @@ void UploadEveryStagedFile(_CONTEXT *ctx) {
         _KTL_OBJECT *object = reinterpret_cast<_KTL_OBJECT *>(entry.second);
         if (object != nullptr && object->type == KTL_TYPE_STAGED) UploadStagedFile(ctx, entry.first.c_str(), object, "tarnifs_destroy");
     }
+}
+
+int SettleJpegView(const char *path) {
+    std::string devicePath;
+    {
+        TarniLock lock;
+        _KTL_OBJECT *object = path != nullptr ? FindObject(path) : nullptr;
+        if (object == nullptr || object->jpeg_view != 1 || object->device_path == nullptr) return 0;
+        devicePath = object->device_path;
+    }
+    // Converting takes a while: other requests go on meanwhile.
+    uint64_t size = 0;
+    std::string file;
+    if (AwaitJpegView(devicePath, &size, &file) != 0) return -EIO;
+    TarniLock lock;
+    _KTL_OBJECT *object = FindObject(path);
+    if (object == nullptr || object->jpeg_view != 1 || object->device_path == nullptr || devicePath != object->device_path)
+        return 0;
+    object->size = size;
+    object->jpeg_view = 2;
+    return 1;
 }

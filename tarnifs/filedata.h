@@ -26,6 +26,14 @@ int tarnifs_create(const char *path, mode_t mode, struct fuse_file_info *fi);
 // The handle's path is null once its file was removed. Lock held.
 _KTL_OBJECT *objectOfHandle(const char *path, const struct fuse_file_info *fi, std::string *removedPath);
 
+// Converts the JPEG view at `path` when its size is not known yet, waiting
+// for it without holding the lock; the record then has its exact size.
+// Called before getattr and open answer (nothing for other paths). 1 when
+// it converted, 0 when there was nothing to do, or -EIO when the still could
+// not be read or converted: no size is reported for it then, rather than
+// one the kernel would keep.
+int SettleJpegView(const char *path);
+
 // Opens the device file of a new object (created empty); the lock is held.
 // 0, a device error code, or -ECANCELED.
 int CreateFileHandle(const char *path);

@@ -138,6 +138,9 @@ struct DeviceFileAnswer {
 // device path (DevicePathOfPhoto). 0 made, -1 skipped, -2 stop the listing.
 int GetPhotoFromDevice(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, const PhotoRow &row, void *buf,
                        bool is_cloud, int subtype, int32_t *last_master, const DeviceFileAnswer &answer);
+// The device paths of the JPEG views made since the folder's listing began
+// (lock held), in listing order.
+extern std::vector<std::string> gListedJpegViews;
 // Where the row's file lies, relative to the media root: "" when the row
 // cannot name one (a cloud path shorter than the media root).
 std::string DevicePathOfPhoto(const PhotoRow &row, bool is_cloud, int subtype);

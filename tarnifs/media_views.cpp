@@ -14,6 +14,7 @@
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/listing_pool.h"
+#include "tarnifs/jpeg_views.h"
 #include "tarnifs/media.h"
 #include "tarnifs/names.h"
 #include "tarnifs/notify.h"
@@ -373,7 +374,7 @@ int listPhotoRoot(_CONTEXT *ctx, _KTL_OBJECT *parent, void *buffer, fuse_fill_di
     return 0;
 }
 
-int listPhotoSubfolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler) {
+int listPhotoFamilyFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler) {
     // Chosen by what the library holds, not by the version the phone reports.
     if (HasModernAssetTable(ctx->photo_db)) return EnumModernContents(ctx, path, filler, buffer);
     _PHOTOALBUMENT entities;
@@ -396,6 +397,16 @@ int listPhotoSubfolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_
                                       buffer);
     if (cloud) return EnumCloudContents(ctx, path, album, genericAsset, filler, buffer);
     return EnumNonCloudContents(ctx, path, album, genericAsset, filler, buffer);
+}
+
+// The JPEG views a folder shows are noted in listing order, so that asking
+// for one converts the stills after it too.
+int listPhotoSubfolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t filler) {
+    gListedJpegViews.clear();
+    int result = listPhotoFamilyFolder(ctx, path, buffer, filler);
+    NoteJpegViewFolder(gListedJpegViews);
+    gListedJpegViews.clear();
+    return result;
 }
 
 } // namespace

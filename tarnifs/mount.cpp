@@ -9,6 +9,7 @@
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
+#include "tarnifs/jpeg_views.h"
 #include "tarnifs/listing.h"
 #include "tarnifs/namespace.h"
 #include "tarnifs/rename.h"
@@ -23,7 +24,52 @@ namespace {
 // libfuse 3 hands getattr the open file when there is one (fstat); it then
 // answers as getattr does.
 int getattrOfPathOrFile(const char *path, struct stat *st, struct fuse_file_info *fi) {
-    return fi != nullptr ? tarnifs_fgetattr(path, st, fi) : tarnifs_getattr(path, st);
+    if (fi != nullptr) return tarnifs_fgetattr(path, st, fi);
+    // A JPEG view reports its exact size, so it is converted first; one in
+    // a folder that only this getattr listed, right after.
+    int settled = gJpegViews ? SettleJpegView(path) : 0;
+    if (settled < 0) return settled;
+    int result = tarnifs_getattr(path, st);
+    if (result != 0 || !gJpegViews || settled != 0 || !S_ISREG(st->st_mode) || st->st_size != 0) return result;
+    settled = SettleJpegView(path);
+    return settled < 0 ? settled : settled == 0 ? 0 : tarnifs_getattr(path, st);
+}
+
+int openSettlingJpegView(const char *path, struct fuse_file_info *fi) {
+    int settled = gJpegViews ? SettleJpegView(path) : 0;
+    return settled < 0 ? settled : tarnifs_open(path, fi);
+}
+
+// "-o jpeg" is ours, not FUSE's: taken out of the option lists (an emptied
+// "-o" goes too). The strings of rewritten lists live in `kept`.
+std::vector<char *> withoutOption(const std::vector<char *> &args, const char *name, std::vector<std::string> &kept) {
+    std::vector<char *> out;
+    kept.reserve(args.size());
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == nullptr || strncmp(args[i], "-o", 2) != 0) {
+            out.push_back(args[i]);
+            continue;
+        }
+        bool joined = args[i][2] != '\0';
+        if (!joined && i + 1 >= args.size()) {
+            out.push_back(args[i]);
+            continue;
+        }
+        std::string list = joined ? args[i] + 2 : args[++i];
+        std::string rest;
+        size_t start = 0;
+        while (start <= list.size()) {
+            size_t end = list.find(',', start);
+            if (end == std::string::npos) end = list.size();
+            std::string option = list.substr(start, end - start);
+            if (option != name) rest += (rest.empty() ? "" : ",") + option;
+            start = end + 1;
+        }
+        if (rest.empty()) continue;
+        kept.push_back("-o" + rest);
+        out.push_back(&kept.back()[0]);
+    }
+    return out;
 }
 
 // Start-up, with the kernel cache settings libfuse 3 takes from init.
@@ -97,7 +143,7 @@ struct fuse_operations makeOperationTable() {
     ops.rename = renameWithoutFlags;
     ops.link = refuseLink;
     ops.symlink = refuseLink;
-    ops.open = tarnifs_open;
+    ops.open = openSettlingJpegView;
     ops.read = tarnifs_read;
     ops.write = tarnifs_write;
     ops.release = tarnifs_release;
@@ -175,7 +221,11 @@ int tarnifs_main(int argc, char **argv) {
     umask(0);
     int locationId = 0;
     int fuseArgc = takeDevopt(argc, argv, &locationId);
-    std::vector<char *> fuseArgv(argv, argv + fuseArgc);
+    // With "jpeg", HEIC stills of /Media/Photo are shown as JPEG files.
+    gJpegViews = MountOptionGiven(fuseArgc, argv, "jpeg");
+    static std::vector<std::string> rewritten;
+    rewritten.clear();
+    std::vector<char *> fuseArgv = withoutOption(std::vector<char *>(argv, argv + fuseArgc), "jpeg", rewritten);
     // A mount other users can see is theirs to read, not to change: the
     // kernel checks the modes we report (the mounting user's files, others
     // may read), and the mounting user may open it up with -o umask=...

@@ -14,6 +14,7 @@
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
+#include "tarnifs/jpeg_views.h"
 #include "tarnifs/listing.h"
 #include "util/log.h"
 
@@ -378,6 +379,20 @@ int moveEntry(const MoveRun &run, const char *from, const char *to) {
         if (uploaded != 0) return uploaded;
         recordTarget(run, to, KTL_MODE_FILE, record->size);
         takeFreeSpace(ctx, record->size);
+        return 0;
+    }
+    if (record->jpeg_view != 0) {
+        // A JPEG view: what is copied is the converted file in the work
+        // folder, not the HEIC on the device; the still stays.
+        uint64_t converted = 0;
+        std::string file;
+        if (AwaitJpegView(record->device_path, &converted, &file, true) != 0) return LIBIUSB_ERROR_IO;
+        int uploaded = uploadfile(ctx, file.substr(strlen(ctx->work_dir)).c_str(), devicePathOf(to).c_str(),
+                                  run.target.afc, false);
+        ReleaseJpegView(record->device_path);
+        if (uploaded != 0) return uploaded;
+        recordTarget(run, to, KTL_MODE_FILE, converted);
+        takeFreeSpace(ctx, converted);
         return 0;
     }
     uint64_t size = 0;

@@ -1,16 +1,20 @@
 // Photo entries: one row of a photo query becomes one file of a photo folder,
 // named by the name the picture was taken with, sized and dated, and checked
 // on the device first. A live photo's video is the same row made a second
-// time with "JPG" read as "MOV".
+// time with "JPG" read as "MOV". With the "jpeg" option an HEIC still is
+// shown as its JPEG view instead.
 #include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/jpeg_views.h"
 #include "tarnifs/media.h"
 #include "tarnifs/names.h"
 #include "util/log.h"
+
+std::vector<std::string> gListedJpegViews;
 
 std::string DevicePathOfPhoto(const PhotoRow &row, bool is_cloud, int subtype) {
     std::string devicePath;
@@ -28,7 +32,6 @@ std::string DevicePathOfPhoto(const PhotoRow &row, bool is_cloud, int subtype) {
 
 int GetPhotoFromDevice(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, const PhotoRow &row, void *buf,
                        bool is_cloud, int subtype, int32_t *last_master, const DeviceFileAnswer &answer) {
-    (void)ctx;
     _KTL_OBJECT *parent = FindObject(path);
     if (parent == nullptr) return -2;
     if (answer.result != 0) {
@@ -59,6 +62,9 @@ int GetPhotoFromDevice(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, 
     }
     std::string name = converted.data();
     if (subtype == 2) name = replaceAll(name, "JPG", "MOV");
+    std::string devicePath = DevicePathOfPhoto(row, is_cloud, subtype);
+    bool jpegView = gJpegViews && subtype != 2 && IsHeifStillPath(devicePath);
+    if (jpegView) name = JpegViewName(name);
     if (!IsUsableEntryName(name.c_str())) {
         QNLog(3, "%s file : (%s) has no usable name, row skipped.", "GetPhotoFromDevice", row.file_name.c_str());
         return -1;
@@ -67,7 +73,7 @@ int GetPhotoFromDevice(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, 
     std::string candidate = FreeEntryPath(path, name, true);
     _KTL_OBJECT *object = GetObjectWithFileName(candidate.c_str());
     object->mode = KTL_MODE_FILE;
-    if (object->device_path == nullptr) object->device_path = CopyString(DevicePathOfPhoto(row, is_cloud, subtype).c_str());
+    if (object->device_path == nullptr) object->device_path = CopyString(devicePath.c_str());
     object->type = KTL_TYPE_DEVICE_FILE;
     time_t now = time(nullptr);
     if (row.moment_date != 0)
@@ -79,6 +85,14 @@ int GetPhotoFromDevice(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, 
     object->modify_time = row.modification_date != 0 ? row.modification_date : now;
     object->access_time = object->modify_time;
     object->size = is_cloud ? static_cast<uint64_t>(row.db_size) : deviceSize;
+    if (jpegView) {
+        // Its size is the JPEG's, known exactly once converted (see
+        // docs/jpeg-views.md); until then the listing gives no attributes.
+        StartJpegViews(ctx);
+        object->size = KnownJpegViewSize(object->device_path);
+        object->jpeg_view = object->size != 0 ? 2 : 1;
+        gListedJpegViews.push_back(object->device_path);
+    }
     LinkChildObject(parent, object);
     if (filler != nullptr) filler(buf, object->file_name, nullptr, 0, static_cast<enum fuse_fill_dir_flags>(0));
     return 0;

@@ -61,6 +61,7 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
     for (size_t index = offset < 0 ? 0 : static_cast<size_t>(offset); index < names.size(); ++index) {
         struct stat st;
         bool known = false;
+        bool typeOnly = false;
         if (!isDotOrDotDot(names[index])) {
             std::string childPath = ChildPath(path, names[index].c_str());
             const _KTL_OBJECT *child = FindObject(childPath.c_str());
@@ -69,9 +70,14 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
                 StatFromObject(child, &st);
                 known = true;
             }
+            // A JPEG view not converted yet goes out with its type only: its
+            // size is known once converted, which the kernel's lookup of it
+            // waits for (a plain `ls` needs no lookup, and converts nothing).
+            typeOnly = child != nullptr && child->jpeg_view == 1;
         }
         // The offset handed with an entry is where the next page starts.
-        enum fuse_fill_dir_flags fill = plus && known ? FUSE_FILL_DIR_PLUS : static_cast<enum fuse_fill_dir_flags>(0);
+        enum fuse_fill_dir_flags fill =
+            plus && known && !typeOnly ? FUSE_FILL_DIR_PLUS : static_cast<enum fuse_fill_dir_flags>(0);
         if (filler(buffer, names[index].c_str(), known ? &st : nullptr, static_cast<off_t>(index + 1), fill) != 0)
             break;  // the page is full
     }

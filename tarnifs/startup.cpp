@@ -17,6 +17,7 @@
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
+#include "tarnifs/jpeg_views.h"
 #include "tarnifs/listing_pool.h"
 #include "tarnifs/mount.h"
 #include "tarnifs/names.h"
@@ -317,6 +318,9 @@ void tarnifs_destroy(void *private_data) {
     free(gEncodedPath);
     gEncodedPath = nullptr;
     closeDatabases(ctx);
+    // The converter's workers and connection go before the device and the
+    // work folder that holds its files.
+    StopJpegViews();
     // What a program wrote must not go with the work folder: a temporary
     // still staged (its upload at release failed, or it is still open) goes
     // to the device under its own name first.

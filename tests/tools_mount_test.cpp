@@ -273,7 +273,8 @@ TEST_F(QuorvelMountCommand, NonemptyMountsOverAFolderWithFilesAndIsNotPassedToFu
     ASSERT_TRUE(sim.start({phone("Over", 4131, {"over.txt"})})) << sim.error();
     std::ofstream(mountPoint + "/hidden-while-mounted.txt") << "x";
     std::string output;
-    ASSERT_EQ(runQuorvel({"mount", mountPoint, "-o", "nonempty,ro"}, &output), 0) << output;
+    // --jpeg is ours too: quorvelfs takes its "-o jpeg" out before FUSE sees it.
+    ASSERT_EQ(runQuorvel({"mount", mountPoint, "-o", "nonempty,ro", "--jpeg"}, &output), 0) << output;
     EXPECT_TRUE(isFuseMountPoint(mountPoint));
     EXPECT_EQ(sortedNames(mountPoint + "/Storage"), sortedNames(sim.image_dir(0) + "/media/general_storage"));
     errno = 0;
@@ -483,7 +484,8 @@ TEST_F(QuorvelWatchCommand, MountsEachDeviceAsItComesAndClearsItAwayOnUnplug) {
     ASSERT_NE(statvfs(killed.mountPoint.c_str(), &dead), 0);
     ASSERT_EQ(errno, ENOTCONN);
 
-    watcher = startProgram({kQuorvel, "watch", "--dir", watchFolder}, watchLog);
+    // Each mount is given --jpeg's "-o jpeg", which FUSE itself would refuse.
+    watcher = startProgram({kQuorvel, "watch", "--dir", watchFolder, "--jpeg"}, watchLog);
     ASSERT_GT(watcher, 0);
     const std::string alphaPoint = watchFolder + "/Alpha Phone";
     const std::string betaPoint = watchFolder + "/Beta Phone (2)";

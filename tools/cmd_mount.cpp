@@ -27,7 +27,7 @@ constexpr int kDefaultTrustWaitSeconds = 60;
 
 void printMountUsage(FILE *out) {
     fprintf(out,
-            "usage: quorvel mount MOUNTPOINT [--udid UDID | --location ID] [-f] [FUSE options]\n"
+            "usage: quorvel mount MOUNTPOINT [--udid UDID | --location ID] [--jpeg] [-f] [FUSE options]\n"
             "\n"
             "Mounts an attached iPhone or iPad at MOUNTPOINT, an existing empty folder:\n"
             "  Media/     music, movies, podcasts, voice memos and photo albums (read-only)\n"
@@ -38,6 +38,8 @@ void printMountUsage(FILE *out) {
             "(`quorvel list` shows them):\n"
             "  --udid UDID       the device with this UDID\n"
             "  --location ID     the device with this location id\n"
+            "  --jpeg            show each HEIC photo in Media/Photo as a JPEG file,\n"
+            "                    converted when read (same as -o jpeg)\n"
             "  -f                stay in the foreground; Ctrl-C unmounts\n"
             "  FUSE options      passed on to the file system, e.g. -o allow_other\n"
             "\n"
@@ -88,6 +90,9 @@ int parseMountArguments(int argc, char **argv, MountRequest &request, bool &help
                 fprintf(stderr, "quorvel mount: --location needs a location id (see `quorvel list`)\n");
                 return 2;
             }
+        } else if (arg == "--jpeg") {
+            request.fuseOptions.push_back("-o");
+            request.fuseOptions.push_back("jpeg");
         } else if (arg == "-f") {
             request.foreground = true;
         } else if (arg == "-devopt") {

@@ -58,7 +58,7 @@ constexpr int kBusyNoticeAfterMilliseconds = 1000;
 
 void printWatchUsage(FILE *out) {
     fprintf(out,
-            "usage: quorvel watch [--dir DIR]\n"
+            "usage: quorvel watch [--dir DIR] [--jpeg]\n"
             "\n"
             "Mounts every iPhone or iPad as it is plugged in, at DIR/<device name>, and\n"
             "unmounts it when it is unplugged. While a device asks \"Trust this computer?\"\n"
@@ -70,8 +70,14 @@ void printWatchUsage(FILE *out) {
             "mounts below the home folder among their devices, and this folder needs\n"
             "no administrator to create.\n"
             "\n"
+            "--jpeg shows each HEIC photo as a JPEG file, converted when read (as\n"
+            "`quorvel mount --jpeg` does).\n"
+            "\n"
             "Ctrl-C or SIGTERM unmounts everything it mounted, removes the folders and exits.\n");
 }
+
+// --jpeg: every mount shows HEIC stills as JPEG files.
+bool jpegViews = false;
 
 enum class DeviceState { Waiting, Mounting, Mounted, Ended };
 
@@ -423,7 +429,10 @@ void startMount(WatchedDevice &device, const std::string &watchFolder, const std
     }
     ChildSpec spec;
     // In the foreground, so the process stays ours: we know when it ends.
-    spec.argv = {fileSystem, device.mountPoint, "-f", "-devopt", std::to_string(device.locationId)};
+    spec.argv = {fileSystem, device.mountPoint, "-f"};
+    if (jpegViews) spec.argv.insert(spec.argv.end(), {"-o", "jpeg"});
+    // -devopt and its id stay last: quorvelfs expects them there.
+    spec.argv.insert(spec.argv.end(), {"-devopt", std::to_string(device.locationId)});
     spec.ownProcessGroup = true;  // a Ctrl-C at the terminal reaches only us; we stop it in order
     if (openPipe(device)) spec.environment.push_back("QUORVEL_PIPE=" + device.pipePath);
     std::string error;
@@ -568,7 +577,9 @@ int cmdWatch(int argc, char **argv) {
             printWatchUsage(stdout);
             return 0;
         }
-        if (arg == "--dir" && i + 1 < argc) {
+        if (arg == "--jpeg") {
+            jpegViews = true;
+        } else if (arg == "--dir" && i + 1 < argc) {
             watchFolder = argv[++i];
         } else if (arg.rfind("--dir=", 0) == 0) {
             watchFolder = arg.substr(6);

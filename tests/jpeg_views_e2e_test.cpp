@@ -1,0 +1,205 @@
+// HEIC stills shown as JPEG files (mount option "jpeg"), through a real
+// mount: what `cp -r` of the Camera Roll gives is checked with the tools
+// people use (file, ImageMagick, exiftool) against libheif's own
+// heif-convert, not against the code under test.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "devsim/media_library.h"
+#include "tests/support/mount_fixture.h"
+
+namespace {
+
+using devsim::MediaLibrary;
+using devsim::MediaPhoto;
+
+constexpr uint32_t kLocation = 9471;
+
+struct Still {
+    const char *directory;
+    const char *file;
+    int orientation;  // Exif orientation, also the HEIC's irot/imir
+    bool live;
+    const char *shown;  // its name with -o jpeg
+};
+
+// A quarter turn (shown 48x64), a mirror, a half turn, and a view whose name
+// is taken by a JPEG still of the library.
+const Still kStills[] = {
+    {"DCIM/100APPLE", "IMG_0001.HEIC", 1, false, "IMG_0001.JPG"},
+    {"DCIM/100APPLE", "IMG_0002.HEIC", 6, true, "IMG_0002.JPG"},
+    {"DCIM/100APPLE", "IMG_0003.heif", 2, false, "IMG_0003.JPG"},
+    {"DCIM/101APPLE", "IMG_0004.HEIC", 3, false, "IMG_0004 (2).JPG"},
+};
+
+MediaPhoto asset(const std::string &directory, const std::string &file, unsigned seed) {
+    MediaPhoto made;
+    made.directory = directory;
+    made.filename = file;
+    made.original_filename = file;
+    made.date_created = 600000000 + seed;
+    made.modification_date = 600000100 + seed;
+    made.moment_date = 600000200 + seed;
+    return made;
+}
+
+std::string dateOf(unsigned seed) { return "2021:07:0" + std::to_string(seed) + " 09:15:3" + std::to_string(seed); }
+
+MediaLibrary library() {
+    MediaLibrary library;
+    library.photo_family = devsim::PhotoFamily::modern;
+    library.write_music_db = false;
+    library.write_record_db = false;
+    // Listed before the HEIC of the same name: that one's view gets " (2)".
+    library.photos.push_back(asset("DCIM/100APPLE", "IMG_0004.JPG", 9));
+    library.photos.back().bytes = devsim::make_jpeg(32, 24, 9);
+    unsigned seed = 1;
+    for (const Still &still : kStills) {
+        devsim::HeicStill heic;
+        heic.seed = seed;
+        heic.orientation = still.orientation;
+        heic.date_taken = dateOf(seed);
+        library.photos.push_back(asset(still.directory, still.file, seed++));
+        library.photos.back().bytes = devsim::make_heic(heic);
+        if (still.live) {
+            library.photos.back().subtype = 2;
+            library.photos.back().live_video_bytes = randomBytes(5000, 41);
+        }
+    }
+    library.photos.push_back(asset("DCIM/100APPLE", "IMG_0005.PNG", 20));
+    library.photos.back().subtype = 10;
+    library.photos.back().bytes = randomBytes(900, 20);
+    return library;
+}
+
+// The tools the checks read the copies with, and the packages they come in.
+std::string missingTool() {
+    const std::pair<const char *, const char *> tools[] = {{"file", "file"},
+                                                           {"identify", "imagemagick"},
+                                                           {"convert", "imagemagick"},
+                                                           {"exiftool", "libimage-exiftool-perl"},
+                                                           {"heif-convert", "libheif-examples"},
+                                                           {"rsync", "rsync"}};
+    for (const auto &[tool, package] : tools)
+        if (runStatus({"sh", "-c", std::string("command -v ") + tool}) != 0)
+            return std::string(tool) + " (Debian package " + package + ")";
+    return std::string();
+}
+
+std::string trimmed(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    return text;
+}
+
+class JpegViewsTest : public MountedDeviceTest {};
+
+TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) {
+    std::string missing = missingTool();
+    if (!missing.empty()) GTEST_SKIP() << "needs " << missing;
+    DevsimImage phone;
+    phone.location_id = kLocation;
+    phone.ios_version = devsim::modern_ios_version(17);
+    std::string image = tempDir + "/image";
+    std::string error;
+    ASSERT_TRUE(write_devsim_image(image, phone, &error)) << error;
+    MediaLibrary made = library();
+    for (const MediaPhoto &photo : made.photos) ASSERT_FALSE(photo.bytes.empty()) << "libheif could not encode";
+    ASSERT_TRUE(devsim::write_media_library(image + "/media", made, error)) << error;
+    ASSERT_TRUE(sim.start_with_dirs({image})) << sim.error();
+    std::string roll = "/Media/Photo/Camera Roll/";
+
+    // Without the option the stills show as the device keeps them.
+    ASSERT_TRUE(mountDevice(kLocation));
+    std::vector<std::string> plain = namesIn(inMount(roll));
+    std::sort(plain.begin(), plain.end());
+    EXPECT_EQ(plain, (std::vector<std::string>{"IMG_0001.HEIC", "IMG_0002.HEIC", "IMG_0002.MOV", "IMG_0003.heif",
+                                               "IMG_0004.HEIC", "IMG_0004.JPG", "IMG_0005.PNG"}));
+    EXPECT_EQ(readLocal(inMount(roll + "IMG_0002.HEIC")), readLocal(image + "/media/DCIM/100APPLE/IMG_0002.HEIC"));
+    ASSERT_EQ(unmountDevice(), 0);
+
+    ASSERT_TRUE(mount.start(kLocation, {"-o", "jpeg"}));
+    std::vector<std::string> shown = namesIn(inMount(roll));
+    std::sort(shown.begin(), shown.end());
+    EXPECT_EQ(shown, (std::vector<std::string>{"IMG_0001.JPG", "IMG_0002.JPG", "IMG_0002.MOV", "IMG_0003.JPG",
+                                               "IMG_0004 (2).JPG", "IMG_0004.JPG", "IMG_0005.PNG"}));
+    // Sizes asked before anything is read are the sizes copied.
+    std::map<std::string, off_t> statSize;
+    for (const std::string &name : shown) {
+        struct stat st;
+        ASSERT_EQ(stat(inMount(roll + name).c_str(), &st), 0) << name;
+        statSize[name] = st.st_size;
+    }
+    std::string copy = tempDir + "/copy";
+    int status = -1;
+    runProgram({"cp", "-r", inMount("/Media/Photo/Camera Roll"), copy}, &status);
+    ASSERT_EQ(status, 0);
+    for (const std::string &name : shown) {
+        struct stat st;
+        ASSERT_EQ(stat((copy + "/" + name).c_str(), &st), 0) << name;
+        EXPECT_EQ(st.st_size, statSize[name]) << name;
+    }
+    // What is not an HEIC still is the device's file, byte for byte.
+    EXPECT_EQ(readLocal(copy + "/IMG_0002.MOV"), made.photos[2].live_video_bytes.value_or(""));
+    EXPECT_EQ(readLocal(copy + "/IMG_0004.JPG"), made.photos[0].bytes);
+    EXPECT_EQ(readLocal(copy + "/IMG_0005.PNG"), made.photos.back().bytes);
+
+    unsigned seed = 1;
+    for (const Still &still : kStills) {
+        SCOPED_TRACE(still.shown);
+        std::string jpeg = copy + "/" + still.shown;
+        std::string reference = tempDir + "/reference-" + std::to_string(seed) + ".jpg";
+        ASSERT_EQ(runStatus({"heif-convert", image + "/media/" + still.directory + "/" + still.file, reference}), 0);
+        EXPECT_NE(runProgram({"file", "-b", jpeg}).find("JPEG image data"), std::string::npos);
+        std::string size = runProgram({"identify", "-format", "%wx%h", jpeg});
+        EXPECT_EQ(size, runProgram({"identify", "-format", "%wx%h", reference}));
+        // Stored 64x48: a quarter turn is shown upright, 48 wide.
+        EXPECT_EQ(size, still.orientation == 6 ? "48x64" : "64x48");
+        double psnr = atof(runProgram({"convert", jpeg, reference, "-metric", "PSNR", "-compare", "-format",
+                                       "%[distortion]", "info:"})
+                               .c_str());
+        EXPECT_GE(psnr, 40.0);
+        EXPECT_EQ(trimmed(runProgram({"exiftool", "-s3", "-n", "-DateTimeOriginal", "-Orientation", "-Model", jpeg})),
+                  dateOf(seed) + "\n1\niPhone 12");
+        EXPECT_NE(runProgram({"exiftool", "-s3", "-GPSLatitude", jpeg}), "");
+        EXPECT_EQ(trimmed(runProgram({"exiftool", "-s3", "-ProfileDescription", jpeg})), "Display P3 (devsim)");
+        ++seed;
+    }
+    // A second copy is served from the work folder's cache, the same bytes.
+    std::string again = tempDir + "/again.jpg";
+    runProgram({"cp", inMount(roll + "IMG_0002.JPG"), again}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(again), readLocal(copy + "/IMG_0002.JPG"));
+    EXPECT_EQ(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 4u);
+    // Moved into Storage, the JPEG is what lands on the device; the still stays.
+    runProgram({"mv", inMount(roll + "IMG_0001.JPG"), inMount("/Storage/")}, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readLocal(storageImage() + "/IMG_0001.JPG"), readLocal(copy + "/IMG_0001.JPG"));
+    ASSERT_EQ(unmountDevice(), 0);
+
+    // A cache bound of nothing keeps at most the JPEG made last: every other
+    // one is dropped as the next is made (those open keep their bytes), and
+    // made again, the same, when asked for again.
+    mount.extraEnvironment.push_back("QUORVEL_JPEG_CACHE_MB=0");
+    ASSERT_TRUE(mount.start(kLocation, {"-o", "jpeg"}));
+    // Asked for before anything listed its folder: the exact size all the same.
+    struct stat unlisted;
+    ASSERT_EQ(stat(inMount(roll + "IMG_0002.JPG").c_str(), &unlisted), 0);
+    EXPECT_EQ(unlisted.st_size, statSize["IMG_0002.JPG"]);
+    // rsync takes every size first, then sends exactly that many bytes.
+    std::string recopy = tempDir + "/recopy";
+    runProgram({"rsync", "-r", inMount("/Media/Photo/Camera Roll") + "/", recopy}, &status);
+    ASSERT_EQ(status, 0);
+    runProgram({"cp", inMount(roll + "IMG_0003.JPG"), recopy + "/again.JPG"}, &status);
+    EXPECT_EQ(status, 0);
+    for (const Still &still : kStills)
+        EXPECT_EQ(readLocal(recopy + "/" + still.shown), readLocal(copy + "/" + still.shown)) << still.shown;
+    EXPECT_EQ(readLocal(recopy + "/again.JPG"), readLocal(copy + "/IMG_0003.JPG"));
+    EXPECT_LE(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 1u);
+}
+
+} // namespace
