@@ -14,6 +14,13 @@
 
 namespace {
 
+// A folder of more than this many entries goes out as names: with their
+// attributes the kernel and libfuse would keep a record of every entry (about
+// 180 bytes apiece in this process alone) whether or not anyone asks for
+// them. `ls -l` of such a folder asks for each entry instead, from the
+// catalogue, without a device request.
+constexpr size_t kNamesOnlyAbove = 10000;
+
 struct ListingSnapshot {
     std::vector<std::string> names;  // ".", "..", then the folder's entries, as emitted
     bool taken = false;
@@ -56,7 +63,7 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) return result;
-    bool plus = (flags & FUSE_READDIR_PLUS) != 0;
+    bool plus = (flags & FUSE_READDIR_PLUS) != 0 && snapshot->names.size() <= kNamesOnlyAbove + 2;
     const std::vector<std::string> &names = snapshot->names;
     for (size_t index = offset < 0 ? 0 : static_cast<size_t>(offset); index < names.size(); ++index) {
         struct stat st;

@@ -240,6 +240,7 @@ TEST_F(ListingTest, OnlyFoldersOfMoreThan30000EntriesAreAnnouncedAsBusy) {
         std::string dir = sim.image_dir(0) + "/media/general_storage/" + folder;
         for (int i = 0; i < count; ++i) std::ofstream(dir + "/f" + std::to_string(i)).close();
     }
+    std::ofstream(sim.image_dir(0) + "/media/general_storage/over/f7") << "seven";
     ASSERT_TRUE(mountDevice(21));
     ASSERT_TRUE(tray.waitFor("-neoff"));
     std::string before = tray.bytes();
@@ -249,6 +250,12 @@ TEST_F(ListingTest, OnlyFoldersOfMoreThan30000EntriesAreAnnouncedAsBusy) {
 
     EXPECT_EQ(entriesIn(inMount("/Storage/over")).size(), 29999u + 2);
     ASSERT_TRUE(tray.waitFor(before + "-neon-neoff"));
+    // A folder this large goes to the kernel as names only; each entry's
+    // attributes are still there when asked for.
+    struct stat st;
+    ASSERT_EQ(stat(inMount("/Storage/over/f7").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 5);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
 }
 
 } // namespace
