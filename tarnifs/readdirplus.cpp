@@ -19,7 +19,7 @@ namespace {
 // 180 bytes apiece in this process alone) whether or not anyone asks for
 // them. `ls -l` of such a folder asks for each entry instead, from the
 // catalogue, without a device request.
-constexpr size_t kNamesOnlyAbove = 10000;
+constexpr size_t kNamesOnlyAbove = 100000;
 
 struct ListingSnapshot {
     std::vector<std::string> names;  // ".", "..", then the folder's entries, as emitted

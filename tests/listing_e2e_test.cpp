@@ -250,8 +250,7 @@ TEST_F(ListingTest, OnlyFoldersOfMoreThan30000EntriesAreAnnouncedAsBusy) {
 
     EXPECT_EQ(entriesIn(inMount("/Storage/over")).size(), 29999u + 2);
     ASSERT_TRUE(tray.waitFor(before + "-neon-neoff"));
-    // A folder this large goes to the kernel as names only; each entry's
-    // attributes are still there when asked for.
+    // Each entry's attributes are there when asked for.
     struct stat st;
     ASSERT_EQ(stat(inMount("/Storage/over/f7").c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 5);

@@ -2,6 +2,7 @@
 // catalogue's attributes, every name exactly once and in the listing's order.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -96,6 +97,15 @@ TEST_F(ReaddirPlusTest, PlainListingsCarryNoAttributesForTheKernelToKeep) {
     std::vector<Delivered> all = readAll(2, static_cast<enum fuse_readdir_flags>(0), &requests);
     ASSERT_EQ(all.size(), expected.size() + 2);
     for (const Delivered &entry : all) EXPECT_FALSE(entry.plus) << entry.name;
+
+    // Past 100,000 entries even a listing that asks for attributes gets
+    // names: the kernel and libfuse would keep a record of every entry.
+    _KTL_OBJECT *storage = GetObject("/Storage");
+    for (size_t i = expected.size(); i < 100001; ++i)
+        LinkChildObject(storage, GetObjectWithFileName(ChildPath("/Storage", numbered("f", i).c_str()).c_str()));
+    all = readAll(200000, FUSE_READDIR_PLUS, &requests);
+    ASSERT_EQ(all.size(), 100001u + 2);
+    EXPECT_EQ(std::count_if(all.begin(), all.end(), [](const Delivered &entry) { return entry.plus; }), 0);
 }
 
 TEST_F(ReaddirPlusTest, ARecordGoneBetweenPagesIsStillNamedAndWithoutAContextNothingIsRead) {
