@@ -228,6 +228,13 @@ uint64_t parseSize(const char *text) {
     return std::min<uint64_t>(size, INT64_MAX);
 }
 
+// The device's handle for `file_handle` on the current connection, its file
+// pointer at `offset`: where every transfer starts.
+int placeAt(libiusb_afc *afc, afc_client_t client, uint64_t file_handle, uint64_t offset, uint64_t *device_handle) {
+    int result = deviceHandleOf(afc, client, file_handle, device_handle);
+    return result != 0 ? result : seekTo(afc, client, file_handle, *device_handle, offset);
+}
+
 } // namespace
 
 int libiusb_afc_init(libiusb_device_handle *handle, libiusb_afc **out) {
@@ -294,8 +301,7 @@ int libiusb_afc_file_read(libiusb_afc *afc, uint64_t file_handle, char *buf, uin
     uint32_t total = 0;
     int result = onConnection(afc, [&](afc_client_t client) -> int {
         uint64_t device_handle = 0;
-        int done = deviceHandleOf(afc, client, file_handle, &device_handle);
-        if (done == 0) done = seekTo(afc, client, file_handle, device_handle, offset);
+        int done = placeAt(afc, client, file_handle, offset, &device_handle);
         if (done != 0) return done;
         while (total < length) {
             uint32_t wanted = std::min(length - total, kMaxTransfer);
@@ -333,8 +339,7 @@ int libiusb_afc_file_write(libiusb_afc *afc, uint64_t file_handle, const char *b
     uint32_t total = 0;
     int result = onConnection(afc, [&](afc_client_t client) -> int {
         uint64_t device_handle = 0;
-        int done = deviceHandleOf(afc, client, file_handle, &device_handle);
-        if (done == 0) done = seekTo(afc, client, file_handle, device_handle, offset);
+        int done = placeAt(afc, client, file_handle, offset, &device_handle);
         if (done != 0) return done;
         while (total < length) {
             uint32_t piece = std::min(length - total, kMaxTransfer);

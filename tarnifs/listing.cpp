@@ -148,19 +148,16 @@ std::string appFolderNameOf(const char *displayName, const char *bundleId) {
 int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir_t filler) {
     sendPipeMsg("-neon");
     libiusb_app_node *list = nullptr;
-    // The installation proxy start-up opened is used once, then each listing
-    // of /Apps opens one of its own and closes it: a proxy kept open would
-    // take one of the few services a phone opens at once, and would be lost
-    // for good with a dropped connection.
+    // The installation proxy start-up opened is opened again when it was
+    // closed to make room under the device's service limit, or lost with a
+    // dropped connection.
     int result = 0;
     for (int attempt = 0; attempt < 2; attempt++) {
         if (ctx->instproxy_handle == nullptr) result = StartInstproxy(ctx, &ctx->instproxy_handle);
         if (result == 0) result = libiusb_instproxy_getAppId(ctx->instproxy_handle, &list);
-        if (ctx->instproxy_handle != nullptr) {
-            libiusb_instproxy_exit(ctx->instproxy_handle);
-            ctx->instproxy_handle = nullptr;
-        }
         if (result != LIBIUSB_ERROR_CONNECTION_LOST) break;
+        if (ctx->instproxy_handle != nullptr) libiusb_instproxy_exit(ctx->instproxy_handle);
+        ctx->instproxy_handle = nullptr;
     }
     if (result != 0) {
         QNLog(3, "%s libiusb_instproxy_getAppId failed. error : %d", "enumApps", result);

@@ -329,8 +329,10 @@ void tarnifs_destroy(void *private_data) {
     removeWorkFolder(ctx);
     memset(&ctx->device_info, 0, sizeof(ctx->device_info));
 
-    assert(ctx->instproxy_handle && "pContext->instproxy_handle");
-    libiusb_instproxy_exit(ctx->instproxy_handle);
+    // The installation proxy may have been closed to make room under the
+    // device's service limit (it is opened again when /Apps is next listed):
+    // a mount that had to do so is still whole.
+    if (ctx->instproxy_handle != nullptr) libiusb_instproxy_exit(ctx->instproxy_handle);
     ctx->instproxy_handle = nullptr;
     // The listing connections are the device's too: they go before the main one.
     closeStorageListingConnections(ctx);

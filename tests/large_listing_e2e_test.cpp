@@ -224,9 +224,8 @@ TEST_F(LargeListingTest, UnderAServiceLimitOfThreeEveryFolderListsWithoutADialog
     ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 3"), "ok");
     ASSERT_TRUE(mountDevice(kLocation));
 
-    // The app list first: the installation proxy start-up opened is closed
-    // after it, so the large listing gets one extra connection, which the
-    // first app folder then needs.
+    // Lockdown, the media connection and the installation proxy fill the
+    // three: the first app folder's connection needs the proxy's slot.
     EXPECT_EQ(namesIn(inMount("/Apps")).size(), 11u);
     EXPECT_EQ(namesIn(inMount("/Storage/many")), storageOrder);
     for (int app = 0; app < 10; ++app) {

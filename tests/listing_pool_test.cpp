@@ -45,10 +45,9 @@ protected:
         ASSERT_EQ(listFolder(&context, "/", &names, collectName, 0), 0);
         ASSERT_EQ(listFolder(&context, "/Storage", &names, collectName, 0), 0);
         ASSERT_EQ(listFolder(&context, "/Apps", &names, collectName, 0), 0);
-        // Start-up's own short-lived connections are gone before counting,
-        // and so is the installation proxy once /Apps is listed: lockdown and
-        // the media connection stay.
-        ASSERT_TRUE(eventually([&] { return connections("") == 2; })) << connections("");
+        // Start-up's own short-lived connections are gone before counting:
+        // lockdown, the media connection and the installation proxy stay.
+        ASSERT_TRUE(eventually([&] { return connections("") == 3; })) << connections("");
     }
 
     int connections(const std::string &service) { return sim.connections(0, service); }
@@ -184,20 +183,20 @@ TEST_F(PooledListingTest, ListingsGoOnWithTheConnectionsTheDeviceGives) {
     }
     connect(image);
 
-    // Lockdown and AFC are open: one more may start.
-    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 3"), "ok");
+    // Lockdown, AFC and the installation proxy are open: one more may start.
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 4"), "ok");
     std::vector<std::string> emitted;
     EXPECT_EQ(listFolder(&context, "/Storage/big", &emitted, collectName, 0), 0);
     EXPECT_EQ(emitted.size(), 302u);
     EXPECT_EQ(logCount("storageListingConnections libiusb_afc_init failed. code : -48"), 1);
     EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
 
-    // The app's own connection needs the slot the idle Storage pool holds:
-    // the pool gives it up, and the listing goes on with that one connection.
+    // The app's own connection needs a slot: the idle Storage pool and the
+    // installation proxy give theirs up, and the listing gets one extra.
     emitted.clear();
     EXPECT_EQ(listFolder(&context, "/Apps/Reader", &emitted, collectName, 0), 0);
     EXPECT_EQ(emitted.size(), 302u);
-    EXPECT_EQ(logCount("CloseIdleConnections closed 1 idle connections: the device opens no more services"), 1);
+    EXPECT_EQ(logCount("CloseIdleConnections closed 2 idle connections: the device opens no more services"), 1);
     EXPECT_EQ(logCount("openAppListingConnections libiusb_housearrest_init failed. error : -48"), 1);
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
     EXPECT_TRUE(eventually([&] { return connections("afc") == 1; })) << connections("afc");
