@@ -59,19 +59,17 @@ bool isDotOrDotDot(const char *name) {
 }
 
 // The names of a device listing whose information is asked, in device order
-// (only names a path can address), and their device paths under `folder`.
-std::vector<const char *> entriesToAsk(char **entries, const std::string &folder, std::vector<std::string> *paths) {
-    std::vector<const char *> names;
+// (only names a path can address), into `queries` with their folder.
+void entriesToAsk(char **entries, const std::string &folder, InfoQueries *queries) {
+    queries->folder = folder;
     for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
         if (!IsListableDeviceName(*entry)) {
             if (!isDotOrDotDot(*entry))
                 QNLog(3, "%s a name in %s is not shown: no path can address it", "entriesToAsk", folder.c_str());
             continue;
         }
-        names.push_back(*entry);
-        paths->push_back(folder + "/" + *entry);
+        queries->names.push_back(*entry);
     }
-    return names;
 }
 
 // Runs `sql` and tells whether its first row's first column is non-zero.
@@ -235,7 +233,8 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
             QNLog(3, "%s libiusb_afc_file_read_directory failed. error : %d", "enumApps", result);
         } else {
             InfoQueries queries;
-            std::vector<const char *> names = entriesToAsk(entries, sandbox, &queries.paths);
+            entriesToAsk(entries, sandbox, &queries);
+            const std::vector<const char *> &names = queries.names;
             queries.connections.push_back(client);
             std::vector<libiusb_afc *> extra;
             if (names.size() > kPooledListingEntries)
@@ -456,7 +455,8 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
         return result;
     }
     InfoQueries queries;
-    std::vector<const char *> names = entriesToAsk(entries, devicePath, &queries.paths);
+    entriesToAsk(entries, devicePath, &queries);
+    const std::vector<const char *> &names = queries.names;
     queries.connections.push_back(ctx->afc_handle);
     if (names.size() > kPooledListingEntries) {
         std::vector<libiusb_afc *> extra = storageListingConnections(ctx);

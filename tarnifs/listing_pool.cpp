@@ -7,6 +7,13 @@
 
 namespace {
 
+EntryInfo askOne(InfoQueries &queries, libiusb_afc *afc, size_t index) {
+    std::string path = queries.folder + "/" + queries.names[index];
+    EntryInfo answer;
+    answer.result = libiusb_afc_file_get_info(afc, path.c_str(), &answer.info);
+    return answer;
+}
+
 // One worker: takes the next entry nobody has taken, asks the device over its
 // own connection, hands the answer over, until the entries run out or the
 // caller stops.
@@ -15,9 +22,8 @@ void askEntries(InfoQueries *queries, size_t connection) {
     for (;;) {
         if (queries->stopping.load()) break;
         size_t index = queries->next.fetch_add(1);
-        if (index >= queries->paths.size()) break;
-        EntryInfo answer;
-        answer.result = libiusb_afc_file_get_info(afc, queries->paths[index].c_str(), &answer.info);
+        if (index >= queries->names.size()) break;
+        EntryInfo answer = askOne(*queries, afc, index);
         bool retire = false;
         {
             std::lock_guard<std::mutex> guard(queries->lock);
@@ -43,8 +49,8 @@ void askEntries(InfoQueries *queries, size_t connection) {
 
 void startInfoQueries(InfoQueries &queries) {
     if (queries.connections.size() < 2) return;
-    queries.answers.assign(queries.paths.size(), EntryInfo());
-    queries.answered.assign(queries.paths.size(), 0);
+    queries.answers.assign(queries.names.size(), EntryInfo());
+    queries.answered.assign(queries.names.size(), 0);
     queries.lost.assign(queries.connections.size(), 0);
     for (size_t connection = 0; connection < queries.connections.size(); ++connection) {
         {
@@ -65,11 +71,7 @@ void startInfoQueries(InfoQueries &queries) {
 }
 
 EntryInfo infoOf(InfoQueries &queries, size_t index) {
-    if (queries.workers.empty()) {
-        EntryInfo answer;
-        answer.result = libiusb_afc_file_get_info(queries.connections[0], queries.paths[index].c_str(), &answer.info);
-        return answer;
-    }
+    if (queries.workers.empty()) return askOne(queries, queries.connections[0], index);
     std::unique_lock<std::mutex> guard(queries.lock);
     queries.answered_one.wait(guard, [&] { return queries.answered[index] != 0; });
     return queries.answers[index];

@@ -28,10 +28,13 @@ struct EntryInfo {
     libiusb_file_info info{};
 };
 
-// The queries of one listing. The caller fills `paths` (device order) and
-// `connections` (its own connection first), then starts them.
+// The queries of one listing. The caller fills `folder` and `names` (device
+// order; the names stay the caller's) and `connections` (its own connection
+// first), then starts them. An entry's path is made when it is asked for:
+// a million full paths kept at once would cost more than the records.
 struct InfoQueries {
-    std::vector<std::string> paths;
+    std::string folder;
+    std::vector<const char *> names;
     std::vector<libiusb_afc *> connections;
 
     // Filled by the workers; the rest is the workers' bookkeeping.
