@@ -23,12 +23,21 @@ void askEntries(InfoQueries *queries, size_t connection) {
         if (queries->stopping.load()) break;
         size_t index = queries->next.fetch_add(1);
         if (index >= queries->names.size()) break;
+        {
+            // The caller takes answers in order: this one's slot is free once
+            // the caller is less than a window behind.
+            std::unique_lock<std::mutex> guard(queries->lock);
+            ++queries->waiting;
+            queries->taken_one.wait(guard, [&] { return index < queries->taken + queries->window || queries->stopping.load(); });
+            --queries->waiting;
+            if (queries->stopping.load()) break;
+        }
         EntryInfo answer = askOne(*queries, afc, index);
         bool retire = false;
         {
             std::lock_guard<std::mutex> guard(queries->lock);
-            queries->answers[index] = answer;
-            queries->answered[index] = 1;
+            queries->answers[index % queries->window] = answer;
+            queries->answered[index % queries->window] = 1;
             if (answer.result == LIBIUSB_ERROR_CONNECTION_LOST) {
                 queries->lost[connection] = 1;
                 // A dead connection fails at once and would take every entry
@@ -49,8 +58,10 @@ void askEntries(InfoQueries *queries, size_t connection) {
 
 void startInfoQueries(InfoQueries &queries) {
     if (queries.connections.size() < 2) return;
-    queries.answers.assign(queries.names.size(), EntryInfo());
-    queries.answered.assign(queries.names.size(), 0);
+    size_t slots = std::min(queries.names.size(), queries.window);
+    queries.answers.assign(slots, EntryInfo());
+    queries.answered.assign(slots, 0);
+    queries.taken = 0;
     queries.lost.assign(queries.connections.size(), 0);
     for (size_t connection = 0; connection < queries.connections.size(); ++connection) {
         {
@@ -72,13 +83,27 @@ void startInfoQueries(InfoQueries &queries) {
 
 EntryInfo infoOf(InfoQueries &queries, size_t index) {
     if (queries.workers.empty()) return askOne(queries, queries.connections[0], index);
-    std::unique_lock<std::mutex> guard(queries.lock);
-    queries.answered_one.wait(guard, [&] { return queries.answered[index] != 0; });
-    return queries.answers[index];
+    EntryInfo answer;
+    bool waited;
+    {
+        std::unique_lock<std::mutex> guard(queries.lock);
+        size_t slot = index % queries.window;
+        queries.answered_one.wait(guard, [&] { return queries.answered[slot] != 0; });
+        answer = queries.answers[slot];
+        queries.answered[slot] = 0;
+        queries.taken = index + 1;
+        waited = queries.waiting > 0;
+    }
+    if (waited) queries.taken_one.notify_all();
+    return answer;
 }
 
 void finishInfoQueries(InfoQueries &queries) {
-    queries.stopping = true;
+    {
+        std::lock_guard<std::mutex> guard(queries.lock);
+        queries.stopping = true;
+    }
+    queries.taken_one.notify_all();
     for (std::thread &worker : queries.workers) worker.join();
     queries.workers.clear();
 }

@@ -21,6 +21,8 @@
 constexpr size_t kPooledListingEntries = 64;
 // Connections a large listing asks over, its own one included.
 constexpr size_t kListingConnections = 4;
+// Answers the workers may hold before the caller takes them.
+constexpr size_t kAnswerWindow = 65536;
 
 // What libiusb_afc_file_get_info answered for one entry.
 struct EntryInfo {
@@ -36,12 +38,19 @@ struct InfoQueries {
     std::string folder;
     std::vector<const char *> names;
     std::vector<libiusb_afc *> connections;
+    size_t window = kAnswerWindow;
 
-    // Filled by the workers; the rest is the workers' bookkeeping.
+    // Filled by the workers; the rest is the workers' bookkeeping. Answers
+    // wait in a ring of `window` slots (entry i in slot i % window):
+    // workers do not run further ahead of the caller than that, so a listing
+    // of a million entries never holds a million answers.
     std::mutex lock;
     std::condition_variable answered_one;
+    std::condition_variable taken_one;
     std::vector<EntryInfo> answers;   // guarded by lock
     std::vector<char> answered;       // guarded by lock
+    size_t taken = 0;                 // guarded by lock: entries the caller has taken
+    size_t waiting = 0;               // guarded by lock: workers waiting for a free slot
     std::vector<char> lost;           // per connection, guarded by lock: it reported the connection lost
     size_t asking = 0;                // guarded by lock: workers still taking entries
     std::atomic<size_t> next{0};

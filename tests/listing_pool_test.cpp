@@ -172,6 +172,33 @@ TEST_F(PooledListingTest, AnAppEntryThatCannotBeReadIsLeftOutAndTheWalkGoesOn) {
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
 }
 
+// Answers wait in a ring the workers may not run ahead of: with a ring of
+// seven, three hundred entries of as many sizes each get their own answer.
+TEST_F(PooledListingTest, EveryEntryGetsItsOwnAnswerThroughASmallAnswerRing) {
+    DevsimImage image;
+    image.location_id = 44;
+    std::vector<std::string> names;
+    for (size_t i = 0; i < 300; ++i) {
+        names.push_back(numbered("file", i));
+        image.files.push_back({"media/general_storage/ring/" + names.back(), std::string(i, 'r')});
+    }
+    connect(image);
+    InfoQueries queries;
+    queries.folder = "/general_storage/ring";
+    for (const std::string &name : names) queries.names.push_back(name.c_str());
+    queries.connections.push_back(context.afc_handle);
+    for (libiusb_afc *extra : storageListingConnections(&context)) queries.connections.push_back(extra);
+    ASSERT_EQ(queries.connections.size(), kListingConnections);
+    queries.window = 7;
+    startInfoQueries(queries);
+    for (size_t i = 0; i < names.size(); ++i) {
+        EntryInfo answer = infoOf(queries, i);
+        EXPECT_EQ(answer.result, 0) << names[i];
+        EXPECT_EQ(answer.info.size, i) << names[i];
+    }
+    finishInfoQueries(queries);
+}
+
 TEST_F(PooledListingTest, ListingsGoOnWithTheConnectionsTheDeviceGives) {
     DevsimImage image;
     image.location_id = 43;
