@@ -54,13 +54,9 @@ quorvelfs="$build/tools/quorvelfs"
 raw="$build/bench/afc_raw_copy"
 limit=${CP_BENCH_TIMEOUT:-150}
 mib=${CP_BENCH_MIB:-256}
-for program in "$devsim" "$quorvelfs" "$raw"; do
-  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
-done
+require_built "$devsim" "$quorvelfs" "$raw"
 command -v ifuse >/dev/null || { echo "ifuse is not installed" >&2; exit 1; }
-[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
-fusermount=$(command -v fusermount3 || command -v fusermount || true)
-[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+require_fuse
 
 work=$(mktemp -d /tmp/quorvel-cp-bench-XXXXXX)
 pid=""

@@ -7,17 +7,15 @@
 # Usage: bench/hostile_listing.sh [BUILD_DIR] [FOLDER]
 #   FOLDER: million (default) or hundred-thousand
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/common.sh"
 
 build=${1:-build}
 folder=${2:-million}
 devsim="$build/devsim/devsim"
 quorvelfs="$build/tools/quorvelfs"
-for program in "$devsim" "$quorvelfs"; do
-  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
-done
-[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
-fusermount=$(command -v fusermount3 || command -v fusermount || true)
-[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+require_built "$devsim" "$quorvelfs"
+require_fuse
 
 work=$(mktemp -d /tmp/quorvel-bench-XXXXXX)
 sim=""

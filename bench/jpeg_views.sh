@@ -13,19 +13,17 @@
 # conversion cannot pass for a fast one.
 # Usage: bench/jpeg_views.sh [BUILD_DIR] [PHOTOS]
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/common.sh"
 
 build=${1:-build}
 photos=${2:-100}
 devsim="$build/devsim/devsim"
 quorvelfs="$build/tools/quorvelfs"
-for program in "$devsim" "$quorvelfs"; do
-  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
-done
+require_built "$devsim" "$quorvelfs"
 command -v heif-convert >/dev/null || { echo "heif-convert is not installed (libheif-examples)" >&2; exit 1; }
 command -v identify >/dev/null || { echo "identify is not installed (imagemagick)" >&2; exit 1; }
-[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
-fusermount=$(command -v fusermount3 || command -v fusermount || true)
-[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+require_fuse
 
 cores=$(nproc)
 work=$(mktemp -d /tmp/quorvel-bench-XXXXXX)

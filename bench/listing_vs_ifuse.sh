@@ -8,18 +8,16 @@
 # Usage: [DEVSIM_ARGS=--no-tls] bench/listing_vs_ifuse.sh [BUILD_DIR]
 # (DEVSIM_ARGS: more devsim options; --no-tls skips the TLS of lockdown sessions)
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/common.sh"
 
 build=${1:-build}
 devsim="$build/devsim/devsim"
 quorvelfs="$build/tools/quorvelfs"
-for program in "$devsim" "$quorvelfs"; do
-  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
-done
+require_built "$devsim" "$quorvelfs"
 command -v ifuse >/dev/null || { echo "ifuse is not installed" >&2; exit 1; }
-[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
 
-fusermount=$(command -v fusermount3 || command -v fusermount || true)
-[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+require_fuse
 
 work=$(mktemp -d /tmp/quorvel-bench-XXXXXX)
 pid=""
@@ -40,16 +38,6 @@ cat > "$work/image/device.json" <<JSON
 JSON
 (cd "$work/image/media/general_storage/big" && seq -f 'entry%05g.txt' 1 30000 | xargs touch)
 (cd "$work/image/media/general_storage/small" && seq -f 'entry%04g.txt' 1 1000 | xargs touch)
-
-seconds() {  # runs "$@" and prints the wall time in seconds
-  # bash's own clock: starting `date` twice would add milliseconds to
-  # listings that take only a few.
-  local start end
-  start=$EPOCHREALTIME
-  "$@" > /dev/null
-  end=$EPOCHREALTIME
-  awk -v s="$start" -v e="$end" 'BEGIN { printf "%.4f", e - s }'
-}
 
 wait_for_mount() {
   for _ in $(seq 1 400); do grep -q " $1 fuse" /proc/mounts && return 0; sleep 0.05; done

@@ -22,20 +22,18 @@
 # pass for a fast one.
 # Usage: bench/media_listing.sh [BUILD_DIR]
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/common.sh"
 
 build=${1:-build}
 devsim="$build/devsim/devsim"
 quorvelfs="$build/tools/quorvelfs"
 floor="$build/bench/afc_info_floor"
 rawcopy="$build/bench/afc_raw_copy"
-for program in "$devsim" "$quorvelfs" "$floor" "$rawcopy"; do
-  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
-done
+require_built "$devsim" "$quorvelfs" "$floor" "$rawcopy"
 command -v sqlite3 >/dev/null || { echo "sqlite3 is not installed" >&2; exit 1; }
-[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
 
-fusermount=$(command -v fusermount3 || command -v fusermount || true)
-[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+require_fuse
 
 photos=50000
 songs=10000

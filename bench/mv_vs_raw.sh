@@ -58,12 +58,8 @@ small_size=4096
 count_requests=${MV_BENCH_REQUESTS:-0}
 repeat=${MV_BENCH_REPEAT:-1}
 case "$repeat" in '' | *[!0-9]* | 0) echo "MV_BENCH_REPEAT takes a whole number from 1" >&2; exit 1 ;; esac
-for program in "$devsim" "$quorvelfs" "$raw"; do
-  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
-done
-[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
-fusermount=$(command -v fusermount3 || command -v fusermount || true)
-[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+require_built "$devsim" "$quorvelfs" "$raw"
+require_fuse
 
 work=$(mktemp -d /tmp/quorvel-mv-bench-XXXXXX)
 pid=""

@@ -5,16 +5,14 @@
 # (lockdown and the media connection take two), and the same with no limit.
 # Usage: bench/service_limit.sh [BUILD_DIR]
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/common.sh"
 
 build=${1:-build}
 devsim="$build/devsim/devsim"
 quorvelfs="$build/tools/quorvelfs"
-for program in "$devsim" "$quorvelfs"; do
-  [ -x "$program" ] || { echo "not built: $program" >&2; exit 1; }
-done
-[ -e /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 1; }
-fusermount=$(command -v fusermount3 || command -v fusermount || true)
-[ -n "$fusermount" ] || { echo "neither fusermount3 nor fusermount is installed" >&2; exit 1; }
+require_built "$devsim" "$quorvelfs"
+require_fuse
 
 work=$(mktemp -d /tmp/quorvel-bench-XXXXXX)
 pid=""
@@ -39,14 +37,6 @@ cat > "$work/image/device.json" <<JSON
  "apps": [$apps]}
 JSON
 (cd "$work/image/media/general_storage/big" && seq -f 'entry%05g.txt' 1 30000 | xargs touch)
-
-seconds() {  # runs "$@" and prints the wall time in seconds
-  local start end
-  start=$EPOCHREALTIME
-  "$@" > /dev/null
-  end=$EPOCHREALTIME
-  awk -v s="$start" -v e="$end" 'BEGIN { printf "%.4f", e - s }'
-}
 
 list_apps_at_once() {
   local n listers=()

@@ -30,11 +30,6 @@ constexpr uint32_t kMaxTransfer = 1u << 20;
 
 int afcResult(afc_error_t result) { return mapNativeError(NativeSource::Afc, result); }
 
-int startService(libiusb_device_handle *handle, const char *name, lockdownd_service_descriptor_t *service,
-                 idevice_t *device) {
-    return startDeviceService(handle, name, service, device);
-}
-
 void forgetPosition(libiusb_afc *afc, uint64_t file_handle) {
     std::lock_guard<std::mutex> guard(afc->positions_lock);
     auto found = afc->open_files.find(file_handle);
@@ -85,7 +80,7 @@ void freeConnection(libiusb_afc *afc) {
 int startHouseArrest(libiusb_afc *afc) {
     lockdownd_service_descriptor_t service = nullptr;
     idevice_t device = nullptr;
-    int result = startService(afc->owner, HOUSE_ARREST_SERVICE_NAME, &service, &device);
+    int result = startDeviceService(afc->owner, HOUSE_ARREST_SERVICE_NAME, &service, &device);
     if (result == 0) {
         result = mapNativeError(NativeSource::HouseArrest, house_arrest_client_new(device, service, &afc->house_arrest));
     }
@@ -132,11 +127,7 @@ int openConnectionAgain(libiusb_afc *afc) {
     freeClients(afc);
     int result;
     if (afc->kind == AfcKind::Media) {
-        lockdownd_service_descriptor_t service = nullptr;
-        idevice_t device = nullptr;
-        result = startService(afc->owner, AFC_SERVICE_NAME, &service, &device);
-        if (result == 0) result = afcResult(afc_client_new(device, service, &afc->client));
-        if (service != nullptr) lockdownd_service_descriptor_free(service);
+        result = startAfcClient(afc->owner, &afc->client);
     } else {
         result = startHouseArrest(afc);
         if (result == 0 && afc->kind == AfcKind::HouseArrestApp) result = vendDocuments(afc, afc->bundle_id.c_str());
@@ -237,15 +228,20 @@ int placeAt(libiusb_afc *afc, afc_client_t client, uint64_t file_handle, uint64_
 
 } // namespace
 
+int startAfcClient(libiusb_device_handle *handle, afc_client_t *client) {
+    lockdownd_service_descriptor_t service = nullptr;
+    idevice_t device = nullptr;
+    int result = startDeviceService(handle, AFC_SERVICE_NAME, &service, &device);
+    if (result == 0) result = afcResult(afc_client_new(device, service, client));
+    if (service != nullptr) lockdownd_service_descriptor_free(service);
+    return result;
+}
+
 int libiusb_afc_init(libiusb_device_handle *handle, libiusb_afc **out) {
     if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
-    lockdownd_service_descriptor_t service = nullptr;
-    idevice_t device = nullptr;
-    int result = startService(handle, AFC_SERVICE_NAME, &service, &device);
     afc_client_t client = nullptr;
-    if (result == 0) result = afcResult(afc_client_new(device, service, &client));
-    if (service != nullptr) lockdownd_service_descriptor_free(service);
+    int result = startAfcClient(handle, &client);
     if (result != 0) return result;
     libiusb_afc *afc = new libiusb_afc;
     afc->kind = AfcKind::Media;

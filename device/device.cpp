@@ -72,14 +72,8 @@ uint64_t parseNumber(const char *text) {
 // Block size and capacities as the media file system reports them. Falls
 // back to lockdown's disk-usage domain when AFC cannot be reached.
 int fillCapacity(libiusb_device_handle *handle, libiusb_device_info *info) {
-    lockdownd_service_descriptor_t service = nullptr;
-    idevice_t device = nullptr;
-    int result = startDeviceService(handle, AFC_SERVICE_NAME, &service, &device);
     afc_client_t afc = nullptr;
-    if (result == 0) {
-        result = mapNativeError(NativeSource::Afc, afc_client_new(device, service, &afc));
-    }
-    if (service != nullptr) lockdownd_service_descriptor_free(service);
+    int result = startAfcClient(handle, &afc);
     if (result == 0) {
         char **pairs = nullptr;
         result = mapNativeError(NativeSource::Afc, afc_get_device_info(afc, &pairs));

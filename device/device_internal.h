@@ -55,6 +55,8 @@ struct libiusb_device_handle {
 // the device record to make the service's client with.
 int startDeviceService(libiusb_device_handle *handle, const char *name, lockdownd_service_descriptor_t *service,
                        idevice_t *device);
+// A client of the device's media file system on a service of its own.
+int startAfcClient(libiusb_device_handle *handle, afc_client_t *client);
 
 enum class AfcKind {
     Media,             // the device's media file system

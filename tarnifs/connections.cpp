@@ -26,24 +26,6 @@ size_t closeIdleFolderClients(_KTL_OBJECT *folder) {
     return closed;
 }
 
-} // namespace
-
-size_t CloseIdleConnections(_CONTEXT *ctx) {
-    size_t closed = ctx->listing_afc_handles.size();
-    closeStorageListingConnections(ctx);
-    if (ctx->instproxy_handle != nullptr) {
-        libiusb_instproxy_exit(ctx->instproxy_handle);
-        ctx->instproxy_handle = nullptr;
-        closed++;
-    }
-    _KTL_OBJECT *apps = FindObject("/Apps");
-    if (apps != nullptr) closed += closeIdleFolderClients(apps);
-    if (closed > 0) QNLog(3, "%s closed %zu idle connections: the device opens no more services", "CloseIdleConnections", closed);
-    return closed;
-}
-
-namespace {
-
 // How long a start refused for the limit is tried again: the device counts a
 // connection closed here as open until it has seen the close, a moment later.
 constexpr int kLimitRetries = 20;
@@ -63,6 +45,21 @@ int startWithRoom(_CONTEXT *ctx, Start start) {
 }
 
 } // namespace
+
+size_t CloseIdleConnections(_CONTEXT *ctx) {
+    size_t closed = ctx->listing_afc_handles.size();
+    closeStorageListingConnections(ctx);
+    if (ctx->instproxy_handle != nullptr) {
+        libiusb_instproxy_exit(ctx->instproxy_handle);
+        ctx->instproxy_handle = nullptr;
+        closed++;
+    }
+    _KTL_OBJECT *apps = FindObject("/Apps");
+    if (apps != nullptr) closed += closeIdleFolderClients(apps);
+    if (closed > 0)
+        QNLog(3, "%s closed %zu idle connections: the device opens no more services", "CloseIdleConnections", closed);
+    return closed;
+}
 
 int StartHouseArrest(_CONTEXT *ctx, libiusb_afc **out) {
     return startWithRoom(ctx, [&] { return libiusb_housearrest_init(ctx->device_handle, out); });
