@@ -1,0 +1,142 @@
+#!/usr/bin/env bash
+# Deliberate one-line faults in tarnifs/, and which of them the suite notices.
+#
+#   scripts/mutants.sh pick [COUNT] > scripts/mutants.tsv
+#       spreads COUNT faults evenly over the candidate lines of tarnifs/*.cpp
+#       (a comparison turned round, && for ||, true for false, an off-by-one,
+#       a success for a failure); no randomness, so the same sources give the
+#       same list on every machine.
+#   scripts/mutants.sh run RESULTS [TESTS_COMMIT]
+#       builds this checkout's code in a worktree of its own (with tests/ taken
+#       from TESTS_COMMIT when given, so two suites can be measured against the
+#       same code), checks the suite passes unmutated, then for each fault of
+#       scripts/mutants.tsv: applies it, rebuilds, runs the quick tests and then
+#       the rest until one fails, and writes a line to RESULTS:
+#       "<n> caught <first failing test>", "<n> missed" or "<n> no-build".
+#   scripts/mutants.sh table RESULTS_BEFORE RESULTS_AFTER
+#       counts both runs side by side, with the faults only one of them caught.
+set -euo pipefail
+repo=$(cd "$(dirname "$0")/.." && pwd)
+list="$repo/scripts/mutants.tsv"
+
+pick() {
+  local count=${1:-80}
+  cd "$repo"
+  # Candidates: code lines (not comments, not log or message text) holding
+  # one operator we know how to turn round.
+  find tarnifs -name '*.cpp' | sort | xargs awk -v OFS='\t' '
+    FNR == 1 { block = 0 }
+    {
+      line = $0
+      if (block) { if (line ~ /\*\//) block = 0; next }
+      if (line ~ /^[ \t]*\/\*/ && line !~ /\*\//) { block = 1; next }
+      if (line ~ /^[ \t]*(\/\/|#)/ || line ~ /"/ || line ~ /static_assert/) next
+      to = ""
+      if      (line ~ / == /)          { to = line; sub(/ == /, " != ", to) }
+      else if (line ~ / != /)          { to = line; sub(/ != /, " == ", to) }
+      else if (line ~ / && /)          { to = line; sub(/ && /, " || ", to) }
+      else if (line ~ / \|\| /)        { to = line; sub(/ \|\| /, " \\&\\& ", to) }
+      else if (line ~ / <= /)          { to = line; sub(/ <= /, " < ", to) }
+      else if (line ~ / >= /)          { to = line; sub(/ >= /, " > ", to) }
+      else if (line ~ /[a-z_)\]] < [a-zA-Z0-9_(]/) { to = line; sub(/ < /, " <= ", to) }
+      else if (line ~ /[a-z_)\]] > [a-zA-Z0-9_(]/) { to = line; sub(/ > /, " >= ", to) }
+      else if (line ~ /return true;/)  { to = line; sub(/return true;/, "return false;", to) }
+      else if (line ~ /return false;/) { to = line; sub(/return false;/, "return true;", to) }
+      else if (line ~ / \+ 1\>/)       { to = line; sub(/ \+ 1/, " + 2", to) }
+      else if (line ~ / - 1\>/)        { to = line; sub(/ - 1/, "", to) }
+      else if (line ~ /return 0;/)     { to = line; sub(/return 0;/, "return -EIO;", to) }
+      else if (line ~ /if \(!/)        { to = line; sub(/if \(!/, "if (", to) }
+      if (to != "" && to != line) print FILENAME, FNR, line, to
+    }' > /tmp/mutant-candidates.$$
+  local total
+  total=$(wc -l < /tmp/mutant-candidates.$$)
+  awk -v total="$total" -v count="$count" 'BEGIN { step = total / count; next_pick = step / 2 }
+    NR >= next_pick && picked < count { print; picked++; next_pick += step }' /tmp/mutant-candidates.$$
+  rm -f /tmp/mutant-candidates.$$
+}
+
+run() {
+  local results=$1 tests_commit=${2:-}
+  [[ -s $list ]] || { echo "no $list: run '$0 pick' first" >&2; exit 2; }
+  local work=/work/wt-mutants-$$
+  [[ -d /work ]] || work=$(mktemp -d)/wt
+  git -C "$repo" worktree add --detach "$work" HEAD >/dev/null
+  trap 'git -C "$repo" worktree remove --force "$work" >/dev/null 2>&1 || true' EXIT
+  if [[ -n $tests_commit ]]; then
+    git -C "$work" rm -rq tests
+    git -C "$work" checkout "$tests_commit" -- tests
+  fi
+  # Quick to build and link: -O1 without debug information, linked by lld.
+  cmake -S "$work" -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE='-O1 -DNDEBUG' \
+    -DCMAKE_C_FLAGS_RELEASE='-O1 -DNDEBUG' -DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld \
+    -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >/dev/null
+  cmake --build "$work/build" -j "$(nproc)" -- --no-print-directory >/dev/null
+  # The setup script's own test runs no tarnifs code and takes longest.
+  local skip='^SetupPackages\.'
+  (cd "$work/build" && ctest -j "$(nproc)" -E "$skip" --timeout 300 >/dev/null) ||
+    { echo "the unmutated suite fails in $work: nothing to measure" >&2; exit 1; }
+  # Tests that took under two seconds run first; a fault they catch costs
+  # no more than their run.
+  local quick
+  quick=$(awk 'NF == 3 && $3 < 2 { printf "%s^%s$", sep, $1; sep = "|" }' \
+          "$work/build/Testing/Temporary/CTestCostData.txt" | sed 's/[.]/\\./g')
+  : > "$results"
+  local n=0 file line from to
+  while IFS=$'\t' read -r file line from to; do
+    n=$((n + 1))
+    if [[ $(sed -n "${line}p" "$work/$file") != "$from" ]]; then
+      echo "$n stale $file:$line" >> "$results"; continue
+    fi
+    local escaped
+    escaped=$(printf '%s' "$to" | sed 's/[&\\|]/\\&/g')
+    sed -i "${line}s|.*|${escaped}|" "$work/$file"
+    local verdict
+    if ! cmake --build "$work/build" -j "$(nproc)" -- --no-print-directory >/dev/null 2>&1; then
+      verdict="no-build"
+    else
+      verdict="missed"
+      local stage
+      for stage in quick rest; do
+        local select=(-R "$quick" -E "$skip")
+        [[ $stage == rest ]] && select=(-E "$quick|$skip")
+        if ! (cd "$work/build" && ctest -j "$(nproc)" --stop-on-failure --timeout 120 "${select[@]}" \
+                > "$work/build/mutant.log" 2>&1); then
+          verdict="caught $(awk '/The following tests FAILED/ { f = 1; next } f && NF { print $3; exit }' \
+                            "$work/build/mutant.log")"
+          break
+        fi
+      done
+    fi
+    echo "$n $verdict $file:$line" | tee -a "$results"
+    git -C "$work" checkout -q -- "$file"
+  done < "$list"
+  # Leave the build as the code really is.
+  cmake --build "$work/build" -j "$(nproc)" -- --no-print-directory >/dev/null 2>&1 || true
+}
+
+table() {
+  local before=$1 after=$2
+  awk '
+    FNR == 1 { run++ }
+    { verdict[run, $1] = $2; where[$1] = $NF; if ($1 > last) last = $1 }
+    END {
+      for (i = 1; i <= last; i++) {
+        if (verdict[1, i] == "no-build" || verdict[1, i] == "stale") { unbuilt++; continue }
+        built++
+        if (verdict[1, i] == "caught") b++
+        if (verdict[2, i] == "caught") a++
+        if (verdict[1, i] != verdict[2, i]) diff = diff sprintf("| %d | %s | %s | %s |\n", i, where[i], verdict[1, i], verdict[2, i])
+      }
+      printf "| | before | after |\n|---|---|---|\n| faults built and run | %d | %d |\n", built, built
+      printf "| caught | %d | %d |\n| missed | %d | %d |\n", b, a, built - b, built - a
+      if (unbuilt) printf "\n%d more did not build (the same both times) and are not counted.\n", unbuilt
+      if (diff != "") printf "\nCaught by one suite only:\n\n| fault | where | before | after |\n|---|---|---|---|\n%s", diff
+    }' "$before" "$after"
+}
+
+case ${1:-} in
+  pick) shift; pick "$@" ;;
+  run) shift; run "$@" ;;
+  table) shift; table "$@" ;;
+  *) sed -n '2,17p' "$0" >&2; exit 2 ;;
+esac
