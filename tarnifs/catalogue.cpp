@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -13,7 +14,7 @@
 #include "tarnifs/names.h"
 #include "util/log.h"
 
-std::unordered_map<std::string, uint64_t> Object_list(11);
+ObjectPathMap Object_list(11);
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include <cstdint>
 #include <string>
-#include <unordered_map>
 
+#include "tarnifs/object_path_map.h"
 #include "tarnifs/platform.h"
 
 struct libiusb_afc;
@@ -41,17 +41,14 @@ enum {
     KTL_TYPE_NOTE = 6,
 };
 
+// Fields are ordered widest first so that none pads: a listed folder of a
+// million entries holds a million of these.
 struct _KTL_OBJECT {
     _KTL_LIST_ENTRY child_list;
     _KTL_LIST_ENTRY sibling;
-    uint32_t type;
-    uint32_t sub_type;
-    uint32_t open_count;
-    uint8_t enumerated;
     libiusb_afc *hhandle;  // house-arrest connection; also the AFC connection of file_handle when set
     uint64_t file_handle;
     uint64_t size;
-    uint16_t mode;  // file-type bits only
     int64_t birth_time;
     int64_t modify_time;
     int64_t access_time;
@@ -59,9 +56,14 @@ struct _KTL_OBJECT {
     char *app_id;
     char *device_path;
     _KTL_XATTR *xattr_list;
+    uint64_t read_offset;
+    uint32_t type;
+    uint32_t sub_type;
+    uint32_t open_count;
+    uint16_t mode;  // file-type bits only
+    uint8_t enumerated;
     uint8_t writing;
     uint8_t reading;
-    uint64_t read_offset;
     // The device handle in file_handle was opened for writing too ("r+"),
     // not only for reading ("r").
     uint8_t device_writable;
@@ -73,7 +75,7 @@ struct _KTL_OBJECT {
 
 // Full volume path -> record address; 0 (an entry a missed lookup left
 // behind) means no record.
-extern std::unordered_map<std::string, uint64_t> Object_list;
+extern ObjectPathMap Object_list;
 
 _KTL_OBJECT *GetObject(const char *path);
 _KTL_OBJECT *GetObjectWithFileName(const char *path);

@@ -4,6 +4,7 @@
 // rewind), and each page is then served from that snapshot with the
 // catalogue's attributes. The kernel keeps those attributes, so `ls -l` asks
 // nothing per entry.
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -21,17 +22,29 @@ namespace {
 // catalogue, without a device request.
 constexpr size_t kNamesOnlyAbove = 100000;
 
+// ".", "..", then the folder's entries, as emitted: every name with its NUL
+// in one buffer, and where each starts. A million names cost their bytes and
+// four more each, not a string object apiece.
 struct ListingSnapshot {
-    std::vector<std::string> names;  // ".", "..", then the folder's entries, as emitted
+    std::string text;
+    std::vector<uint32_t> starts;
     bool taken = false;
 };
 
+size_t nameCount(const ListingSnapshot &snapshot) { return snapshot.starts.size(); }
+const char *nameAt(const ListingSnapshot &snapshot, size_t index) { return snapshot.text.data() + snapshot.starts[index]; }
+
 int collectName(void *buffer, const char *name, const struct stat *, off_t, enum fuse_fill_dir_flags) {
-    static_cast<ListingSnapshot *>(buffer)->names.emplace_back(name);
+    ListingSnapshot *snapshot = static_cast<ListingSnapshot *>(buffer);
+    // Offsets are 32 bits: a listing of more than 4 GiB of names ends there.
+    size_t length = strlen(name) + 1;
+    if (snapshot->text.size() + length > UINT32_MAX) return 1;
+    snapshot->starts.push_back(static_cast<uint32_t>(snapshot->text.size()));
+    snapshot->text.append(name, length);
     return 0;
 }
 
-bool isDotOrDotDot(const std::string &name) { return name == "." || name == ".."; }
+bool isDotOrDotDot(const char *name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
 
 } // namespace
 
@@ -52,7 +65,8 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
     ListingSnapshot *snapshot = fi != nullptr && fi->fh != 0 ? reinterpret_cast<ListingSnapshot *>(fi->fh) : &unopened;
     // A rewind (offset 0) lists again, as POSIX asks of rewinddir.
     if (offset == 0 || !snapshot->taken) {
-        snapshot->names.clear();
+        snapshot->text.clear();
+        snapshot->starts.clear();
         snapshot->taken = false;
         int result = tarnifs_readdir(path, snapshot, collectName, 0, fi);
         if (result != 0) return result;
@@ -63,14 +77,15 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
     _CONTEXT *ctx = nullptr;
     int result = getContext(&ctx);
     if (result != 0) return result;
-    bool plus = (flags & FUSE_READDIR_PLUS) != 0 && snapshot->names.size() <= kNamesOnlyAbove + 2;
-    const std::vector<std::string> &names = snapshot->names;
-    for (size_t index = offset < 0 ? 0 : static_cast<size_t>(offset); index < names.size(); ++index) {
+    size_t count = nameCount(*snapshot);
+    bool plus = (flags & FUSE_READDIR_PLUS) != 0 && count <= kNamesOnlyAbove + 2;
+    for (size_t index = offset < 0 ? 0 : static_cast<size_t>(offset); index < count; ++index) {
+        const char *name = nameAt(*snapshot, index);
         struct stat st;
         bool known = false;
         bool typeOnly = false;
-        if (!isDotOrDotDot(names[index])) {
-            std::string childPath = ChildPath(path, names[index].c_str());
+        if (!isDotOrDotDot(name)) {
+            std::string childPath = ChildPath(path, name);
             const _KTL_OBJECT *child = FindObject(childPath.c_str());
             // A record removed since the snapshot goes out as a bare name.
             if (child != nullptr) {
@@ -85,7 +100,7 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
         // The offset handed with an entry is where the next page starts.
         enum fuse_fill_dir_flags fill =
             plus && known && !typeOnly ? FUSE_FILL_DIR_PLUS : static_cast<enum fuse_fill_dir_flags>(0);
-        if (filler(buffer, names[index].c_str(), known ? &st : nullptr, static_cast<off_t>(index + 1), fill) != 0)
+        if (filler(buffer, name, known ? &st : nullptr, static_cast<off_t>(index + 1), fill) != 0)
             break;  // the page is full
     }
     return 0;
