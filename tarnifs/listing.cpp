@@ -59,17 +59,32 @@ bool isDotOrDotDot(const char *name) {
 }
 
 // The names of a device listing whose information is asked, in device order
-// (only names a path can address), into `queries` with their folder.
-void entriesToAsk(char **entries, const std::string &folder, InfoQueries *queries) {
+// (only names a path can address), copied into `queries` with their folder,
+// and the device's list freed: one buffer of names costs a third of a list of
+// separately allocated ones, and a listing of a million holds it throughout.
+void entriesToAsk(char ***entries, const std::string &folder, InfoQueries *queries) {
     queries->folder = folder;
-    for (char **entry = entries; entry != nullptr && *entry != nullptr; ++entry) {
+    size_t bytes = 0;
+    size_t count = 0;
+    for (char **entry = *entries; entry != nullptr && *entry != nullptr; ++entry) {
+        if (!IsListableDeviceName(*entry)) continue;
+        bytes += strlen(*entry) + 1;
+        ++count;
+    }
+    // Reserved whole, so that the pointers into it stay good.
+    queries->name_text.reserve(bytes);
+    queries->names.reserve(count);
+    for (char **entry = *entries; entry != nullptr && *entry != nullptr; ++entry) {
         if (!IsListableDeviceName(*entry)) {
             if (!isDotOrDotDot(*entry))
                 QNLog(3, "%s a name in %s is not shown: no path can address it", "entriesToAsk", folder.c_str());
             continue;
         }
-        queries->names.push_back(*entry);
+        queries->names.push_back(queries->name_text.data() + queries->name_text.size());
+        queries->name_text.append(*entry, strlen(*entry) + 1);
     }
+    libiusb_misc_free_strings_array(*entries);
+    *entries = nullptr;
 }
 
 // Runs `sql` and tells whether its first row's first column is non-zero.
@@ -233,7 +248,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
             QNLog(3, "%s libiusb_afc_file_read_directory failed. error : %d", "enumApps", result);
         } else {
             InfoQueries queries;
-            entriesToAsk(entries, sandbox, &queries);
+            entriesToAsk(&entries, sandbox, &queries);
             const std::vector<const char *> &names = queries.names;
             queries.connections.push_back(client);
             std::vector<libiusb_afc *> extra;
@@ -455,7 +470,7 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
         return result;
     }
     InfoQueries queries;
-    entriesToAsk(entries, devicePath, &queries);
+    entriesToAsk(&entries, devicePath, &queries);
     const std::vector<const char *> &names = queries.names;
     queries.connections.push_back(ctx->afc_handle);
     if (names.size() > kPooledListingEntries) {

@@ -31,12 +31,14 @@ struct EntryInfo {
 };
 
 // The queries of one listing. The caller fills `folder` and `names` (device
-// order; the names stay the caller's) and `connections` (its own connection
-// first), then starts them. An entry's path is made when it is asked for:
-// a million full paths kept at once would cost more than the records.
+// order; the names stay the caller's, or live in `name_text`) and
+// `connections` (its own connection first), then starts them. An entry's path
+// is made when it is asked for: a million full paths kept at once would cost
+// more than the records.
 struct InfoQueries {
     std::string folder;
     std::vector<const char *> names;
+    std::string name_text;  // the names one after another, each with its NUL, when copied here
     std::vector<libiusb_afc *> connections;
     size_t window = kAnswerWindow;
 
