@@ -9,10 +9,13 @@
 #   scripts/mutants.sh run RESULTS [TESTS_COMMIT]
 #       builds this checkout's code in a worktree of its own (with tests/ taken
 #       from TESTS_COMMIT when given, so two suites can be measured against the
-#       same code), checks the suite passes unmutated, then for each fault of
-#       scripts/mutants.tsv: applies it, rebuilds, runs the quick tests and then
-#       the rest until one fails, and writes a line to RESULTS:
-#       "<n> caught <first failing test>", "<n> missed" or "<n> no-build".
+#       same code); runs each test alone in a coverage build to learn which
+#       tests run each fault's line (RESULTS.coverage); checks the suite passes
+#       unmutated; then for each fault of scripts/mutants.tsv: applies it,
+#       rebuilds, runs the tests that run its line until one fails, and writes
+#       a line to RESULTS: "<n> caught <first failing test>", "<n> missed" or
+#       "<n> no-build". A test that never runs a line cannot notice a fault in
+#       it, so this counts what running the whole suite would, in far less time.
 #   scripts/mutants.sh table RESULTS_BEFORE RESULTS_AFTER
 #       counts both runs side by side, with the faults only one of them caught.
 set -euo pipefail
@@ -55,6 +58,36 @@ pick() {
   rm -f /tmp/mutant-candidates.$$
 }
 
+# Prints, for each fault of the list, the tests that run its line: the
+# suite is built with coverage in BUILD_DIR and run one test at a time. A
+# test that never runs a line cannot notice a fault in it, so only these are
+# run against that fault.
+map_coverage() {
+  local work=$1 out=$2
+  cmake -S "$work" -B "$work/build-cov" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS='--coverage -DNDEBUG' \
+    -DCMAKE_C_FLAGS='--coverage -DNDEBUG' -DCMAKE_EXE_LINKER_FLAGS='--coverage -fuse-ld=lld' \
+    -DQUORVEL_BENCH=OFF -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >/dev/null
+  cmake --build "$work/build-cov" -j "$(nproc)" -- --no-print-directory >/dev/null
+  local objects="$work/build-cov/tarnifs/CMakeFiles/quorvel_tarnifs.dir"
+  local files
+  files=$(cut -f1 "$list" | sort -u)
+  : > "$out"
+  local name
+  (cd "$work/build-cov" && ctest -N) | awk '/Test +#[0-9]+:/ { print $3 }' | grep -v "$skip" | while read -r name; do
+    find "$objects" -name '*.gcda' -delete
+    (cd "$work/build-cov" && ctest --timeout 300 -R "^${name//./\\.}\$" < /dev/null >/dev/null 2>&1) || true
+    local file
+    for file in $files; do
+      [[ -e "$objects/$(basename "$file").gcda" ]] || continue
+      # Executed lines of that source: "<count>:<line>:" with a count that is a number.
+      (cd "$objects" && gcov -t "$(basename "$file").gcda" 2>/dev/null) |
+        awk -v want="$file" -v test="$name" -F: '
+          /^ *-: *0:Source:/ { keep = (index($0, want) > 0) ; next }
+          keep && $1 ~ /^ *[0-9]+\*?$/ { gsub(/ /, "", $2); print want "\t" $2 "\t" test }'
+    done >> "$out"
+  done
+}
+
 run() {
   local results=$1 tests_commit=${2:-}
   [[ -s $list ]] || { echo "no $list: run '$0 pick' first" >&2; exit 2; }
@@ -66,20 +99,18 @@ run() {
     git -C "$work" rm -rq tests
     git -C "$work" checkout "$tests_commit" -- tests
   fi
+  # The setup script's own test runs no tarnifs code and takes longest.
+  skip='^SetupPackages\.'
+  echo "mapping which tests run which lines ($(date +%T))" >&2
+  map_coverage "$work" "$results.coverage"
   # Quick to build and link: -O1 without debug information, linked by lld.
   cmake -S "$work" -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE='-O1 -DNDEBUG' \
-    -DCMAKE_C_FLAGS_RELEASE='-O1 -DNDEBUG' -DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld \
+    -DCMAKE_C_FLAGS_RELEASE='-O1 -DNDEBUG' -DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -DQUORVEL_BENCH=OFF \
     -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >/dev/null
   cmake --build "$work/build" -j "$(nproc)" -- --no-print-directory >/dev/null
-  # The setup script's own test runs no tarnifs code and takes longest.
-  local skip='^SetupPackages\.'
+  echo "checking the unmutated suite ($(date +%T))" >&2
   (cd "$work/build" && ctest -j "$(nproc)" -E "$skip" --timeout 300 >/dev/null) ||
     { echo "the unmutated suite fails in $work: nothing to measure" >&2; exit 1; }
-  # Tests that took under two seconds run first; a fault they catch costs
-  # no more than their run.
-  local quick
-  quick=$(awk 'NF == 3 && $3 < 2 { printf "%s^%s$", sep, $1; sep = "|" }' \
-          "$work/build/Testing/Temporary/CTestCostData.txt" | sed 's/[.]/\\./g')
   : > "$results"
   local n=0 file line from to
   while IFS=$'\t' read -r file line from to; do
@@ -87,37 +118,37 @@ run() {
     if [[ $(sed -n "${line}p" "$work/$file") != "$from" ]]; then
       echo "$n stale $file:$line" >> "$results"; continue
     fi
+    local covering
+    covering=$(awk -F'\t' -v f="$file" -v l="$line" '$1 == f && $2 == l { gsub(/[.]/, "\\.", $3); printf "%s^%s$", sep, $3; sep = "|" }' \
+               "$results.coverage")
+    # A line no test was seen to run (a process that never wrote its coverage
+    # counts) is tried against the whole suite.
+    local select=(-R "$covering" -E "$skip")
+    [[ -z $covering ]] && select=(-E "$skip")
     local escaped
     escaped=$(printf '%s' "$to" | sed 's/[&\\|]/\\&/g')
     sed -i "${line}s|.*|${escaped}|" "$work/$file"
-    local verdict
-    if ! cmake --build "$work/build" -j "$(nproc)" -- --no-print-directory >/dev/null 2>&1; then
+    local verdict attempt failed
+    if ! cmake --build "$work/build" -j "$(nproc)" -- --no-print-directory < /dev/null >/dev/null 2>&1; then
       verdict="no-build"
     else
       verdict="missed"
-      local stage attempt failed
-      for stage in quick rest; do
-        local select=(-R "$quick" -E "$skip")
-        [[ $stage == rest ]] && select=(-E "$quick|$skip")
-        # A failure counts only when the failing test fails again on its own:
-        # on a loaded machine an end-to-end test can miss a deadline once.
-        for attempt in 1 2; do
-          (cd "$work/build" && ctest -j "$(nproc)" --stop-on-failure --timeout 120 "${select[@]}" \
-             > "$work/build/mutant.log" 2>&1) && break
-          failed=$(awk '/The following tests FAILED/ { f = 1; next } f && NF { print $3; exit }' \
-                   "$work/build/mutant.log")
-          if ! (cd "$work/build" && ctest --timeout 120 -R "^${failed//./\\.}\$" > /dev/null 2>&1); then
-            verdict="caught $failed"; break 2
-          fi
-          verdict="missed (flaky: $failed)"
-        done
+      # A failure counts only when the failing test fails again on its own:
+      # on a loaded machine an end-to-end test can miss a deadline once.
+      for attempt in 1 2; do
+        (cd "$work/build" && ctest -j "$(nproc)" --stop-on-failure --timeout 120 "${select[@]}" \
+           < /dev/null > "$work/build/mutant.log" 2>&1) && break
+        failed=$(awk '/The following tests FAILED/ { f = 1; next } f && NF { print $3; exit }' \
+                 "$work/build/mutant.log")
+        if ! (cd "$work/build" && ctest --timeout 120 -R "^${failed//./\\.}\$" < /dev/null > /dev/null 2>&1); then
+          verdict="caught $failed"; break
+        fi
+        verdict="missed (flaky: $failed)"
       done
     fi
     echo "$n $verdict $file:$line" | tee -a "$results"
     git -C "$work" checkout -q -- "$file"
   done < "$list"
-  # Leave the build as the code really is.
-  cmake --build "$work/build" -j "$(nproc)" -- --no-print-directory >/dev/null 2>&1 || true
 }
 
 table() {
