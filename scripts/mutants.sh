@@ -6,8 +6,8 @@
 #       (a comparison turned round, && for ||, true for false, an off-by-one,
 #       a success for a failure); no randomness, so the same sources give the
 #       same list on every machine.
-#   scripts/mutants.sh run RESULTS [TESTS_COMMIT]
-#       builds this checkout's code in a worktree of its own (with tests/ taken
+#   scripts/mutants.sh run RESULTS [TESTS_COMMIT [CODE_COMMIT]]
+#       builds this checkout's code (or CODE_COMMIT's) in a worktree of its own (with tests/ taken
 #       from TESTS_COMMIT when given, so two suites can be measured against the
 #       same code); runs each test alone in a coverage build to learn which
 #       tests run each fault's line (RESULTS.coverage); checks the suite passes
@@ -89,11 +89,11 @@ map_coverage() {
 }
 
 run() {
-  local results=$1 tests_commit=${2:-}
+  local results=$1 tests_commit=${2:-} code_commit=${3:-HEAD}
   [[ -s $list ]] || { echo "no $list: run '$0 pick' first" >&2; exit 2; }
   local work=/work/wt-mutants-$$
   [[ -d /work ]] || work=$(mktemp -d)/wt
-  git -C "$repo" worktree add --detach "$work" HEAD >/dev/null
+  git -C "$repo" worktree add --detach "$work" "$code_commit" >/dev/null
   trap 'git -C "$repo" worktree remove --force "$work" >/dev/null 2>&1 || true' EXIT
   if [[ -n $tests_commit ]]; then
     git -C "$work" rm -rq tests
