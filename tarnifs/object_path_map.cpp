@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <functional>
+#include <stdexcept>
 
 namespace {
 
@@ -31,13 +32,14 @@ std::string_view ObjectPathMap::nameOf(const Entry &entry) {
     return std::string_view(heap);
 }
 
-size_t ObjectPathMap::hashOf(const Folder *folder, std::string_view name) {
-    return folder->hash * 0x9E3779B97F4A7C15ull ^ std::hash<std::string_view>()(name);
+size_t ObjectPathMap::hashOf(size_t folderHash, std::string_view name) {
+    return folderHash * 0x9E3779B97F4A7C15ull ^ std::hash<std::string_view>()(name);
 }
 
 // The slot holding (folder, name), with *found set, or else the slot a new
-// entry for it would take.
-size_t ObjectPathMap::slotOf(size_t hash, const Folder *folder, std::string_view name, bool *found) const {
+// entry for it would take. Folders are compared by their text, so a lookup
+// needs no trip through the folder index.
+size_t ObjectPathMap::slotOf(size_t hash, std::string_view folder, std::string_view name, bool *found) const {
     size_t mask = slots_.size() - 1;
     size_t firstErased = kNone;
     for (size_t at = hash & mask;; at = (at + 1) & mask) {
@@ -50,8 +52,11 @@ size_t ObjectPathMap::slotOf(size_t hash, const Folder *folder, std::string_view
             if (firstErased == kNone) firstErased = at;
             continue;
         }
-        const Entry &entry = entries_[slot - 2];
-        if (entry.folder == folder && nameOf(entry) == name) {
+        // Six bits of the hash in the slot turn most other keys away
+        // without reading their entry.
+        if (slot >> kIndexBits != tagOf(hash)) continue;
+        const Entry &entry = entries_[entryOf(slot)];
+        if (nameOf(entry) == name && entry.folder->text == folder) {
             *found = true;
             return at;
         }
@@ -60,12 +65,10 @@ size_t ObjectPathMap::slotOf(size_t hash, const Folder *folder, std::string_view
 
 size_t ObjectPathMap::findEntry(std::string_view key) const {
     if (live_ == 0) return kNone;
-    auto [folderText, name] = splitKey(key);
-    auto folder = folders_.find(folderText);
-    if (folder == folders_.end()) return kNone;
+    auto [folder, name] = splitKey(key);
     bool found = false;
-    size_t at = slotOf(hashOf(folder->second, name), folder->second, name, &found);
-    return found ? slots_[at] - 2 : kNone;
+    size_t at = slotOf(hashOf(std::hash<std::string_view>()(folder), name), folder, name, &found);
+    return found ? entryOf(slots_[at]) : kNone;
 }
 
 ObjectPathMap::iterator ObjectPathMap::find(std::string_view key) const {
@@ -84,8 +87,9 @@ void ObjectPathMap::growIndex() {
         const Entry &entry = entries_[index];
         if (entry.folder == nullptr) continue;
         bool found = false;
-        size_t at = slotOf(hashOf(entry.folder, nameOf(entry)), entry.folder, nameOf(entry), &found);
-        slots_[at] = static_cast<uint32_t>(index + 2);
+        size_t hash = hashOf(entry.folder->hash, nameOf(entry));
+        size_t at = slotOf(hash, entry.folder->text, nameOf(entry), &found);
+        slots_[at] = slotFor(index, hash);
     }
 }
 
@@ -101,14 +105,16 @@ uint64_t &ObjectPathMap::operator[](std::string_view key) {
     }
     if ((live_ + erasedSlots_ + 1) * 10 > slots_.size() * 7) growIndex();
     bool found = false;
-    size_t hash = hashOf(folder, name);
-    size_t at = slotOf(hash, folder, name, &found);
-    if (found) return entries_[slots_[at] - 2].value;
+    size_t hash = hashOf(folder->hash, name);
+    size_t at = slotOf(hash, folder->text, name, &found);
+    if (found) return entries_[entryOf(slots_[at])].value;
 
     size_t index = firstFree_;
     if (index != kNone) {
         firstFree_ = static_cast<size_t>(entries_[index].value);
     } else {
+        // 67 million keys; the records behind them would take 17 GB first.
+        if (entries_.size() + 2 >= (size_t{1} << kIndexBits)) throw std::length_error("catalogue path map full");
         index = entries_.size();
         entries_.emplace_back();
     }
@@ -128,7 +134,7 @@ uint64_t &ObjectPathMap::operator[](std::string_view key) {
     }
     ++folder->users;
     if (slots_[at] == kErasedSlot) --erasedSlots_;
-    slots_[at] = static_cast<uint32_t>(index + 2);
+    slots_[at] = slotFor(index, hash);
     ++live_;
     return entry.value;
 }
@@ -154,13 +160,11 @@ void ObjectPathMap::freeEntry(size_t index) {
 
 size_t ObjectPathMap::erase(std::string_view key) {
     if (live_ == 0) return 0;
-    auto [folderText, name] = splitKey(key);
-    auto folder = folders_.find(folderText);
-    if (folder == folders_.end()) return 0;
+    auto [folder, name] = splitKey(key);
     bool found = false;
-    size_t at = slotOf(hashOf(folder->second, name), folder->second, name, &found);
+    size_t at = slotOf(hashOf(std::hash<std::string_view>()(folder), name), folder, name, &found);
     if (!found) return 0;
-    freeEntry(slots_[at] - 2);
+    freeEntry(entryOf(slots_[at]));
     slots_[at] = kErasedSlot;
     ++erasedSlots_;
     return 1;

@@ -77,17 +77,25 @@ class ObjectPathMap {
     static constexpr size_t kNone = SIZE_MAX;
     static constexpr uint32_t kEmptySlot = 0;
     static constexpr uint32_t kErasedSlot = 1;  // the slot's entry left; probes go on past it
+    // A used slot holds its entry's index + 2 in the low bits and the top six
+    // bits of the key's hash above them.
+    static constexpr unsigned kIndexBits = 26;
+    static uint32_t tagOf(size_t hash) { return static_cast<uint32_t>(hash >> (sizeof(size_t) * 8 - 6)); }
+    static uint32_t slotFor(size_t index, size_t hash) {
+        return tagOf(hash) << kIndexBits | static_cast<uint32_t>(index + 2);
+    }
+    static size_t entryOf(uint32_t slot) { return (slot & ((uint32_t{1} << kIndexBits) - 1)) - 2; }
 
     size_t findEntry(std::string_view key) const;
-    size_t slotOf(size_t hash, const Folder *folder, std::string_view name, bool *found) const;
+    size_t slotOf(size_t hash, std::string_view folder, std::string_view name, bool *found) const;
     void growIndex();
     void freeEntry(size_t index);
     static std::string_view nameOf(const Entry &entry);
-    static size_t hashOf(const Folder *folder, std::string_view name);
+    static size_t hashOf(size_t folderHash, std::string_view name);
 
     std::unordered_map<std::string_view, Folder *> folders_;  // keys point into Folder::text
     std::deque<Entry> entries_;                               // never moved: indexes stay good
-    std::vector<uint32_t> slots_;                             // entry index + 2, or empty/erased
+    std::vector<uint32_t> slots_;                             // see slotFor, or empty/erased
     size_t live_ = 0;
     size_t erasedSlots_ = 0;
     size_t firstFree_ = kNone;  // free entries are chained through their value
