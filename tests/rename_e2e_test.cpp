@@ -626,64 +626,6 @@ TEST_F(RenameTest, DeviceFailuresAreShownAndLeaveEveryFileWholeOnOneSide) {
     EXPECT_EQ(dialogs.dialogs().size(), seen);
 }
 
-TEST_F(RenameTest, FilesOpenWhileRenamedOrMovedStayUsableThroughTheirHandles) {
-    ASSERT_TRUE(startDevice({image()}));
-    mountFresh();
-
-    // Renamed within Storage, with its folder: the handle writes on.
-    EXPECT_EQ(sortedNamesIn(inMount("/Storage/dir/inner")), std::vector<std::string>{"two.txt"});
-    int fd = open(inMount("/Storage/dir/inner/two.txt").c_str(), O_RDWR);
-    ASSERT_GE(fd, 0) << strerror(errno);
-    ASSERT_EQ(renameError(inMount("/Storage/dir"), inMount("/Storage/dir2")), 0);
-    ASSERT_EQ(pwrite(fd, "TWO", 3, 0), 3);
-    EXPECT_EQ(close(fd), 0);
-    EXPECT_EQ(readLocal(storageImage() + "/dir2/inner/two.txt"), "TWO");
-    EXPECT_EQ(readLocal(inMount("/Storage/dir2/inner/two.txt")), "TWO");
-
-    // Moved into an app while open for reading: the old handle still reads
-    // what it had, and closing it leaves the moved file alone.
-    fd = open(inMount("/Storage/a.txt").c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0) << strerror(errno);
-    ASSERT_EQ(renameError(inMount("/Storage/a.txt"), inMount("/Apps/Notes/a.txt")), 0);
-    char buffer[16] = {0};
-    EXPECT_EQ(pread(fd, buffer, sizeof(buffer), 0), 5);
-    EXPECT_STREQ(buffer, "old a");
-    EXPECT_EQ(close(fd), 0);
-    EXPECT_EQ(readLocal(appImage() + "/a.txt"), "old a");
-    EXPECT_EQ(readLocal(inMount("/Apps/Notes/a.txt")), "old a");
-    EXPECT_EQ(statError(inMount("/Storage/a.txt")), ENOENT);
-
-    // Renamed over, and removed, while open: the handle reads the old bytes
-    // and fstat answers (link count 0); the device holds exactly the new
-    // file, and no hidden name ever reaches it.
-    fd = open(inMount("/Storage/keep.txt").c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0) << strerror(errno);
-    ASSERT_EQ(renameError(inMount("/Storage/b.txt"), inMount("/Storage/keep.txt")), 0);
-    EXPECT_EQ(readLocal(storageImage() + "/keep.txt"), "bee");
-    EXPECT_EQ(readLocal(inMount("/Storage/keep.txt")), "bee");
-    struct stat st;
-    ASSERT_EQ(fstat(fd, &st), 0) << strerror(errno);
-    EXPECT_EQ(st.st_size, 7);
-    EXPECT_EQ(st.st_nlink, 0u);
-    memset(buffer, 0, sizeof(buffer));
-    EXPECT_EQ(pread(fd, buffer, sizeof(buffer), 0), 7);
-    EXPECT_STREQ(buffer, "keep me");
-    EXPECT_EQ(lseek(fd, 0, SEEK_END), 7);
-    int removed = open(inMount("/Storage/keep.txt").c_str(), O_RDONLY);
-    ASSERT_GE(removed, 0) << strerror(errno);
-    ASSERT_EQ(unlink(inMount("/Storage/keep.txt").c_str()), 0) << strerror(errno);
-    EXPECT_FALSE(exists(storageImage() + "/keep.txt"));
-    ASSERT_EQ(fstat(removed, &st), 0) << strerror(errno);
-    EXPECT_EQ(st.st_size, 3);
-    EXPECT_EQ(close(removed), 0);
-    EXPECT_EQ(close(fd), 0);
-    for (const std::string &name : sortedNamesIn(storageImage()))
-        EXPECT_EQ(name.find(".fuse_hidden"), std::string::npos) << name;
-    EXPECT_EQ(sortedNamesIn(inMount("/Storage")), sortedNamesIn(storageImage()));
-    EXPECT_TRUE(dialogs.dialogs().empty());
-    EXPECT_EQ(unmountDevice(), 0);
-}
-
 // A file manager making thumbnails while the user renames their folder: the
 // kernel's cached pages of the files below are dropped at each rename while
 // reads and writes of those very pages wait for the mount. Every program
@@ -774,7 +716,7 @@ TEST_F(RenameTest, AFolderRenamedWhileFilesInsideAreReadAndWrittenNeverHangs) {
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
-TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedOnTheDeviceAndStatAgreesAtOnce) {
+TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedAndOpenOnesStayUsable) {
     ASSERT_TRUE(startDevice({image(kNamespaceLocation)}));
     mountFresh();
 
@@ -817,12 +759,12 @@ TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedOnTheDeviceAndStatAgreesAtOnc
         ssize_t got = pread(fd, buffer, sizeof(buffer), 0);
         EXPECT_GT(got, 0) << file.first;
         // A new file may take the name while the old one is still open.
-        std::ofstream(inMount(file.first)) << "new";
+        std::ofstream(inMount(file.first)) << "newer";
         EXPECT_TRUE(exists(file.second));
         EXPECT_EQ(close(fd), 0);
         struct stat fresh;
         ASSERT_EQ(stat(inMount(file.first).c_str(), &fresh), 0) << "closing the old handle leaves the new file alone";
-        EXPECT_EQ(fresh.st_size, 3);
+        EXPECT_EQ(fresh.st_size, 5);
     }
     EXPECT_TRUE(exists(appImage() + "/in"));
 
@@ -842,6 +784,58 @@ TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedOnTheDeviceAndStatAgreesAtOnc
     ASSERT_EQ(mkdir(inMount("/Storage/tree").c_str(), 0755), 0) << strerror(errno);
     EXPECT_TRUE(isFolder(storageImage() + "/tree"));
     EXPECT_TRUE(isFolder(inMount("/Storage/tree")));
+
+    // Files open while renamed or moved stay usable through their handles.
+    // Renamed within Storage, with its folder: the handle writes on.
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage/dir/inner")), std::vector<std::string>{"two.txt"});
+    int fd = open(inMount("/Storage/dir/inner/two.txt").c_str(), O_RDWR);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/dir"), inMount("/Storage/dir2")), 0);
+    ASSERT_EQ(pwrite(fd, "TWO", 3, 0), 3);
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/dir2/inner/two.txt"), "TWO");
+    EXPECT_EQ(readLocal(inMount("/Storage/dir2/inner/two.txt")), "TWO");
+
+    // Moved into an app while open for reading: the old handle still reads
+    // what it had, and closing it leaves the moved file alone.
+    fd = open(inMount("/Storage/a.txt").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/a.txt"), inMount("/Apps/Notes/a.txt")), 0);
+    char buffer[16] = {0};
+    EXPECT_EQ(pread(fd, buffer, sizeof(buffer), 0), 5);
+    EXPECT_STREQ(buffer, "old a");
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(readLocal(appImage() + "/a.txt"), "old a");
+    EXPECT_EQ(readLocal(inMount("/Apps/Notes/a.txt")), "old a");
+    EXPECT_EQ(statError(inMount("/Storage/a.txt")), ENOENT);
+
+    // Renamed over, and removed, while open: the handle reads the old bytes
+    // and fstat answers (link count 0); the device holds exactly the new
+    // file, and no hidden name ever reaches it.
+    fd = open(inMount("/Storage/keep.txt").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0) << strerror(errno);
+    ASSERT_EQ(renameError(inMount("/Storage/b.txt"), inMount("/Storage/keep.txt")), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/keep.txt"), "bee");
+    EXPECT_EQ(readLocal(inMount("/Storage/keep.txt")), "bee");
+    struct stat st;
+    ASSERT_EQ(fstat(fd, &st), 0) << strerror(errno);
+    EXPECT_EQ(st.st_size, 5);
+    EXPECT_EQ(st.st_nlink, 0u);
+    memset(buffer, 0, sizeof(buffer));
+    EXPECT_EQ(pread(fd, buffer, sizeof(buffer), 0), 5);
+    EXPECT_STREQ(buffer, "newer");
+    EXPECT_EQ(lseek(fd, 0, SEEK_END), 5);
+    int removed = open(inMount("/Storage/keep.txt").c_str(), O_RDONLY);
+    ASSERT_GE(removed, 0) << strerror(errno);
+    ASSERT_EQ(unlink(inMount("/Storage/keep.txt").c_str()), 0) << strerror(errno);
+    EXPECT_FALSE(exists(storageImage() + "/keep.txt"));
+    ASSERT_EQ(fstat(removed, &st), 0) << strerror(errno);
+    EXPECT_EQ(st.st_size, 3);
+    EXPECT_EQ(close(removed), 0);
+    EXPECT_EQ(close(fd), 0);
+    for (const std::string &name : sortedNamesIn(storageImage()))
+        EXPECT_EQ(name.find(".fuse_hidden"), std::string::npos) << name;
+    EXPECT_EQ(sortedNamesIn(inMount("/Storage")), sortedNamesIn(storageImage()));
     EXPECT_TRUE(dialogs.dialogs().empty());
     EXPECT_EQ(unmountDevice(), 0);
 }
