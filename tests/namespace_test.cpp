@@ -43,7 +43,7 @@ protected:
     }
 };
 
-TEST_F(NamespaceUnitTest, MakingAFolderOutsideTheWritablePlacesIsRefusedWithTheReadOnlyNotice) {
+TEST_F(NamespaceUnitTest, MakingOrRemovingOutsideTheWritablePlacesIsRefusedWithItsNotice) {
     for (const auto &refused : {std::make_pair("/Media/Music/x", "/Media/Music"), std::make_pair("/Apps/NewApp", "/Apps"),
                                 std::make_pair("/Media", "/"), std::make_pair("/newtop", "/"),
                                 std::make_pair("/Storage", "/"), std::make_pair("/Storagex", "/")}) {
@@ -56,19 +56,7 @@ TEST_F(NamespaceUnitTest, MakingAFolderOutsideTheWritablePlacesIsRefusedWithTheR
     EXPECT_EQ(FindObject("/Media/Music/x"), nullptr);
     EXPECT_EQ(FindObject("/Apps/NewApp"), nullptr);
     EXPECT_EQ(FindObject("/newtop"), nullptr);
-}
 
-TEST_F(NamespaceUnitTest, HousekeepingFoldersAreNotThereAndNothingIsShown) {
-    for (const char *path : {"/.Trashes", "/.TemporaryItems", "/.fseventsd"})
-        EXPECT_EQ(tarnifs_mkdir(path, 0755), -ENOENT) << path;
-    for (const char *path : {"/.Trashes", "/.TemporaryItems"}) EXPECT_EQ(tarnifs_rmdir(path), -ENOENT) << path;
-    EXPECT_EQ(dialogText(), "");
-    // rmdir knows only two of them: the third is an ordinary refusal.
-    EXPECT_EQ(tarnifs_rmdir("/.fseventsd"), -ECANCELED);
-    EXPECT_EQ(dialogText(), "You can not remove this folder.\n/.fseventsd");
-}
-
-TEST_F(NamespaceUnitTest, RemovingAFolderOutsideTheWritablePlacesIsRefused) {
     for (const char *path : {"/Storage", "/Apps", "/Apps/Notes", "/Media", "/Media/Music", "/", "/Storagex"}) {
         noDialog();
         EXPECT_EQ(tarnifs_rmdir(path), -ECANCELED) << path;
@@ -78,9 +66,7 @@ TEST_F(NamespaceUnitTest, RemovingAFolderOutsideTheWritablePlacesIsRefused) {
     }
     EXPECT_NE(FindObject("/Apps/Notes"), nullptr);
     EXPECT_NE(FindObject("/Storage"), nullptr);
-}
 
-TEST_F(NamespaceUnitTest, RemovingAFileOutsideTheWritablePlacesIsRefused) {
     file("/Media/Music/song.mp3", 5);
     for (const char *path : {"/Media/Music/song.mp3", "/top.txt", "/Apps/Notes", "/Apps/loose.txt"}) {
         noDialog();
@@ -92,6 +78,16 @@ TEST_F(NamespaceUnitTest, RemovingAFileOutsideTheWritablePlacesIsRefused) {
     EXPECT_TRUE(logContains("UnlinkAppsContents unlink not supported. path : /Apps/Notes "));
     EXPECT_NE(FindObject("/Media/Music/song.mp3"), nullptr);
     EXPECT_EQ(UnlinkAppsContents(&context, "/Apps/Notes"), 1);
+}
+
+TEST_F(NamespaceUnitTest, HousekeepingFoldersAreNotThereAndNothingIsShown) {
+    for (const char *path : {"/.Trashes", "/.TemporaryItems", "/.fseventsd"})
+        EXPECT_EQ(tarnifs_mkdir(path, 0755), -ENOENT) << path;
+    for (const char *path : {"/.Trashes", "/.TemporaryItems"}) EXPECT_EQ(tarnifs_rmdir(path), -ENOENT) << path;
+    EXPECT_EQ(dialogText(), "");
+    // rmdir knows only two of them: the third is an ordinary refusal.
+    EXPECT_EQ(tarnifs_rmdir("/.fseventsd"), -ECANCELED);
+    EXPECT_EQ(dialogText(), "You can not remove this folder.\n/.fseventsd");
 }
 
 TEST_F(NamespaceUnitTest, AFolderWithCataloguedChildrenIsNotEmptyAndUnknownPathsAreDoneAlready) {
