@@ -325,32 +325,14 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     EXPECT_EQ(readLocal(tempDir + "/toobig.bin"), tooBig);
 }
 
-TEST_F(FileDataTest, FioVerifiesEveryBlockWrittenSequentiallyAndAtRandom) {
-    if (runProgram({"sh", "-c", "command -v fio"}).empty()) GTEST_SKIP() << "fio is not installed (package fio)";
-    ASSERT_TRUE(startDevice({image()}));
-    mountFresh();
-    std::string output = tempDir + "/fio.out";
-    int status = -1;
-    runProgram({"timeout", "600", "fio", "--directory=" + inMount("/Storage/in"),
-                std::string(QUORVEL_SOURCE_DIR) + "/tests/fio/verify.fio", "--output=" + output},
-               &status);
-    std::string report = readLocal(output);
-    EXPECT_EQ(status, 0) << report;
-    EXPECT_EQ(report.find("verify:"), std::string::npos) << report;
-    // Every job ran and reported no error.
-    size_t jobs = 0;
-    for (size_t at = report.find("err= 0"); at != std::string::npos; at = report.find("err= 0", at + 1)) ++jobs;
-    EXPECT_EQ(jobs, 3u) << report;
-    EXPECT_TRUE(dialogs.dialogs().empty());
-}
-
 // stress-ng's file stressors that the device can carry, each a few seconds
 // with its own verification, one after another on /Storage: every one ends,
-// passes, and leaves the folder as empty as it found it.
-// (scripts/stress_storage.sh runs the whole list, links and times included.)
-TEST_F(FileDataTest, StressNgFileStressorsVerifyOnStorage) {
-    if (runProgram({"sh", "-c", "command -v stress-ng"}).empty())
-        GTEST_SKIP() << "stress-ng is not installed (package stress-ng)";
+// passes, and leaves the folder as empty as it found it; then fio's
+// verifying jobs. (scripts/stress_storage.sh runs the whole list, links and times included.)
+TEST_F(FileDataTest, StressNgAndFioVerifyOnStorage) {
+    for (const char *program : {"stress-ng", "fio"})
+        if (runProgram({"sh", "-c", std::string("command -v ") + program}).empty())
+            GTEST_SKIP() << program << " is not installed (package " << program << ")";
     ASSERT_TRUE(startDevice({image(kStressLocation)}));
     mountFresh();
     for (const char *stressor : {"hdd", "rename", "dir", "dentry", "filename", "io", "copy-file", "sendfile", "fstat"}) {
@@ -363,6 +345,20 @@ TEST_F(FileDataTest, StressNgFileStressorsVerifyOnStorage) {
     }
     EXPECT_TRUE(namesIn(storageImage() + "/in").empty());
     EXPECT_TRUE(namesIn(inMount("/Storage/in")).empty());
+
+    // fio verifies every block it wrote, sequentially and at random.
+    const std::string output = tempDir + "/fio.out";
+    int status = -1;
+    runProgram({"timeout", "600", "fio", "--directory=" + inMount("/Storage/in"),
+                std::string(QUORVEL_SOURCE_DIR) + "/tests/fio/verify.fio", "--output=" + output},
+               &status);
+    std::string report = readLocal(output);
+    EXPECT_EQ(status, 0) << report;
+    EXPECT_EQ(report.find("verify:"), std::string::npos) << report;
+    // Every job ran and reported no error.
+    size_t jobs = 0;
+    for (size_t at = report.find("err= 0"); at != std::string::npos; at = report.find("err= 0", at + 1)) ++jobs;
+    EXPECT_EQ(jobs, 3u) << report;
     // Names past NAME_MAX (the filename stressor tries them) are refused
     // as Linux refuses them, not with a dialog.
     for (const RecordedDialog &dialog : dialogs.dialogs()) ADD_FAILURE() << "dialog: " << dialog.message;
