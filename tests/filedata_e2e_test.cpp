@@ -79,12 +79,12 @@ protected:
 
 // Location ids of their own: a mount's work folder is "/tmp/" + id.
 constexpr uint32_t kPhoneChangesLocation = 9151;
-constexpr uint32_t kAreasLocation = 9153;
 constexpr uint32_t kStressLocation = 9203;
 
-TEST_F(FileDataTest, CopiesInAndOutKeepEveryByteInStorageAndInAnApp) {
+TEST_F(FileDataTest, CopiesInAndOutKeepEveryByteAndTheTrayHearsOfEach) {
     ASSERT_TRUE(startDevice({image()}));
     mountFresh();
+    ASSERT_TRUE(tray.waitFor("-neoff"));
     const std::vector<size_t> sizes = {0, 1, 65535, 65536, 65537, (3u << 20) + 17};
     for (const auto &area : {std::make_pair(std::string("/Storage/in"), storageImage() + "/in"),
                              std::make_pair(std::string("/Apps/Notes/in"), appImage() + "/in")}) {
@@ -121,60 +121,26 @@ TEST_F(FileDataTest, CopiesInAndOutKeepEveryByteInStorageAndInAnApp) {
     auto second = std::async(std::launch::async, reader);
     EXPECT_EQ(first.get(), expected);
     EXPECT_EQ(second.get(), expected);
+
+    // The tray hears of every file read through and written.
+    ASSERT_EQ(runStatus({"cp", inMount("/Storage/song.mp3"), tempDir + "/song.mp3"}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecordBytes(1, 200000, "mp3"))) << "read through";
+
+    writeLocal(tempDir + "/upload.jpeg", randomBytes(70000, 3));
+    ASSERT_EQ(runStatus({"cp", tempDir + "/upload.jpeg", inMount("/Storage/in/upload.jpeg")}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecordBytes(2, 70000, "jpeg"))) << "written";
+
+    // An extension longer than 8 characters travels cut to its first 9.
+    ASSERT_EQ(runStatus({"cp", inMount("/Storage/notes.abcdefghijkl"), tempDir + "/notes"}), 0);
+    EXPECT_TRUE(tray.waitFor(transferRecordBytes(1, 23, "abcdefghi")));
+    EXPECT_NE(tray.bytes().find("-ncdat"), std::string::npos);
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
-TEST_F(FileDataTest, ChangesInPlaceLeaveExactlyTheBytesAsked) {
-    ASSERT_TRUE(startDevice({image()}));
-    mountFresh();
-
-    // cp over a longer file leaves exactly the new bytes.
-    writeLocal(tempDir + "/short.txt", "short");
-    ASSERT_EQ(runStatus({"cp", tempDir + "/short.txt", inMount("/Storage/long.txt")}), 0);
-    EXPECT_EQ(readLocal(storageImage() + "/long.txt"), "short");
-
-    // dd conv=notrunc changes only its own bytes.
-    writeLocal(tempDir + "/patch", "XYZ");
-    ASSERT_EQ(runStatus({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "bs=1", "seek=40",
-                   "conv=notrunc", "status=none"}),
-              0);
-    std::string edited(100, 'a');
-    edited.replace(40, 3, "XYZ");
-    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited);
-
-    // truncate shrinks and grows the device file; stat agrees at once.
-    ASSERT_EQ(runStatus({"truncate", "-s", "10", inMount("/Storage/edit.bin")}), 0);
-    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10));
-    ASSERT_EQ(runStatus({"truncate", "-s", "20", inMount("/Storage/edit.bin")}), 0);
-    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0'));
-    struct stat st;
-    ASSERT_EQ(stat(inMount("/Storage/edit.bin").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 20);
-
-    // Appending (as >> does) lands at the end.
-    ASSERT_EQ(runStatus({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "oflag=append",
-                   "conv=notrunc", "status=none"}),
-              0);
-    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0') + "XYZ");
-    ASSERT_EQ(stat(inMount("/Storage/edit.bin").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 23);
-
-    // An open that truncates empties the device file too.
-    int fd = open(inMount("/Storage/edit.bin").c_str(), O_WRONLY | O_TRUNC);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), "");
-
-    // Creating outside Storage and app folders is refused with the read-only notice.
-    errno = 0;
-    EXPECT_LT(open(inMount("/Apps/new.txt").c_str(), O_WRONLY | O_CREAT, 0644), 0);
-    EXPECT_EQ(errno, ECANCELED);
-    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
-    ASSERT_EQ(shown.size(), 1u);
-    EXPECT_EQ(shown[0].message, "This folder is read only. You can not write or modify.\n/Apps");
-}
-
-TEST_F(FileDataTest, ThePhonesOwnChangesAreNeverOverwrittenNorHidden) {
+// Writes through the mount, and the phone's own changes behind its back:
+// every file holds exactly the bytes asked, nothing of the phone's is
+// overwritten or hidden, and only Storage and app folders take new files.
+TEST_F(FileDataTest, ChangesInPlaceLeaveExactlyTheBytesAskedAndThePhonesOwnChangesStay) {
     DevsimImage phone = image(kPhoneChangesLocation);
     phone.files.push_back({"media/general_storage/empty.txt", ""});
     phone.files.push_back({"media/general_storage/shrunk.txt", std::string(100, 's')});
@@ -221,12 +187,50 @@ TEST_F(FileDataTest, ThePhonesOwnChangesAreNeverOverwrittenNorHidden) {
     struct stat st;
     ASSERT_EQ(stat(inMount("/Storage/grown.txt").c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 36);
-    EXPECT_TRUE(dialogs.dialogs().empty());
-}
 
-TEST_F(FileDataTest, OnlyStorageAndItsOwnNamesAreWrittenThere) {
-    ASSERT_TRUE(startDevice({image(kAreasLocation)}));
-    mountFresh();
+    // cp over a longer file leaves exactly the new bytes.
+    writeLocal(tempDir + "/short.txt", "short");
+    ASSERT_EQ(runStatus({"cp", tempDir + "/short.txt", inMount("/Storage/long.txt")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/long.txt"), "short");
+
+    // dd conv=notrunc changes only its own bytes.
+    writeLocal(tempDir + "/patch", "XYZ");
+    ASSERT_EQ(runStatus({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "bs=1", "seek=40",
+                   "conv=notrunc", "status=none"}),
+              0);
+    std::string edited(100, 'a');
+    edited.replace(40, 3, "XYZ");
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited);
+
+    // truncate shrinks and grows the device file; stat agrees at once.
+    ASSERT_EQ(runStatus({"truncate", "-s", "10", inMount("/Storage/edit.bin")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10));
+    ASSERT_EQ(runStatus({"truncate", "-s", "20", inMount("/Storage/edit.bin")}), 0);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0'));
+    ASSERT_EQ(stat(inMount("/Storage/edit.bin").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 20);
+
+    // Appending (as >> does) lands at the end.
+    ASSERT_EQ(runStatus({"dd", "if=" + tempDir + "/patch", "of=" + inMount("/Storage/edit.bin"), "oflag=append",
+                   "conv=notrunc", "status=none"}),
+              0);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), edited.substr(0, 10) + std::string(10, '\0') + "XYZ");
+    ASSERT_EQ(stat(inMount("/Storage/edit.bin").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 23);
+
+    // An open that truncates empties the device file too.
+    int fd = open(inMount("/Storage/edit.bin").c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(readLocal(storageImage() + "/edit.bin"), "");
+
+    // Creating outside Storage and app folders is refused with the read-only notice.
+    errno = 0;
+    EXPECT_LT(open(inMount("/Apps/new.txt").c_str(), O_WRONLY | O_CREAT, 0644), 0);
+    EXPECT_EQ(errno, ECANCELED);
+    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_EQ(shown[0].message, "This folder is read only. You can not write or modify.\n/Apps");
 
     // A user's file whose name says "Spotlight" is created like any other.
     EXPECT_EQ(runStatus({"touch", inMount("/Storage/Spotlight notes.txt")}), 0);
@@ -238,27 +242,9 @@ TEST_F(FileDataTest, OnlyStorageAndItsOwnNamesAreWrittenThere) {
     // refused with the read-only notice, nothing on the device.
     EXPECT_NE(runStatus({"touch", inMount("/Storagex.txt")}), 0);
     EXPECT_FALSE(exists(sim.image_dir(0) + "/media/general_storagex.txt"));
-    std::vector<RecordedDialog> shown = dialogs.waitForDialogs(1);
-    ASSERT_EQ(shown.size(), 1u);
-    EXPECT_EQ(shown[0].message, "This folder is read only. You can not write or modify.\n/");
-}
-
-TEST_F(FileDataTest, TheTrayHearsOfEveryFileReadThroughAndWritten) {
-    ASSERT_TRUE(startDevice({image()}));
-    mountFresh();
-    ASSERT_TRUE(tray.waitFor("-neoff"));
-
-    ASSERT_EQ(runStatus({"cp", inMount("/Storage/song.mp3"), tempDir + "/song.mp3"}), 0);
-    EXPECT_TRUE(tray.waitFor(transferRecordBytes(1, 200000, "mp3"))) << "read through";
-
-    writeLocal(tempDir + "/upload.jpeg", randomBytes(70000, 3));
-    ASSERT_EQ(runStatus({"cp", tempDir + "/upload.jpeg", inMount("/Storage/in/upload.jpeg")}), 0);
-    EXPECT_TRUE(tray.waitFor(transferRecordBytes(2, 70000, "jpeg"))) << "written";
-
-    // An extension longer than 8 characters travels cut to its first 9.
-    ASSERT_EQ(runStatus({"cp", inMount("/Storage/notes.abcdefghijkl"), tempDir + "/notes"}), 0);
-    EXPECT_TRUE(tray.waitFor(transferRecordBytes(1, 23, "abcdefghi")));
-    EXPECT_NE(tray.bytes().find("-ncdat"), std::string::npos);
+    shown = dialogs.waitForDialogs(2);
+    ASSERT_EQ(shown.size(), 2u);
+    EXPECT_EQ(shown[1].message, "This folder is read only. You can not write or modify.\n/");
 }
 
 TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) {
@@ -339,32 +325,14 @@ TEST_F(FileDataTest, DeviceFaultsMidTransferAreReportedAndNothingIsLostOrHangs) 
     EXPECT_EQ(readLocal(tempDir + "/toobig.bin"), tooBig);
 }
 
-TEST_F(FileDataTest, FioVerifiesEveryBlockWrittenSequentiallyAndAtRandom) {
-    if (runProgram({"sh", "-c", "command -v fio"}).empty()) GTEST_SKIP() << "fio is not installed (package fio)";
-    ASSERT_TRUE(startDevice({image()}));
-    mountFresh();
-    std::string output = tempDir + "/fio.out";
-    int status = -1;
-    runProgram({"timeout", "600", "fio", "--directory=" + inMount("/Storage/in"),
-                std::string(QUORVEL_SOURCE_DIR) + "/tests/fio/verify.fio", "--output=" + output},
-               &status);
-    std::string report = readLocal(output);
-    EXPECT_EQ(status, 0) << report;
-    EXPECT_EQ(report.find("verify:"), std::string::npos) << report;
-    // Every job ran and reported no error.
-    size_t jobs = 0;
-    for (size_t at = report.find("err= 0"); at != std::string::npos; at = report.find("err= 0", at + 1)) ++jobs;
-    EXPECT_EQ(jobs, 3u) << report;
-    EXPECT_TRUE(dialogs.dialogs().empty());
-}
-
 // stress-ng's file stressors that the device can carry, each a few seconds
 // with its own verification, one after another on /Storage: every one ends,
-// passes, and leaves the folder as empty as it found it.
-// (scripts/stress_storage.sh runs the whole list, links and times included.)
-TEST_F(FileDataTest, StressNgFileStressorsVerifyOnStorage) {
-    if (runProgram({"sh", "-c", "command -v stress-ng"}).empty())
-        GTEST_SKIP() << "stress-ng is not installed (package stress-ng)";
+// passes, and leaves the folder as empty as it found it; then fio's
+// verifying jobs. (scripts/stress_storage.sh runs the whole list, links and times included.)
+TEST_F(FileDataTest, StressNgAndFioVerifyOnStorage) {
+    for (const char *program : {"stress-ng", "fio"})
+        if (runProgram({"sh", "-c", std::string("command -v ") + program}).empty())
+            GTEST_SKIP() << program << " is not installed (package " << program << ")";
     ASSERT_TRUE(startDevice({image(kStressLocation)}));
     mountFresh();
     for (const char *stressor : {"hdd", "rename", "dir", "dentry", "filename", "io", "copy-file", "sendfile", "fstat"}) {
@@ -377,6 +345,20 @@ TEST_F(FileDataTest, StressNgFileStressorsVerifyOnStorage) {
     }
     EXPECT_TRUE(namesIn(storageImage() + "/in").empty());
     EXPECT_TRUE(namesIn(inMount("/Storage/in")).empty());
+
+    // fio verifies every block it wrote, sequentially and at random.
+    const std::string output = tempDir + "/fio.out";
+    int status = -1;
+    runProgram({"timeout", "600", "fio", "--directory=" + inMount("/Storage/in"),
+                std::string(QUORVEL_SOURCE_DIR) + "/tests/fio/verify.fio", "--output=" + output},
+               &status);
+    std::string report = readLocal(output);
+    EXPECT_EQ(status, 0) << report;
+    EXPECT_EQ(report.find("verify:"), std::string::npos) << report;
+    // Every job ran and reported no error.
+    size_t jobs = 0;
+    for (size_t at = report.find("err= 0"); at != std::string::npos; at = report.find("err= 0", at + 1)) ++jobs;
+    EXPECT_EQ(jobs, 3u) << report;
     // Names past NAME_MAX (the filename stressor tries them) are refused
     // as Linux refuses them, not with a dialog.
     for (const RecordedDialog &dialog : dialogs.dialogs()) ADD_FAILURE() << "dialog: " << dialog.message;

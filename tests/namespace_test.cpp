@@ -1,14 +1,24 @@
 // mkdir, rmdir and unlink called directly, without a device: the refusals
 // and answers that never reach one, and the record of a file removed while
-// open, which must outlive every handle that points at it.
+// open, which must outlive every handle that points at it. Then what every
+// handler does without a mount context, and the one lock they all hold.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 
+#include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
+#include "tarnifs/listing.h"
+#include "tarnifs/names.h"
 #include "tarnifs/namespace.h"
 #include "tarnifs/notify.h"
 #include "tests/support/catalogue_fixture.h"
@@ -33,7 +43,7 @@ protected:
     }
 };
 
-TEST_F(NamespaceUnitTest, MakingAFolderOutsideTheWritablePlacesIsRefusedWithTheReadOnlyNotice) {
+TEST_F(NamespaceUnitTest, MakingOrRemovingOutsideTheWritablePlacesIsRefusedWithItsNotice) {
     for (const auto &refused : {std::make_pair("/Media/Music/x", "/Media/Music"), std::make_pair("/Apps/NewApp", "/Apps"),
                                 std::make_pair("/Media", "/"), std::make_pair("/newtop", "/"),
                                 std::make_pair("/Storage", "/"), std::make_pair("/Storagex", "/")}) {
@@ -46,19 +56,7 @@ TEST_F(NamespaceUnitTest, MakingAFolderOutsideTheWritablePlacesIsRefusedWithTheR
     EXPECT_EQ(FindObject("/Media/Music/x"), nullptr);
     EXPECT_EQ(FindObject("/Apps/NewApp"), nullptr);
     EXPECT_EQ(FindObject("/newtop"), nullptr);
-}
 
-TEST_F(NamespaceUnitTest, HousekeepingFoldersAreNotThereAndNothingIsShown) {
-    for (const char *path : {"/.Trashes", "/.TemporaryItems", "/.fseventsd"})
-        EXPECT_EQ(tarnifs_mkdir(path, 0755), -ENOENT) << path;
-    for (const char *path : {"/.Trashes", "/.TemporaryItems"}) EXPECT_EQ(tarnifs_rmdir(path), -ENOENT) << path;
-    EXPECT_EQ(dialogText(), "");
-    // rmdir knows only two of them: the third is an ordinary refusal.
-    EXPECT_EQ(tarnifs_rmdir("/.fseventsd"), -ECANCELED);
-    EXPECT_EQ(dialogText(), "You can not remove this folder.\n/.fseventsd");
-}
-
-TEST_F(NamespaceUnitTest, RemovingAFolderOutsideTheWritablePlacesIsRefused) {
     for (const char *path : {"/Storage", "/Apps", "/Apps/Notes", "/Media", "/Media/Music", "/", "/Storagex"}) {
         noDialog();
         EXPECT_EQ(tarnifs_rmdir(path), -ECANCELED) << path;
@@ -68,9 +66,7 @@ TEST_F(NamespaceUnitTest, RemovingAFolderOutsideTheWritablePlacesIsRefused) {
     }
     EXPECT_NE(FindObject("/Apps/Notes"), nullptr);
     EXPECT_NE(FindObject("/Storage"), nullptr);
-}
 
-TEST_F(NamespaceUnitTest, RemovingAFileOutsideTheWritablePlacesIsRefused) {
     file("/Media/Music/song.mp3", 5);
     for (const char *path : {"/Media/Music/song.mp3", "/top.txt", "/Apps/Notes", "/Apps/loose.txt"}) {
         noDialog();
@@ -82,6 +78,16 @@ TEST_F(NamespaceUnitTest, RemovingAFileOutsideTheWritablePlacesIsRefused) {
     EXPECT_TRUE(logContains("UnlinkAppsContents unlink not supported. path : /Apps/Notes "));
     EXPECT_NE(FindObject("/Media/Music/song.mp3"), nullptr);
     EXPECT_EQ(UnlinkAppsContents(&context, "/Apps/Notes"), 1);
+}
+
+TEST_F(NamespaceUnitTest, HousekeepingFoldersAreNotThereAndNothingIsShown) {
+    for (const char *path : {"/.Trashes", "/.TemporaryItems", "/.fseventsd"})
+        EXPECT_EQ(tarnifs_mkdir(path, 0755), -ENOENT) << path;
+    for (const char *path : {"/.Trashes", "/.TemporaryItems"}) EXPECT_EQ(tarnifs_rmdir(path), -ENOENT) << path;
+    EXPECT_EQ(dialogText(), "");
+    // rmdir knows only two of them: the third is an ordinary refusal.
+    EXPECT_EQ(tarnifs_rmdir("/.fseventsd"), -ECANCELED);
+    EXPECT_EQ(dialogText(), "You can not remove this folder.\n/.fseventsd");
 }
 
 TEST_F(NamespaceUnitTest, AFolderWithCataloguedChildrenIsNotEmptyAndUnknownPathsAreDoneAlready) {
@@ -154,6 +160,154 @@ TEST_F(NamespaceUnitTest, ARemovedFileStillOpenAtUnmountIsFreedWithTheCatalogue)
     KeepUntilLastRelease(open, "/Storage/full/left-open.txt");
     FreeAllObjects(nullptr);  // the sanitizer build reports a leak otherwise
     EXPECT_EQ(RemovedOpenObject(reinterpret_cast<uint64_t>(open), nullptr), nullptr);
+}
+
+// A mount whose start-up could not reach the device has no context and no
+// name buffer (start-up freed it). Every operation of the table must then
+// answer the missing-context error without touching the catalogue: reaching
+// it would write through the freed buffer and end the process.
+int countEntries(void *buffer, const char *, const struct stat *, off_t, enum fuse_fill_dir_flags) {
+    ++*static_cast<int *>(buffer);
+    return 0;
+}
+
+class MissingContextTest : public MountContextTest {
+protected:
+    void SetUp() override {
+        MountContextTest::SetUp();
+        GetObjectWithFileName("/Storage/kept.txt")->size = 5;
+        // What a failed start-up leaves: no context, the name buffer gone.
+        fuse.private_data = nullptr;
+        savedBuffer = gEncodedPath;
+        gEncodedPath = nullptr;
+    }
+    void TearDown() override {
+        gEncodedPath = savedBuffer;
+        MountContextTest::TearDown();
+    }
+    char *savedBuffer = nullptr;
+};
+
+TEST_F(MissingContextTest, EveryOperationAnswersTheMissingContextErrorAndTouchesNothing) {
+    const int missing = -ENOSYS;
+    const char *path = "/Storage/kept.txt";
+    struct stat st;
+    struct fuse_file_info open {};
+    EXPECT_EQ(tarni_opers.getattr(path, &st, nullptr), missing);
+    EXPECT_EQ(tarni_opers.getattr(path, &st, &open), missing);
+    EXPECT_EQ(tarni_opers.chmod("/", 0700, nullptr), missing);
+    EXPECT_EQ(tarni_opers.chmod(path, 0700, nullptr), missing);
+    EXPECT_EQ(tarni_opers.chown(path, 1, 1, nullptr), missing);
+    EXPECT_EQ(tarni_opers.truncate(path, 1, &open), missing);
+    EXPECT_EQ(tarni_opers.utimens(path, nullptr, nullptr), missing);
+    char value[8];
+    EXPECT_EQ(tarni_opers.getxattr("/", "user.a", value, sizeof(value)), missing);
+    EXPECT_EQ(tarni_opers.getxattr(path, "user.a", value, sizeof(value)), missing);
+    EXPECT_EQ(tarni_opers.setxattr("/", "user.a", "v", 1, 0), missing);
+    EXPECT_EQ(tarni_opers.setxattr(path, "user.a", "v", 1, 0), missing);
+    EXPECT_EQ(tarni_opers.removexattr(path, "user.a"), missing);
+    EXPECT_EQ(tarni_opers.access(path, R_OK), missing);
+    EXPECT_EQ(tarni_opers.mkdir("/Storage/new", 0755), missing);
+    EXPECT_EQ(tarni_opers.mkdir("/Apps/Notes/new", 0755), missing);
+    EXPECT_EQ(tarni_opers.rmdir("/Storage/kept.txt"), missing);
+    EXPECT_EQ(tarni_opers.rmdir("/Apps/Notes/in"), missing);
+    EXPECT_EQ(tarni_opers.unlink(path), missing);
+    EXPECT_EQ(tarni_opers.unlink("/Media/Music/x.mp3"), missing);
+    // A rename fails the way every other rename failure does.
+    EXPECT_EQ(tarni_opers.rename(path, "/Storage/other.txt", 0), -ECANCELED);
+    struct statvfs volume;
+    EXPECT_EQ(tarni_opers.statfs("/", &volume), missing);
+    int entries = 0;
+    ASSERT_EQ(tarni_opers.opendir("/Storage", &open), 0);
+    EXPECT_EQ(tarni_opers.readdir("/Storage", &entries, countEntries, 0, &open, FUSE_READDIR_PLUS), missing);
+    EXPECT_EQ(entries, 0);
+    EXPECT_EQ(tarni_opers.releasedir("/Storage", &open), 0);
+
+    // The catalogue is as it was: nothing was made, changed or attached.
+    gEncodedPath = savedBuffer;
+    _KTL_OBJECT *kept = FindObject(path);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->size, 5u);
+    EXPECT_EQ(kept->xattr_list, nullptr);
+    EXPECT_EQ(FindObject("/Storage/other"), nullptr);
+    EXPECT_EQ(FindObject("/Storage/other.txt"), nullptr);
+    EXPECT_TRUE(logContains("tarnifs_rename getContext failed"));
+}
+
+// Every handler holds the one global lock for its whole run, so two
+// operations never interleave: while the lock is held elsewhere, a handler
+// called from another thread does not finish.
+class HandlerLockTest : public MountContextTest {
+protected:
+    void SetUp() override {
+        MountContextTest::SetUp();
+        context.device_info.block_size = 4096;
+        _KTL_OBJECT *root = GetObject("/");
+        root->enumerated = 1;
+        _KTL_OBJECT *file = GetObjectWithFileName("/Storage");
+        file->mode = KTL_MODE_FOLDER;
+        file->enumerated = 1;
+    }
+
+    // Runs `handler` in another thread while this thread holds the lock;
+    // true when it waited for the lock instead of running alongside.
+    bool waitsForTheLock(const std::function<void()> &handler) {
+        std::atomic<bool> finished{false};
+        pthread_mutex_lock(&tarni_mutex);
+        std::thread other([&] {
+            handler();
+            finished = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        bool finishedWhileHeld = finished;
+        pthread_mutex_unlock(&tarni_mutex);
+        other.join();
+        return !finishedWhileHeld && finished;
+    }
+};
+
+TEST_F(HandlerLockTest, EveryHandlerWaitsWhileAnotherOperationRuns) {
+    struct statvfs vfs;
+    struct stat st;
+    char value[16];
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_statfs("/", &vfs); })) << "statfs";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_access("/Storage", 0); })) << "access";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_getattr("/Storage", &st); })) << "getattr";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_fgetattr("/Storage", &st, nullptr); })) << "fgetattr";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_readdir("/Storage", nullptr, nullptr, 0, nullptr); })) << "readdir";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_truncate("/Storage/x", 1, nullptr); })) << "truncate";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_setxattr("/Storage", "user.a", "v", 1, 0); })) << "setxattr";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_getxattr("/Storage", "user.a", value, sizeof(value)); })) << "getxattr";
+    EXPECT_TRUE(waitsForTheLock([&] { tarnifs_removexattr("/Storage", "user.a"); })) << "removexattr";
+}
+
+TEST_F(HandlerLockTest, ConcurrentCallsLeaveTheCatalogueConsistent) {
+    // Many threads creating, naming and querying records at once: with the
+    // lock held by every handler, nothing is lost and nothing breaks.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 300; ++i) {
+                std::string path = "/Storage/t" + std::to_string(t) + "-" + std::to_string(i);
+                tarnifs_truncate(path.c_str(), i, nullptr);
+                struct stat st;
+                tarnifs_getattr(path.c_str(), &st);
+                tarnifs_setxattr(path.c_str(), "user.n", "v", 1, 0);
+                struct statvfs vfs;
+                tarnifs_statfs("/", &vfs);
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    for (int t = 0; t < 4; ++t) {
+        for (int i = 0; i < 300; ++i) {
+            std::string path = "/Storage/t" + std::to_string(t) + "-" + std::to_string(i);
+            struct stat st;
+            ASSERT_EQ(tarnifs_getattr(path.c_str(), &st), 0) << path;
+            EXPECT_EQ(st.st_size, i);
+            EXPECT_EQ(tarnifs_getxattr(path.c_str(), "user.n", nullptr, 0), 1);
+        }
+    }
 }
 
 } // namespace

@@ -145,19 +145,3 @@ TEST_F(RenameUnitTest, AMovedRecordKeepsItsAddressAndTakesItsSubtreeAlong) {
 }
 
 } // namespace
-
-// Without a mount context nothing is looked up or changed; the failure takes
-// the way of every other rename failure.
-class RenameWithoutContextTest : public MountContextTest {};
-
-TEST_F(RenameWithoutContextTest, AnswersCanceledAndTouchesNothing) {
-    GetObjectWithFileName("/Storage/kept.txt")->size = 5;
-    fuse.private_data = nullptr;
-    char *saved = gEncodedPath;
-    gEncodedPath = nullptr;
-    EXPECT_EQ(tarni_opers.rename("/Storage/kept.txt", "/Storage/other.txt", 0), -ECANCELED);
-    gEncodedPath = saved;
-    EXPECT_NE(FindObject("/Storage/kept.txt"), nullptr);
-    EXPECT_EQ(FindObject("/Storage/other.txt"), nullptr);
-    EXPECT_TRUE(logContains("tarnifs_rename getContext failed"));
-}
