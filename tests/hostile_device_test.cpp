@@ -1,6 +1,7 @@
 // The device layer against a hostile device: reply headers whose lengths lie,
 // replies cut half-way, sizes no file can have. Each answer comes back
-// promptly, as the bytes the device really sent or as a lost connection.
+// promptly, as the bytes the device really sent or as a lost connection, and
+// the request after a lost connection opens a new one.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -46,12 +47,6 @@ struct HostileDevice {
     }
 };
 
-#define OPEN_HOSTILE(device)                                        \
-    do {                                                            \
-        std::string why = (device).open();                          \
-        if (!why.empty()) GTEST_SKIP() << "needs devsim: " << why; \
-    } while (0)
-
 // Runs `request` on a thread of its own and waits a generous while: a guard
 // against hanging, not a measure of speed. A request still running when the
 // guard gives up is left to the test's time limit.
@@ -66,14 +61,27 @@ bool answersInTime(std::function<int()> request, int *result) {
 
 std::string path(const std::string &below) { return std::string(kHostile) + "/" + below; }
 
-TEST(HostileReplyHeaders, ALyingListingHeaderIsALostConnectionNotAHang) {
+TEST(HostileDevice, LiesAndCutRepliesAreLostConnectionsAndLyingSizesGiveTheBytesSent) {
+    HostileDevice device;
+    std::string why = device.open();
+    if (!why.empty()) GTEST_SKIP() << "needs devsim: " << why;
+    libiusb_file_info info;
+    int result = 0;
+    // The device closed the connection after its lie: the request that meets
+    // the closed connection fails, the one after opens a new one.
+    auto answersAgain = [&] {
+        ASSERT_TRUE(answersInTime([&] { return libiusb_afc_file_get_info(device.afc, kHostile, &info); }, &result));
+        if (result != 0) {
+            EXPECT_EQ(result, LIBIUSB_ERROR_CONNECTION_LOST);
+            ASSERT_TRUE(answersInTime([&] { return libiusb_afc_file_get_info(device.afc, kHostile, &info); }, &result));
+        }
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_FOLDER);
+    };
     for (const char *folder : {"entire-beyond", "entire-huge", "entire-negative", "this-beyond-entire"}) {
         SCOPED_TRACE(folder);
-        HostileDevice device;
-        OPEN_HOSTILE(device);
         std::string listed = path(std::string("oversize/") + folder);
         char **names = nullptr;
-        int result = 0;
         ASSERT_TRUE(answersInTime(
             [&] { return libiusb_afc_file_read_directory(device.afc, listed.c_str(), &names, nullptr); }, &result))
             << "the listing hung";
@@ -87,84 +95,47 @@ TEST(HostileReplyHeaders, ALyingListingHeaderIsALostConnectionNotAHang) {
         } else {
             EXPECT_EQ(result, LIBIUSB_ERROR_CONNECTION_LOST);
         }
-        libiusb_file_info info;
-        // The device closed the connection after its lying header: the request
-        // that meets the closed connection fails, the one after opens a new one.
-        ASSERT_TRUE(answersInTime([&] { return libiusb_afc_file_get_info(device.afc, kHostile, &info); }, &result));
-        if (result != 0) {
-            EXPECT_EQ(result, LIBIUSB_ERROR_CONNECTION_LOST);
-            ASSERT_TRUE(answersInTime([&] { return libiusb_afc_file_get_info(device.afc, kHostile, &info); }, &result));
-        }
-        EXPECT_EQ(result, 0);
-        EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_FOLDER);
+        answersAgain();
     }
-}
 
-TEST(HostileReplyHeaders, AFileReadWhoseHeaderClaimsTooMuchIsALostConnection) {
-    HostileDevice device;
-    OPEN_HOSTILE(device);
-    std::string file = path("oversize/entire-huge.bin");
-    uint64_t handle = 0;
-    ASSERT_EQ(libiusb_afc_file_open(device.afc, file.c_str(), LIBIUSB_AFC_RDONLY, &handle), 0);
-    std::string buffer(4096, '\0');
-    uint32_t got = 0;
-    int result = 0;
-    ASSERT_TRUE(answersInTime(
-        [&] { return libiusb_afc_file_read(device.afc, handle, &buffer[0], 4096, 0, &got); }, &result));
-    EXPECT_EQ(result, LIBIUSB_ERROR_CONNECTION_LOST);
-}
+    // A read whose header claims too much, and one cut half-way, are lost
+    // connections, never a short file.
+    for (const char *file : {"oversize/entire-huge.bin", "half/cut-read.bin"}) {
+        SCOPED_TRACE(file);
+        uint64_t handle = 0;
+        ASSERT_EQ(libiusb_afc_file_open(device.afc, path(file).c_str(), LIBIUSB_AFC_RDONLY, &handle), 0);
+        std::string buffer(8192, '\0');
+        uint32_t got = 0;
+        ASSERT_TRUE(answersInTime(
+            [&] { return libiusb_afc_file_read(device.afc, handle, &buffer[0], 8192, 0, &got); }, &result));
+        EXPECT_EQ(result, LIBIUSB_ERROR_CONNECTION_LOST) << "got " << got << " bytes as if the file ended there";
+        answersAgain();
+    }
 
-TEST(HalfReplies, AReadCutHalfWayIsALostConnectionNotAShortFile) {
-    HostileDevice device;
-    OPEN_HOSTILE(device);
-    std::string file = path("half/cut-read.bin");
-    uint64_t handle = 0;
-    ASSERT_EQ(libiusb_afc_file_open(device.afc, file.c_str(), LIBIUSB_AFC_RDONLY, &handle), 0);
-    std::string buffer(8192, '\0');
-    uint32_t got = 0;
-    int result = 0;
-    ASSERT_TRUE(answersInTime(
-        [&] { return libiusb_afc_file_read(device.afc, handle, &buffer[0], 8192, 0, &got); }, &result));
-    EXPECT_EQ(result, LIBIUSB_ERROR_CONNECTION_LOST) << "got " << got << " bytes as if the file ended there";
-}
-
-TEST(HalfReplies, AListingCutHalfWayIsALostConnection) {
-    HostileDevice device;
-    OPEN_HOSTILE(device);
-    std::string folder = path("half/cut-listing");
+    // Half of ".", "..", "x", "y", "z" may come through a listing cut
+    // half-way; the next request finds the connection gone either way.
+    std::string cut = path("half/cut-listing");
     char **names = nullptr;
-    int result = 0;
     ASSERT_TRUE(answersInTime(
-        [&] { return libiusb_afc_file_read_directory(device.afc, folder.c_str(), &names, nullptr); }, &result));
-    // Half of ".", "..", "x", "y", "z" may come through; the next request
-    // finds the connection gone either way.
+        [&] { return libiusb_afc_file_read_directory(device.afc, cut.c_str(), &names, nullptr); }, &result));
     if (result == 0) libiusb_misc_free_strings_array(names);
-    libiusb_file_info info;
     ASSERT_TRUE(answersInTime([&] { return libiusb_afc_file_get_info(device.afc, kHostile, &info); }, &result));
     EXPECT_EQ(result, LIBIUSB_ERROR_CONNECTION_LOST);
-}
+    answersAgain();
 
-TEST(LyingSizes, AFileLongerThanItsSizeSaysReadsWhole) {
-    HostileDevice device;
-    OPEN_HOSTILE(device);
-    libiusb_file_info info;
-    std::string file = path("sizes/fewer.bin");
-    ASSERT_EQ(libiusb_afc_file_get_info(device.afc, file.c_str(), &info), 0);
+    // A file longer than its size says reads whole.
+    std::string fewer = path("sizes/fewer.bin");
+    ASSERT_EQ(libiusb_afc_file_get_info(device.afc, fewer.c_str(), &info), 0);
     EXPECT_EQ(info.size, 10u);
     uint64_t handle = 0;
-    ASSERT_EQ(libiusb_afc_file_open(device.afc, file.c_str(), LIBIUSB_AFC_RDONLY, &handle), 0);
+    ASSERT_EQ(libiusb_afc_file_open(device.afc, fewer.c_str(), LIBIUSB_AFC_RDONLY, &handle), 0);
     std::string buffer(8192, '\0');
     uint32_t got = 0;
     ASSERT_EQ(libiusb_afc_file_read(device.afc, handle, &buffer[0], 8192, 0, &got), 0);
     EXPECT_EQ(got, 5000u) << "the bytes the device gave, whatever its size said";
     EXPECT_EQ(libiusb_afc_file_close(device.afc, handle), 0);
-}
-
-TEST(LyingSizes, SizesNoFileCanHaveStopAtTheLargestOffset) {
-    HostileDevice device;
-    OPEN_HOSTILE(device);
+    // Sizes no file can have stop at the largest offset.
     for (const char *name : {"negative.bin", "wrapped.bin"}) {
-        libiusb_file_info info;
         ASSERT_EQ(libiusb_afc_file_get_info(device.afc, path(std::string("sizes/") + name).c_str(), &info), 0);
         EXPECT_EQ(info.size, static_cast<uint64_t>(INT64_MAX)) << name;
     }
