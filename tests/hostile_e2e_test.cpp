@@ -51,6 +51,10 @@ protected:
         *seen = dialogs.waitForDialogsToSettle(0, 5).size();
         EXPECT_TRUE(isFuseMountPoint(mount.mountPoint)) << "the mount stays up";
         EXPECT_EQ(sortedNamesIn(mount.mountPoint), (std::vector<std::string>{"Apps", "Media", "Storage"}));
+        // Opening a file asks the device: the connection the lie closed is opened again.
+        std::string whole;
+        ASSERT_TRUE(answers<std::string>([&] { return readLocal(hostile("half/whole.txt")); }, &whole)) << "cat hung";
+        EXPECT_FALSE(whole.empty());
     }
 };
 
@@ -118,9 +122,12 @@ TEST_F(HostileMountTest, NamesSizesDepthAndBrokenRepliesNeitherCrashNorHangTheMo
             EXPECT_EQ(bytes.size(), c.given) << "all the device had";
         }
     }
+    // -1, or a size past the largest offset, is taken as too big to say.
     struct stat st;
-    ASSERT_EQ(stat(hostile("sizes/negative.bin").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, INT64_MAX) << "-1 is taken as too big to say";
+    for (const char *name : {"negative.bin", "wrapped.bin"}) {
+        ASSERT_EQ(stat((hostile("sizes/") + name).c_str(), &st), 0);
+        EXPECT_EQ(st.st_size, INT64_MAX) << name;
+    }
 
     // Folders a thousand deep are walked to the bottom.
     std::string found;
