@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 #include <string>
 #include <vector>
@@ -50,7 +52,7 @@ class ListingTest : public MountedDeviceTest {};
 // Apps and the phone's owner change files while the device is mounted: the
 // next listing shows it. Odd app names get folders a path can reach, and two
 // spellings of one name never mix one file's size with the other's bytes.
-TEST_F(ListingTest, TheTreeMatchesTheImageAndFollowsThePhonesOwnChanges) {
+TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAndAnswersOnceUnplugged) {
     DevsimImage image;
     image.name = "Lister";
     image.location_id = 12;
@@ -191,6 +193,60 @@ TEST_F(ListingTest, TheTreeMatchesTheImageAndFollowsThePhonesOwnChanges) {
         EXPECT_EQ(bytes, readLocal(appImage("com.example.dot") + "/twins/" + twins[0])) << spelling;
     }
     EXPECT_EQ(dialogs.dialogs().size(), 2u) << "only the two failures above";
+
+    // A phone unplugged while mounted: every later request comes back
+    // promptly, with its lost-connection dialog when it needed the device.
+    // The folder made behind the mount's back is known but not listed yet.
+    ASSERT_EQ(mkdir((storageImage() + "/later").c_str(), 0755), 0);
+    storage = entriesIn(inMount("/Storage"));
+    EXPECT_EQ(std::count(storage.begin(), storage.end(), "later"), 1);
+    EXPECT_EQ(statError("/tmp/12"), 0) << "the mount's private work folder";
+    std::string local = tempDir + "/local.txt";
+    std::ofstream(local) << "local";
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    struct Step {
+        const char *what;
+        std::vector<std::string> argv;
+        const char *dialog;  // what the user is told, or null when the answer needs no device
+    };
+    const Step steps[] = {
+        {"cat", {"cat", inMount("/Storage/top.txt")}, "Lost USB connection.\nOpening file(top.txt) aborted."},
+        {"ls of a folder not listed yet", {"ls", inMount("/Storage/later")},
+         "Lost USB Connection.\nDirectory reading aborted."},
+        {"cp in", {"cp", local, inMount("/Storage/new.txt")}, "Lost USB connection.\nCreate a file aborted."},
+        {"mkdir", {"mkdir", inMount("/Storage/folder")}, "Lost USB connection.\nDirectory making aborted."},
+        {"rm", {"rm", inMount("/Storage/top.txt")}, "Lost USB connection.\nFile remove aborted."},
+        {"cat in an app", {"cat", inMount("/Apps/Notes/first.txt")}, nullptr},
+        {"ls of a listed folder", {"ls", inMount("/Storage")}, nullptr},
+        {"df", {"df", mount.mountPoint}, nullptr},
+    };
+    size_t seen = 2;
+    for (const Step &step : steps) {
+        auto done = std::async(std::launch::async, [&] { return runStatus(step.argv); });
+        // A guard against hanging, not a measure of speed.
+        ASSERT_EQ(done.wait_for(std::chrono::seconds(30)), std::future_status::ready) << step.what << " hung";
+        int result = done.get();
+        if (step.dialog == nullptr) continue;
+        EXPECT_NE(result, 0) << step.what;
+        shown = dialogs.waitForDialogs(seen + 1);
+        ASSERT_GT(shown.size(), seen) << "no dialog after: " << step.what;
+        EXPECT_EQ(shown.back().message, step.dialog) << step.what;
+        EXPECT_EQ(shown.back().title, "Quorvel Error!!");
+        // A dialog still on its way arrives before the next step counts.
+        seen = dialogs.waitForDialogsToSettle(seen + 1, 5).size();
+    }
+    EXPECT_GE(mount.countLog("tarnifs_open libiusb_afc_file_open failed. path(/general_storage/top.txt) ret : -32"), 1);
+    EXPECT_EQ(readLocal(storageImage() + "/top.txt"), "back, and longer than before") << "the device file is whole";
+
+#ifdef QUORVEL_PATH
+    // quorvel unmount ends it; the process goes and takes its work folder with it.
+    int status = -1;
+    std::string said = runProgram({QUORVEL_PATH, "unmount", mount.mountPoint}, &status);
+    EXPECT_EQ(status, 0) << said;
+    EXPECT_FALSE(isFuseMountPoint(mount.mountPoint));
+    EXPECT_EQ(mount.stop(), 0) << "quorvelfs ends with status 0";
+    EXPECT_EQ(statError("/tmp/12"), ENOENT) << "the work folder is removed";
+#endif
 }
 
 TEST_F(ListingTest, OnlyFoldersOfMoreThan30000EntriesAreAnnouncedAsBusy) {
