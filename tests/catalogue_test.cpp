@@ -14,6 +14,13 @@ const char kDecomposed[] = "/Storage/cafe\xCC\x81";
 
 class CatalogueTest : public MountContextTest {
 protected:
+    // The root and a listed /Storage, as every listing starts.
+    void SetUp() override {
+        MountContextTest::SetUp();
+        GetObject("/");
+        folder("/Storage");
+    }
+
     size_t liveEntries() {
         size_t count = 0;
         for (auto &entry : Object_list) count += entry.second != 0;
@@ -27,12 +34,12 @@ TEST_F(CatalogueTest, EitherSpellingReachesOneRecordAndMissesLeaveNothingBehind)
     EXPECT_EQ(Object_list.count("/"), 1u);
     for (const char *area : {"/Media", "/Apps", "/Storage"}) EXPECT_EQ(GetParentObject(area), root) << area;
     // A fresh record: a regular file, unnamed, self-linked, not in any list.
-    EXPECT_EQ(root->mode, KTL_MODE_FILE);
-    EXPECT_EQ(root->file_name, nullptr);
-    EXPECT_EQ(root->child_list.next, &root->child_list);
-    EXPECT_EQ(root->sibling.next, &root->sibling);
+    _KTL_OBJECT *fresh = GetObject("/Media");
+    EXPECT_EQ(fresh->mode, KTL_MODE_FILE);
+    EXPECT_EQ(fresh->file_name, nullptr);
+    EXPECT_EQ(fresh->child_list.next, &fresh->child_list);
+    EXPECT_EQ(fresh->sibling.next, &fresh->sibling);
 
-    GetObject("/Storage");
     _KTL_OBJECT *made = GetObjectWithFileName(kDecomposed);
     ASSERT_STREQ(made->file_name, "cafe\xCC\x81");
     EXPECT_EQ(GetObject(kDecomposed), made);
@@ -52,7 +59,6 @@ TEST_F(CatalogueTest, EitherSpellingReachesOneRecordAndMissesLeaveNothingBehind)
     // Misses under either spelling, and through the handlers that look paths
     // up, add nothing to the map.
     root->enumerated = 1;
-    folder("/Storage");
     size_t before = Object_list.size();
     EXPECT_EQ(FindObject("/Storage/missing"), nullptr);
     EXPECT_EQ(FindObject("/Storage/missing-caf\xC3\xA9"), nullptr);
@@ -67,8 +73,6 @@ TEST_F(CatalogueTest, EitherSpellingReachesOneRecordAndMissesLeaveNothingBehind)
 }
 
 TEST_F(CatalogueTest, ChildrenFollowLinksDeletesAndCleanups) {
-    GetObject("/");
-    folder("/Storage");
     for (const char *name : {"/Storage/b", "/Storage/a", "/Storage/c"}) file(name, 0);
     EXPECT_EQ(childNames("/Storage"), (std::vector<std::string>{"b", "a", "c"}));
     UnlinkObject(FindObject("/Storage/a"));
@@ -98,8 +102,6 @@ TEST_F(CatalogueTest, ChildrenFollowLinksDeletesAndCleanups) {
 }
 
 TEST_F(CatalogueTest, DeepTreeIsDeletedChildrenFirstAndTheFolderStays) {
-    GetObject("/");
-    folder("/Storage");
     _KTL_OBJECT *top = folder("/Storage/top");
     for (const char *path : {"/Storage/top/a", "/Storage/top/a/b", "/Storage/top/a/b/c"}) folder(path);
     for (const char *path : {"/Storage/top/a/b/c/deep.txt", "/Storage/top/a/b/file", "/Storage/top/z"}) file(path, 0);
@@ -119,8 +121,7 @@ TEST_F(CatalogueTest, DeepTreeIsDeletedChildrenFirstAndTheFolderStays) {
 TEST_F(CatalogueTest, DeletedRecordLeavesNoEntryUnderItsComposedKey) {
     // The device names a file in decomposed form; the record is keyed by the
     // composed form but named and deleted by the display form.
-    GetObject("/");
-    _KTL_OBJECT *storage = folder("/Storage");
+    _KTL_OBJECT *storage = FindObject("/Storage");
     _KTL_OBJECT *cafe = file(kDecomposed, 0);
     ASSERT_EQ(FindObject(kComposed), cafe);
 
@@ -142,8 +143,6 @@ TEST_F(CatalogueTest, DeletedRecordLeavesNoEntryUnderItsComposedKey) {
 // kept the folder as first spelled, so removing the folder freed the child
 // but left it in the map, and the next lookup returned freed memory.
 TEST_F(CatalogueTest, FolderRemovedUnderTheOtherSpellingTakesItsChildrenFromTheMap) {
-    GetObject("/");
-    folder("/Storage");
     _KTL_OBJECT *cafe = folder(kComposed);
     folder((std::string(kComposed) + "/e\xCC\x81" "b").c_str());
     file((std::string(kDecomposed) + "/plain").c_str(), 0);
@@ -164,8 +163,6 @@ TEST_F(CatalogueTest, FolderRemovedUnderTheOtherSpellingTakesItsChildrenFromTheM
 // component, so their folder part must not be composed either: the two
 // spellings are two folders, each with its own children.
 TEST_F(CatalogueTest, FoldersTooLongToComposeKeepTheirChildrenApart) {
-    GetObject("/");
-    folder("/Storage");
     const std::string composed = "/Storage/" + std::string(2046, 'y') + "\xC3\xA9";
     const std::string decomposed = "/Storage/" + std::string(2046, 'y') + "e\xCC\x81";
     _KTL_OBJECT *first = folder(composed.c_str());
