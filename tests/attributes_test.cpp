@@ -14,19 +14,16 @@ protected:
         MountContextTest::SetUp();
         // Both folders count as listed, so lookups never reach for the device.
         GetObject("/")->enumerated = 1;
-        _KTL_OBJECT *storage = GetObjectWithFileName("/Storage");
-        storage->mode = KTL_MODE_FOLDER;
-        storage->enumerated = 1;
-        file = GetObjectWithFileName("/Storage/song.mp3");
-        file->size = 4096;
-        file->birth_time = 1000;
-        file->modify_time = 2000;
-        file->access_time = 3000;
+        folder("/Storage");
+        song = file("/Storage/song.mp3", 4096);
+        song->birth_time = 1000;
+        song->modify_time = 2000;
+        song->access_time = 3000;
     }
-    _KTL_OBJECT *file = nullptr;
+    _KTL_OBJECT *song = nullptr;
 };
 
-TEST_F(AttributesTest, StatRecordsComeFromTheCatalogue) {
+TEST_F(AttributesTest, StatRecordsComeFromTheCatalogueAndOnlyForNamesThatExist) {
     struct stat st;
     time_t before = time(nullptr);
     ASSERT_EQ(tarnifs_getattr("/", &st), 0);
@@ -49,18 +46,15 @@ TEST_F(AttributesTest, StatRecordsComeFromTheCatalogue) {
     ASSERT_EQ(tarnifs_fgetattr("/Storage/song.mp3", &viaHandle, nullptr), 0);
     ASSERT_EQ(tarnifs_getattr("/Storage/song.mp3", &st), 0);
     EXPECT_EQ(memcmp(&st, &viaHandle, sizeof(st)), 0);
-}
 
-TEST_F(AttributesTest, TopLevelDotNamesAndUnknownPathsDoNotExist) {
+    // Top-level dot names and unknown paths do not exist.
     GetObjectWithFileName("/.Trashes");
     GetObjectWithFileName("/._Media");
     GetObjectWithFileName("/Storage/.hidden");
-    struct stat st;
     EXPECT_EQ(tarnifs_getattr("/.Trashes", &st), -ENOENT);
     EXPECT_EQ(tarnifs_getattr("/._Media", &st), -ENOENT);
     EXPECT_EQ(tarnifs_getattr("/Storage/.hidden", &st), 0);
     EXPECT_EQ(tarnifs_getattr("/Storage/nothing", &st), -ENOENT);
-
     fuse.private_data = nullptr;
     EXPECT_EQ(tarnifs_getattr("/Storage/song.mp3", &st), -ENOSYS);
     EXPECT_TRUE(logContains("getContext pContext is NULL!!"));
@@ -75,36 +69,36 @@ TEST_F(AttributesTest, AttributeChangesTouchOnlyTheCatalogue) {
     EXPECT_EQ(made->size, 0u);
 
     EXPECT_EQ(tarnifs_truncate("/Storage/song.mp3", 10, nullptr), 0);
-    EXPECT_EQ(file->size, 10u);
+    EXPECT_EQ(song->size, 10u);
     struct fuse_file_info openFile {};  // ftruncate: the change comes through an open file
     EXPECT_EQ(tarnifs_truncate("/Storage/song.mp3", 77, &openFile), 0);
-    EXPECT_EQ(file->size, 77u);
+    EXPECT_EQ(song->size, 77u);
 
     // Asking for 2001-01-01 sets the time of the call.
     time_t before = time(nullptr);
     struct timespec times[2] = {{978307200, 0}, {978307200, 0}};
     EXPECT_EQ(tarnifs_utimens("/Storage/song.mp3", times, nullptr), 0);
-    EXPECT_GE(file->modify_time, before);
-    EXPECT_EQ(file->access_time, 3000);  // access time is accepted and ignored
-    EXPECT_EQ(file->birth_time, 1000);
+    EXPECT_GE(song->modify_time, before);
+    EXPECT_EQ(song->access_time, 3000);  // access time is accepted and ignored
+    EXPECT_EQ(song->birth_time, 1000);
 
     struct timespec omitModify[2] = {{0, UTIME_NOW}, {0, UTIME_OMIT}};
-    file->modify_time = 5;
+    song->modify_time = 5;
     EXPECT_EQ(tarnifs_utimens("/Storage/song.mp3", omitModify, &openFile), 0);
-    EXPECT_EQ(file->modify_time, 5);
+    EXPECT_EQ(song->modify_time, 5);
 
     struct setattr_x creation{};
     creation.valid = 1 << 28;
     EXPECT_EQ(tarnifs_fsetattr_x("/Storage/song.mp3", &creation, nullptr), 0);
-    EXPECT_GE(file->birth_time, before);
+    EXPECT_GE(song->birth_time, before);
 
     EXPECT_EQ(tarnifs_chown("/Storage/song.mp3", 1, 1, nullptr), 0);
-    EXPECT_EQ(file->mode, KTL_MODE_FILE);  // permissions and owners are never stored
+    EXPECT_EQ(song->mode, KTL_MODE_FILE);  // permissions and owners are never stored
 
     fuse.private_data = nullptr;
     EXPECT_EQ(tarnifs_truncate("/Storage/song.mp3", 1, nullptr), -ENOSYS);
     EXPECT_TRUE(logContains("tarnifs_setattr_x getContext failed. ret : " + std::to_string(-ENOSYS)));
-    EXPECT_EQ(file->size, 77u);
+    EXPECT_EQ(song->size, 77u);
 }
 
 TEST_F(AttributesTest, ExtendedAttributesAreStoredReplacedAndRemoved) {
@@ -117,9 +111,9 @@ TEST_F(AttributesTest, ExtendedAttributesAreStoredReplacedAndRemoved) {
     ASSERT_EQ(tarnifs_setxattr(path, "user.b", "second", 6, 0), 0);
     ASSERT_EQ(tarnifs_setxattr(path, "user.a", "replaced!", 9, 0), 0);
     int nodes = 0;
-    for (_KTL_XATTR *node = file->xattr_list; node != nullptr; node = node->next) ++nodes;
+    for (_KTL_XATTR *node = song->xattr_list; node != nullptr; node = node->next) ++nodes;
     EXPECT_EQ(nodes, 2);
-    EXPECT_STREQ(file->xattr_list->name, "user.b");  // newest name first
+    EXPECT_STREQ(song->xattr_list->name, "user.b");  // newest name first
 
     EXPECT_EQ(tarnifs_getxattr(path, "user.a", nullptr, 0), 9);
     char buffer[64];
@@ -141,7 +135,7 @@ TEST_F(AttributesTest, ExtendedAttributesAreStoredReplacedAndRemoved) {
     EXPECT_EQ(tarnifs_removexattr(path, "user.a"), -ENOATTR);
     EXPECT_EQ(tarnifs_getxattr(path, "user.b", nullptr, 0), 6);
     EXPECT_EQ(tarnifs_removexattr(path, "user.b"), 0);
-    EXPECT_EQ(file->xattr_list, nullptr);
+    EXPECT_EQ(song->xattr_list, nullptr);
     EXPECT_EQ(tarnifs_removexattr(path, "user.b"), -ENOATTR);
 }
 

@@ -39,15 +39,10 @@ protected:
     void SetUp() override {
         MountContextTest::SetUp();
         GetObject("/")->enumerated = 1;
-        _KTL_OBJECT *storage = GetObjectWithFileName("/Storage");
-        storage->mode = KTL_MODE_FOLDER;
-        storage->enumerated = 1;
-        LinkChildObject(GetObject("/"), storage);
+        folder("/Storage");
         // Linked in an order that is not alphabetical: the listing's order is the list's.
         for (const char *name : {"zeta.txt", "alpha", "mid.bin", "beta.txt", "omega", "gamma.txt", "delta"}) {
-            _KTL_OBJECT *child = GetObjectWithFileName(ChildPath("/Storage", name).c_str());
-            child->size = strlen(name) * 100;
-            LinkChildObject(storage, child);
+            file(ChildPath("/Storage", name).c_str(), strlen(name) * 100);
             expected.push_back(name);
         }
     }
@@ -74,7 +69,7 @@ protected:
     std::vector<std::string> expected;
 };
 
-TEST_F(ReaddirPlusTest, PagesDeliverEveryNameOnceInOrderWithItsAttributes) {
+TEST_F(ReaddirPlusTest, PagesDeliverEveryNameOnceInOrderWithTheAttributesGetattrGives) {
     for (size_t room : {1, 3, 4, 100}) {
         int requests = 0;
         std::vector<Delivered> all = readAll(room, FUSE_READDIR_PLUS, &requests);
@@ -90,6 +85,13 @@ TEST_F(ReaddirPlusTest, PagesDeliverEveryNameOnceInOrderWithItsAttributes) {
         }
         EXPECT_LE(requests, static_cast<int>((expected.size() + 2 + room - 1) / room) + 1);
     }
+    // getattr with an open file answers as getattr does.
+    struct stat byPath, byFile;
+    struct fuse_file_info open {};
+    ASSERT_EQ(tarni_opers.getattr("/Storage/mid.bin", &byPath, nullptr), 0);
+    ASSERT_EQ(tarni_opers.getattr("/Storage/mid.bin", &byFile, &open), 0);
+    EXPECT_EQ(memcmp(&byPath, &byFile, sizeof(byPath)), 0);
+    EXPECT_EQ(byFile.st_size, 700);
 }
 
 TEST_F(ReaddirPlusTest, PlainListingsCarryNoAttributesForTheKernelToKeep) {
@@ -130,15 +132,6 @@ TEST_F(ReaddirPlusTest, ARecordGoneBetweenPagesIsStillNamedAndWithoutAContextNot
     EXPECT_EQ(tarni_opers.readdir("/Storage", &none, fillPage, 0, &open, FUSE_READDIR_PLUS), -ENOSYS);
     EXPECT_TRUE(none.entries.empty());
     EXPECT_EQ(tarni_opers.releasedir("/Storage", &open), 0);
-}
-
-TEST_F(ReaddirPlusTest, GetattrWithAnOpenFileAnswersAsGetattrDoes) {
-    struct stat byPath, byFile;
-    struct fuse_file_info open {};
-    ASSERT_EQ(tarni_opers.getattr("/Storage/mid.bin", &byPath, nullptr), 0);
-    ASSERT_EQ(tarni_opers.getattr("/Storage/mid.bin", &byFile, &open), 0);
-    EXPECT_EQ(memcmp(&byPath, &byFile, sizeof(byPath)), 0);
-    EXPECT_EQ(byFile.st_size, 700);
 }
 
 } // namespace

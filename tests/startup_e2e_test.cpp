@@ -1,21 +1,20 @@
 // Start-up and shut-down of a real mount against the simulated device.
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <sys/xattr.h>
-
 #include <chrono>
-#include <functional>
-#include <future>
-#include <vector>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <thread>
+#include <vector>
 
 #include "tarnifs/mount.h"
 #include "tests/support/mount_fixture.h"
@@ -32,38 +31,111 @@ DevsimImage phone(const std::string &name, uint32_t locationId) {
     return image;
 }
 
-TEST_F(StartupTest, ChoosesTheDeviceWhoseLocationIdMatchesAndCleansUpAtUnmount) {
-    ASSERT_TRUE(startDevice({phone("first", 5), phone("second", 9)}));
+// One devsim serves several phones; each part mounts the one it is about.
+TEST_F(StartupTest, ChoosesTheDeviceByLocationIdAndLeavesNothingBehindAtUnmount) {
+    DevsimImage roomy = phone("roomy", 8);
+    roomy.capacity_bytes = 68719476736ull;
+    roomy.block_size = 4096;
+    DevsimImage withApp = phone("tray", 14);
+    withApp.apps = {{"com.example.notes", "Notes", true}};
+    std::vector<std::string> dirs;
+    for (const DevsimImage &image : {phone("first", 5), phone("second", 9), phone("linked", 23), roomy, withApp}) {
+        dirs.push_back(tempDir + "/" + image.name);
+        ASSERT_TRUE(write_devsim_image(dirs.back(), image));
+    }
+    // A sparse file leaves exactly 15,000,000,000 bytes free on the roomy device.
+    std::string big = tempDir + "/roomy/media/general_storage/sparse.bin";
+    std::ofstream(big).close();
+    uint64_t stored = std::filesystem::file_size(tempDir + "/roomy/media/general_storage/roomy.txt");
+    ASSERT_EQ(truncate(big.c_str(), static_cast<off_t>(68719476736ull - 15000000000ull - stored)), 0);
+    ASSERT_TRUE(sim.start_with_dirs(dirs)) << sim.error();
+
     ASSERT_TRUE(mountDevice(9));
     // "-neoff" closes every start-up, so the tray listener knows it may go on.
     EXPECT_TRUE(tray.waitFor("-neoff"));
-
     struct stat st;
     ASSERT_EQ(stat(inMount("/Storage/second.txt").c_str(), &st), 0);
     EXPECT_EQ(st.st_size, static_cast<off_t>(strlen("belongs to second")));
     EXPECT_NE(stat(inMount("/Storage/first.txt").c_str(), &st), 0);
     EXPECT_EQ(mount.countLog("device_init Device Name : second"), 1);
     EXPECT_EQ(mount.countLog("device_init Connected device 1 : 0x9"), 1);
-
     ASSERT_EQ(lstat("/tmp/9", &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0700u);
     EXPECT_EQ(unmountDevice(), 0);
     EXPECT_NE(lstat("/tmp/9", &st), 0) << "the work folder outlived the mount";
+
+    // "/tmp/<id>" taken by a link (or anything not ours) is left alone: the
+    // mount works in a fresh private folder and removes only that.
+    std::string target = tempDir + "/precious";
+    ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
+    std::ofstream(target + "/keep.txt") << "keep me";
+    unlink("/tmp/23");
+    ASSERT_EQ(symlink(target.c_str(), "/tmp/23"), 0);
+    ASSERT_TRUE(mountDevice(23));
+    // A first request is answered only once start-up is over: the log line is written by then.
+    EXPECT_EQ(stat(inMount("/Storage/linked.txt").c_str(), &st), 0);
+    EXPECT_EQ(mount.countLog("tarnifs_init /tmp/23 is not a private folder of ours, using a fresh one"), 1);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_EQ(lstat("/tmp/23", &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_TRUE(std::filesystem::exists(target + "/keep.txt"));
+    for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
+        EXPECT_NE(entry.path().filename().string().rfind("quorvel-23-", 0), 0u) << "outlived the mount: " << entry.path();
+    unlink("/tmp/23");
+
+    // Volume figures are the calibrated device capacities.
+    ASSERT_TRUE(mountDevice(8));
+    std::string figures = runProgram({"stat", "-f", "-c", "%S %b %f %a", mount.mountPoint});
+    EXPECT_EQ(figures, "4096 15625000 3408203 3408203\n");
+    std::string df = runProgram({"df", "--output=size,avail", "-B1", mount.mountPoint});
+    EXPECT_NE(df.find("64000000000"), std::string::npos) << df;
+    EXPECT_NE(df.find(std::to_string(3408203ull * 4096)), std::string::npos) << df;
+    EXPECT_EQ(unmountDevice(), 0);
+
+    // Whether the tray listener is missing, listening, or killed in the
+    // middle, the file system keeps answering and unmounts. No listener at
+    // all: every pipe message fails quietly.
+    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + tempDir + "/nobody.fifo";
+    ASSERT_TRUE(mountDevice(14));
+    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
+    EXPECT_GE(mount.countLog("sendPipeMsg open pipe failed. errno : 2"), 1);
+    EXPECT_EQ(unmountDevice(), 0);
+
+    // A listener that is reading: it hears the busy signals of the app listing.
+    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + tempDir + "/tray.fifo";
+    ASSERT_TRUE(mountDevice(14));
+    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
+    EXPECT_TRUE(tray.waitFor("-neoff-neon-neoff"));
+    EXPECT_EQ(unmountDevice(), 0);
+
+#ifdef QUORVEL_PATH
+    // `quorvel tray` killed in the middle of the session.
+    std::string fifo = tempDir + "/killed.fifo";
+    pid_t listener = fork();
+    if (listener == 0) {
+        setenv("QUORVEL_PIPE", fifo.c_str(), 1);
+        int devNull = open("/dev/null", O_WRONLY);
+        dup2(devNull, 1);
+        execl(QUORVEL_PATH, QUORVEL_PATH, "tray", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    for (int i = 0; i < 200 && access(fifo.c_str(), F_OK) != 0; ++i) usleep(20000);
+    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + fifo;
+    ASSERT_TRUE(mountDevice(14));
+    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
+    kill(listener, SIGKILL);
+    waitpid(listener, nullptr, 0);
+    EXPECT_EQ(stat(inMount("/Apps/Notes").c_str(), &st), 0);
+    EXPECT_EQ(unmountDevice(), 0);
+    unlink(fifo.c_str());
+#endif
 }
 
-TEST_F(StartupTest, FindsADeviceThatAppearsHalfASecondLater) {
-    ASSERT_TRUE(startDevice({phone("late", 3)}));
-    ASSERT_EQ(sim.control("appear-after " + sim.udid(0) + " 0.5"), "ok");
-    ASSERT_TRUE(mountDevice(3));
-    EXPECT_TRUE(std::filesystem::exists(inMount("/Storage/late.txt")));
-    int misses = mount.countLog("device_init no devices.");
-    EXPECT_GE(misses, 1);
-    EXPECT_LT(misses, 11);
-}
-
-TEST_F(StartupTest, GivesUpAfterElevenAttemptsAndThenAnswersEveryOperationWithoutContextAndStaysUp) {
-    ASSERT_TRUE(startDevice({phone("elsewhere", 4)}));
+// Start-up goes on while a device is missing or asks to be trusted, and gives
+// up after eleven attempts.
+TEST_F(StartupTest, WaitsForALateOrCarefulDeviceAndGivesUpOnAMissingOne) {
+    ASSERT_TRUE(startDevice({phone("late", 3), phone("careful", 6)}));
     ASSERT_TRUE(mountDevice(78));
     std::string root = mount.mountPoint;
     // Start-up runs before the first request is answered.
@@ -120,119 +192,23 @@ TEST_F(StartupTest, GivesUpAfterElevenAttemptsAndThenAnswersEveryOperationWithou
     EXPECT_EQ(errno, ENOSYS);
     EXPECT_EQ(unmountDevice(), 0);
     EXPECT_FALSE(isFuseMountPoint(root));
-}
 
-TEST_F(StartupTest, WaitsOutAFiveSecondTrustPrompt) {
-    ASSERT_TRUE(startDevice({phone("careful", 6)}));
-    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(0) + " 5"), "ok");
+    // A device that appears half a second later is found.
+    ASSERT_EQ(sim.control("appear-after " + sim.udid(0) + " 0.5"), "ok");
+    ASSERT_TRUE(mountDevice(3));
+    EXPECT_TRUE(std::filesystem::exists(inMount("/Storage/late.txt")));
+    int misses = mount.countLog("device_init no devices.") - 11;
+    EXPECT_GE(misses, 1);
+    EXPECT_LT(misses, 11);
+    EXPECT_EQ(unmountDevice(), 0);
+
+    // A five-second trust prompt is waited out.
+    ASSERT_EQ(sim.control("trust-prompt " + sim.udid(1) + " 5"), "ok");
     ASSERT_TRUE(mountDevice(6));
     EXPECT_TRUE(std::filesystem::exists(inMount("/Storage/careful.txt")));
     EXPECT_GE(mount.countLog("device_init libiusb fail cause trust dialog. retry(0/10)"), 1);
     EXPECT_GE(mount.countLog("device_init libiusb fail cause trust dialog. retry(1/10)"), 1);
     EXPECT_EQ(mount.countLog("device_init libiusb fail cause trust dialog. retry(3/10)"), 0);
-}
-
-TEST_F(StartupTest, VolumeFiguresAreTheCalibratedDeviceCapacities) {
-    DevsimImage image = phone("roomy", 8);
-    image.capacity_bytes = 68719476736ull;
-    image.block_size = 4096;
-    std::string imageDir = tempDir + "/roomy";
-    ASSERT_TRUE(write_devsim_image(imageDir, image));
-    // A sparse file leaves exactly 15,000,000,000 bytes free on the device.
-    std::string big = imageDir + "/media/general_storage/sparse.bin";
-    std::ofstream(big).close();
-    uint64_t stored = std::filesystem::file_size(imageDir + "/media/general_storage/roomy.txt");
-    ASSERT_EQ(truncate(big.c_str(), static_cast<off_t>(68719476736ull - 15000000000ull - stored)), 0);
-    ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
-    ASSERT_TRUE(mountDevice(8));
-
-    std::string figures = runProgram({"stat", "-f", "-c", "%S %b %f %a", mount.mountPoint});
-    EXPECT_EQ(figures, "4096 15625000 3408203 3408203\n");
-    std::string df = runProgram({"df", "--output=size,avail", "-B1", mount.mountPoint});
-    EXPECT_NE(df.find("64000000000"), std::string::npos) << df;
-    EXPECT_NE(df.find(std::to_string(3408203ull * 4096)), std::string::npos) << df;
-}
-
-} // namespace
-
-namespace {
-
-class TrayListenerTest : public MountedDeviceTest {};
-
-// Whether the tray listener is missing, listening, or killed in the middle,
-// the file system keeps answering and unmounts.
-TEST_F(TrayListenerTest, UnmountNeverWaitsForTheListener) {
-    DevsimImage image = phone("tray", 14);
-    image.apps = {{"com.example.notes", "Notes", true}};
-    ASSERT_TRUE(startDevice({image}));
-
-    // No listener at all: every pipe message fails quietly.
-    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + tempDir + "/nobody.fifo";
-    ASSERT_TRUE(mountDevice(14));
-    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
-    EXPECT_GE(mount.countLog("sendPipeMsg open pipe failed. errno : 2"), 1);
-    EXPECT_EQ(unmountDevice(), 0);
-
-    // A listener that is reading: it hears the busy signals of the app listing.
-    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + tempDir + "/tray.fifo";
-    ASSERT_TRUE(mountDevice(14));
-    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
-    EXPECT_TRUE(tray.waitFor("-neoff-neon-neoff"));
-    EXPECT_EQ(unmountDevice(), 0);
-
-#ifdef QUORVEL_PATH
-    // `quorvel tray` killed in the middle of the session.
-    std::string fifo = tempDir + "/killed.fifo";
-    pid_t listener = fork();
-    if (listener == 0) {
-        setenv("QUORVEL_PIPE", fifo.c_str(), 1);
-        int devNull = open("/dev/null", O_WRONLY);
-        dup2(devNull, 1);
-        execl(QUORVEL_PATH, QUORVEL_PATH, "tray", static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    for (int i = 0; i < 200 && access(fifo.c_str(), F_OK) != 0; ++i) usleep(20000);
-    mount.extraEnvironment.back() = "QUORVEL_PIPE=" + fifo;
-    ASSERT_TRUE(mountDevice(14));
-    EXPECT_EQ(runProgram({"ls", inMount("/Apps")}), "Notes\n");
-    kill(listener, SIGKILL);
-    waitpid(listener, nullptr, 0);
-    struct stat st;
-    EXPECT_EQ(stat(inMount("/Apps/Notes").c_str(), &st), 0);
-    EXPECT_EQ(unmountDevice(), 0);
-    unlink(fifo.c_str());
-#endif
-}
-
-} // namespace
-
-namespace {
-
-class WorkFolderTest : public MountedDeviceTest {};
-
-// "/tmp/<id>" taken by a link (or anything not ours) is left alone: the
-// mount works in a fresh private folder and removes only that.
-TEST_F(WorkFolderTest, ANameTakenByALinkIsNeverFollowed) {
-    ASSERT_TRUE(startDevice({phone("linked", 23)}));
-    std::string target = tempDir + "/precious";
-    ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
-    std::ofstream(target + "/keep.txt") << "keep me";
-    unlink("/tmp/23");
-    ASSERT_EQ(symlink(target.c_str(), "/tmp/23"), 0);
-
-    ASSERT_TRUE(mountDevice(23));
-    // A first request is answered only once start-up is over: the log line is written by then.
-    struct stat st;
-    EXPECT_EQ(stat(inMount("/Storage/linked.txt").c_str(), &st), 0);
-    EXPECT_EQ(mount.countLog("tarnifs_init /tmp/23 is not a private folder of ours, using a fresh one"), 1);
-    EXPECT_EQ(unmountDevice(), 0);
-
-    EXPECT_EQ(lstat("/tmp/23", &st), 0);
-    EXPECT_TRUE(S_ISLNK(st.st_mode));
-    EXPECT_TRUE(std::filesystem::exists(target + "/keep.txt"));
-    for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
-        EXPECT_NE(entry.path().filename().string().rfind("quorvel-23-", 0), 0u) << "outlived the mount: " << entry.path();
-    unlink("/tmp/23");
 }
 
 } // namespace
