@@ -284,10 +284,9 @@ protected:
         NotifyTest::SetUp();
         std::string script = kRecorder;
         script.replace(script.find("@DIR@"), 5, dir);
-        recorder = dir + "/record-dialog";
-        std::ofstream(recorder) << script;
-        chmod(recorder.c_str(), 0700);
-        setenv("QUORVEL_DIALOG", recorder.c_str(), 1);
+        std::ofstream(dir + "/record-dialog") << script;
+        chmod((dir + "/record-dialog").c_str(), 0700);
+        setenv("QUORVEL_DIALOG", (dir + "/record-dialog").c_str(), 1);
         fuse.private_data = ctx;
         SetFuseContextForTesting(&fuse);
         ASSERT_EQ(startDialogThread(ctx), 0);
@@ -307,7 +306,6 @@ protected:
     }
     _CONTEXT *ctx = new _CONTEXT();
     struct fuse_context fuse {};
-    std::string recorder;
 };
 
 TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateLiteralArgumentsCutTo511Characters) {
@@ -345,21 +343,9 @@ TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateLiteralArguments
     EXPECT_EQ(arguments(5)[2], longText.substr(0, 511));
 }
 
-TEST_F(DialogTest, MessagesRaisedDuringADialogMergeIntoOneShowingTheLast) {
-    std::ofstream(dir + "/hold").close();
-    ShowMessageBox(2, "first");
-    ASSERT_TRUE(eventually([&] { return fs::exists(show(0) + "/argc"); }));
-    ShowMessageBox(2, "second");
-    ShowMessageBox(2, "third");
-    fs::remove(dir + "/hold");
-    ASSERT_TRUE(shown(1));
-    stopDialogThread(ctx);
-    EXPECT_EQ(arguments(0)[2], "first");
-    EXPECT_EQ(arguments(1)[2], "third");
-    EXPECT_FALSE(fs::exists(show(2)));
-}
-
-TEST_F(DialogTest, FinderRefreshRequestIsHonouredOnlyWhenNoneIsRunning) {
+// A refresh request is honoured only when none is running; messages raised
+// while a dialog is on screen merge into one showing the last.
+TEST_F(DialogTest, FinderRefreshWaitsForTheRunningOneAndMessagesRaisedDuringADialogMergeIntoTheLast) {
     ctx->dialog.refresh_busy = 1;  // one is under way
     requestFinderRefresh(ctx);
     ShowMessageBox(0, "after the busy refresh");
@@ -369,9 +355,24 @@ TEST_F(DialogTest, FinderRefreshRequestIsHonouredOnlyWhenNoneIsRunning) {
     requestFinderRefresh(ctx);
     EXPECT_TRUE(eventually([&] { return ctx->dialog.finder_refresh == 0; }));
     EXPECT_EQ(ctx->dialog.refresh_busy, 0);
+
+    std::ofstream(dir + "/hold").close();
+    ShowMessageBox(2, "first");
+    ASSERT_TRUE(eventually([&] { return fs::exists(show(1) + "/argc"); }));
+    ShowMessageBox(2, "second");
+    ShowMessageBox(2, "third");
+    fs::remove(dir + "/hold");
+    ASSERT_TRUE(shown(2));
+    stopDialogThread(ctx);
+    EXPECT_EQ(arguments(1)[2], "first");
+    EXPECT_EQ(arguments(2)[2], "third");
+    EXPECT_FALSE(fs::exists(show(3)));
 }
 
-TEST_F(NotifyTest, WithoutAContextNothingIsShownAndTwoLinesAreLogged) {
+// Without a context nothing is shown and two lines are logged. Without a
+// dialog program, zenity shows the dialog where there is a display; with
+// neither, standard error does.
+TEST_F(NotifyTest, WithoutAContextNothingWithoutADialogProgramZenityOnADisplayOrElseStandardErrorShowsIt) {
     struct fuse_context empty {};
     SetFuseContextForTesting(&empty);
     ShowMessageBox(2, "never shown");
@@ -379,11 +380,7 @@ TEST_F(NotifyTest, WithoutAContextNothingIsShownAndTwoLinesAreLogged) {
     std::string log = readLocal(QNLogPath());
     EXPECT_NE(log.find("ShowMessageBox getContext failed. ret : "), std::string::npos);
     EXPECT_NE(log.find("ShowMessageBox Error. ret : "), std::string::npos);
-}
 
-// Without a dialog program, zenity shows the dialog where there is a display;
-// with neither, standard error does.
-TEST_F(NotifyTest, WithoutADialogProgramZenityOnADisplayOrElseStandardErrorShowsIt) {
     std::string bin = dir + "/bin";
     fs::create_directory(bin);
     std::string script = kRecorder;

@@ -59,10 +59,8 @@ struct DemoRun {
         if (pid > 0) kill(pid, sig);
     }
     void kill9() {
-        if (pid <= 0) return;
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        pid = -1;
+        signal(SIGKILL);
+        finished(60);
     }
     // The private folder the demo announced ("... image in /tmp/quorvel-demo-XXXXXX/image").
     std::string workFolder() const {

@@ -358,16 +358,10 @@ protected:
         setenv("XDG_RUNTIME_DIR", runtimeFolder.c_str(), 1);
     }
     void TearDown() override {
-        if (watcher > 0) {
-            kill(watcher, SIGTERM);
-            waitpid(watcher, nullptr, 0);
-        }
+        if (watcher > 0) exitStatusOf(watcher, SIGTERM);
         // Last started, first ended: a file manager before its display and bus.
-        for (auto helper = helpers.rbegin(); helper != helpers.rend(); ++helper) {
-            if (*helper <= 0) continue;  // kill(-1) would reach every process
-            kill(*helper, SIGTERM);
-            waitpid(*helper, nullptr, 0);
-        }
+        for (auto helper = helpers.rbegin(); helper != helpers.rend(); ++helper)
+            if (*helper > 0) exitStatusOf(*helper, SIGTERM);  // kill(-1) would reach every process
         std::error_code error;
         for (const auto &entry : fs::directory_iterator(watchFolder, error))
             if (isFuseMountPoint(entry.path().string())) run_program({fusermountProgram(), "-u", "-z", entry.path().string()});
