@@ -31,13 +31,6 @@ Ran runQuorvel(const std::vector<std::string> &args) {
     return ran;
 }
 
-std::vector<std::string> lines(const std::string &text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) result.push_back(line);
-    return result;
-}
-
 // Column position in characters, so a name with accents does not shift it.
 size_t charColumn(const std::string &line, const std::string &needle) {
     size_t at = line.find(needle);
@@ -71,7 +64,9 @@ TEST_F(QuorvelList, ShowsEveryDeviceAsAnAlignedTableAndSaysWhenThereIsNone) {
 
     Ran ran = runQuorvel({"list"});
     EXPECT_EQ(ran.status, 0) << ran.err;
-    std::vector<std::string> shown = lines(ran.out);
+    std::vector<std::string> shown;
+    std::istringstream out(ran.out);
+    for (std::string line; std::getline(out, line);) shown.push_back(line);
     ASSERT_EQ(shown.size(), 3u) << ran.out;
     EXPECT_EQ(shown[0].find("LOCATION ID"), 0u) << shown[0];
     size_t udid_column = charColumn(shown[0], "UDID");

@@ -24,10 +24,6 @@ const std::string kQuorvel = quorvelProgram();
 
 constexpr uid_t kNobody = 65534;
 
-bool onPath(const std::string &program) {
-    return run_program({"sh", "-c", "command -v \"$0\" >/dev/null", program}) == 0;
-}
-
 // A private folder with a copy of quorvel in a folder whose name has a space
 // and a "%" (both mean something to systemd in ExecStart=), a stand-in
 // systemctl that appends its arguments to `calls` (and answers as a missing
@@ -98,7 +94,7 @@ TEST_F(InstallService, WritesEnablesAndRemovesTheUserUnitAndSaysWhenThereIsNoUse
     }
 
     // systemd itself reads the unit: the program it names exists and runs.
-    if (onPath("systemd-analyze")) {
+    if (run_program({"sh", "-c", "command -v systemd-analyze >/dev/null"}) == 0) {
         std::string verify;
         EXPECT_EQ(run_program({"systemd-analyze", "verify", "--man=no", unit}, &verify), 0) << verify;
     } else {

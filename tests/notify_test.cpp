@@ -59,7 +59,7 @@ protected:
     std::string pipePath;
 };
 
-TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtension) {
+TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtensionInBatchesOfAtMostThirty) {
     ASSERT_EQ(queueTransferRecord(kTransferRead, 1048576, "movie.mp4"), 0);
     ASSERT_EQ(queueTransferRecord(kTransferWritten, 7, "x.abcdefghijkl"), 0);      // 12 characters: first 9
     ASSERT_EQ(queueTransferRecord(kTransferWritten, 8, "x.abcdefgh"), 0);          // exactly 8: whole
@@ -75,10 +75,9 @@ TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtension) {
                            transferRecordBytes(1, 10, "averyvery") + transferRecordBytes(1, 11, "gz") + transferRecordBytes(1, 12, "notes");
     EXPECT_EQ(std::string(batch, 18 + 22 * 7), expected);
     EXPECT_EQ(takePipeBatch(batch), 0u);
-}
 
-TEST_F(NotifyTest, FortyFiveRecordsLeaveAsBatchesOfThirtyAndFifteen) {
-    std::string expected;
+    // Forty-five records leave as batches of thirty and fifteen.
+    expected.clear();
     for (uint32_t i = 0; i < 45; ++i) {
         std::string name = "file" + std::to_string(i) + ".e" + std::to_string(i);
         ASSERT_EQ(queueTransferRecord(1 + i % 2, 1000 + i, name.c_str()), 0);
@@ -97,7 +96,6 @@ TEST_F(NotifyTest, FortyFiveRecordsLeaveAsBatchesOfThirtyAndFifteen) {
 
     // The same split, write by write: 678 bytes, then 348, then nothing.
     for (uint32_t i = 0; i < 45; ++i) queueTransferRecord(1, i, "a.b");
-    char batch[kBatchMaxBytes];
     EXPECT_EQ(takePipeBatch(batch), 678u);
     EXPECT_EQ(takePipeBatch(batch), 348u);
     EXPECT_EQ(takePipeBatch(batch), 0u);
