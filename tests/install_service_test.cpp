@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 
@@ -23,17 +23,6 @@ namespace {
 const std::string kQuorvel = quorvelProgram();
 
 constexpr uid_t kNobody = 65534;
-
-std::string readAll(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool onPath(const std::string &program) {
-    return run_program({"sh", "-c", "command -v \"$0\" >/dev/null", program}) == 0;
-}
 
 // A private folder with a copy of quorvel in a folder whose name has a space
 // and a "%" (both mean something to systemd in ExecStart=), a stand-in
@@ -78,7 +67,7 @@ protected:
         return run_program(argv, output, 60);
     }
     std::string takeCalls() {
-        std::string calls = readAll(dir + "/calls");
+        std::string calls = readLocal(dir + "/calls");
         fs::remove(dir + "/calls");
         return calls;
     }
@@ -86,11 +75,11 @@ protected:
     std::string dir, binDir, quorvel, config, unit;
 };
 
-TEST_F(InstallService, WritesEnablesAndRemovesTheUserUnit) {
+TEST_F(InstallService, WritesEnablesAndRemovesTheUserUnitAndSaysWhenThereIsNoUserManagerOrItIsRoot) {
     std::string output;
     const std::string path = dir + "/fake";
     ASSERT_EQ(installService({}, &output, path), 0) << output;
-    std::string text = readAll(unit);
+    std::string text = readLocal(unit);
     // Run from this copy, its folder quoted for systemd: "%%" is a literal "%".
     EXPECT_NE(text.find("\nExecStart=\"" + dir + "/bin dir%%1/quorvel\" watch\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nRestart=on-failure\n"), std::string::npos) << text;
@@ -105,7 +94,7 @@ TEST_F(InstallService, WritesEnablesAndRemovesTheUserUnit) {
     }
 
     // systemd itself reads the unit: the program it names exists and runs.
-    if (onPath("systemd-analyze")) {
+    if (run_program({"sh", "-c", "command -v systemd-analyze >/dev/null"}) == 0) {
         std::string verify;
         EXPECT_EQ(run_program({"systemd-analyze", "verify", "--man=no", unit}, &verify), 0) << verify;
     } else {
@@ -118,7 +107,7 @@ TEST_F(InstallService, WritesEnablesAndRemovesTheUserUnit) {
 
     // --no-enable writes the same unit and asks systemd nothing.
     ASSERT_EQ(installService({"--no-enable"}, &output, path), 0) << output;
-    EXPECT_EQ(readAll(unit), text);
+    EXPECT_EQ(readLocal(unit), text);
     EXPECT_EQ(takeCalls(), "");
 
     // Wrong arguments change nothing.
@@ -126,10 +115,8 @@ TEST_F(InstallService, WritesEnablesAndRemovesTheUserUnit) {
     EXPECT_EQ(installService({"--enable"}, &output, path), 2) << output;
     EXPECT_TRUE(fs::exists(unit));
     EXPECT_EQ(takeCalls(), "");
-}
+    fs::remove(unit);
 
-TEST_F(InstallService, SaysWhenThereIsNoUserManagerOrItIsRoot) {
-    std::string output;
     // No systemctl at all: the unit is still written, and the status says why it is not running.
     EXPECT_EQ(installService({}, &output, dir + "/nothing"), 3) << output;
     EXPECT_NE(output.find("systemctl was not found"), std::string::npos) << output;

@@ -19,9 +19,7 @@ for file in bin/quorvel bin/quorvelfs share/man/man1/quorvel.1 share/man/man1/qu
             share/bash-completion/completions/quorvel lib/systemd/user/quorvel-watch.service; do
   [ -s "$root/$file" ] || fail "$file was not installed"
 done
-for program in quorvel quorvelfs; do
-  [ -x "$root/bin/$program" ] || fail "bin/$program is not executable"
-done
+[ -x "$root/bin/quorvel" ] && [ -x "$root/bin/quorvelfs" ] || fail "the programs are not both executable"
 grep -qx 'ExecStart=/usr/bin/quorvel watch' "$root/lib/systemd/user/quorvel-watch.service" ||
   fail "the unit does not run /usr/bin/quorvel watch: $(grep ExecStart "$root/lib/systemd/user/quorvel-watch.service")"
 
@@ -38,25 +36,21 @@ else
   echo "man is not installed: the pages were not rendered; their source is searched instead"
   manual=$(sed 's/\\-/-/g; s/\\f[BIR]//g' "$root/share/man/man1/quorvel.1")
 fi
-commands=$("$quorvel" --help | sed -n 's/^  \([a-z][a-z-]*\) .*/\1/p')
-[ -n "$commands" ] || fail "quorvel --help lists no commands"
-for command in $commands; do
-  grep -q "quorvel $command\b" <<<"$manual" || fail "quorvel(1) does not show 'quorvel $command'"
-  for option in $("$quorvel" "$command" --help | head -1 | grep -o -- '--[a-z][a-z-]*' | sort -u); do
-    grep -q -- "$option" <<<"$manual" || fail "quorvel(1) does not document $command $option"
-  done
-done
 
-# Bash completion: commands, then each command's options.
+# Bash completion offers the same: commands, then each command's options.
 complete_words() {  # complete_words WORD... : what completing the last word offers
   bash -c 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _quorvel; echo "${COMPREPLY[*]}"' \
     "$root/share/bash-completion/completions/quorvel" "$@"
 }
 [ "$(complete_words quorvel m)" = mount ] || fail "'quorvel m' completes to '$(complete_words quorvel m)'"
 offered=" $(complete_words quorvel '') "
+commands=$("$quorvel" --help | sed -n 's/^  \([a-z][a-z-]*\) .*/\1/p')
+[ -n "$commands" ] || fail "quorvel --help lists no commands"
 for command in $commands; do
+  grep -q "quorvel $command\b" <<<"$manual" || fail "quorvel(1) does not show 'quorvel $command'"
   [[ "$offered" == *" $command "* ]] || fail "completion does not offer the command $command"
   for option in $("$quorvel" "$command" --help | head -1 | grep -o -- '--[a-z][a-z-]*' | sort -u); do
+    grep -q -- "$option" <<<"$manual" || fail "quorvel(1) does not document $command $option"
     [[ " $(complete_words quorvel "$command" --) " == *" $option "* ]] ||
       fail "completion does not offer $command $option"
   done

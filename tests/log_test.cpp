@@ -32,7 +32,7 @@ protected:
 const std::vector<std::string> kFirstFour = {"[LOG_EMERG] Enabled", "[LOG_ALERT] Enabled", "[LOG_CRIT] Enabled",
                                              "[LOG_ERR] Enabled"};
 
-TEST_F(LogTest, DefaultThresholdWritesLevelsZeroToThreeInTodaysFile) {
+TEST_F(LogTest, DefaultThresholdWritesLevelsZeroToThreeInTodaysFileCutAt2047CharactersAndMadeAgainIfDeleted) {
     QNLogInit();
     char expected[64];
     time_t now = time(nullptr);
@@ -49,41 +49,40 @@ TEST_F(LogTest, DefaultThresholdWritesLevelsZeroToThreeInTodaysFile) {
     while (std::getline(in, line)) last = line;
     std::regex shape("\\[\\d\\dH\\d\\dM\\d\\dS\\]\\[" + std::to_string(getpid()) + "\\]tarnifs_statfs getContext failed");
     EXPECT_TRUE(std::regex_match(last, shape)) << last;
-}
 
-TEST_F(LogTest, ConfiguredLevelIsClampedToThree) {
-    setenv("QUORVEL_LOGLEVEL", "7", 1);
-    QNLogInit();
-    EXPECT_EQ(messages(), kFirstFour);
-}
-
-TEST_F(LogTest, LowerLevelSuppressesTheFileSystemsOwnMessages) {
-    setenv("QUORVEL_LOGLEVEL", "1", 1);
-    QNLogInit();
-    QNLog(3, "%s suppressed", "x");
-    EXPECT_EQ(messages(), (std::vector<std::string>{"[LOG_EMERG] Enabled", "[LOG_ALERT] Enabled"}));
-}
-
-TEST_F(LogTest, NegativeLevelSilencesEverything) {
-    setenv("QUORVEL_LOGLEVEL", "-1", 1);
-    QNLogInit();
-    QNLog(0, "%s nothing", "x");
-    EXPECT_NE(access(QNLogPath(), F_OK), 0);
-}
-
-TEST_F(LogTest, NonNumericLevelKeepsTheDefault) {
-    setenv("QUORVEL_LOGLEVEL", "loud", 1);
-    QNLogInit();
-    EXPECT_EQ(messages(), kFirstFour);
-}
-
-TEST_F(LogTest, LongMessagesAreCutAt2047Characters) {
-    QNLogInit();
-    std::string text(3000, 'q');
-    QNLog(3, "%s", text.c_str());
+    QNLog(3, "%s", std::string(3000, 'q').c_str());
     std::vector<std::string> lines = messages();
-    ASSERT_EQ(lines.size(), 5u);
+    ASSERT_EQ(lines.size(), 6u);
     EXPECT_EQ(lines.back(), std::string(2047, 'q'));
+
+    ASSERT_EQ(unlink(QNLogPath()), 0);
+    QNLog(3, "%s again", "x");
+    EXPECT_EQ(messages(), (std::vector<std::string>{"x again"}));
+}
+
+// Each start reads the threshold afresh: above three it is three, lower
+// levels keep the file system's own messages out, a negative one silences
+// everything (no file at all), and what is not a number leaves the default.
+TEST_F(LogTest, ConfiguredLevelIsClampedLowersOrSilencesAndANonNumberKeepsTheDefault) {
+    const struct {
+        const char *level;
+        int probe;  // the level of a message that must not be written
+        std::vector<std::string> lines;
+    } rows[] = {
+        {"7", 4, kFirstFour},
+        {"1", 3, {"[LOG_EMERG] Enabled", "[LOG_ALERT] Enabled"}},
+        {"-1", 0, {}},
+        {"loud", 4, kFirstFour},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string("QUORVEL_LOGLEVEL=") + row.level);
+        setenv("QUORVEL_LOGLEVEL", row.level, 1);
+        QNLogInit();
+        QNLog(row.probe, "%s suppressed", "x");
+        EXPECT_EQ(messages(), row.lines);
+        EXPECT_EQ(access(QNLogPath(), F_OK) == 0, !row.lines.empty());
+        unlink(QNLogPath());
+    }
 }
 
 TEST_F(LogTest, LoggingBeforeInitGoesToStandardErrorOnly) {
@@ -92,13 +91,6 @@ TEST_F(LogTest, LoggingBeforeInitGoesToStandardErrorOnly) {
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("open log failed"), std::string::npos) << err;
     EXPECT_TRUE(std::filesystem::is_empty(dir));
-}
-
-TEST_F(LogTest, DeletedLogFileIsCreatedAgain) {
-    QNLogInit();
-    ASSERT_EQ(unlink(QNLogPath()), 0);
-    QNLog(3, "%s again", "x");
-    EXPECT_EQ(messages(), (std::vector<std::string>{"x again"}));
 }
 
 } // namespace

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -23,10 +21,9 @@
 #include "tarnifs/mount.h"
 #include "tarnifs/notify.h"
 #include "tests/support/catalogue_fixture.h"
+#include "tests/support/fuse_mount.h"
 #include "tests/support/pipe_reader.h"
 #include "util/log.h"
-
-extern char **environ;
 
 namespace {
 
@@ -62,44 +59,7 @@ protected:
     std::string pipePath;
 };
 
-// Reads the test FIFO in its own thread; can hang up after some bytes, as a
-// tray helper that dies in the middle of the stream.
-struct FifoReader {
-    explicit FifoReader(const std::string &path, size_t hangUpAfter = SIZE_MAX) {
-        fd = open(path.c_str(), O_RDONLY | O_NONBLOCK);
-        thread = std::thread([this, hangUpAfter] {
-            char chunk[4096];
-            while (!stop && fd >= 0) {
-                struct pollfd readable = {fd, POLLIN, 0};
-                if (poll(&readable, 1, 5) <= 0) continue;
-                ssize_t got = read(fd, chunk, sizeof(chunk));
-                if (got <= 0) continue;
-                std::lock_guard<std::mutex> guard(lock);
-                bytes.append(chunk, static_cast<size_t>(got));
-                if (bytes.size() >= hangUpAfter) {
-                    close(fd);
-                    fd = -1;
-                }
-            }
-        });
-    }
-    ~FifoReader() {
-        stop = true;
-        thread.join();
-        if (fd >= 0) close(fd);
-    }
-    std::string received() {
-        std::lock_guard<std::mutex> guard(lock);
-        return bytes;
-    }
-    int fd;
-    std::atomic<bool> stop{false};
-    std::mutex lock;
-    std::string bytes;
-    std::thread thread;
-};
-
-TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtension) {
+TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtensionInBatchesOfAtMostThirty) {
     ASSERT_EQ(queueTransferRecord(kTransferRead, 1048576, "movie.mp4"), 0);
     ASSERT_EQ(queueTransferRecord(kTransferWritten, 7, "x.abcdefghijkl"), 0);      // 12 characters: first 9
     ASSERT_EQ(queueTransferRecord(kTransferWritten, 8, "x.abcdefgh"), 0);          // exactly 8: whole
@@ -115,10 +75,9 @@ TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtension) {
                            transferRecordBytes(1, 10, "averyvery") + transferRecordBytes(1, 11, "gz") + transferRecordBytes(1, 12, "notes");
     EXPECT_EQ(std::string(batch, 18 + 22 * 7), expected);
     EXPECT_EQ(takePipeBatch(batch), 0u);
-}
 
-TEST_F(NotifyTest, FortyFiveRecordsLeaveAsBatchesOfThirtyAndFifteen) {
-    std::string expected;
+    // Forty-five records leave as batches of thirty and fifteen.
+    expected.clear();
     for (uint32_t i = 0; i < 45; ++i) {
         std::string name = "file" + std::to_string(i) + ".e" + std::to_string(i);
         ASSERT_EQ(queueTransferRecord(1 + i % 2, 1000 + i, name.c_str()), 0);
@@ -126,34 +85,20 @@ TEST_F(NotifyTest, FortyFiveRecordsLeaveAsBatchesOfThirtyAndFifteen) {
         if (i == 30) expected += batchHeader(15);
         expected += transferRecordBytes(1 + i % 2, 1000 + i, "e" + std::to_string(i));
     }
-    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
-    FifoReader reader(pipePath);
+    PipeReader reader;
+    ASSERT_TRUE(reader.start(pipePath));
 
     _CONTEXT ctx;
     ASSERT_EQ(startTrayThread(&ctx), 0);
-    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 1026; }));
+    EXPECT_TRUE(eventually([&] { return reader.bytes().size() >= 1026; }));
     EXPECT_TRUE(stopTrayThread(&ctx));
-    EXPECT_EQ(reader.received(), expected);
+    EXPECT_EQ(reader.bytes(), expected);
 
     // The same split, write by write: 678 bytes, then 348, then nothing.
     for (uint32_t i = 0; i < 45; ++i) queueTransferRecord(1, i, "a.b");
-    char batch[kBatchMaxBytes];
     EXPECT_EQ(takePipeBatch(batch), 678u);
     EXPECT_EQ(takePipeBatch(batch), 348u);
     EXPECT_EQ(takePipeBatch(batch), 0u);
-}
-
-TEST_F(NotifyTest, BusySignalsAreBareTextsAndFailQuietlyWithoutAReader) {
-    EXPECT_EQ(sendPipeMsg("-neon"), -ENOENT);
-    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
-    EXPECT_EQ(sendPipeMsg("-neon"), -ENXIO);
-    EXPECT_NE(readLocal(QNLogPath()).find("sendPipeMsg open pipe failed. errno : 6\n"), std::string::npos);
-
-    FifoReader reader(pipePath);
-    EXPECT_EQ(sendPipeMsg("-neon"), 0);
-    EXPECT_EQ(sendPipeMsg("-neoff"), 0);
-    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 11; }));
-    EXPECT_EQ(reader.received(), "-neon-neoff");
 }
 
 size_t countOf(const std::string &text, const std::string &part) {
@@ -162,10 +107,11 @@ size_t countOf(const std::string &text, const std::string &part) {
     return count;
 }
 
-// Only a FIFO of the mount's own user gets busy signals and records: a link
-// at the pipe's name, a plain file or another user's FIFO get nothing, and
-// the refusal is logged once, not once per message.
-TEST_F(NotifyTest, OnlyAFifoOfOurOwnIsWrittenAndARefusalIsLoggedOnce) {
+// Busy signals are bare texts and fail quietly without a reader. Only a FIFO
+// of the mount's own user gets them and the records: a link at the pipe's
+// name, a plain file or another user's FIFO get nothing, and the refusal is
+// logged once, not once per message.
+TEST_F(NotifyTest, OnlyAFifoOfOurOwnWithAReaderIsWrittenAndARefusalIsLoggedOnce) {
     resetPipeRefusal();
     char batch[kBatchMaxBytes];
     auto sendRecord = [&] {
@@ -174,6 +120,12 @@ TEST_F(NotifyTest, OnlyAFifoOfOurOwnIsWrittenAndARefusalIsLoggedOnce) {
         return sendPipeData(batch, length);
     };
     const std::string refused = "tray pipe refused. path(" + pipePath + ")";
+
+    EXPECT_EQ(sendPipeMsg("-neon"), -ENOENT);
+    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
+    EXPECT_EQ(sendPipeMsg("-neon"), -ENXIO);
+    EXPECT_NE(readLocal(QNLogPath()).find("sendPipeMsg open pipe failed. errno : 6\n"), std::string::npos);
+    ASSERT_EQ(unlink(pipePath.c_str()), 0);
 
     // A link to some file: the file stays exactly as it was.
     std::string victim = dir + "/victim";
@@ -193,27 +145,25 @@ TEST_F(NotifyTest, OnlyAFifoOfOurOwnIsWrittenAndARefusalIsLoggedOnce) {
     EXPECT_EQ(countOf(readLocal(QNLogPath()), refused), 1u) << readLocal(QNLogPath());
 
     // Our own FIFO: everything arrives.
-    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
-    {
-        FifoReader reader(pipePath);
-        EXPECT_EQ(sendPipeMsg("-neon"), 0);
-        EXPECT_EQ(sendRecord(), 0);
-        std::string expected = "-neon" + batchHeader(1) + transferRecordBytes(2, 12, "txt");
-        EXPECT_TRUE(eventually([&] { return reader.received().size() >= expected.size(); }));
-        EXPECT_EQ(reader.received(), expected);
-    }
+    PipeReader reader;
+    ASSERT_TRUE(reader.start(pipePath));
+    EXPECT_EQ(sendPipeMsg("-neon"), 0);
+    EXPECT_EQ(sendRecord(), 0);
+    EXPECT_EQ(sendPipeMsg("-neoff"), 0);
+    std::string expected = "-neon" + batchHeader(1) + transferRecordBytes(2, 12, "txt") + "-neoff";
+    EXPECT_TRUE(eventually([&] { return reader.bytes().size() >= expected.size(); }));
+    EXPECT_EQ(reader.bytes(), expected);
 
     // Another user's FIFO, read by someone: nothing reaches it. Handing it
     // back to us afterwards shows what came through: only what followed.
     if (chown(pipePath.c_str(), 65534, 65534) != 0)
         GTEST_SKIP() << "handing the FIFO to another user (uid 65534) needs root";
-    FifoReader reader(pipePath);
     EXPECT_EQ(sendPipeMsg("-neon"), -EPERM);
     EXPECT_EQ(sendRecord(), -EPERM);
     ASSERT_EQ(chown(pipePath.c_str(), geteuid(), getegid()), 0);
     EXPECT_EQ(sendPipeMsg("-neoff"), 0);
-    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 6; }));
-    EXPECT_EQ(reader.received(), "-neoff");
+    EXPECT_TRUE(eventually([&] { return reader.bytes().size() >= expected.size() + 6; }));
+    EXPECT_EQ(reader.bytes(), expected + "-neoff");
     EXPECT_EQ(countOf(readLocal(QNLogPath()), refused), 1u);
 }
 
@@ -231,58 +181,57 @@ TEST_F(NotifyTest, WritingToAPipeWhoseReaderIsGoneFailsWithEpipe) {
     EXPECT_EQ(sigismember(&pending, SIGPIPE), 0) << "the SIGPIPE of the write must not stay pending";
 }
 
-// Unmount must end the tray thread whatever the listener does.
-class TrayStopTest : public NotifyTest {
-protected:
-    // Records keep arriving while the tray thread runs, until stopped.
-    void startProducing() {
-        producer = std::thread([this] {
-            while (!stopProducing) {
+// Unmount must end the tray thread whatever the listener does, while records
+// keep arriving: none there, one reading, one that dies mid-stream.
+TEST_F(NotifyTest, StoppingTheTrayThreadReturnsWhateverTheListenerDoes) {
+    signal(SIGPIPE, SIG_DFL);
+    for (const std::string listener : {"none", "reading", "dying"}) {
+        SCOPED_TRACE("listener: " + listener);
+        PipeReader reader;
+        int dying = -1;
+        if (listener == "reading") {
+            ASSERT_TRUE(reader.start(pipePath));
+        }
+        if (listener == "dying") {
+            ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
+            dying = open(pipePath.c_str(), O_RDONLY | O_NONBLOCK);
+        }
+        std::atomic<bool> producing{true};
+        std::thread producer([&] {
+            while (producing) {
                 queueTransferRecord(2, 4096, "photo.jpg");
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
-    }
-    void stopAndCheck() {
+        _CONTEXT ctx;
+        EXPECT_EQ(startTrayThread(&ctx), 0);
+        if (listener == "reading") {
+            EXPECT_TRUE(eventually([&] { return reader.bytes().size() > 2000; }));
+        }
+        if (listener == "dying") {
+            size_t got = 0;
+            EXPECT_TRUE(eventually([&] {
+                char chunk[100];
+                ssize_t now = read(dying, chunk, sizeof(chunk) - got);
+                got += now > 0 ? static_cast<size_t>(now) : 0;
+                return got >= sizeof(chunk);
+            }));
+            close(dying);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // batches now meet what the listener left
         auto began = Clock::now();
         stopTrayThread(&ctx);
         EXPECT_LT(Clock::now() - began, std::chrono::seconds(30)) << "stopping the tray thread hung";
         EXPECT_EQ(ctx.tray_thread, nullptr);
         EXPECT_EQ(ctx.tray_run, 0);
-        stopProducing = true;
+        producing = false;
         producer.join();
+        if (listener == "none") {
+            EXPECT_NE(readLocal(QNLogPath()).find("sendPipeData open pipe failed. errno : 2"), std::string::npos);
+        }
+        reader.stop();
+        unlink(pipePath.c_str());
     }
-    _CONTEXT ctx;
-    std::atomic<bool> stopProducing{false};
-    std::thread producer;
-};
-
-TEST_F(TrayStopTest, ReturnsWithNoListener) {
-    startProducing();
-    ASSERT_EQ(startTrayThread(&ctx), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    stopAndCheck();
-    EXPECT_NE(readLocal(QNLogPath()).find("sendPipeData open pipe failed. errno : 2"), std::string::npos);
-}
-
-TEST_F(TrayStopTest, ReturnsWithAListenerReading) {
-    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
-    FifoReader reader(pipePath);
-    startProducing();
-    ASSERT_EQ(startTrayThread(&ctx), 0);
-    EXPECT_TRUE(eventually([&] { return reader.received().size() > 2000; }));
-    stopAndCheck();
-}
-
-TEST_F(TrayStopTest, ReturnsWhenTheListenerDiesMidStream) {
-    signal(SIGPIPE, SIG_DFL);
-    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
-    FifoReader reader(pipePath, 100);
-    startProducing();
-    ASSERT_EQ(startTrayThread(&ctx), 0);
-    EXPECT_TRUE(eventually([&] { return reader.received().size() >= 100; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // batches now meet a closed pipe
-    stopAndCheck();
 }
 
 std::atomic<bool> stubbornBodyDone{false};
@@ -333,10 +282,9 @@ protected:
         NotifyTest::SetUp();
         std::string script = kRecorder;
         script.replace(script.find("@DIR@"), 5, dir);
-        recorder = dir + "/record-dialog";
-        std::ofstream(recorder) << script;
-        chmod(recorder.c_str(), 0700);
-        setenv("QUORVEL_DIALOG", recorder.c_str(), 1);
+        std::ofstream(dir + "/record-dialog") << script;
+        chmod((dir + "/record-dialog").c_str(), 0700);
+        setenv("QUORVEL_DIALOG", (dir + "/record-dialog").c_str(), 1);
         fuse.private_data = ctx;
         SetFuseContextForTesting(&fuse);
         ASSERT_EQ(startDialogThread(ctx), 0);
@@ -356,10 +304,9 @@ protected:
     }
     _CONTEXT *ctx = new _CONTEXT();
     struct fuse_context fuse {};
-    std::string recorder;
 };
 
-TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateArguments) {
+TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateLiteralArgumentsCutTo511Characters) {
     ShowMessageBox(0, "This folder is read only. You can not write or modify.\n%s", "/Media/Music");
     ASSERT_TRUE(shown(0));
     ShowMessageBox(1, "Not enough space on device.");
@@ -369,6 +316,15 @@ TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateArguments) {
     ASSERT_TRUE(shown(2));
     ShowMessageBox(7, "Lost USB connection.\nReading aborted.");
     ASSERT_TRUE(shown(3));
+    // Quotes, dollars and backquotes are shown as they are and run nothing.
+    bool pwnedBefore = fs::exists("/tmp/quorvel-pwned");
+    std::string quoted = "'\"$(touch /tmp/quorvel-pwned)\" `touch " + dir + "/backquoted` $(touch " + dir + "/dollar)";
+    ShowMessageBox(2, "%s", quoted.c_str());
+    ASSERT_TRUE(shown(4));
+    std::string longText;
+    for (int i = 0; i < 600; ++i) longText += static_cast<char>('a' + i % 26);
+    ShowMessageBox(2, "%s", longText.c_str());
+    ASSERT_TRUE(shown(5));
 
     using Args = std::vector<std::string>;
     EXPECT_EQ(arguments(0), (Args{"notification", "Quorvel Notification",
@@ -376,44 +332,18 @@ TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateArguments) {
     EXPECT_EQ(arguments(1), (Args{"warning", "Quorvel Warnning!", "Not enough space on device.", "Confirm"}));
     EXPECT_EQ(arguments(2), (Args{"error", "Quorvel Error!!", "Could not read a file.\nError Code : -5", "Confirm"}));
     EXPECT_EQ(arguments(3), (Args{"unknown", "Quorvel Unknown", "Lost USB connection.\nReading aborted.", "Confirm"}));
-}
-
-TEST_F(DialogTest, QuotesDollarsAndBackquotesAreShownLiterallyAndRunNothing) {
-    bool pwnedBefore = fs::exists("/tmp/quorvel-pwned");
-    std::string text = "'\"$(touch /tmp/quorvel-pwned)\" `touch " + dir + "/backquoted` $(touch " + dir + "/dollar)";
-    ShowMessageBox(2, "%s", text.c_str());
-    ASSERT_TRUE(shown(0));
-    EXPECT_EQ(arguments(0)[2], text);
+    EXPECT_EQ(arguments(4)[2], quoted);
     EXPECT_FALSE(fs::exists(dir + "/backquoted"));
     EXPECT_FALSE(fs::exists(dir + "/dollar"));
     if (!pwnedBefore) {
         EXPECT_FALSE(fs::exists("/tmp/quorvel-pwned"));
     }
+    EXPECT_EQ(arguments(5)[2], longText.substr(0, 511));
 }
 
-TEST_F(DialogTest, ALongTextIsCutTo511Characters) {
-    std::string text;
-    for (int i = 0; i < 600; ++i) text += static_cast<char>('a' + i % 26);
-    ShowMessageBox(2, "%s", text.c_str());
-    ASSERT_TRUE(shown(0));
-    EXPECT_EQ(arguments(0)[2], text.substr(0, 511));
-}
-
-TEST_F(DialogTest, MessagesRaisedDuringADialogMergeIntoOneShowingTheLast) {
-    std::ofstream(dir + "/hold").close();
-    ShowMessageBox(2, "first");
-    ASSERT_TRUE(eventually([&] { return fs::exists(show(0) + "/argc"); }));
-    ShowMessageBox(2, "second");
-    ShowMessageBox(2, "third");
-    fs::remove(dir + "/hold");
-    ASSERT_TRUE(shown(1));
-    stopDialogThread(ctx);
-    EXPECT_EQ(arguments(0)[2], "first");
-    EXPECT_EQ(arguments(1)[2], "third");
-    EXPECT_FALSE(fs::exists(show(2)));
-}
-
-TEST_F(DialogTest, FinderRefreshRequestIsHonouredOnlyWhenNoneIsRunning) {
+// A refresh request is honoured only when none is running; messages raised
+// while a dialog is on screen merge into one showing the last.
+TEST_F(DialogTest, FinderRefreshWaitsForTheRunningOneAndMessagesRaisedDuringADialogMergeIntoTheLast) {
     ctx->dialog.refresh_busy = 1;  // one is under way
     requestFinderRefresh(ctx);
     ShowMessageBox(0, "after the busy refresh");
@@ -423,9 +353,24 @@ TEST_F(DialogTest, FinderRefreshRequestIsHonouredOnlyWhenNoneIsRunning) {
     requestFinderRefresh(ctx);
     EXPECT_TRUE(eventually([&] { return ctx->dialog.finder_refresh == 0; }));
     EXPECT_EQ(ctx->dialog.refresh_busy, 0);
+
+    std::ofstream(dir + "/hold").close();
+    ShowMessageBox(2, "first");
+    ASSERT_TRUE(eventually([&] { return fs::exists(show(1) + "/argc"); }));
+    ShowMessageBox(2, "second");
+    ShowMessageBox(2, "third");
+    fs::remove(dir + "/hold");
+    ASSERT_TRUE(shown(2));
+    stopDialogThread(ctx);
+    EXPECT_EQ(arguments(1)[2], "first");
+    EXPECT_EQ(arguments(2)[2], "third");
+    EXPECT_FALSE(fs::exists(show(3)));
 }
 
-TEST_F(NotifyTest, WithoutAContextNothingIsShownAndTwoLinesAreLogged) {
+// Without a context nothing is shown and two lines are logged. Without a
+// dialog program, zenity shows the dialog where there is a display; with
+// neither, standard error does.
+TEST_F(NotifyTest, WithoutAContextNothingWithoutADialogProgramZenityOnADisplayOrElseStandardErrorShowsIt) {
     struct fuse_context empty {};
     SetFuseContextForTesting(&empty);
     ShowMessageBox(2, "never shown");
@@ -433,9 +378,7 @@ TEST_F(NotifyTest, WithoutAContextNothingIsShownAndTwoLinesAreLogged) {
     std::string log = readLocal(QNLogPath());
     EXPECT_NE(log.find("ShowMessageBox getContext failed. ret : "), std::string::npos);
     EXPECT_NE(log.find("ShowMessageBox Error. ret : "), std::string::npos);
-}
 
-TEST_F(NotifyTest, WithADisplayZenityGetsTheDialogAsArguments) {
     std::string bin = dir + "/bin";
     fs::create_directory(bin);
     std::string script = kRecorder;
@@ -446,19 +389,15 @@ TEST_F(NotifyTest, WithADisplayZenityGetsTheDialogAsArguments) {
     setenv("PATH", (bin + ":" + oldPath).c_str(), 1);
     setenv("DISPLAY", ":99", 1);
     unsetenv("QUORVEL_DIALOG");
-
+    testing::internal::CaptureStderr();
     showDialogNow("Quorvel Error!!", "C:\\new <b>&amp;", "Confirm");
-
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "shown by zenity, so not on standard error";
     setenv("PATH", oldPath.c_str(), 1);
     unsetenv("DISPLAY");
     EXPECT_EQ(recordedArguments(dir + "/show.0"),
               (std::vector<std::string>{"--error", "--title", "Quorvel Error!!", "--text", "C:\\\\new <b>&amp;",
                                         "--ok-label", "Confirm", "--no-markup"}));
-}
 
-TEST_F(NotifyTest, WithNeitherProgramNorDisplayTheDialogGoesToStandardError) {
-    unsetenv("QUORVEL_DIALOG");
-    unsetenv("DISPLAY");
     unsetenv("WAYLAND_DISPLAY");
     testing::internal::CaptureStderr();
     showDialogNow("Quorvel Notification", "You can not remove this file.\n/Apps", "Confirm");
@@ -468,78 +407,25 @@ TEST_F(NotifyTest, WithNeitherProgramNorDisplayTheDialogGoesToStandardError) {
 
 // ---- the tray command --------------------------------------------------------
 
-// A running `quorvel tray` whose standard output the test reads line by line.
-struct TrayListener {
-    bool start() {
-#ifdef QUORVEL_PATH
-        int out[2];
-        if (pipe(out) != 0) return false;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        char *argv[] = {const_cast<char *>(QUORVEL_PATH), const_cast<char *>("tray"), nullptr};
-        int result = posix_spawn(&pid, QUORVEL_PATH, &actions, nullptr, argv, environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(out[1]);
-        outFd = out[0];
-        return result == 0;
-#else
-        return false;
-#endif
-    }
-    // The next line of output, or "<timeout>" after a generous wait.
-    std::string nextLine() {
-        auto deadline = Clock::now() + std::chrono::seconds(20);
-        while (buffered.find('\n') == std::string::npos) {
-            if (Clock::now() > deadline) return "<timeout>";
-            struct pollfd readable = {outFd, POLLIN, 0};
-            if (poll(&readable, 1, 50) <= 0) continue;
-            char chunk[512];
-            ssize_t got = read(outFd, chunk, sizeof(chunk));
-            if (got <= 0) return "<closed>";
-            buffered.append(chunk, static_cast<size_t>(got));
-        }
-        size_t end = buffered.find('\n');
-        std::string line = buffered.substr(0, end);
-        buffered.erase(0, end + 1);
-        return line;
-    }
-    // Exit status after the signal, or -1 when it did not end in time.
-    int stop(int sig) {
-        if (pid <= 0) return -1;
-        kill(pid, sig);
-        int status = 0;
-        for (int i = 0; i < 2000; ++i) {
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return status;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        pid = -1;
-        return -1;
-    }
-    ~TrayListener() {
-        if (pid > 0) stop(SIGKILL);
-        if (outFd >= 0) close(outFd);
-    }
-    pid_t pid = -1;
-    int outFd = -1;
-    std::string buffered;
-};
-
-// `quorvel tray` as the user runs it, fed by the file system's own pipe writers.
+// `quorvel tray` as the user runs it, its standard output in a file; fed by
+// the file system's own pipe writers.
 class TrayCommandTest : public NotifyTest {
 protected:
     void SetUp() override {
-#ifndef QUORVEL_PATH
-        GTEST_SKIP() << "the quorvel program was not built";
-#endif
+        if (quorvelProgram().empty()) GTEST_SKIP() << "the quorvel program was not built";
         NotifyTest::SetUp();
+    }
+    void TearDown() override {
+        if (tray > 0) stop(SIGKILL);
+        NotifyTest::TearDown();
+    }
+    void start() {
+        output = dir + "/tray" + std::to_string(++runs) + ".out";
+        tray = startProgram({"/bin/sh", "-c", "exec \"$0\" tray 2>/dev/null", quorvelProgram()}, output);
+    }
+    // True once the tray has printed exactly `lines`.
+    bool printed(const std::string &lines) {
+        return eventually([&] { return readLocal(output) == lines; });
     }
     // True once the listener holds the pipe open for reading.
     bool listening() {
@@ -549,13 +435,47 @@ protected:
             return fd >= 0;
         });
     }
+    // Its exit status once `sig` (0: none) ended it, or -1 when it did not end in time.
+    int stop(int sig) {
+        if (sig != 0) kill(tray, sig);
+        int status = -1;
+        bool ended = false;
+        eventually([&] { return ended = ended || waitpid(tray, &status, WNOHANG) == tray; });
+        if (!ended) {
+            kill(tray, SIGKILL);
+            waitpid(tray, nullptr, 0);
+        }
+        tray = -1;
+        return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    pid_t tray = -1;
+    int runs = 0;
+    std::string output;
 };
 
-TEST_F(TrayCommandTest, PrintsBusySignalsAndRecordsAcrossWritersComingAndGoing) {
-    TrayListener tray;
-    ASSERT_TRUE(tray.start());
-    ASSERT_TRUE(listening());
+TEST_F(TrayCommandTest, PrintsBusySignalsAndRecordsAcrossWritersComingAndGoingOnlyFromAFifo) {
+    // Not a FIFO: refused, left as it was, nothing printed.
+    std::ofstream(pipePath) << "keep me";
+    start();
+    EXPECT_EQ(stop(0), 1);
+    EXPECT_EQ(readLocal(output), "");
+    EXPECT_EQ(readLocal(pipePath), "keep me");
+    ASSERT_EQ(unlink(pipePath.c_str()), 0);
 
+    // A FIFO that is there already is used and left in place.
+    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
+    start();
+    ASSERT_TRUE(listening());
+    EXPECT_EQ(sendPipeMsg("-neoff"), 0);
+    EXPECT_TRUE(printed("busy off\n")) << readLocal(output);
+    EXPECT_EQ(stop(SIGINT), 0);
+    struct stat st;
+    ASSERT_EQ(lstat(pipePath.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+    ASSERT_EQ(unlink(pipePath.c_str()), 0);
+
+    start();
+    ASSERT_TRUE(listening());
     EXPECT_EQ(sendPipeMsg("-neon"), 0);
     queueTransferRecord(kTransferRead, 1048576, "movie.mp4");
     queueTransferRecord(kTransferWritten, 12, "notes.txt");
@@ -563,10 +483,8 @@ TEST_F(TrayCommandTest, PrintsBusySignalsAndRecordsAcrossWritersComingAndGoing) 
     size_t length = takePipeBatch(batch);
     EXPECT_EQ(sendPipeData(batch, length), 0);
     EXPECT_EQ(sendPipeMsg("-neoff"), 0);
-    EXPECT_EQ(tray.nextLine(), "busy on");
-    EXPECT_EQ(tray.nextLine(), "read 1048576 bytes .mp4");
-    EXPECT_EQ(tray.nextLine(), "written 12 bytes .txt");
-    EXPECT_EQ(tray.nextLine(), "busy off");
+    std::string lines = "busy on\nread 1048576 bytes .mp4\nwritten 12 bytes .txt\nbusy off\n";
+    EXPECT_TRUE(printed(lines)) << readLocal(output);
 
     // A writer that goes away halfway through a message, then a new one.
     int first = open(pipePath.c_str(), O_WRONLY | O_NONBLOCK);
@@ -578,50 +496,17 @@ TEST_F(TrayCommandTest, PrintsBusySignalsAndRecordsAcrossWritersComingAndGoing) 
     ASSERT_GE(second, 0);
     ASSERT_EQ(write(second, "on", 2), 2);
     close(second);
-    EXPECT_EQ(tray.nextLine(), "busy on");
+    EXPECT_TRUE(printed(lines += "busy on\n")) << readLocal(output);
 
     // The tray thread of a mounted file system, started after the listener.
     _CONTEXT ctx;
     ASSERT_EQ(startTrayThread(&ctx), 0);
     queueTransferRecord(kTransferWritten, 3, "README");
-    EXPECT_EQ(tray.nextLine(), "written 3 bytes .README");
+    EXPECT_TRUE(printed(lines += "written 3 bytes .README\n")) << readLocal(output);
     stopTrayThread(&ctx);
 
-    int status = tray.stop(SIGTERM);
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(stop(SIGTERM), 0);
     EXPECT_FALSE(fs::exists(pipePath)) << "the FIFO it created is removed";
-}
-
-TEST_F(TrayCommandTest, UsesAnExistingFifoAndLeavesItInPlace) {
-    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
-    TrayListener tray;
-    ASSERT_TRUE(tray.start());
-    ASSERT_TRUE(listening());
-    EXPECT_EQ(sendPipeMsg("-neoff"), 0);
-    EXPECT_EQ(tray.nextLine(), "busy off");
-    int status = tray.stop(SIGINT);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    struct stat st;
-    ASSERT_EQ(lstat(pipePath.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISFIFO(st.st_mode));
-}
-
-TEST_F(TrayCommandTest, RefusesAPathThatIsNotAFifo) {
-    std::ofstream(pipePath) << "keep me";
-    TrayListener tray;
-    ASSERT_TRUE(tray.start());
-    EXPECT_EQ(tray.nextLine(), "<closed>");
-    int status = 0;
-    ASSERT_EQ(waitpid(tray.pid, &status, 0), tray.pid);
-    tray.pid = -1;
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-    std::ifstream in(pipePath);
-    std::string content;
-    std::getline(in, content);
-    EXPECT_EQ(content, "keep me");
 }
 
 } // namespace

@@ -62,24 +62,18 @@ machine() {  # machine NAME PACKAGE... : a database with these FUSE packages ins
 }
 
 failures=0
+fail() { echo "FAIL $name: $*"; failures=$((failures + 1)); }
 check() {  # check NAME WANT_FUSE3(yes|no)
-  local output
+  local name=$1 output
   if ! output=$(QUORVEL_SETUP_SIMULATE=1 QUORVEL_SETUP_ADMINDIR="$work/$1" bash "$setup" 2>&1); then
-    echo "FAIL $1: setup refused or failed:"; echo "$output"; failures=$((failures + 1)); return
+    fail "setup refused or failed:"$'\n'"$output"; return
   fi
-  if grep -q '^Remv ' <<<"$output"; then
-    echo "FAIL $1: setup would remove:"; grep '^Remv ' <<<"$output"; failures=$((failures + 1))
-  fi
-  if ! grep -q '^Inst libfuse3-dev ' <<<"$output" || ! grep -q '^Inst ifuse ' <<<"$output"; then
-    echo "FAIL $1: libfuse3-dev and ifuse are not both installed:"; echo "$output"; failures=$((failures + 1))
-  fi
-  if [ "$2" = yes ] && ! grep -q '^Inst fuse3 ' <<<"$output"; then
-    echo "FAIL $1: fuse3 is not installed where no FUSE tools are"; failures=$((failures + 1))
-  fi
-  if [ "$2" = no ] && grep -q '^Inst fuse3 \|^Inst fuse ' <<<"$output"; then
-    echo "FAIL $1: FUSE tools installed where some already are:"; grep '^Inst fuse' <<<"$output"
-    failures=$((failures + 1))
-  fi
+  ! grep -q '^Remv ' <<<"$output" || fail "setup would remove: $(grep '^Remv ' <<<"$output")"
+  grep -q '^Inst libfuse3-dev ' <<<"$output" && grep -q '^Inst ifuse ' <<<"$output" ||
+    fail "libfuse3-dev and ifuse are not both installed:"$'\n'"$output"
+  [ "$2" = no ] || grep -q '^Inst fuse3 ' <<<"$output" || fail "fuse3 is not installed where no FUSE tools are"
+  [ "$2" = yes ] || ! grep -q '^Inst fuse3 \|^Inst fuse ' <<<"$output" ||
+    fail "FUSE tools installed where some already are: $(grep '^Inst fuse' <<<"$output")"
   echo "ok $1: $(grep -c '^Inst ' <<<"$output") packages to install, none removed"
 }
 

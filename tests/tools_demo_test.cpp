@@ -9,12 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/catalogue_fixture.h"
@@ -44,33 +42,25 @@ struct DemoRun {
     // True once `wanted` was printed; false when the demo ended first or
     // the generous wait ran out.
     bool waitFor(const std::string &wanted, int seconds = 180) {
-        for (int i = 0; i < seconds * 20; ++i) {
-            if (text().find(wanted) != std::string::npos) return true;
-            if (finished(0)) return text().find(wanted) != std::string::npos;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return false;
+        eventually([&] { return text().find(wanted) != std::string::npos || finished(0); }, seconds);
+        return text().find(wanted) != std::string::npos;
     }
+    // True once it ended (waiting up to `seconds`), its wait status in `status`.
     bool finished(int seconds) {
-        if (pid <= 0) return true;
-        for (int i = 0; i <= seconds * 20; ++i) {
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return true;
-            }
-            if (seconds > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return false;
+        return eventually(
+            [&] {
+                if (pid > 0 && waitpid(pid, &status, WNOHANG) == pid) pid = -1;
+                return pid <= 0;
+            },
+            seconds);
     }
     // Only ever this process: kill(-1, ...) would reach every process we own.
     void signal(int sig) {
         if (pid > 0) kill(pid, sig);
     }
     void kill9() {
-        if (pid <= 0) return;
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        pid = -1;
+        signal(SIGKILL);
+        finished(60);
     }
     // The private folder the demo announced ("... image in /tmp/quorvel-demo-XXXXXX/image").
     std::string workFolder() const {
@@ -157,7 +147,7 @@ protected:
     DemoRun first, second;
 };
 
-TEST_F(QuorvelDemoCommand, BecomesBrowsableAndCtrlCLeavesNothingBehind) {
+TEST_F(QuorvelDemoCommand, BecomesBrowsableCtrlCLeavesNothingBehindAndTheNextRunRecoversFromSigkill) {
     first.start(mountPoint, folder + "/first.out");
     expectBrowsable(first);
     std::string work = first.workFolder();
@@ -168,10 +158,8 @@ TEST_F(QuorvelDemoCommand, BecomesBrowsableAndCtrlCLeavesNothingBehind) {
     first.signal(SIGINT);  // impatient users press twice
     expectNothingLeft(first, work);
     if (held >= 0) close(held);
-}
 
-TEST_F(QuorvelDemoCommand, NextRunRecoversFromADemoKilledWithSigkill) {
-    first.start(mountPoint, folder + "/first.out");
+    first.start(mountPoint, folder + "/killed.out");
     ASSERT_TRUE(first.waitFor(kBrowsable)) << first.text();
     std::string firstWork = first.workFolder();
     first.kill9();
@@ -186,7 +174,15 @@ TEST_F(QuorvelDemoCommand, NextRunRecoversFromADemoKilledWithSigkill) {
     expectNothingLeft(second, secondWork, false);
 }
 
-TEST_F(QuorvelDemoCommand, NextRunRecoversFromADeadMount) {
+TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount) {
+    fs::create_directory(mountPoint);
+    std::ofstream(mountPoint + "/precious.txt") << "mine";
+    first.start(mountPoint, folder + "/refused.out");
+    ASSERT_TRUE(first.finished(120)) << first.text();
+    EXPECT_TRUE(WIFEXITED(first.status) && WEXITSTATUS(first.status) == 1) << first.text();
+    EXPECT_NE(first.text().find("is not empty"), std::string::npos) << first.text();
+    EXPECT_EQ(readLocal(mountPoint + "/precious.txt"), "mine");
+
     // A file-system process killed outright leaves a mount that answers
     // every access with "Transport endpoint is not connected".
     mountPoint = folder + "/stale";
@@ -222,16 +218,6 @@ TEST_F(QuorvelDemoCommand, NextRunRecoversFromADeadMount) {
     EXPECT_FALSE(isFuseMountPoint(mountPoint));
     EXPECT_TRUE(fs::is_directory(mountPoint)) << "a mount point the demo did not make is left in place";
     EXPECT_FALSE(fs::exists(work));
-}
-
-TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInIt) {
-    fs::create_directory(mountPoint);
-    std::ofstream(mountPoint + "/precious.txt") << "mine";
-    first.start(mountPoint, folder + "/first.out");
-    ASSERT_TRUE(first.finished(120)) << first.text();
-    EXPECT_TRUE(WIFEXITED(first.status) && WEXITSTATUS(first.status) == 1) << first.text();
-    EXPECT_NE(first.text().find("is not empty"), std::string::npos) << first.text();
-    EXPECT_EQ(readLocal(mountPoint + "/precious.txt"), "mine");
 }
 
 } // namespace
