@@ -1,36 +1,164 @@
-// The parsing of AFC file information and installation proxy answers, fed
-// directly with the answers a device could give, sane or broken.
+// The device layer's own functions, fed directly: the mapping from
+// libimobiledevice results to our codes (and its page in
+// docs/device-errors.md), and the parsing of AFC file information and
+// installation proxy answers a device could give, sane or broken. The live
+// error rows are produced through the simulated device in device_devsim_test.cpp.
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "device/device_internal.h"
 
 namespace {
 
-libiusb_file_info parse(std::vector<const char *> pairs) {
-    pairs.push_back(nullptr);
-    libiusb_file_info info{};
-    parseFileInfoPairs(pairs.data(), &info);
-    return info;
+const char *sourceName(NativeSource source) {
+    switch (source) {
+    case NativeSource::Usbmuxd: return "usbmuxd";
+    case NativeSource::Idevice: return "idevice";
+    case NativeSource::Lockdown: return "lockdown";
+    case NativeSource::Afc: return "afc";
+    case NativeSource::Instproxy: return "instproxy";
+    case NativeSource::HouseArrest: return "house_arrest";
+    }
+    return "?";
 }
 
-struct App {
-    std::string display_name;
-    std::string bundle_id;
-};
+TEST(DeviceErrors, ResultsTheFileSystemActsOnWhicheverSourceReportsThem) {
+    // The same number means different things per source (-3 is "no device"
+    // for idevice but a plist error for lockdown; 8 is only AFC's): the
+    // source decides.
+    const struct {
+        NativeSource source;
+        int native;
+        int code;
+    } rows[] = {
+        {NativeSource::Afc, AFC_E_MUX_ERROR, LIBIUSB_ERROR_CONNECTION_LOST},
+        // A reply cut short or framed wrong leaves the stream out of step: as lost.
+        {NativeSource::Afc, AFC_E_NOT_ENOUGH_DATA, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Afc, AFC_E_OP_HEADER_INVALID, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Lockdown, LOCKDOWN_E_MUX_ERROR, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Instproxy, INSTPROXY_E_CONN_FAILED, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::HouseArrest, HOUSE_ARREST_E_UNKNOWN_ERROR, LIBIUSB_ERROR_CONNECTION_LOST},
+        {NativeSource::Afc, AFC_E_NO_SPACE_LEFT, LIBIUSB_ERROR_NO_SPACE},
+        {NativeSource::Afc, AFC_E_OBJECT_NOT_FOUND, LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND},
+        {NativeSource::Afc, AFC_E_DIR_NOT_EMPTY, LIBIUSB_ERROR_DIR_NOT_EMPTY},
+        {NativeSource::Idevice, IDEVICE_E_NO_DEVICE, LIBIUSB_ERROR_NO_DEVICE},
+        {NativeSource::Lockdown, LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING, LIBIUSB_ERROR_TRUST_PENDING},
+        {NativeSource::Lockdown, LOCKDOWN_E_PASSWORD_PROTECTED, LIBIUSB_ERROR_PASSWORD_PROTECTED},
+        {NativeSource::Idevice, -3, LIBIUSB_ERROR_NO_DEVICE},
+        {NativeSource::Afc, 8, LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND},
+        {NativeSource::Afc, 12345, LIBIUSB_ERROR_OTHER},
+        {NativeSource::Lockdown, LOCKDOWN_E_MC_CHALLENGE_REQUIRED, LIBIUSB_ERROR_OTHER},
+        // Whatever errno connecting to the daemon gave.
+        {NativeSource::Usbmuxd, -EACCES, LIBIUSB_ERROR_USBMUXD_UNREACHABLE},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(mapNativeError(row.source, row.native), row.code) << sourceName(row.source) << " " << row.native;
+    EXPECT_NE(mapNativeError(NativeSource::Lockdown, -3), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_NE(mapNativeError(NativeSource::Instproxy, 8), LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
+    for (NativeSource source : {NativeSource::Usbmuxd, NativeSource::Idevice, NativeSource::Lockdown,
+                                NativeSource::Afc, NativeSource::Instproxy, NativeSource::HouseArrest}) {
+        EXPECT_EQ(mapNativeError(source, 0), LIBIUSB_SUCCESS) << sourceName(source);
+    }
+    EXPECT_EQ(mapHouseArrestReply("InstallationLookupFailed"), LIBIUSB_ERROR_APP_NOT_FOUND);
+    EXPECT_EQ(mapHouseArrestReply("SomethingElse"), LIBIUSB_ERROR_OTHER);
+    EXPECT_EQ(mapHouseArrestReply(nullptr), LIBIUSB_ERROR_OTHER);
+}
 
-std::vector<App> appsOf(plist_t reply, int *result) {
-    libiusb_app_node *list = nullptr;
-    *result = appsFromBrowseReply(reply, &list);
-    std::vector<App> apps;
-    for (libiusb_app_node *node = list; node != nullptr; node = node->next)
-        apps.push_back({node->display_name, node->bundle_id});
-    libiusb_free_app_list(list);
-    return apps;
+TEST(DeviceErrors, TableHasNoDuplicateOrContradictoryRows) {
+    std::set<std::pair<int, int>> seen;
+    for (const NativeErrorRow &row : nativeErrorTable()) {
+        EXPECT_NE(row.native, 0) << row.native_name;
+        EXPECT_LT(row.code, 0) << row.native_name;
+        EXPECT_TRUE(seen.insert({static_cast<int>(row.source), row.native}).second)
+            << "two rows for " << sourceName(row.source) << " " << row.native_name;
+        EXPECT_STRNE(libiusb_error_name(row.code), libiusb_error_name(12345)) << "code " << row.code << " has no name";
+    }
+}
+
+TEST(DeviceErrors, DocumentationListsEveryRowWithItsCode) {
+    std::ifstream page(std::string(QUORVEL_SOURCE_DIR) + "/docs/device-errors.md");
+    ASSERT_TRUE(page.good()) << "docs/device-errors.md is missing";
+    std::stringstream text;
+    text << page.rdbuf();
+    std::string contents = text.str();
+
+    // "| afc | `AFC_E_NO_SPACE_LEFT` | -62 | ..."
+    std::regex row("\\| (\\w+) \\| `([-A-Z_0-9]+)` \\| (-?\\d+) \\|");
+    std::set<std::tuple<std::string, std::string, int>> documented;
+    for (auto it = std::sregex_iterator(contents.begin(), contents.end(), row); it != std::sregex_iterator(); ++it) {
+        documented.insert({(*it)[1].str(), (*it)[2].str(), std::stoi((*it)[3].str())});
+    }
+    std::set<std::tuple<std::string, std::string, int>> coded;
+    for (const NativeErrorRow &entry : nativeErrorTable()) {
+        coded.insert({sourceName(entry.source), entry.native_name, entry.code});
+    }
+    for (const auto &entry : coded) {
+        EXPECT_TRUE(documented.count(entry)) << "not documented: " << std::get<0>(entry) << " "
+                                             << std::get<1>(entry) << " -> " << std::get<2>(entry);
+    }
+    for (const auto &entry : documented) {
+        EXPECT_TRUE(coded.count(entry)) << "documented but not in the table: " << std::get<0>(entry) << " "
+                                        << std::get<1>(entry) << " -> " << std::get<2>(entry);
+    }
+}
+
+TEST(FileInfoPairs, ReadsTypeSizeAndTimesAndKeepsSizesToTheLargestOffset) {
+    const int64_t kMax = INT64_MAX;
+    const struct {
+        std::vector<const char *> pairs;
+        int32_t type;
+        uint64_t size;
+        int64_t modify, birth;
+    } rows[] = {
+        {{"st_size", "1234", "st_blocks", "8", "st_nlink", "1", "st_ifmt", "S_IFREG", "st_mtime",
+          "1700000000123456789", "st_birthtime", "1600000000000000000"},
+         LIBIUSB_FILE_TYPE_REGULAR, 1234, 1700000000123456789LL, 1600000000000000000LL},
+        {{"st_ifmt", "S_IFDIR"}, LIBIUSB_FILE_TYPE_FOLDER, 0, 0, 0},
+        {{"st_ifmt", "S_IFLNK"}, LIBIUSB_FILE_TYPE_LINK, 0, 0, 0},
+        {{"st_ifmt", "S_IFCHR"}, LIBIUSB_FILE_TYPE_OTHER, 0, 0, 0},
+        {{"st_ifmt", ""}, LIBIUSB_FILE_TYPE_OTHER, 0, 0, 0},
+        // A key without its value ends the parse; what came before counts.
+        {{"st_size", "10", "st_mtime"}, LIBIUSB_FILE_TYPE_OTHER, 10, 0, 0},
+        // Numbers are read as far as they go; text that is no number is 0.
+        {{"st_size", "12abc", "st_mtime", "-5", "st_birthtime", "soon"}, LIBIUSB_FILE_TYPE_OTHER, 12, -5, 0},
+        {{}, LIBIUSB_FILE_TYPE_OTHER, 0, 0, 0},
+        // Out of range numbers saturate; sizes that are negative, or negative
+        // once taken as a file offset (a hostile device), stop at the largest
+        // offset: the kernel refuses a record that carries one.
+        {{"st_size", "99999999999999999999999", "st_mtime", "-99999999999999999999999"},
+         LIBIUSB_FILE_TYPE_OTHER, kMax, INT64_MIN, 0},
+        {{"st_size", "-1"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "9223372036854775808"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "18446744073709551615"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "-9223372036854775808"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "9223372036854775807"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "9223372036854775806"}, LIBIUSB_FILE_TYPE_OTHER, kMax - 1, 0, 0},
+    };
+    for (const auto &row : rows) {
+        std::vector<const char *> pairs = row.pairs;
+        SCOPED_TRACE(pairs.empty() ? "(none)" : pairs.back());
+        pairs.push_back(nullptr);
+        libiusb_file_info info{};
+        parseFileInfoPairs(pairs.data(), &info);
+        EXPECT_EQ(info.file_type, row.type);
+        EXPECT_EQ(info.size, row.size);
+        EXPECT_EQ(info.modify_time, row.modify);
+        EXPECT_EQ(info.birth_time, row.birth);
+    }
+    // No array at all.
+    libiusb_file_info info{};
+    parseFileInfoPairs(nullptr, &info);
+    parseFileInfoPairs(nullptr, nullptr);
 }
 
 plist_t app(const char *bundle, plist_t sharing, const char *display, const char *name) {
@@ -42,57 +170,19 @@ plist_t app(const char *bundle, plist_t sharing, const char *display, const char
     return dict;
 }
 
-} // namespace
-
-TEST(FileInfoPairs, ReadsTypeSizeAndTimes) {
-    libiusb_file_info info = parse({"st_size", "1234", "st_blocks", "8", "st_nlink", "1", "st_ifmt", "S_IFREG",
-                                    "st_mtime", "1700000000123456789", "st_birthtime", "1600000000000000000"});
-    EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_REGULAR);
-    EXPECT_EQ(info.size, 1234u);
-    EXPECT_EQ(info.modify_time, 1700000000123456789LL);
-    EXPECT_EQ(info.birth_time, 1600000000000000000LL);
+// "name=bundle" of each app listed from the reply, and the result.
+std::vector<std::string> appsOf(plist_t reply, int *result) {
+    libiusb_app_node *list = nullptr;
+    *result = appsFromBrowseReply(reply, &list);
+    std::vector<std::string> apps;
+    for (libiusb_app_node *node = list; node != nullptr; node = node->next)
+        apps.push_back(std::string(node->display_name) + "=" + node->bundle_id);
+    libiusb_free_app_list(list);
+    plist_free(reply);
+    return apps;
 }
 
-TEST(FileInfoPairs, EveryKindOfFileType) {
-    EXPECT_EQ(parse({"st_ifmt", "S_IFDIR"}).file_type, LIBIUSB_FILE_TYPE_FOLDER);
-    EXPECT_EQ(parse({"st_ifmt", "S_IFLNK"}).file_type, LIBIUSB_FILE_TYPE_LINK);
-    EXPECT_EQ(parse({"st_ifmt", "S_IFCHR"}).file_type, LIBIUSB_FILE_TYPE_OTHER);
-    EXPECT_EQ(parse({"st_ifmt", ""}).file_type, LIBIUSB_FILE_TYPE_OTHER);
-}
-
-TEST(FileInfoPairs, BrokenAnswersLeaveWhatTheyDoNotName) {
-    // A key without its value ends the parse; what came before counts.
-    libiusb_file_info info = parse({"st_size", "10", "st_mtime"});
-    EXPECT_EQ(info.size, 10u);
-    EXPECT_EQ(info.modify_time, 0);
-    // Numbers are read as far as they go; text that is no number is 0.
-    info = parse({"st_size", "12abc", "st_mtime", "-5", "st_birthtime", "soon"});
-    EXPECT_EQ(info.size, 12u);
-    EXPECT_EQ(info.modify_time, -5);
-    EXPECT_EQ(info.birth_time, 0);
-    // Nothing at all, or no array.
-    info = parse({});
-    EXPECT_EQ(info.size, 0u);
-    parseFileInfoPairs(nullptr, &info);
-    parseFileInfoPairs(nullptr, nullptr);
-}
-
-TEST(FileInfoPairs, OutOfRangeNumbersSaturate) {
-    libiusb_file_info info = parse({"st_size", "99999999999999999999999", "st_mtime", "-99999999999999999999999"});
-    EXPECT_EQ(info.size, static_cast<uint64_t>(INT64_MAX)) << "no size past the largest file offset";
-    EXPECT_EQ(info.modify_time, INT64_MIN);
-}
-
-TEST(FileInfoPairs, SizesNoFileCanHaveStopAtTheLargestOffset) {
-    // A hostile device: sizes that are negative, or negative once taken as a
-    // file offset; the kernel refuses a record that carries one.
-    for (const char *said : {"-1", "9223372036854775808", "18446744073709551615", "-9223372036854775808"})
-        EXPECT_EQ(parse({"st_size", said}).size, static_cast<uint64_t>(INT64_MAX)) << said;
-    EXPECT_EQ(parse({"st_size", "9223372036854775807"}).size, static_cast<uint64_t>(INT64_MAX));
-    EXPECT_EQ(parse({"st_size", "9223372036854775806"}).size, static_cast<uint64_t>(INT64_MAX) - 1);
-}
-
-TEST(BrowseReply, ListsSharingAppsInOrderWithTheirBestName) {
+TEST(BrowseReply, ListsSharingAppsInOrderWithTheirBestNameAndRefusesWhatIsNoArray) {
     plist_t reply = plist_new_array();
     plist_array_append_item(reply, app("com.a", plist_new_bool(1), "Alpha", "AlphaName"));
     plist_array_append_item(reply, app("com.b", plist_new_bool(0), "Beta", nullptr));
@@ -104,28 +194,18 @@ TEST(BrowseReply, ListsSharingAppsInOrderWithTheirBestName) {
     plist_array_append_item(reply, app("com.f", plist_new_string("true"), "", ""));
     plist_array_append_item(reply, app("com.g", plist_new_string("no"), "G", nullptr));
     int result = -1;
-    std::vector<App> apps = appsOf(reply, &result);
-    plist_free(reply);
-    ASSERT_EQ(result, LIBIUSB_SUCCESS);
-    ASSERT_EQ(apps.size(), 4u);
-    EXPECT_EQ(apps[0].display_name, "Alpha");
-    EXPECT_EQ(apps[0].bundle_id, "com.a");
-    EXPECT_EQ(apps[1].display_name, "Gamma");
-    EXPECT_EQ(apps[2].display_name, "com.d");
-    EXPECT_EQ(apps[3].display_name, "com.f");
-}
+    EXPECT_EQ(appsOf(reply, &result),
+              (std::vector<std::string>{"Alpha=com.a", "Gamma=com.c", "com.d=com.d", "com.f=com.f"}));
+    EXPECT_EQ(result, LIBIUSB_SUCCESS);
+    EXPECT_TRUE(appsOf(plist_new_array(), &result).empty());
+    EXPECT_EQ(result, LIBIUSB_SUCCESS);
 
-TEST(BrowseReply, AnswersThatAreNoArrayAreRefused) {
     libiusb_app_node *untouched = reinterpret_cast<libiusb_app_node *>(0x1);
     plist_t dict = plist_new_dict();
     EXPECT_EQ(appsFromBrowseReply(dict, &untouched), LIBIUSB_ERROR_OTHER);
     EXPECT_EQ(appsFromBrowseReply(nullptr, &untouched), LIBIUSB_ERROR_OTHER);
     EXPECT_EQ(untouched, reinterpret_cast<libiusb_app_node *>(0x1));
     plist_free(dict);
-
-    plist_t empty = plist_new_array();
-    int result = -1;
-    EXPECT_TRUE(appsOf(empty, &result).empty());
-    EXPECT_EQ(result, LIBIUSB_SUCCESS);
-    plist_free(empty);
 }
+
+} // namespace
