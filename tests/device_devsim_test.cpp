@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -137,16 +136,14 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     ASSERT_EQ(libiusb_device_get_info(handle, &info), 0);
     // The fields the file system reads at fixed offsets.
     const uint8_t *raw = reinterpret_cast<const uint8_t *>(&info);
-    uint32_t location_at_8;
-    uint64_t block_at_16, total_at_24, free_at_32;
-    memcpy(&location_at_8, raw + 8, 4);
-    memcpy(&block_at_16, raw + 16, 8);
-    memcpy(&total_at_24, raw + 24, 8);
-    memcpy(&free_at_32, raw + 32, 8);
-    EXPECT_EQ(location_at_8, 4242u);
-    EXPECT_EQ(block_at_16, 8192u);
-    EXPECT_EQ(total_at_24, 64ull << 30);
-    EXPECT_EQ(free_at_32, (64ull << 30) - 10000 - 2345);
+    auto at = [raw](size_t offset, auto value) {
+        memcpy(&value, raw + offset, sizeof value);
+        return value;
+    };
+    EXPECT_EQ(at(8, uint32_t{0}), 4242u);
+    EXPECT_EQ(at(16, uint64_t{0}), 8192u);
+    EXPECT_EQ(at(24, uint64_t{0}), 64ull << 30);
+    EXPECT_EQ(at(32, uint64_t{0}), (64ull << 30) - 10000 - 2345);
     EXPECT_STREQ(reinterpret_cast<const char *>(raw + 296), "16.7.2");
     EXPECT_STREQ(reinterpret_cast<const char *>(raw + 312), "Zweites iPad \xc3\xa4");
     EXPECT_STREQ(info.product_type, "iPad7,5");
@@ -466,48 +463,27 @@ protected:
     Devsim sim;
 };
 
-TEST_F(DeviceLayerErrors, MissingFileIsObjectNotFound) {
+// Errors the device answers map row by row, and the connection survives them.
+TEST_F(DeviceLayerErrors, AnsweredErrorsMapRowByRowAndLeaveTheConnectionServing) {
     OpenDevice device;
     ASSERT_EQ(device.open(77), 0);
+    libiusb_afc *afc = device.afc;
     libiusb_file_info info;
-    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/nope", &info), -70);
     uint64_t file = 0;
-    EXPECT_EQ(libiusb_afc_file_open(device.afc, "/general_storage/nope", LIBIUSB_AFC_RDONLY, &file), -70);
+    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/nope", &info), -70);
+    EXPECT_EQ(libiusb_afc_file_open(afc, "/general_storage/nope", LIBIUSB_AFC_RDONLY, &file), -70);
     EXPECT_EQ(file, 0u);
-    EXPECT_EQ(libiusb_afc_file_remove(device.afc, "/general_storage/nope"), -70);
+    EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/nope"), -70);
     int result = 0;
-    listFolder(device.afc, "/general_storage/nope", &result);
+    listFolder(afc, "/general_storage/nope", &result);
     EXPECT_EQ(result, -70);
-}
 
-TEST_F(DeviceLayerErrors, FolderWithContentsCannotBeRemoved) {
-    OpenDevice device;
-    ASSERT_EQ(device.open(77), 0);
-    EXPECT_EQ(libiusb_afc_file_remove(device.afc, "/general_storage/full"), -33);
-    EXPECT_EQ(readWhole(device.afc, "/general_storage/full/inside.txt"), "x");
+    EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/full"), -33);
+    EXPECT_EQ(readWhole(afc, "/general_storage/full/inside.txt"), "x");
     // An unexplained refusal of something else is not "not empty".
     ASSERT_EQ(sim.control("afc-error " + udid() + " /general_storage/readme.txt unknown"), "ok");
-    EXPECT_EQ(libiusb_afc_file_remove(device.afc, "/general_storage/readme.txt"), LIBIUSB_ERROR_OTHER);
-}
+    EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/readme.txt"), LIBIUSB_ERROR_OTHER);
 
-TEST_F(DeviceLayerErrors, WritingPastTheCapacityIsNoSpace) {
-    OpenDevice device;
-    ASSERT_EQ(device.open(77), 0);
-    uint64_t file = 0;
-    ASSERT_EQ(libiusb_afc_file_open(device.afc, "/general_storage/big.bin", LIBIUSB_AFC_WR, &file), 0);
-    std::string chunk(800000, 'z');  // 300001 bytes are stored already, of 1000000
-    uint32_t done = 0;
-    EXPECT_EQ(libiusb_afc_file_write(device.afc, file, chunk.data(), chunk.size(), 0, &done), -62);
-    // The refused handle still serves: a later write lands at its offset.
-    ASSERT_EQ(sim.control("capacity " + udid() + " 100000000"), "ok");
-    ASSERT_EQ(libiusb_afc_file_write(device.afc, file, "head", 4, 0, &done), 0);
-    libiusb_afc_file_close(device.afc, file);
-    EXPECT_EQ(readWhole(device.afc, "/general_storage/big.bin").substr(0, 4), "head");
-}
-
-TEST_F(DeviceLayerErrors, InjectedAfcErrorsMapRowByRow) {
-    OpenDevice device;
-    ASSERT_EQ(device.open(77), 0);
     const std::pair<const char *, int> rows[] = {
         {"object-not-found", -70}, {"no-space", -62},         {"object-is-dir", -72}, {"permission-denied", -3},
         {"object-exists", -71},    {"io-error", -30},         {"busy", -6},           {"would-block", -6},
@@ -518,12 +494,19 @@ TEST_F(DeviceLayerErrors, InjectedAfcErrorsMapRowByRow) {
     for (const auto &row : rows) {
         std::string path = "/general_storage/fault" + std::to_string(index++);
         ASSERT_EQ(sim.control("afc-error " + udid() + " " + path + " " + row.first), "ok") << row.first;
-        libiusb_file_info info;
-        EXPECT_EQ(libiusb_afc_file_get_info(device.afc, path.c_str(), &info), row.second) << row.first;
+        EXPECT_EQ(libiusb_afc_file_get_info(afc, path.c_str(), &info), row.second) << row.first;
     }
-    // The connection survives answered errors.
-    libiusb_file_info info;
-    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/readme.txt", &info), 0);
+    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/full/inside.txt", &info), 0);
+
+    // Past the capacity: no space, and the refused handle still serves.
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/big.bin", LIBIUSB_AFC_WR, &file), 0);
+    std::string chunk(800000, 'z');  // 300001 bytes are stored already, of 1000000
+    uint32_t done = 0;
+    EXPECT_EQ(libiusb_afc_file_write(afc, file, chunk.data(), chunk.size(), 0, &done), -62);
+    ASSERT_EQ(sim.control("capacity " + udid() + " 100000000"), "ok");
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "head", 4, 0, &done), 0);
+    libiusb_afc_file_close(afc, file);
+    EXPECT_EQ(readWhole(afc, "/general_storage/big.bin").substr(0, 4), "head");
 }
 
 TEST_F(DeviceLayerErrors, ADroppedConnectionFailsTheRequestInFlightAndTheNextOpensItAgain) {
@@ -600,14 +583,13 @@ TEST_F(DeviceLayerErrors, TrustPromptThenAccepted) {
 
     ASSERT_EQ(sim.control("trust-prompt " + udid() + " 60 PasswordProtected"), "ok");
     EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_PASSWORD_PROTECTED);
-
+    // A prompt of 0 seconds ends the one showing; one of 1 second ends by itself.
+    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 0"), "ok");
+    ASSERT_EQ(libiusb_device_open(device, &handle), 0);
+    libiusb_device_close(handle);
+    handle = nullptr;
     ASSERT_EQ(sim.control("trust-prompt " + udid() + " 1"), "ok");
-    int result = LIBIUSB_ERROR_TRUST_PENDING;
-    for (int attempt = 0; attempt < 40 && result != 0; attempt++) {
-        result = libiusb_device_open(device, &handle);
-        if (result != 0) std::this_thread::sleep_for(std::chrono::milliseconds(250));
-    }
-    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(eventually([&] { return libiusb_device_open(device, &handle) == 0; }));
     if (handle != nullptr) libiusb_device_close(handle);
     libiusb_context_exit(context);
 }
