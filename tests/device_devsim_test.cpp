@@ -177,7 +177,7 @@ protected:
     OpenDevice device;
 };
 
-TEST_F(DeviceLayerFiles, WritesAndReadsAtOffsetsSkippingNeedlessSeeks) {
+TEST_F(DeviceLayerFiles, WritesAndReadsAtOffsetsSkippingNeedlessSeeksNewFilesAndOld) {
     libiusb_afc *afc = device.afc;
     uint64_t file = 0;
     ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/data.bin", LIBIUSB_AFC_WR, &file), 0);
@@ -212,6 +212,18 @@ TEST_F(DeviceLayerFiles, WritesAndReadsAtOffsetsSkippingNeedlessSeeks) {
 
     EXPECT_EQ(readLocal(onImage("/general_storage/data.bin")), "0123456789abXYef!");
     EXPECT_EQ(readWhole(afc, "/general_storage/data.bin"), "0123456789abXYef!");
+
+    // An existing file opened for reading and writing keeps its data at its offsets.
+    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/hello.txt", LIBIUSB_AFC_RW, &file), 0);
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "J", 1, 0, &done), 0);
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "D", 1, 7, &done), 0);
+    ASSERT_EQ(libiusb_afc_file_truncate(afc, file, 12), 0);
+    // ftruncate does not move the file pointer: 8 is still where the next write lands.
+    ASSERT_EQ(libiusb_afc_file_write(afc, file, "E", 1, 8, &done), 0);
+    libiusb_afc_file_close(afc, file);
+    EXPECT_EQ(readLocal(onImage("/general_storage/hello.txt")), "Jello, DEvic");
+    ASSERT_EQ(libiusb_afc_truncate(afc, "/general_storage/hello.txt", 5), 0);
+    EXPECT_EQ(readWhole(afc, "/general_storage/hello.txt"), "Jello");
 }
 
 TEST_F(DeviceLayerFiles, InterleavedHandlesKeepTheirOwnPositions) {
@@ -256,22 +268,6 @@ TEST_F(DeviceLayerFiles, InterleavedHandlesKeepTheirOwnPositions) {
     libiusb_afc_file_close(afc, reader);
     libiusb_afc_file_close(afc, writer);
     EXPECT_EQ(readLocal(onImage("/general_storage/model.bin")), model);
-}
-
-TEST_F(DeviceLayerFiles, ExistingFileOpenedReadWriteKeepsDataAtItsOffsets) {
-    libiusb_afc *afc = device.afc;
-    uint64_t file = 0;
-    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/hello.txt", LIBIUSB_AFC_RW, &file), 0);
-    uint32_t done = 0;
-    ASSERT_EQ(libiusb_afc_file_write(afc, file, "J", 1, 0, &done), 0);
-    ASSERT_EQ(libiusb_afc_file_write(afc, file, "D", 1, 7, &done), 0);
-    ASSERT_EQ(libiusb_afc_file_truncate(afc, file, 12), 0);
-    // ftruncate does not move the file pointer: 8 is still where the next write lands.
-    ASSERT_EQ(libiusb_afc_file_write(afc, file, "E", 1, 8, &done), 0);
-    libiusb_afc_file_close(afc, file);
-    EXPECT_EQ(readLocal(onImage("/general_storage/hello.txt")), "Jello, DEvic");
-    ASSERT_EQ(libiusb_afc_truncate(afc, "/general_storage/hello.txt", 5), 0);
-    EXPECT_EQ(readWhole(afc, "/general_storage/hello.txt"), "Jello");
 }
 
 TEST_F(DeviceLayerFiles, FoldersNamesAndTimes) {

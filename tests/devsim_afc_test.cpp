@@ -48,6 +48,18 @@ std::vector<std::string> listing(afc_client_t afc, const char* path) {
   return out;
 }
 
+// A string or data value of a dictionary, "" when absent.
+std::string dict_text(plist_t record, const char* key) {
+  plist_t node = record ? plist_dict_get_item(record, key) : nullptr;
+  char* text = nullptr;
+  uint64_t length = 0;
+  if (node && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &text);
+  if (node && plist_get_node_type(node) == PLIST_DATA) plist_get_data_val(node, &text, &length);
+  std::string value = text ? (length ? std::string(text, length) : std::string(text)) : "";
+  free(text);
+  return value;
+}
+
 bool device_listed(const std::string& udid) {
   char** list = nullptr;
   int count = 0;
@@ -370,13 +382,8 @@ void vend(idevice_t device, const char* command, const char* app, Vended& out) {
   ASSERT_EQ(house_arrest_send_command(out.house, command, app), HOUSE_ARREST_E_SUCCESS);
   plist_t result = nullptr;
   ASSERT_EQ(house_arrest_get_result(out.house, &result), HOUSE_ARREST_E_SUCCESS);
-  plist_t error_node = plist_dict_get_item(result, "Error");
-  if (error_node) {
-    char* text = nullptr;
-    plist_get_string_val(error_node, &text);
-    out.error = text ? text : "";
-    free(text);
-  } else {
+  out.error = dict_text(result, "Error");
+  if (out.error.empty()) {
     EXPECT_EQ(afc_client_new_from_house_arrest_client(out.house, &out.afc), AFC_E_SUCCESS);
   }
   plist_free(result);
@@ -428,16 +435,10 @@ TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
   int notes = 0;
   for (uint32_t i = 0; i < plist_array_get_size(apps); ++i) {
     plist_t app = plist_array_get_item(apps, i);
-    char* id = nullptr;
-    char* name = nullptr;
     uint8_t shared = 0;
-    plist_get_string_val(plist_dict_get_item(app, "CFBundleIdentifier"), &id);
-    plist_get_string_val(plist_dict_get_item(app, "CFBundleDisplayName"), &name);
     plist_get_bool_val(plist_dict_get_item(app, "UIFileSharingEnabled"), &shared);
-    sharing[id] = shared != 0;
-    if (std::string(name) == "Notes") ++notes;
-    free(id);
-    free(name);
+    sharing[dict_text(app, "CFBundleIdentifier")] = shared != 0;
+    if (dict_text(app, "CFBundleDisplayName") == "Notes") ++notes;
   }
   plist_free(apps);
   EXPECT_EQ(notes, 2);
@@ -453,15 +454,6 @@ TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
   instproxy_client_free(proxy);
 }
 
-
-TEST_F(DevsimFaultsTest, DropsEveryConnectionAfterNRequestsThenServesNewOnes) {
-  start();
-  ASSERT_EQ(sim_.control("drop-after-requests " + udid_ + " 5"), "ok");
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS) << i;
-  EXPECT_NE(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
-  connect_afc();
-  EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
-}
 
 TEST_F(DevsimFaultsTest, DropsAfterNBytesOfFileData) {
   start({"--fault", "drop-after-bytes * 300000"});
@@ -561,8 +553,17 @@ void record_event(const usbmuxd_event_t* event, void* user_data) {
   events->seen.emplace_back(event->event, event->device.handle);
 }
 
-TEST_F(DevsimFaultsTest, UnplugIsSeenByListenersAndCutsOpenConnections) {
+// Dropped after N requests, or unplugged: open connections are cut and new
+// ones served; listeners see the unplug.
+TEST_F(DevsimFaultsTest, DropsAndUnplugsCutOpenConnectionsAndListenersSeeThem) {
   start();
+  ASSERT_EQ(sim_.control("drop-after-requests " + udid_ + " 5"), "ok");
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS) << i;
+  EXPECT_NE(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
+  connect_afc();
+  EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+
   Events events;
   usbmuxd_subscription_context_t subscription = nullptr;
   ASSERT_EQ(usbmuxd_events_subscribe(&subscription, record_event, &events), 0);
@@ -677,24 +678,13 @@ plist_t read_pair_record(const std::string& udid) {
   return parsed;
 }
 
-std::string record_text(plist_t record, const char* key) {
-  plist_t node = record ? plist_dict_get_item(record, key) : nullptr;
-  char* text = nullptr;
-  uint64_t length = 0;
-  if (node && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &text);
-  if (node && plist_get_node_type(node) == PLIST_DATA) plist_get_data_val(node, &text, &length);
-  std::string value = text ? (length ? std::string(text, length) : std::string(text)) : "";
-  free(text);
-  return value;
-}
-
 // StartSession with the served record's HostID: whether the device asked for
 // TLS, and whether the connection still answers in plain after StopSession.
 void session_then_plain(const std::string& udid, int& ssl_enabled, bool& plain_after) {
   ssl_enabled = -1;
   plain_after = false;
   plist_t record = read_pair_record(udid);
-  std::string host_id = record_text(record, "HostID");
+  std::string host_id = dict_text(record, "HostID");
   plist_free(record);
   idevice_t device = nullptr;
   ASSERT_EQ(idevice_new(&device, udid.c_str()), IDEVICE_E_SUCCESS);
@@ -726,14 +716,14 @@ TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilT
   ASSERT_NE(record, nullptr);
   for (const char* key :
        {"HostCertificate", "HostPrivateKey", "RootCertificate", "RootPrivateKey", "DeviceCertificate"}) {
-    EXPECT_EQ(record_text(record, key).rfind("-----BEGIN ", 0), 0u) << key;
+    EXPECT_EQ(dict_text(record, key).rfind("-----BEGIN ", 0), 0u) << key;
   }
   char* buid = nullptr;
   ASSERT_EQ(usbmuxd_read_buid(&buid), 0);
-  EXPECT_EQ(record_text(record, "SystemBUID"), buid);
+  EXPECT_EQ(dict_text(record, "SystemBUID"), buid);
   free(buid);
-  EXPECT_NE(record_text(record, "HostID"), "");
-  std::string served = record_text(record, "HostID") + record_text(record, "RootCertificate");
+  EXPECT_NE(dict_text(record, "HostID"), "");
+  std::string served = dict_text(record, "HostID") + dict_text(record, "RootCertificate");
   plist_free(record);
 
   EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
@@ -746,7 +736,7 @@ TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilT
   // A restart serves the same pairing, and the device still accepts it.
   ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"})) << sim_.error();
   record = read_pair_record(image.udid);
-  EXPECT_EQ(record_text(record, "HostID") + record_text(record, "RootCertificate"), served);
+  EXPECT_EQ(dict_text(record, "HostID") + dict_text(record, "RootCertificate"), served);
   plist_free(record);
   EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
 
@@ -764,8 +754,8 @@ TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilT
   // --no-tls: plain sessions on a made-up record, whatever the image holds.
   ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"}, {"--no-tls"})) << sim_.error();
   record = read_pair_record(image.udid);
-  EXPECT_NE(record_text(record, "HostID"), "");
-  EXPECT_EQ(record_text(record, "RootCertificate"), "");
+  EXPECT_NE(dict_text(record, "HostID"), "");
+  EXPECT_EQ(dict_text(record, "RootCertificate"), "");
   plist_free(record);
   EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
   session_then_plain(image.udid, ssl_enabled, plain_after);
