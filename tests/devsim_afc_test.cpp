@@ -648,20 +648,20 @@ TEST_F(DevsimUsbmuxTest, StockToolsReachEachImageByItsUdid) {
   EXPECT_NE(output.find(sim_.udid(0)), std::string::npos) << output;
   EXPECT_NE(output.find(sim_.udid(1)), std::string::npos) << output;
 
-  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(0), "-k", "DeviceName"}, &output), 0) << output;
-  EXPECT_EQ(output, "First Phone\n");
-  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(1), "-k", "DeviceName"}, &output), 0) << output;
-  EXPECT_EQ(output, "Second iPad\n");
-
+  const std::pair<std::vector<std::string>, std::string> answers[] = {
+      {{"ideviceinfo", "-u", sim_.udid(0), "-k", "DeviceName"}, "First Phone\n"},
+      {{"ideviceinfo", "-u", sim_.udid(1), "-k", "DeviceName"}, "Second iPad\n"},
+      {{"ideviceinfo", "-u", sim_.udid(0), "-q", "com.apple.disk_usage", "-k", "TotalDiskCapacity"},
+       "64000000000\n"},
+  };
+  for (const auto& [argv, says] : answers) {
+    ASSERT_EQ(run_program(argv, &output), 0) << output;
+    EXPECT_EQ(output, says);
+  }
   ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(1)}, &output), 0) << output;
-  EXPECT_NE(output.find("ProductVersion: 11.4\n"), std::string::npos) << output;
-  EXPECT_NE(output.find("DeviceClass: iPad\n"), std::string::npos) << output;
-  EXPECT_NE(output.find("UniqueDeviceID: " + sim_.udid(1) + "\n"), std::string::npos) << output;
-
-  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(0), "-q", "com.apple.disk_usage", "-k", "TotalDiskCapacity"},
-                        &output),
-            0);
-  EXPECT_EQ(output, "64000000000\n");
+  const std::string lines[] = {"ProductVersion: 11.4\n", "DeviceClass: iPad\n",
+                               "UniqueDeviceID: " + sim_.udid(1) + "\n"};
+  for (const std::string& line : lines) EXPECT_NE(output.find(line), std::string::npos) << output;
   EXPECT_NE(run_program({"ideviceinfo", "-u", "0000000000000000000000000000000000000000", "-k", "DeviceName"},
                         &output),
             0);
