@@ -455,24 +455,6 @@ TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
 }
 
 
-TEST_F(DevsimFaultsTest, DropsAfterNBytesOfFileData) {
-  start({"--fault", "drop-after-bytes * 300000"});
-  uint64_t handle = 0;
-  ASSERT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  std::vector<char> buffer(65536);
-  uint64_t total = 0;
-  afc_error_t result = AFC_E_SUCCESS;
-  while (result == AFC_E_SUCCESS && total < 1024 * 1024) {
-    uint32_t got = 0;
-    result = afc_file_read(afc_, handle, buffer.data(), static_cast<uint32_t>(buffer.size()), &got);
-    if (got == 0) break;
-    total += got;
-  }
-  EXPECT_NE(result, AFC_E_SUCCESS);
-  EXPECT_GE(total, 300000u);
-  EXPECT_LT(total, 1024u * 1024u);
-}
-
 TEST_F(DevsimFaultsTest, AnswersTheChosenErrorForMatchingPathsOnly) {
   start();
   ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
@@ -595,7 +577,9 @@ TEST_F(DevsimFaultsTest, DropsAndUnplugsCutOpenConnectionsAndListenersSeeThem) {
   EXPECT_TRUE(device_listed(udid_));
 }
 
-TEST_F(DevsimFaultsTest, ShapedTrafficStillCarriesTheSameBytes) {
+// Shaped traffic still carries the same bytes; a connection is dropped once
+// N bytes of file data have gone.
+TEST_F(DevsimFaultsTest, ShapedTrafficCarriesTheSameBytesAndDropsAfterNBytes) {
   start({"--latency-us", "300", "--bandwidth-mbps", "35"});
   uint64_t handle = 0;
   ASSERT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
@@ -606,6 +590,19 @@ TEST_F(DevsimFaultsTest, ShapedTrafficStillCarriesTheSameBytes) {
   EXPECT_EQ(data, std::string(1024 * 1024, 'd'));
   EXPECT_EQ(sim_.control("bandwidth-mbps 0"), "ok");
   EXPECT_EQ(sim_.control("latency-us nope"), "error: usage: latency-us MICROSECONDS");
+
+  ASSERT_EQ(sim_.control("drop-after-bytes * 300000"), "ok");
+  ASSERT_EQ(afc_file_seek(afc_, handle, 0, SEEK_SET), AFC_E_SUCCESS);
+  uint64_t total = 0;
+  afc_error_t result = AFC_E_SUCCESS;
+  while (result == AFC_E_SUCCESS && total < 1024 * 1024) {
+    result = afc_file_read(afc_, handle, &data[0], 65536, &got);
+    if (got == 0) break;
+    total += got;
+  }
+  EXPECT_NE(result, AFC_E_SUCCESS);
+  EXPECT_GE(total, 300000u);
+  EXPECT_LT(total, 1024u * 1024u);
 }
 
 TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
