@@ -1,15 +1,20 @@
-// The mapping from libimobiledevice results to our codes, and its page in
-// docs/device-errors.md. The live rows (lost connection, no space, ...) are
-// produced through the simulated device in device_devsim_test.cpp.
+// The device layer's own functions, fed directly: the mapping from
+// libimobiledevice results to our codes (and its page in
+// docs/device-errors.md), and the parsing of AFC file information and
+// installation proxy answers a device could give, sane or broken. The live
+// error rows are produced through the simulated device in device_devsim_test.cpp.
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "device/device_internal.h"
 
@@ -51,22 +56,19 @@ TEST(DeviceErrors, ResultsTheFileSystemActsOnWhicheverSourceReportsThem) {
         {NativeSource::Lockdown, LOCKDOWN_E_PASSWORD_PROTECTED, LIBIUSB_ERROR_PASSWORD_PROTECTED},
         {NativeSource::Idevice, -3, LIBIUSB_ERROR_NO_DEVICE},
         {NativeSource::Afc, 8, LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND},
+        {NativeSource::Afc, 12345, LIBIUSB_ERROR_OTHER},
+        {NativeSource::Lockdown, LOCKDOWN_E_MC_CHALLENGE_REQUIRED, LIBIUSB_ERROR_OTHER},
+        // Whatever errno connecting to the daemon gave.
+        {NativeSource::Usbmuxd, -EACCES, LIBIUSB_ERROR_USBMUXD_UNREACHABLE},
     };
     for (const auto &row : rows)
         EXPECT_EQ(mapNativeError(row.source, row.native), row.code) << sourceName(row.source) << " " << row.native;
     EXPECT_NE(mapNativeError(NativeSource::Lockdown, -3), LIBIUSB_ERROR_NO_DEVICE);
     EXPECT_NE(mapNativeError(NativeSource::Instproxy, 8), LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
-}
-
-TEST(DeviceErrors, SuccessUnknownAndUnreachable) {
     for (NativeSource source : {NativeSource::Usbmuxd, NativeSource::Idevice, NativeSource::Lockdown,
                                 NativeSource::Afc, NativeSource::Instproxy, NativeSource::HouseArrest}) {
         EXPECT_EQ(mapNativeError(source, 0), LIBIUSB_SUCCESS) << sourceName(source);
     }
-    EXPECT_EQ(mapNativeError(NativeSource::Afc, 12345), LIBIUSB_ERROR_OTHER);
-    EXPECT_EQ(mapNativeError(NativeSource::Lockdown, LOCKDOWN_E_MC_CHALLENGE_REQUIRED), LIBIUSB_ERROR_OTHER);
-    // Whatever errno connecting to the daemon gave.
-    EXPECT_EQ(mapNativeError(NativeSource::Usbmuxd, -EACCES), LIBIUSB_ERROR_USBMUXD_UNREACHABLE);
     EXPECT_EQ(mapHouseArrestReply("InstallationLookupFailed"), LIBIUSB_ERROR_APP_NOT_FOUND);
     EXPECT_EQ(mapHouseArrestReply("SomethingElse"), LIBIUSB_ERROR_OTHER);
     EXPECT_EQ(mapHouseArrestReply(nullptr), LIBIUSB_ERROR_OTHER);
@@ -108,6 +110,102 @@ TEST(DeviceErrors, DocumentationListsEveryRowWithItsCode) {
         EXPECT_TRUE(coded.count(entry)) << "documented but not in the table: " << std::get<0>(entry) << " "
                                         << std::get<1>(entry) << " -> " << std::get<2>(entry);
     }
+}
+
+TEST(FileInfoPairs, ReadsTypeSizeAndTimesAndKeepsSizesToTheLargestOffset) {
+    const int64_t kMax = INT64_MAX;
+    const struct {
+        std::vector<const char *> pairs;
+        int32_t type;
+        uint64_t size;
+        int64_t modify, birth;
+    } rows[] = {
+        {{"st_size", "1234", "st_blocks", "8", "st_nlink", "1", "st_ifmt", "S_IFREG", "st_mtime",
+          "1700000000123456789", "st_birthtime", "1600000000000000000"},
+         LIBIUSB_FILE_TYPE_REGULAR, 1234, 1700000000123456789LL, 1600000000000000000LL},
+        {{"st_ifmt", "S_IFDIR"}, LIBIUSB_FILE_TYPE_FOLDER, 0, 0, 0},
+        {{"st_ifmt", "S_IFLNK"}, LIBIUSB_FILE_TYPE_LINK, 0, 0, 0},
+        {{"st_ifmt", "S_IFCHR"}, LIBIUSB_FILE_TYPE_OTHER, 0, 0, 0},
+        {{"st_ifmt", ""}, LIBIUSB_FILE_TYPE_OTHER, 0, 0, 0},
+        // A key without its value ends the parse; what came before counts.
+        {{"st_size", "10", "st_mtime"}, LIBIUSB_FILE_TYPE_OTHER, 10, 0, 0},
+        // Numbers are read as far as they go; text that is no number is 0.
+        {{"st_size", "12abc", "st_mtime", "-5", "st_birthtime", "soon"}, LIBIUSB_FILE_TYPE_OTHER, 12, -5, 0},
+        {{}, LIBIUSB_FILE_TYPE_OTHER, 0, 0, 0},
+        // Out of range numbers saturate; sizes that are negative, or negative
+        // once taken as a file offset (a hostile device), stop at the largest
+        // offset: the kernel refuses a record that carries one.
+        {{"st_size", "99999999999999999999999", "st_mtime", "-99999999999999999999999"},
+         LIBIUSB_FILE_TYPE_OTHER, kMax, INT64_MIN, 0},
+        {{"st_size", "-1"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "9223372036854775808"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "18446744073709551615"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "-9223372036854775808"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "9223372036854775807"}, LIBIUSB_FILE_TYPE_OTHER, kMax, 0, 0},
+        {{"st_size", "9223372036854775806"}, LIBIUSB_FILE_TYPE_OTHER, kMax - 1, 0, 0},
+    };
+    for (const auto &row : rows) {
+        std::vector<const char *> pairs = row.pairs;
+        SCOPED_TRACE(pairs.empty() ? "(none)" : pairs.back());
+        pairs.push_back(nullptr);
+        libiusb_file_info info{};
+        parseFileInfoPairs(pairs.data(), &info);
+        EXPECT_EQ(info.file_type, row.type);
+        EXPECT_EQ(info.size, row.size);
+        EXPECT_EQ(info.modify_time, row.modify);
+        EXPECT_EQ(info.birth_time, row.birth);
+    }
+    // No array at all.
+    libiusb_file_info info{};
+    parseFileInfoPairs(nullptr, &info);
+    parseFileInfoPairs(nullptr, nullptr);
+}
+
+plist_t app(const char *bundle, plist_t sharing, const char *display, const char *name) {
+    plist_t dict = plist_new_dict();
+    if (bundle != nullptr) plist_dict_set_item(dict, "CFBundleIdentifier", plist_new_string(bundle));
+    if (sharing != nullptr) plist_dict_set_item(dict, "UIFileSharingEnabled", sharing);
+    if (display != nullptr) plist_dict_set_item(dict, "CFBundleDisplayName", plist_new_string(display));
+    if (name != nullptr) plist_dict_set_item(dict, "CFBundleName", plist_new_string(name));
+    return dict;
+}
+
+// "name=bundle" of each app listed from the reply, and the result.
+std::vector<std::string> appsOf(plist_t reply, int *result) {
+    libiusb_app_node *list = nullptr;
+    *result = appsFromBrowseReply(reply, &list);
+    std::vector<std::string> apps;
+    for (libiusb_app_node *node = list; node != nullptr; node = node->next)
+        apps.push_back(std::string(node->display_name) + "=" + node->bundle_id);
+    libiusb_free_app_list(list);
+    plist_free(reply);
+    return apps;
+}
+
+TEST(BrowseReply, ListsSharingAppsInOrderWithTheirBestNameAndRefusesWhatIsNoArray) {
+    plist_t reply = plist_new_array();
+    plist_array_append_item(reply, app("com.a", plist_new_bool(1), "Alpha", "AlphaName"));
+    plist_array_append_item(reply, app("com.b", plist_new_bool(0), "Beta", nullptr));
+    plist_array_append_item(reply, app("com.c", plist_new_string("YES"), nullptr, "Gamma"));
+    plist_array_append_item(reply, app("com.d", plist_new_uint(1), nullptr, nullptr));
+    plist_array_append_item(reply, app(nullptr, plist_new_bool(1), "NoBundle", nullptr));
+    plist_array_append_item(reply, app("com.e", nullptr, "NoKey", nullptr));
+    plist_array_append_item(reply, plist_new_string("not a dictionary"));
+    plist_array_append_item(reply, app("com.f", plist_new_string("true"), "", ""));
+    plist_array_append_item(reply, app("com.g", plist_new_string("no"), "G", nullptr));
+    int result = -1;
+    EXPECT_EQ(appsOf(reply, &result),
+              (std::vector<std::string>{"Alpha=com.a", "Gamma=com.c", "com.d=com.d", "com.f=com.f"}));
+    EXPECT_EQ(result, LIBIUSB_SUCCESS);
+    EXPECT_TRUE(appsOf(plist_new_array(), &result).empty());
+    EXPECT_EQ(result, LIBIUSB_SUCCESS);
+
+    libiusb_app_node *untouched = reinterpret_cast<libiusb_app_node *>(0x1);
+    plist_t dict = plist_new_dict();
+    EXPECT_EQ(appsFromBrowseReply(dict, &untouched), LIBIUSB_ERROR_OTHER);
+    EXPECT_EQ(appsFromBrowseReply(nullptr, &untouched), LIBIUSB_ERROR_OTHER);
+    EXPECT_EQ(untouched, reinterpret_cast<libiusb_app_node *>(0x1));
+    plist_free(dict);
 }
 
 } // namespace

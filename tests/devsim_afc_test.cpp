@@ -1,16 +1,29 @@
-// The simulated device's file services, seen through libimobiledevice's own
-// AFC, house_arrest and installation_proxy clients.
+// The simulated device seen through libimobiledevice's own clients and the
+// stock tools, and fed raw bytes: usbmux, lockdown and pairing, AFC,
+// house_arrest and installation_proxy, each fault it can inject, malformed
+// input, image loading and shutdown.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <libimobiledevice/afc.h>
 #include <libimobiledevice/house_arrest.h>
 #include <libimobiledevice/installation_proxy.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
+#include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <usbmuxd.h>
 
 #include <atomic>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <mutex>
+#include <vector>
 
 #include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
@@ -26,21 +39,75 @@ std::map<std::string, std::string> to_map(char** list) {
   return result;
 }
 
-std::vector<std::string> to_vector(char** list) {
-  std::vector<std::string> result;
-  for (int i = 0; list && list[i]; ++i) result.push_back(list[i]);
-  if (list) afc_dictionary_free(list);
+std::vector<std::string> listing(afc_client_t afc, const char* path) {
+  char** names = nullptr;
+  std::vector<std::string> out;
+  if (afc_read_directory(afc, path, &names) != AFC_E_SUCCESS) return {"(failed)"};
+  for (char** name = names; name && *name; ++name) out.push_back(*name);
+  afc_dictionary_free(names);
+  return out;
+}
+
+// A string or data value of a dictionary, "" when absent.
+std::string dict_text(plist_t record, const char* key) {
+  plist_t node = record ? plist_dict_get_item(record, key) : nullptr;
+  char* text = nullptr;
+  uint64_t length = 0;
+  if (node && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &text);
+  if (node && plist_get_node_type(node) == PLIST_DATA) plist_get_data_val(node, &text, &length);
+  std::string value = text ? (length ? std::string(text, length) : std::string(text)) : "";
+  free(text);
+  return value;
+}
+
+bool device_listed(const std::string& udid) {
+  char** list = nullptr;
+  int count = 0;
+  if (idevice_get_device_list(&list, &count) != IDEVICE_E_SUCCESS) return false;
+  bool found = false;
+  for (int i = 0; i < count; ++i) found = found || udid == list[i];
+  idevice_device_list_free(list);
+  return found;
+}
+
+// lockdownd_client_new_with_handshake, then StartService of AFC, as every
+// client does; the first error met.
+lockdownd_error_t handshake_and_start_afc(const std::string& udid) {
+  idevice_t device = nullptr;
+  if (idevice_new(&device, udid.c_str()) != IDEVICE_E_SUCCESS) return LOCKDOWN_E_MUX_ERROR;
+  lockdownd_client_t client = nullptr;
+  lockdownd_error_t result = lockdownd_client_new_with_handshake(device, &client, "devsim-test");
+  lockdownd_service_descriptor_t service = nullptr;
+  if (result == LOCKDOWN_E_SUCCESS) result = lockdownd_start_service(client, "com.apple.afc", &service);
+  if (service) lockdownd_service_descriptor_free(service);
+  if (client) lockdownd_client_free(client);
+  idevice_free(device);
   return result;
+}
+
+bool have_program(const char* name) {
+  std::string output;
+  return run_program({"sh", "-c", std::string("command -v ") + name}, &output, 30) == 0;
 }
 
 class DevsimAfcTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built";
+  }
+
+  void TearDown() override {
+    if (afc_) afc_client_free(afc_);
+    if (lockdown_) lockdownd_client_free(lockdown_);
+    if (device_) idevice_free(device_);
+    EXPECT_TRUE(sim_.stop()) << sim_.error();
+  }
+
+  // The phone most tests share, started and reached through AFC.
+  void start(const std::vector<std::string>& options = {}) {
     DevsimImage phone;
     phone.name = "AFC Phone";
     phone.capacity_bytes = 50ull * 1000 * 1000;
-    phone.block_size = 4096;
     phone.apps = {{"com.example.notes", "Notes", true},
                   {"org.sample.notes", "Notes", true},
                   {"com.example.reader", "Reader", true},
@@ -48,19 +115,25 @@ class DevsimAfcTest : public ::testing::Test {
                   {"com.example.maps", "Maps", true}};
     phone.files = {{"media/general_storage/hello.txt", "hello world"},
                    {"media/general_storage/folder/inner.txt", "inner"},
+                   {"media/general_storage/data.bin", std::string(1024 * 1024, 'd')},
+                   {"media/general_storage/locked.txt", "locked"},
+                   {"media/general_storage/open.txt", "open"},
                    {"apps/com.example.notes/Documents/note.txt", "a note"},
                    {"apps/com.example.vault/Documents/secret.txt", "vault"},
                    {"outside.txt", "must stay unreachable"}};
-    ASSERT_TRUE(sim_.start({phone})) << sim_.error();
+    ASSERT_TRUE(sim_.start({phone}, options)) << sim_.error();
+    udid_ = sim_.udid(0);
     media_ = sim_.image_dir(0) + "/media";
-    ASSERT_EQ(idevice_new(&device_, sim_.udid(0).c_str()), IDEVICE_E_SUCCESS);
-    ASSERT_EQ(afc_client_start_service(device_, &afc_, "devsim-test"), AFC_E_SUCCESS);
+    connect_afc();
   }
 
-  void TearDown() override {
+  void connect_afc() {
     if (afc_) afc_client_free(afc_);
     if (device_) idevice_free(device_);
-    EXPECT_TRUE(sim_.stop()) << sim_.error();
+    afc_ = nullptr;
+    device_ = nullptr;
+    ASSERT_EQ(idevice_new(&device_, udid_.c_str()), IDEVICE_E_SUCCESS);
+    ASSERT_EQ(afc_client_start_service(device_, &afc_, "devsim-test"), AFC_E_SUCCESS);
   }
 
   uint64_t open(const std::string& path, afc_file_mode_t mode, afc_error_t expected = AFC_E_SUCCESS) {
@@ -88,22 +161,38 @@ class DevsimAfcTest : public ::testing::Test {
     return to_map(list);
   }
 
+  afc_error_t stat_path(const char* path) {
+    char** info = nullptr;
+    afc_error_t result = afc_get_file_info(afc_, path, &info);
+    if (info) afc_dictionary_free(info);
+    return result;
+  }
+
+  std::map<std::string, std::string> device_info() {
+    char** values = nullptr;
+    EXPECT_EQ(afc_get_device_info(afc_, &values), AFC_E_SUCCESS);
+    return to_map(values);
+  }
+
   Devsim sim_;
-  std::string media_;
+  std::string udid_, media_;
   idevice_t device_ = nullptr;
+  lockdownd_client_t lockdown_ = nullptr;
   afc_client_t afc_ = nullptr;
 };
 
-TEST_F(DevsimAfcTest, ListsFoldersAndDescribesFilesAsAPhoneDoes) {
-  char** list = nullptr;
-  ASSERT_EQ(afc_read_directory(afc_, "/general_storage", &list), AFC_E_SUCCESS);
-  std::vector<std::string> names = to_vector(list);
-  ASSERT_GE(names.size(), 4u);
-  EXPECT_EQ(names[0], ".");
-  EXPECT_EQ(names[1], "..");
-  EXPECT_NE(std::find(names.begin(), names.end(), "hello.txt"), names.end());
-  EXPECT_NE(std::find(names.begin(), names.end(), "folder"), names.end());
+// Suites by subject, one fixture.
+using DevsimUsbmuxTest = DevsimAfcTest;
+using DevsimFaultsTest = DevsimAfcTest;
+using DevsimRobustnessTest = DevsimAfcTest;
 
+// Image files in media/ and in app containers; outside.txt is neither.
+const uint64_t kStored = 11 + 5 + 1024 * 1024 + 6 + 4 + 6 + 5;
+
+TEST_F(DevsimAfcTest, ListsFoldersAndDescribesFilesAsAPhoneDoes) {
+  start();
+  EXPECT_EQ(listing(afc_, "/general_storage"),
+            (std::vector<std::string>{".", "..", "data.bin", "folder", "hello.txt", "locked.txt", "open.txt"}));
   auto file = info("/general_storage/hello.txt");
   EXPECT_EQ(file["st_ifmt"], "S_IFREG");
   EXPECT_EQ(file["st_size"], "11");
@@ -121,18 +210,15 @@ TEST_F(DevsimAfcTest, ListsFoldersAndDescribesFilesAsAPhoneDoes) {
   EXPECT_EQ(afc_read_directory(afc_, "/general_storage/hello.txt", &entries), AFC_E_READ_ERROR);
   EXPECT_EQ(afc_read_directory(afc_, "/nothing/here", &entries), AFC_E_OBJECT_NOT_FOUND);
 
-  char** device_info = nullptr;
-  ASSERT_EQ(afc_get_device_info(afc_, &device_info), AFC_E_SUCCESS);
-  auto values = to_map(device_info);
+  auto values = device_info();
   EXPECT_EQ(values["Model"], "iPhone9,3");
   EXPECT_EQ(values["FSTotalBytes"], "50000000");
   EXPECT_EQ(values["FSBlockSize"], "4096");
-  // Everything stored in the image counts: media, app containers.
-  uint64_t stored = 11 + 5 + 6 + 5;
-  EXPECT_EQ(values["FSFreeBytes"], std::to_string(50000000 - stored));
+  EXPECT_EQ(values["FSFreeBytes"], std::to_string(50000000 - kStored));
 }
 
 TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
+  start();
   open("/general_storage/absent.txt", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
   open("/general_storage/folder", AFC_FOPEN_RDONLY, AFC_E_OBJECT_IS_DIR);
 
@@ -181,6 +267,7 @@ TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
 }
 
 TEST_F(DevsimAfcTest, ChangesTheNamespaceWithAPhonesErrors) {
+  start();
   EXPECT_EQ(afc_make_directory(afc_, "/general_storage/new"), AFC_E_SUCCESS);
   EXPECT_EQ(afc_make_directory(afc_, "/general_storage/new"), AFC_E_SUCCESS);  // already there: fine
   EXPECT_EQ(afc_make_directory(afc_, "/general_storage/hello.txt"), AFC_E_OBJECT_EXISTS);
@@ -228,6 +315,7 @@ TEST_F(DevsimAfcTest, ChangesTheNamespaceWithAPhonesErrors) {
 }
 
 TEST_F(DevsimAfcTest, PathsNeverLeaveTheMediaFolder) {
+  start();
   std::string outside = sim_.image_dir(0) + "/outside.txt";
   // A link planted in the image pointing at the host's copy of a file outside.
   fs::create_symlink(outside, media_ + "/general_storage/planted");
@@ -261,10 +349,8 @@ TEST_F(DevsimAfcTest, PathsNeverLeaveTheMediaFolder) {
 }
 
 TEST_F(DevsimAfcTest, WritesBeyondCapacityFailWithNoSpaceAndWriteNothing) {
-  char** device_info = nullptr;
-  ASSERT_EQ(afc_get_device_info(afc_, &device_info), AFC_E_SUCCESS);
-  uint64_t free_bytes = std::stoull(to_map(device_info)["FSFreeBytes"]);
-  ASSERT_EQ(sim_.control("capacity " + sim_.udid(0) + " " + std::to_string(50000000 - free_bytes + 1000)), "ok");
+  start();
+  ASSERT_EQ(sim_.control("capacity " + udid_ + " " + std::to_string(kStored + 1000)), "ok");
 
   uint64_t h = open("/general_storage/fill.bin", AFC_FOPEN_WRONLY);
   write(h, std::string(600, 'a'));
@@ -275,12 +361,10 @@ TEST_F(DevsimAfcTest, WritesBeyondCapacityFailWithNoSpaceAndWriteNothing) {
   afc_file_close(afc_, h);
   EXPECT_EQ(readLocal(media_ + "/general_storage/fill.bin"), std::string(600, 'a') + std::string(400, 'c'));
 
-  ASSERT_EQ(afc_get_device_info(afc_, &device_info), AFC_E_SUCCESS);
-  EXPECT_EQ(to_map(device_info)["FSFreeBytes"], "0");
+  EXPECT_EQ(device_info()["FSFreeBytes"], "0");
   // Removing a file gives its space back.
   EXPECT_EQ(afc_remove_path(afc_, "/general_storage/fill.bin"), AFC_E_SUCCESS);
-  ASSERT_EQ(afc_get_device_info(afc_, &device_info), AFC_E_SUCCESS);
-  EXPECT_EQ(to_map(device_info)["FSFreeBytes"], "1000");
+  EXPECT_EQ(device_info()["FSFreeBytes"], "1000");
 }
 
 struct Vended {
@@ -298,41 +382,29 @@ void vend(idevice_t device, const char* command, const char* app, Vended& out) {
   ASSERT_EQ(house_arrest_send_command(out.house, command, app), HOUSE_ARREST_E_SUCCESS);
   plist_t result = nullptr;
   ASSERT_EQ(house_arrest_get_result(out.house, &result), HOUSE_ARREST_E_SUCCESS);
-  plist_t error_node = plist_dict_get_item(result, "Error");
-  if (error_node) {
-    char* text = nullptr;
-    plist_get_string_val(error_node, &text);
-    out.error = text ? text : "";
-    free(text);
-  } else {
+  out.error = dict_text(result, "Error");
+  if (out.error.empty()) {
     EXPECT_EQ(afc_client_new_from_house_arrest_client(out.house, &out.afc), AFC_E_SUCCESS);
   }
   plist_free(result);
 }
 
 TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsLikeAPhone) {
+  start();
   {
     Vended documents;
     vend(device_, "VendDocuments", "com.example.notes", documents);
     ASSERT_NE(documents.afc, nullptr);
-    char** list = nullptr;
-    ASSERT_EQ(afc_read_directory(documents.afc, "/Documents", &list), AFC_E_SUCCESS);
-    auto names = to_vector(list);
-    EXPECT_NE(std::find(names.begin(), names.end(), "note.txt"), names.end());
+    EXPECT_EQ(listing(documents.afc, "/Documents"), (std::vector<std::string>{".", "..", "note.txt"}));
     uint64_t handle = 0;
     EXPECT_EQ(afc_file_open(documents.afc, "/../../../media/general_storage/hello.txt", AFC_FOPEN_RDONLY, &handle),
               AFC_E_OBJECT_NOT_FOUND);
   }
-  {
+  for (const char* app : {"com.example.vault", "com.example.absent"}) {
     Vended refused;
-    vend(device_, "VendDocuments", "com.example.vault", refused);
-    EXPECT_EQ(refused.afc, nullptr);
-    EXPECT_EQ(refused.error, "InstallationLookupFailed");
-  }
-  {
-    Vended unknown;
-    vend(device_, "VendDocuments", "com.example.absent", unknown);
-    EXPECT_EQ(unknown.error, "InstallationLookupFailed");
+    vend(device_, "VendDocuments", app, refused);
+    EXPECT_EQ(refused.afc, nullptr) << app;
+    EXPECT_EQ(refused.error, "InstallationLookupFailed") << app;
   }
   Vended container;
   vend(device_, "VendContainer", "com.example.vault", container);
@@ -351,6 +423,7 @@ void count_parts(plist_t command, plist_t status, void* user_data) {
 }
 
 TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
+  start();
   instproxy_client_t proxy = nullptr;
   ASSERT_EQ(instproxy_client_start_service(device_, &proxy, "devsim-test"), INSTPROXY_E_SUCCESS);
   plist_t options = instproxy_client_options_new();
@@ -362,16 +435,10 @@ TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
   int notes = 0;
   for (uint32_t i = 0; i < plist_array_get_size(apps); ++i) {
     plist_t app = plist_array_get_item(apps, i);
-    char* id = nullptr;
-    char* name = nullptr;
     uint8_t shared = 0;
-    plist_get_string_val(plist_dict_get_item(app, "CFBundleIdentifier"), &id);
-    plist_get_string_val(plist_dict_get_item(app, "CFBundleDisplayName"), &name);
     plist_get_bool_val(plist_dict_get_item(app, "UIFileSharingEnabled"), &shared);
-    sharing[id] = shared != 0;
-    if (std::string(name) == "Notes") ++notes;
-    free(id);
-    free(name);
+    sharing[dict_text(app, "CFBundleIdentifier")] = shared != 0;
+    if (dict_text(app, "CFBundleDisplayName") == "Notes") ++notes;
   }
   plist_free(apps);
   EXPECT_EQ(notes, 2);
@@ -385,6 +452,692 @@ TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
 
   instproxy_client_options_free(options);
   instproxy_client_free(proxy);
+}
+
+
+TEST_F(DevsimFaultsTest, AnswersTheChosenErrorForMatchingPathsOnly) {
+  start();
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
+  uint64_t handle = 0;
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+
+  // A rule for one kind of request: the file opens and reads, but stays.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
+            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
+  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  char byte = 0;
+  uint32_t got = 0;
+  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
+  EXPECT_EQ(got, 1u);
+  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
+}
+
+TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTheLimit) {
+  start();
+  // The lockdown client that started the service is closed by now, but
+  // devsim may not have seen it go yet.
+  EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_) == "ok 1"; }));
+  EXPECT_EQ(sim_.control("connections " + udid_ + " afc"), "ok 1");
+  EXPECT_EQ(sim_.control("connections " + udid_ + " house_arrest"), "ok 0");
+  EXPECT_EQ(sim_.control("connections * lockdown"), "ok 0");
+  EXPECT_EQ(sim_.control("connections " + udid_ + " usb"),
+            "error: usage: connections UDID [lockdown|afc|installation_proxy|house_arrest]");
+
+  // With the AFC connection and this lockdown client open, two is the limit.
+  ASSERT_EQ(sim_.control("service-limit " + udid_ + " 2"), "ok");
+  ASSERT_EQ(lockdownd_client_new_with_handshake(device_, &lockdown_, "devsim-test"), LOCKDOWN_E_SUCCESS);
+  EXPECT_EQ(sim_.control("connections " + udid_ + " lockdown"), "ok 1");
+  lockdownd_service_descriptor_t service = nullptr;
+  EXPECT_EQ(lockdownd_start_service(lockdown_, "com.apple.afc", &service), LOCKDOWN_E_SERVICE_LIMIT);
+  if (service) lockdownd_service_descriptor_free(service);
+  service = nullptr;
+  ASSERT_EQ(sim_.control("service-limit " + udid_ + " 0"), "ok");
+  EXPECT_EQ(lockdownd_start_service(lockdown_, "com.apple.afc", &service), LOCKDOWN_E_SUCCESS);
+  if (service) lockdownd_service_descriptor_free(service);
+  lockdownd_client_free(lockdown_);
+  lockdown_ = nullptr;
+  EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_ + " lockdown") == "ok 0"; }));
+  // Closed connections are counted out: none left once AFC closes too.
+  afc_client_free(afc_);
+  afc_ = nullptr;
+  EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_) == "ok 0"; }));
+}
+
+TEST_F(DevsimFaultsTest, LateDeviceAppearsAfterItsDelay) {
+  DevsimImage late;
+  late.udid = "1a7e00000000000000000000000000000000d3v5";
+  ASSERT_TRUE(sim_.start({DevsimImage{}, late}, {"--fault", "appear-after " + late.udid + " 2"})) << sim_.error();
+  EXPECT_TRUE(device_listed(sim_.udid(0)));
+  EXPECT_FALSE(device_listed(late.udid));
+  idevice_t device = nullptr;
+  EXPECT_NE(idevice_new(&device, late.udid.c_str()), IDEVICE_E_SUCCESS);
+  EXPECT_TRUE(eventually([&] { return device_listed(late.udid); }));
+  EXPECT_EQ(handshake_and_start_afc(late.udid), LOCKDOWN_E_SUCCESS);
+}
+
+struct Events {
+  std::mutex mutex;
+  std::vector<std::pair<int, uint32_t>> seen;  // event, device id
+};
+
+void record_event(const usbmuxd_event_t* event, void* user_data) {
+  auto* events = static_cast<Events*>(user_data);
+  std::lock_guard<std::mutex> lock(events->mutex);
+  events->seen.emplace_back(event->event, event->device.handle);
+}
+
+// Dropped after N requests, or unplugged: open connections are cut and new
+// ones served; listeners see the unplug.
+TEST_F(DevsimFaultsTest, DropsAndUnplugsCutOpenConnectionsAndListenersSeeThem) {
+  start();
+  ASSERT_EQ(sim_.control("drop-after-requests " + udid_ + " 5"), "ok");
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS) << i;
+  EXPECT_NE(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
+  connect_afc();
+  EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+
+  Events events;
+  usbmuxd_subscription_context_t subscription = nullptr;
+  ASSERT_EQ(usbmuxd_events_subscribe(&subscription, record_event, &events), 0);
+  uint32_t id = sim_.location_id(0);
+  auto saw = [&](int event) {
+    std::lock_guard<std::mutex> lock(events.mutex);
+    for (auto& e : events.seen) {
+      if (e.first == event && e.second == id) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(eventually([&] { return saw(UE_DEVICE_ADD); }));
+
+  ASSERT_EQ(sim_.control("unplug " + udid_ + " 1"), "ok");
+  EXPECT_TRUE(eventually([&] { return saw(UE_DEVICE_REMOVE); }));
+  EXPECT_NE(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
+  {
+    std::lock_guard<std::mutex> lock(events.mutex);
+    events.seen.clear();
+  }
+  EXPECT_TRUE(eventually([&] { return saw(UE_DEVICE_ADD); }));
+  usbmuxd_events_unsubscribe(subscription);
+  connect_afc();
+  EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
+
+  ASSERT_EQ(sim_.control("unplug " + udid_), "ok");
+  EXPECT_FALSE(device_listed(udid_));
+  ASSERT_EQ(sim_.control("plug " + udid_), "ok");
+  EXPECT_TRUE(device_listed(udid_));
+}
+
+// Shaped traffic still carries the same bytes; a connection is dropped once
+// N bytes of file data have gone.
+TEST_F(DevsimFaultsTest, ShapedTrafficCarriesTheSameBytesAndDropsAfterNBytes) {
+  start({"--latency-us", "300", "--bandwidth-mbps", "35"});
+  uint64_t handle = 0;
+  ASSERT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  std::string data(1024 * 1024 + 10, '\0');
+  uint32_t got = 0;
+  ASSERT_EQ(afc_file_read(afc_, handle, &data[0], static_cast<uint32_t>(data.size()), &got), AFC_E_SUCCESS);
+  data.resize(got);
+  EXPECT_EQ(data, std::string(1024 * 1024, 'd'));
+  EXPECT_EQ(sim_.control("bandwidth-mbps 0"), "ok");
+  EXPECT_EQ(sim_.control("latency-us nope"), "error: usage: latency-us MICROSECONDS");
+
+  ASSERT_EQ(sim_.control("drop-after-bytes * 300000"), "ok");
+  ASSERT_EQ(afc_file_seek(afc_, handle, 0, SEEK_SET), AFC_E_SUCCESS);
+  uint64_t total = 0;
+  afc_error_t result = AFC_E_SUCCESS;
+  while (result == AFC_E_SUCCESS && total < 1024 * 1024) {
+    result = afc_file_read(afc_, handle, &data[0], 65536, &got);
+    if (got == 0) break;
+    total += got;
+  }
+  EXPECT_NE(result, AFC_E_SUCCESS);
+  EXPECT_GE(total, 300000u);
+  EXPECT_LT(total, 1024u * 1024u);
+}
+
+TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
+  start();
+  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND) << "an honest device by default";
+  EXPECT_EQ(sim_.control("hostile " + udid_ + " names bogus"),
+            "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
+  EXPECT_EQ(sim_.control("hostile " + udid_), "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
+  ASSERT_EQ(sim_.control("hostile " + udid_ + " names deep"), "ok");
+  EXPECT_EQ(listing(afc_, "/general_storage"),
+            (std::vector<std::string>{".", "..", "Hostile", "data.bin", "folder", "hello.txt", "locked.txt",
+                                      "open.txt"}));
+  EXPECT_EQ(listing(afc_, "/general_storage/Hostile"), (std::vector<std::string>{".", "..", "names", "deep"}));
+  EXPECT_EQ(stat_path("/general_storage/Hostile/sizes"), AFC_E_OBJECT_NOT_FOUND) << "a kind not chosen";
+  // The made-up tree cannot be changed, and nothing was written to the image.
+  EXPECT_EQ(afc_make_directory(afc_, "/general_storage/Hostile/names/new"), AFC_E_PERM_DENIED);
+  uint64_t handle = 0;
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/Hostile/names/plain.txt", AFC_FOPEN_RW, &handle), AFC_E_PERM_DENIED);
+  struct stat st;
+  EXPECT_NE(stat((sim_.image_dir(0) + "/media/general_storage/Hostile").c_str(), &st), 0);
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+  EXPECT_EQ(stat_path("/general_storage/Hostile/names"), AFC_E_SUCCESS) << "clear leaves hostile kinds";
+  ASSERT_EQ(sim_.control("hostile " + udid_ + " none"), "ok");
+  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND);
+}
+
+TEST_F(DevsimUsbmuxTest, StockToolsReachEachImageByItsUdid) {
+  if (!have_program("idevice_id") || !have_program("ideviceinfo"))
+    GTEST_SKIP() << "idevice_id/ideviceinfo (libimobiledevice-utils) not installed";
+  DevsimImage first, second;
+  first.name = "First Phone";
+  first.capacity_bytes = 64000000000ull;
+  second.name = "Second iPad";
+  second.product_type = "iPad6,11";
+  second.ios_version = "11.4";
+  ASSERT_TRUE(sim_.start({first, second})) << sim_.error();
+
+  std::string output;
+  ASSERT_EQ(run_program({"idevice_id", "-l"}, &output), 0) << output;
+  EXPECT_NE(output.find(sim_.udid(0)), std::string::npos) << output;
+  EXPECT_NE(output.find(sim_.udid(1)), std::string::npos) << output;
+
+  const std::pair<std::vector<std::string>, std::string> answers[] = {
+      {{"ideviceinfo", "-u", sim_.udid(0), "-k", "DeviceName"}, "First Phone\n"},
+      {{"ideviceinfo", "-u", sim_.udid(1), "-k", "DeviceName"}, "Second iPad\n"},
+      {{"ideviceinfo", "-u", sim_.udid(0), "-q", "com.apple.disk_usage", "-k", "TotalDiskCapacity"},
+       "64000000000\n"},
+  };
+  for (const auto& [argv, says] : answers) {
+    ASSERT_EQ(run_program(argv, &output), 0) << output;
+    EXPECT_EQ(output, says);
+  }
+  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(1)}, &output), 0) << output;
+  const std::string lines[] = {"ProductVersion: 11.4\n", "DeviceClass: iPad\n",
+                               "UniqueDeviceID: " + sim_.udid(1) + "\n"};
+  for (const std::string& line : lines) EXPECT_NE(output.find(line), std::string::npos) << output;
+  EXPECT_NE(run_program({"ideviceinfo", "-u", "0000000000000000000000000000000000000000", "-k", "DeviceName"},
+                        &output),
+            0);
+}
+
+// The parsed pair record usbmux serves for `udid`, or null.
+plist_t read_pair_record(const std::string& udid) {
+  char* record = nullptr;
+  uint32_t size = 0;
+  if (usbmuxd_read_pair_record(udid.c_str(), &record, &size) < 0) return nullptr;
+  plist_t parsed = nullptr;
+  plist_from_memory(record, size, &parsed);
+  free(record);
+  return parsed;
+}
+
+// StartSession with the served record's HostID: whether the device asked for
+// TLS, and whether the connection still answers in plain after StopSession.
+void session_then_plain(const std::string& udid, int& ssl_enabled, bool& plain_after) {
+  ssl_enabled = -1;
+  plain_after = false;
+  plist_t record = read_pair_record(udid);
+  std::string host_id = dict_text(record, "HostID");
+  plist_free(record);
+  idevice_t device = nullptr;
+  ASSERT_EQ(idevice_new(&device, udid.c_str()), IDEVICE_E_SUCCESS);
+  lockdownd_client_t client = nullptr;
+  ASSERT_EQ(lockdownd_client_new(device, &client, "devsim-test"), LOCKDOWN_E_SUCCESS);
+  char* session = nullptr;
+  EXPECT_EQ(lockdownd_start_session(client, host_id.c_str(), &session, &ssl_enabled), LOCKDOWN_E_SUCCESS);
+  if (session) {
+    EXPECT_EQ(lockdownd_stop_session(client, session), LOCKDOWN_E_SUCCESS);
+  }
+  free(session);
+  plist_t value = nullptr;
+  plain_after = lockdownd_get_value(client, nullptr, "DeviceName", &value) == LOCKDOWN_E_SUCCESS;
+  plist_free(value);
+  lockdownd_client_free(client);
+  idevice_free(device);
+}
+
+TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilTheDeviceForgetsIt) {
+  std::string dir = makeTempDir("devsim-pairing-");
+  ASSERT_FALSE(dir.empty());
+  DevsimImage image;
+  image.udid = "9a1e0000000000000000000000000000000094a1";
+  image.location_id = 9401;
+  ASSERT_TRUE(write_devsim_image(dir + "/image", image));
+  ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"})) << sim_.error();
+
+  plist_t record = read_pair_record(image.udid);
+  ASSERT_NE(record, nullptr);
+  for (const char* key :
+       {"HostCertificate", "HostPrivateKey", "RootCertificate", "RootPrivateKey", "DeviceCertificate"}) {
+    EXPECT_EQ(dict_text(record, key).rfind("-----BEGIN ", 0), 0u) << key;
+  }
+  char* buid = nullptr;
+  ASSERT_EQ(usbmuxd_read_buid(&buid), 0);
+  EXPECT_EQ(dict_text(record, "SystemBUID"), buid);
+  free(buid);
+  EXPECT_NE(dict_text(record, "HostID"), "");
+  std::string served = dict_text(record, "HostID") + dict_text(record, "RootCertificate");
+  plist_free(record);
+
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
+  int ssl_enabled = -1;
+  bool plain_after = false;
+  session_then_plain(image.udid, ssl_enabled, plain_after);
+  EXPECT_EQ(ssl_enabled, 1);
+  EXPECT_TRUE(plain_after) << sim_.log();
+
+  // A restart serves the same pairing, and the device still accepts it.
+  ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"})) << sim_.error();
+  record = read_pair_record(image.udid);
+  EXPECT_EQ(dict_text(record, "HostID") + dict_text(record, "RootCertificate"), served);
+  plist_free(record);
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
+
+  // Forgotten: usbmux still serves the record, the handshake refuses it.
+  EXPECT_EQ(sim_.control("forget-host " + image.udid), "ok");
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SSL_ERROR);
+  record = read_pair_record(image.udid);
+  EXPECT_NE(record, nullptr);
+  plist_free(record);
+  // Unpaired: no record, and a client must pair.
+  EXPECT_EQ(sim_.control("unpaired " + image.udid), "ok");
+  EXPECT_EQ(read_pair_record(image.udid), nullptr);
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING);
+
+  // --no-tls: plain sessions on a made-up record, whatever the image holds.
+  ASSERT_TRUE(sim_.start_with_dirs({dir + "/image"}, {"--no-tls"})) << sim_.error();
+  record = read_pair_record(image.udid);
+  EXPECT_NE(dict_text(record, "HostID"), "");
+  EXPECT_EQ(dict_text(record, "RootCertificate"), "");
+  plist_free(record);
+  EXPECT_EQ(handshake_and_start_afc(image.udid), LOCKDOWN_E_SUCCESS) << sim_.log();
+  session_then_plain(image.udid, ssl_enabled, plain_after);
+  EXPECT_EQ(ssl_enabled, 0);
+  EXPECT_TRUE(plain_after);
+  EXPECT_EQ(sim_.control("trust " + image.udid).rfind("error: ", 0), 0u);
+
+  // Records for ids that are no device's are kept as given.
+  char* saved_back = nullptr;
+  uint32_t size = 0;
+  const char saved[] = "saved record";
+  ASSERT_EQ(usbmuxd_save_pair_record("unknown-device", saved, sizeof saved), 0);
+  ASSERT_EQ(usbmuxd_read_pair_record("unknown-device", &saved_back, &size), 0);
+  EXPECT_EQ(std::string(saved_back, size), std::string(saved, sizeof saved));
+  free(saved_back);
+  ASSERT_EQ(usbmuxd_delete_pair_record("unknown-device"), 0);
+  EXPECT_LT(usbmuxd_read_pair_record("unknown-device", &saved_back, &size), 0);
+  EXPECT_TRUE(sim_.stop()) << sim_.error();
+  removeTree(dir);
+}
+
+// idevicepair and ideviceinfo, unmodified, through a trust prompt, a denial,
+// a passcode lock and a device that forgot the computer; then with --no-tls,
+// where the made-up record needs no pairing.
+TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAsOnAPhone) {
+  if (!have_program("idevicepair") || !have_program("ideviceinfo"))
+    GTEST_SKIP() << "idevicepair/ideviceinfo (libimobiledevice-utils) not installed";
+  DevsimImage phone;
+  phone.name = "Pairing Phone";
+  phone.location_id = 9402;
+  phone.udid = "9a1e0000000000000000000000000000000094a2";
+  ASSERT_TRUE(sim_.start({phone})) << sim_.error();
+  const std::string udid = phone.udid;
+  const std::string pending = "Please accept the trust dialog", denied = "the user denied the trust dialog",
+                    paired = "SUCCESS: Paired", valid = "SUCCESS: Validated", passcode = "a passcode is set",
+                    not_paired = "is not paired with this host", unpaired = "SUCCESS: Unpaired";
+  struct Step {
+    const char* control;  // sent first when not null
+    std::vector<std::string> tool;
+    int status;
+    std::string says;
+  };
+  const std::vector<Step> steps = {
+      {nullptr, {"idevicepair", "validate"}, 0, valid},
+      {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 0, "Pairing Phone\n"},
+      // A new computer: the prompt until the user answers, on every try.
+      {"unpaired", {"ideviceinfo", "-k", "DeviceName"}, 255, "Pairing dialog response pending (-19)"},
+      {nullptr, {"idevicepair", "pair"}, 1, pending},
+      {nullptr, {"idevicepair", "pair"}, 1, pending},
+      {"deny", {"idevicepair", "pair"}, 1, denied},
+      {nullptr, {"idevicepair", "pair"}, 1, denied},
+      {"trust", {"idevicepair", "pair"}, 0, paired},
+      {nullptr, {"idevicepair", "validate"}, 0, valid},
+      {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 0, "Pairing Phone\n"},
+      // Locked: pairing and sessions wait for the passcode.
+      {"lock", {"idevicepair", "validate"}, 1, passcode},
+      {nullptr, {"idevicepair", "pair"}, 1, passcode},
+      {"unlock", {"idevicepair", "validate"}, 0, valid},
+      // Forgotten: the stored record no longer opens a session.
+      {"forget-host", {"idevicepair", "validate"}, 1, "error code -5"},
+      {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 255, "SSL error (-5)"},
+      {nullptr, {"idevicepair", "unpair"}, 1, not_paired},
+      {nullptr, {"idevicepair", "pair"}, 1, pending},
+      {"trust", {"idevicepair", "pair"}, 0, paired},
+      {nullptr, {"idevicepair", "unpair"}, 0, unpaired},
+      // Unpaired from the host: no record left, so validating pairs anew.
+      {nullptr, {"idevicepair", "validate"}, 1, pending},
+  };
+  auto play = [&](const std::vector<Step>& steps) {
+    for (size_t i = 0; i < steps.size(); ++i) {
+      const Step& step = steps[i];
+      if (step.control) {
+        ASSERT_EQ(sim_.control(std::string(step.control) + " " + udid), "ok") << step.control;
+      }
+      std::vector<std::string> argv = step.tool;
+      argv.insert(argv.begin() + 1, {"-u", udid});
+      std::string output;
+      EXPECT_EQ(run_program(argv, &output, 60), step.status) << "step " << i << ": " << output;
+      EXPECT_NE(output.find(step.says), std::string::npos) << "step " << i << ": " << output;
+    }
+  };
+  play(steps);
+  ASSERT_TRUE(sim_.start({phone}, {"--no-tls"})) << sim_.error();
+  play({{nullptr, {"idevicepair", "validate"}, 0, valid},
+        {nullptr, {"ideviceinfo", "-k", "DeviceName"}, 0, "Pairing Phone\n"},
+        {"lock", {"idevicepair", "validate"}, 1, passcode}});
+}
+
+TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
+  std::string dir = makeTempDir("devsim-json-");
+  ASSERT_FALSE(dir.empty());
+  struct Case {
+    const char* json;
+    const char* mentions;
+  } cases[] = {
+      {R"({"name": "x", "capacity_bytes": "big"})", "capacity_bytes"},
+      {R"({"location_id": -4})", "location_id"},
+      {R"({"apps": [{"display_name": "No id"}]})", "bundle_id"},
+      {R"({"apps": [{"bundle_id": "a", "file_sharing": "yes"}]})", "file_sharing"},
+      {R"({"apps": {"bundle_id": "a"}})", "apps"},
+      {R"({"udid": 42})", "udid"},
+      {R"({"name": )", "not valid JSON"},
+      {R"({"hostile": ["names", "lies"]})", "key \"hostile\" holds \"lies\""},
+  };
+  for (const Case& c : cases) {
+    std::ofstream(dir + "/device.json", std::ios::trunc) << c.json;
+    std::string output;
+    EXPECT_EQ(run_program({devsim_program(), "serve", "--socket", dir + "/s", dir}, &output, 30), 2) << c.json;
+    EXPECT_NE(output.find(c.mentions), std::string::npos) << c.json << " -> " << output;
+    EXPECT_FALSE(fs::exists(dir + "/s"));
+  }
+  // Missing optional keys get defaults.
+  std::ofstream(dir + "/device.json", std::ios::trunc) << R"({"udid": "abc"})";
+  ASSERT_TRUE(sim_.start_with_dirs({dir})) << sim_.error();
+  EXPECT_TRUE(sim_.stop()) << sim_.error();
+  removeTree(dir);
+}
+
+TEST_F(DevsimUsbmuxTest, MakeSampleWritesAUsableImageThatServesUntilSigint) {
+  std::string pattern = makeTempDir("devsim-sample-");
+  ASSERT_FALSE(pattern.empty());
+  std::string dir = pattern + "/image";
+  std::string output;
+  ASSERT_EQ(run_program({devsim_program(), "make-sample", dir}, &output), 0) << output;
+  EXPECT_NE(run_program({devsim_program(), "make-sample", dir}, &output), 0);  // never over an existing image
+  std::string storage = dir + "/media/general_storage";
+  EXPECT_TRUE(fs::exists(storage + "/.hidden_settings"));
+  EXPECT_TRUE(fs::exists(storage + "/R\xC3\xA9sum\xC3\xA9.txt"));
+  EXPECT_TRUE(fs::exists(storage + "/Re\xCC\x81sume\xCC\x81.txt"));
+  EXPECT_TRUE(fs::exists(storage + "/it's a \"quoted\" $(touch pwned) name.txt"));
+  EXPECT_TRUE(fs::exists(storage + "/Documents/Reports/2017/summary.txt"));
+  EXPECT_GE(fs::file_size(storage + "/Big Files/random.bin"), 2u * 1024 * 1024);
+  EXPECT_TRUE(fs::exists(dir + "/apps/com.example.notes/Documents/Drafts/draft.txt"));
+
+  ASSERT_TRUE(sim_.start_with_dirs({dir})) << sim_.error();
+  EXPECT_EQ(sim_.udid(0).size(), 40u);
+  idevice_t device = nullptr;
+  EXPECT_EQ(idevice_new(&device, sim_.udid(0).c_str()), IDEVICE_E_SUCCESS);
+  if (device) idevice_free(device);
+  EXPECT_TRUE(sim_.stop()) << sim_.error();
+  EXPECT_FALSE(fs::exists(storage + "/pwned"));
+
+  // SIGINT stops it cleanly, its sockets removed.
+  std::string socket = pattern + "/mux.sock";
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    execl(devsim_program().c_str(), "devsim", "serve", "--socket", socket.c_str(), dir.c_str(),
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  EXPECT_TRUE(eventually([&] { return fs::exists(socket + ".control"); }, 30));
+  kill(pid, SIGINT);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_FALSE(fs::exists(socket));
+  EXPECT_FALSE(fs::exists(socket + ".control"));
+  removeTree(pattern);
+}
+
+int connect_mux(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    close(fd);
+    return -1;
+  }
+  timeval timeout{20, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  return fd;
+}
+
+void send_bytes(int fd, const std::string& bytes) { send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+std::string u32le(uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
+std::string u64le(uint64_t v) { return std::string(reinterpret_cast<const char*>(&v), 8); }
+std::string u32be(uint32_t v) {
+  v = htonl(v);
+  return std::string(reinterpret_cast<const char*>(&v), 4);
+}
+
+std::string xml_of(plist_t dict) {
+  char* xml = nullptr;
+  uint32_t length = 0;
+  plist_to_xml(dict, &xml, &length);
+  std::string text(xml, length);
+  free(xml);
+  return text;
+}
+
+std::string usbmux_packet(const std::string& body, uint32_t version = 1, uint32_t type = 8) {
+  return u32le(static_cast<uint32_t>(16 + body.size())) + u32le(version) + u32le(type) + u32le(1) + body;
+}
+
+// Reads one usbmux reply and returns its "Number" (or -1).
+int64_t read_result(int fd) {
+  char header[16];
+  if (recv(fd, header, 16, MSG_WAITALL) != 16) return -1;
+  uint32_t length;
+  memcpy(&length, header, 4);
+  std::string body(length - 16, '\0');
+  if (recv(fd, &body[0], body.size(), MSG_WAITALL) != static_cast<ssize_t>(body.size())) return -1;
+  plist_t reply = nullptr;
+  plist_from_xml(body.data(), static_cast<uint32_t>(body.size()), &reply);
+  uint64_t number = UINT64_MAX;
+  if (reply && plist_dict_get_item(reply, "Number")) plist_get_uint_val(plist_dict_get_item(reply, "Number"), &number);
+  plist_free(reply);
+  return number == UINT64_MAX ? -1 : static_cast<int64_t>(number);
+}
+
+// A raw connection through usbmux Connect to a device port; -1 on refusal.
+int connect_port(const std::string& path, uint32_t device_id, uint16_t port, int64_t* result = nullptr) {
+  int fd = connect_mux(path);
+  plist_t request = plist_new_dict();
+  plist_dict_set_item(request, "MessageType", plist_new_string("Connect"));
+  plist_dict_set_item(request, "DeviceID", plist_new_uint(device_id));
+  plist_dict_set_item(request, "PortNumber", plist_new_uint(htons(port)));
+  send_bytes(fd, usbmux_packet(xml_of(request)));
+  plist_free(request);
+  int64_t number = read_result(fd);
+  if (result) *result = number;
+  if (number != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// True when the server closes the connection (rather than leaving it hanging).
+bool closed_by_server(int fd) {
+  char buffer[4096];
+  for (;;) {
+    ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+    if (n == 0 || (n < 0 && errno == ECONNRESET)) {
+      close(fd);
+      return true;
+    }
+    if (n < 0) {
+      close(fd);
+      return false;  // timed out
+    }
+  }
+}
+
+std::string plist_message(const std::string& xml) { return u32be(static_cast<uint32_t>(xml.size())) + xml; }
+
+std::string afc_header(uint64_t entire, uint64_t this_length, uint64_t operation, const char* magic = "CFA6LPAA") {
+  return std::string(magic, 8) + u64le(entire) + u64le(this_length) + u64le(1) + u64le(operation);
+}
+
+// The port lockdown gave for a service, started in plain from the TLS session.
+uint16_t service_port(lockdownd_client_t lockdown, const char* name) {
+  lockdownd_service_descriptor_t service = nullptr;
+  EXPECT_EQ(lockdownd_start_service(lockdown, name, &service), LOCKDOWN_E_SUCCESS) << name;
+  uint16_t port = service ? service->port : 0;
+  EXPECT_NE(port, 0) << name;
+  EXPECT_EQ(service ? service->ssl_enabled : -1, 0) << name;
+  lockdownd_service_descriptor_free(service);
+  return port;
+}
+
+// Lockdown answers values and starts services; malformed input to usbmux and
+// to every service closes only the offending connection, while this
+// well-behaved client (its long-lived AFC and lockdown connections) keeps
+// being served throughout.
+TEST_F(DevsimRobustnessTest, ServesValuesAndOutlastsMalformedInputToEveryService) {
+  start();
+  ASSERT_EQ(lockdownd_client_new_with_handshake(device_, &lockdown_, "devsim-test"), LOCKDOWN_E_SUCCESS);
+  plist_t value = nullptr;
+  ASSERT_EQ(lockdownd_get_value(lockdown_, "com.apple.disk_usage", "TotalDataAvailable", &value),
+            LOCKDOWN_E_SUCCESS);
+  uint64_t available = 0;
+  plist_get_uint_val(value, &available);
+  plist_free(value);
+  EXPECT_EQ(available, 50000000u - kStored);
+  value = nullptr;
+  EXPECT_EQ(lockdownd_get_value(lockdown_, nullptr, "NoSuchKey", &value), LOCKDOWN_E_MISSING_VALUE);
+  lockdownd_service_descriptor_t service = nullptr;
+  EXPECT_EQ(lockdownd_start_service(lockdown_, "com.apple.mobile.diagnostics_relay.nope", &service),
+            LOCKDOWN_E_INVALID_SERVICE);
+
+  auto expect_still_served = [&](const std::string& after) {
+    EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS) << "after " << after;
+    plist_t name = nullptr;
+    EXPECT_EQ(lockdownd_get_value(lockdown_, nullptr, "DeviceName", &name), LOCKDOWN_E_SUCCESS) << "after " << after;
+    plist_free(name);
+  };
+  const uint32_t id = sim_.location_id(0);
+  const struct {
+    const char* label;
+    std::string bytes;
+  } mux_cases[] = {
+      {"length below the header", u32le(3) + u32le(1) + u32le(8) + u32le(1)},
+      {"length of 4 GiB", u32le(0xffffffffu) + u32le(1) + u32le(8) + u32le(1)},
+      {"body that is no plist", usbmux_packet("this is not a plist at all")},
+      {"plist that is not a dict", usbmux_packet("<plist><array/></plist>")},
+      {"unknown message type",
+       usbmux_packet("<plist><dict><key>MessageType</key><string>Explode</string></dict></plist>")},
+      {"binary protocol", usbmux_packet("xxxx", 0, 3)},
+  };
+  for (const auto& c : mux_cases) {
+    int fd = connect_mux(sim_.socket_path());
+    send_bytes(fd, c.bytes);
+    EXPECT_TRUE(closed_by_server(fd)) << c.label;
+    expect_still_served(c.label);
+  }
+  int fd = connect_mux(sim_.socket_path());
+  send_bytes(fd, u32le(200) + u32le(1) + u32le(8) + u32le(1) + "<plist>");
+  close(fd);
+  expect_still_served("truncated message");
+  int64_t result = 0;
+  EXPECT_EQ(connect_port(sim_.socket_path(), 4242, 62078, &result), -1);
+  EXPECT_EQ(result, 2);  // no such device
+  EXPECT_EQ(connect_port(sim_.socket_path(), id, 1, &result), -1);
+  EXPECT_EQ(result, 3);  // connection refused
+  expect_still_served("refused connects");
+
+  const char* afc = "com.apple.afc";
+  const char* proxy = "com.apple.mobile.installation_proxy";
+  const char* house = "com.apple.mobile.house_arrest";
+  const struct {
+    const char* service;  // null: lockdown itself
+    const char* label;
+    std::string bytes;
+    bool close_early;  // an abrupt disconnect in the middle of a message
+  } cases[] = {
+      {nullptr, "length of 4 GiB", u32be(0xffffffffu), false},
+      {nullptr, "zero length", u32be(0), false},
+      {nullptr, "no plist", plist_message("garbage!"), false},
+      {nullptr, "array", plist_message("<plist><array/></plist>"), false},
+      {nullptr, "unknown request",
+       plist_message("<plist><dict><key>Request</key><string>SelfDestruct</string></dict></plist>"), false},
+      {nullptr, "truncated", u32be(500) + "<plist><dict>", true},
+      {afc, "bad magic", afc_header(40, 40, 3, "XXXXXXXX"), false},
+      {afc, "this length below header", afc_header(40, 12, 3), false},
+      {afc, "entire below this", afc_header(40, 60, 3) + std::string(20, 'a'), false},
+      {afc, "negative length", afc_header(0x8000000000000000ull, 40, 3), false},
+      {afc, "oversize payload", afc_header(1ull << 40, 48, 0x10) + u64le(1), false},
+      {afc, "unknown operation", afc_header(40, 40, 0x99), false},
+      {afc, "reply operation as request", afc_header(48, 48, 0x01) + u64le(0), false},
+      {afc, "path without terminator", afc_header(45, 45, 0x03) + "/abcd", false},
+      {afc, "read with short parameters", afc_header(48, 48, 0x0F) + u64le(1), false},
+      {afc, "truncated write", afc_header(40 + 8 + 100000, 48, 0x10) + u64le(1) + "short", true},
+      {proxy, "length of 4 GiB", u32be(0xfffffff0u), false},
+      {proxy, "no plist", plist_message("{json: maybe}"), false},
+      {proxy, "unknown command",
+       plist_message("<plist><dict><key>Command</key><string>Uninstall</string></dict></plist>"), false},
+      {house, "no plist", plist_message("<plist><dict><key>"), false},
+      {house, "unknown command",
+       plist_message("<plist><dict><key>Command</key><string>VendEverything</string></dict></plist>"), false},
+  };
+  for (const auto& c : cases) {
+    std::string label = std::string(c.service ? c.service : "lockdown") + ": " + c.label;
+    fd = connect_port(sim_.socket_path(), id, c.service ? service_port(lockdown_, c.service) : 62078);
+    ASSERT_GE(fd, 0) << label;
+    send_bytes(fd, c.bytes);
+    if (c.close_early) {
+      close(fd);
+    } else {
+      EXPECT_TRUE(closed_by_server(fd)) << label;
+    }
+    expect_still_served(label);
+  }
+
+  // After a successful vend the connection is AFC, and equally guarded.
+  std::string vend = plist_message(
+      "<plist><dict><key>Command</key><string>VendDocuments</string>"
+      "<key>Identifier</key><string>com.example.notes</string></dict></plist>");
+  fd = connect_port(sim_.socket_path(), id, service_port(lockdown_, house));
+  ASSERT_GE(fd, 0);
+  send_bytes(fd, vend);
+  char length[4];
+  ASSERT_EQ(recv(fd, length, 4, MSG_WAITALL), 4);
+  uint32_t size;
+  memcpy(&size, length, 4);
+  std::string reply(ntohl(size), '\0');
+  ASSERT_EQ(recv(fd, &reply[0], reply.size(), MSG_WAITALL), static_cast<ssize_t>(reply.size()));
+  EXPECT_NE(reply.find("Complete"), std::string::npos);
+  send_bytes(fd, afc_header(40, 40, 0x77));
+  EXPECT_TRUE(closed_by_server(fd));
+  expect_still_served("garbage after vend");
+  EXPECT_NE(sim_.log().find("afc: unknown operation 0x77, closing"), std::string::npos) << sim_.log();
 }
 
 }  // namespace
