@@ -152,16 +152,9 @@ protected:
         EXPECT_TRUE(sim.start_with_dirs(dirs)) << sim.error();
         return sim.running();
     }
-    // Mounts the device of that location id, after unmounting any other
-    // and dropping its log.
     bool mountPhone(uint32_t locationId) {
-        if (mount.pid > 0) {
-            EXPECT_EQ(unmountDevice(), 0);
-        }
-        removeTree(mount.logDir);
-        mkdir(mount.logDir.c_str(), 0700);
         imageDir = tempDir + "/image" + std::to_string(locationId);
-        return mountDevice(locationId);
+        return mountAfresh(locationId);
     }
     std::vector<std::string> photoFolder(const std::string &name) {
         return sorted(namesIn(inMount("/Media/Photo/" + name)));
