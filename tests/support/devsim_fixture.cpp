@@ -155,50 +155,30 @@ bool Devsim::launch(const std::vector<std::string>& image_dirs, const std::vecto
   for (std::string& arg : args) argv.push_back(&arg[0]);
   argv.push_back(nullptr);
 
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) {
-    error_ = std::string("pipe: ") + strerror(errno);
-    return false;
-  }
-  std::string log_path = work_dir_ + "/devsim.log";
+  std::string log_path = work_dir_ + "/devsim.log", out_path = work_dir_ + "/devsim.out";
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  pid_t pid = -1;
-  int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  int rc = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
   if (rc != 0) {
-    close(out[0]);
+    pid_ = -1;
     error_ = std::string("cannot start devsim: ") + strerror(rc);
     return false;
   }
-  pid_ = pid;
-
-  // Wait for "ready: N device(s) on PATH".
-  std::string output;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  bool ready = false;
-  while (!ready && std::chrono::steady_clock::now() < deadline) {
-    pollfd p{out[0], POLLIN, 0};
-    if (poll(&p, 1, 100) > 0) {
-      char buffer[512];
-      ssize_t n = read(out[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      output.append(buffer, static_cast<size_t>(n));
-      ready = output.find("ready: ") != std::string::npos && output.find('\n') != std::string::npos;
-    }
-    int status = 0;
-    if (!ready && waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      break;
-    }
-  }
-  close(out[0]);
-  if (!ready) {
-    error_ = "devsim did not become ready; output: " + output + " log: " + log();
+  // Ready once it says "ready: N device(s) on PATH"; given up on once it ended.
+  auto said_ready = [&] {
+    std::string output = readLocal(out_path);
+    return output.find("ready: ") != std::string::npos && output.find('\n') != std::string::npos;
+  };
+  eventually([&] {
+    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
+    return pid_ <= 0 || said_ready();
+  }, 30);
+  if (pid_ <= 0 || !said_ready()) {
+    error_ = "devsim did not become ready; output: " + readLocal(out_path) + " log: " + log();
     if (pid_ > 0) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
