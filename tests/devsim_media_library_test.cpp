@@ -184,9 +184,7 @@ TEST_F(DevsimMediaLibraryTest, SkippedDatabasesAreAbsentAndStaleCompanionsGo) {
   ASSERT_TRUE(write(error)) << error;
   const std::string music = media() + "/iTunes_Control/iTunes/MediaLibrary.sqlitedb";
   ASSERT_TRUE(exists(music));
-  FILE* stale = fopen((photo_db() + "-wal").c_str(), "w");
-  ASSERT_NE(stale, nullptr);
-  fclose(stale);
+  ASSERT_TRUE(writeLocal(photo_db() + "-wal", ""));
   library.write_music_db = false;
   library.write_record_db = false;
   ASSERT_TRUE(write(error)) << error;

@@ -335,15 +335,9 @@ TEST_F(MediaTest, MissingAndCorruptDatabasesLeaveTheRestOfMediaListing) {
     phone.location_id = 67;
     std::string empty = writePhone(phone, none);
     // The photo library cut short after its first page.
-    std::string photos = readLocal(broken + "/media/PhotoData/Photos.sqlite");
-    ASSERT_GT(photos.size(), 4096u);
-    {
-        FILE *out = fopen((broken + "/media/PhotoData/Photos.sqlite").c_str(), "wb");
-        ASSERT_NE(out, nullptr);
-        fwrite(photos.data(), 1, 1024, out);
-        fwrite(std::string(3072, '\x5a').data(), 1, 3072, out);
-        fclose(out);
-    }
+    const std::string db = broken + "/media/PhotoData/Photos.sqlite";
+    ASSERT_GT(readLocal(db).size(), 4096u);
+    ASSERT_TRUE(writeLocal(db, readLocal(db).substr(0, 1024) + std::string(3072, 'Z')));
     ASSERT_TRUE(sim.start_with_dirs({broken, empty})) << sim.error();
     ASSERT_TRUE(mountPhone(66));
     EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
@@ -388,12 +382,8 @@ TEST_F(MediaTest, TheBusySignalComesAboveEachThresholdAndNeverAtIt) {
         size_t sum = readLocal(dir + "/media/iTunes_Control/iTunes/MediaLibrary.sqlitedb").size() +
                      readLocal(dir + "/media/PhotoData/Photos.sqlite").size();
         ASSERT_LT(sum, 3000000u);
-        mkdir((dir + "/media/Recordings").c_str(), 0755);
-        FILE *out = fopen((dir + "/media/Recordings/Recordings.db").c_str(), "wb");
-        ASSERT_NE(out, nullptr);
         std::string padding(3000000 - sum + static_cast<size_t>(extra), 'r');
-        fwrite(padding.data(), 1, padding.size(), out);
-        fclose(out);
+        ASSERT_TRUE(writeLocal(dir + "/media/Recordings/Recordings.db", padding));
     };
     device(71, 0);
     device(72, 1);

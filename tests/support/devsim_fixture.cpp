@@ -39,16 +39,8 @@ std::string made_up_udid() {
 }
 
 bool write_text(const fs::path& path, const std::string& contents, std::string& error) {
-  std::error_code ec;
-  fs::create_directories(path.parent_path(), ec);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
-  out.close();
-  if (!out) {
-    error = "cannot write " + path.string();
-    return false;
-  }
-  return true;
+  if (!writeLocal(path.string(), contents)) error = "cannot write " + path.string();
+  return error.empty();
 }
 
 }  // namespace

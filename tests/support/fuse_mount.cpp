@@ -37,11 +37,9 @@ std::string fuseUnavailableReason() {
 void DialogRecorder::create(const std::string &folder) {
     script = folder + "/record-dialog";
     record = folder + "/dialogs";
-    std::ofstream out(script);
     // Each argument ends with a NUL byte, each dialog with an extra one.
-    out << "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\0' \"$a\"; done >> '" << record << "'\nprintf '\\0' >> '"
-        << record << "'\n";
-    out.close();
+    writeLocal(script, "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\0' \"$a\"; done >> '" + record +
+                           "'\nprintf '\\0' >> '" + record + "'\n");
     chmod(script.c_str(), 0755);
 }
 
