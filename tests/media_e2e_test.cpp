@@ -166,12 +166,9 @@ protected:
     }
     // A listed photo reads as the device file it stands for.
     void expectSameBytes(const std::string &volumePath, const std::string &devicePath) {
-        std::string copy = tempDir + "/copy";
-        int status = -1;
-        runProgram({"cp", inMount(volumePath), copy}, &status);
-        EXPECT_EQ(status, 0) << volumePath;
-        EXPECT_EQ(readLocal(copy), readLocal(imageDir + "/media/" + devicePath)) << volumePath;
-        EXPECT_FALSE(readLocal(copy).empty()) << volumePath;
+        std::string copy = copiedBy(inMount(volumePath), tempDir + "/copy");
+        EXPECT_EQ(copy, readLocal(imageDir + "/media/" + devicePath)) << volumePath;
+        EXPECT_FALSE(copy.empty()) << volumePath;
     }
 
     std::string imageDir;

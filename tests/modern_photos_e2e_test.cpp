@@ -110,13 +110,9 @@ TEST_F(ModernPhotosTest, ListsAlbumsKindsAndLivePairsAndCountsWhatIsOnlyInICloud
         EXPECT_EQ(mount.countLog(left + "Trip (2): 1 photos only in iCloud, left out"), 1);
 
         // Listed files read as the device's bytes; the note and the library are read only.
-        for (const char *name : {"IMG_0002.MOV", "IMG_0002.HEIC", "IMG_0010.PNG"}) {
-            std::string copy = tempDir + "/copy";
-            int status = -1;
-            runProgram({"cp", inMount(std::string("/Media/Photo/Camera Roll/") + name), copy}, &status);
-            EXPECT_EQ(status, 0) << name;
-            EXPECT_EQ(readLocal(copy), readLocal(image + "/media/DCIM/100APPLE/" + name)) << name;
-        }
+        for (std::string name : {"IMG_0002.MOV", "IMG_0002.HEIC", "IMG_0010.PNG"})
+            EXPECT_EQ(copiedBy(inMount("/Media/Photo/Camera Roll/" + name), tempDir + "/copy"),
+                      readLocal(image + "/media/DCIM/100APPLE/" + name)) << name;
         int status = -1;
         runProgram({"sh", "-c", "echo x >> '" + inMount("/Media/Photo/Not on this device.txt") + "'"}, &status);
         EXPECT_NE(status, 0);

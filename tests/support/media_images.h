@@ -25,8 +25,8 @@ inline devsim::MediaAlbum mediaAlbum(int64_t pk, std::optional<std::string> titl
 
 // A photo of `size` seeded bytes in `albums`, its dates `dates`, +100 and
 // +200 (created, modified, moment; seconds since 2001) plus the seed.
-inline devsim::MediaPhoto mediaPhoto(const std::string &directory, const std::string &file, std::vector<int64_t> albums,
-                                     unsigned seed, size_t size, int64_t dates) {
+inline devsim::MediaPhoto mediaPhoto(const std::string &directory, const std::string &file,
+                                     std::vector<int64_t> albums, unsigned seed, size_t size, int64_t dates) {
     devsim::MediaPhoto made;
     made.directory = directory;
     made.filename = file;
@@ -37,6 +37,13 @@ inline devsim::MediaPhoto mediaPhoto(const std::string &directory, const std::st
     made.modification_date = dates + 100 + seed;
     made.moment_date = dates + 200 + seed;
     return made;
+}
+
+// What `cp` makes of `from` at `to`: its bytes, "" when cp failed.
+inline std::string copiedBy(const std::string &from, const std::string &to) {
+    int status = -1;
+    runProgram({"cp", from, to}, &status);
+    return status == 0 ? readLocal(to) : "";
 }
 
 // Writes a device image for `phone` holding `library` into `dir`; "" or
