@@ -5,9 +5,6 @@
 #include <stdio.h>
 #include <jpeglib.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "devsim/media_library.h"
 #include "tests/support/catalogue_fixture.h"
@@ -87,6 +84,11 @@ class DevsimMediaLibraryTest : public ::testing::Test {
   std::string media() const { return root + "/media"; }
   std::string photo_db() const { return media() + "/PhotoData/Photos.sqlite"; }
   bool write(std::string& error) { return devsim::write_media_library(media(), library, error); }
+
+  std::string entity(const std::string& name) const {
+    Rows rows = query(photo_db(), "select Z_ENT from Z_PRIMARYKEY where Z_NAME='" + name + "'");
+    return rows.empty() ? "none" : rows[0][0];
+  }
 
   std::string root;
   MediaLibrary library;
@@ -182,9 +184,7 @@ TEST_F(DevsimMediaLibraryTest, SkippedDatabasesAreAbsentAndStaleCompanionsGo) {
   ASSERT_TRUE(write(error)) << error;
   const std::string music = media() + "/iTunes_Control/iTunes/MediaLibrary.sqlitedb";
   ASSERT_TRUE(exists(music));
-  FILE* stale = fopen((photo_db() + "-wal").c_str(), "w");
-  ASSERT_NE(stale, nullptr);
-  fclose(stale);
+  ASSERT_TRUE(writeLocal(photo_db() + "-wal", ""));
   library.write_music_db = false;
   library.write_record_db = false;
   ASSERT_TRUE(write(error)) << error;
@@ -227,52 +227,47 @@ TEST(DevsimMediaGenerated, IsDeterministicAndFillsFoldersLikeAPhone) {
   EXPECT_EQ(a.songs[59].location->size(), 8u);  // four letters and an extension
   EXPECT_EQ(a.photos[6].subtype, 2);
   EXPECT_EQ(a.photos[6].cloud_resources.at(0).file_path, "/var/mobile/Media/DCIM/100APPLE/IMG_0007.JPG");
+  // Modern libraries keep a tenth of the originals in iCloud.
+  MediaLibrary modern = devsim::generated_media_library(PhotoFamily::modern, 1000, 0, 0);
+  int cloud = 0;
+  for (const devsim::MediaPhoto& photo : modern.photos) cloud += photo.cloud_only;
+  EXPECT_EQ(cloud, 100);
+  EXPECT_EQ(*modern.photos[0].filename, "IMG_0001.HEIC");
+  EXPECT_EQ(*modern.photos[9].filename, "IMG_0010.MOV");
 }
 
 // A modern library (iOS 14 on): a live HEIC photo in a user album, a photo
 // whose original is only in iCloud, a hidden and a trashed one.
-class DevsimModernPhotosTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    root = makeTempDir("modern-photos");
-    library.photo_family = PhotoFamily::modern;
-    library.albums = {{0, std::string("Trip"), 2, 0, std::nullopt}, {0, std::string("Gone"), 2, 1, std::nullopt}};
-    devsim::MediaPhoto live;
-    live.directory = std::string("DCIM/100APPLE");
-    live.filename = std::string("IMG_0001.HEIC");
-    live.original_filename = live.filename;
-    live.subtype = 2;
-    live.bytes = devsim::make_heic_placeholder(40, 1);
-    live.live_video_bytes = std::string("video half");
-    live.albums = {1};
-    devsim::MediaPhoto cloud = live;
-    cloud.filename = std::string("IMG_0002.HEIC");
-    cloud.cloud_only = true;
-    devsim::MediaPhoto hidden = live;
-    hidden.filename = std::string("IMG_0003.HEIC");
-    hidden.subtype = 0;
-    hidden.live_video_bytes = std::nullopt;
-    hidden.hidden = true;
-    devsim::MediaPhoto trashed = hidden;
-    trashed.filename = std::string("IMG_0004.HEIC");
-    trashed.hidden = false;
-    trashed.trashed = 1;
-    library.photos = {live, cloud, hidden, trashed};
-  }
-  void TearDown() override { removeTree(root); }
+MediaLibrary modern_library() {
+  MediaLibrary modern;
+  modern.photo_family = PhotoFamily::modern;
+  modern.albums = {{0, std::string("Trip"), 2, 0, std::nullopt}, {0, std::string("Gone"), 2, 1, std::nullopt}};
+  devsim::MediaPhoto live;
+  live.directory = std::string("DCIM/100APPLE");
+  live.filename = std::string("IMG_0001.HEIC");
+  live.original_filename = live.filename;
+  live.subtype = 2;
+  live.bytes = devsim::make_heic_placeholder(40, 1);
+  live.live_video_bytes = std::string("video half");
+  live.albums = {1};
+  devsim::MediaPhoto cloud = live;
+  cloud.filename = std::string("IMG_0002.HEIC");
+  cloud.cloud_only = true;
+  devsim::MediaPhoto hidden = live;
+  hidden.filename = std::string("IMG_0003.HEIC");
+  hidden.subtype = 0;
+  hidden.live_video_bytes = std::nullopt;
+  hidden.hidden = true;
+  devsim::MediaPhoto trashed = hidden;
+  trashed.filename = std::string("IMG_0004.HEIC");
+  trashed.hidden = false;
+  trashed.trashed = 1;
+  modern.photos = {live, cloud, hidden, trashed};
+  return modern;
+}
 
-  std::string media() const { return root + "/media"; }
-  std::string photo_db() const { return media() + "/PhotoData/Photos.sqlite"; }
-  std::string entity(const std::string& name) const {
-    Rows rows = query(photo_db(), "select Z_ENT from Z_PRIMARYKEY where Z_NAME='" + name + "'");
-    return rows.empty() ? "none" : rows[0][0];
-  }
-
-  std::string root;
-  MediaLibrary library;
-};
-
-TEST_F(DevsimModernPhotosTest, LinkTableIsNamedFromTheAlbumAndAssetEntities) {
+TEST_F(DevsimMediaLibraryTest, ModernLinkTableIsNamedFromTheAlbumAndAssetEntities) {
+  library = modern_library();
   for (auto [version, album] : {std::pair{14, "26"}, std::pair{18, "30"}}) {
     SCOPED_TRACE(version);
     library.modern_version = version;
@@ -295,37 +290,26 @@ TEST_F(DevsimModernPhotosTest, LinkTableIsNamedFromTheAlbumAndAssetEntities) {
   EXPECT_EQ(devsim::modern_ios_version(13), "");
 }
 
-TEST_F(DevsimModernPhotosTest, LiveVideoLiesBesideTheHeicAndCloudOriginalsAreAbsent) {
+TEST_F(DevsimMediaLibraryTest, ModernLiveVideoLiesBesideTheHeicAndCloudOriginalsAreAbsent) {
+  library = modern_library();
   std::string error;
   ASSERT_TRUE(devsim::write_media_library(media(), library, error)) << error;
   const std::string folder = media() + "/DCIM/100APPLE/";
-  std::ifstream still(folder + "IMG_0001.HEIC", std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(still)), std::istreambuf_iterator<char>());
-  EXPECT_EQ(bytes.substr(4, 8), "ftypheic");
-  std::ifstream video(folder + "IMG_0001.MOV", std::ios::binary);
-  EXPECT_EQ(std::string((std::istreambuf_iterator<char>(video)), std::istreambuf_iterator<char>()), "video half");
+  EXPECT_EQ(readLocal(folder + "IMG_0001.HEIC").substr(4, 8), "ftypheic");
+  EXPECT_EQ(readLocal(folder + "IMG_0001.MOV"), "video half");
   // Only in iCloud: neither half is on the device, and the original's
   // resource says so.
-  EXPECT_FALSE(std::filesystem::exists(folder + "IMG_0002.HEIC"));
-  EXPECT_FALSE(std::filesystem::exists(folder + "IMG_0002.MOV"));
+  EXPECT_FALSE(exists(folder + "IMG_0002.HEIC"));
+  EXPECT_FALSE(exists(folder + "IMG_0002.MOV"));
   EXPECT_EQ(query(photo_db(), "select ZRESOURCETYPE, ZLOCALAVAILABILITY from ZINTERNALRESOURCE join ZASSET on"
                               " ZINTERNALRESOURCE.ZASSET=ZASSET.Z_PK where ZFILENAME='IMG_0002.HEIC' and"
                               " ZDATASTORESUBTYPE=1 order by 1"),
             (Rows{{"0", "-1"}, {"3", "-1"}}));
   // Hidden and trashed assets keep their files but drop out of the listing.
-  EXPECT_TRUE(std::filesystem::exists(folder + "IMG_0003.HEIC"));
+  EXPECT_TRUE(exists(folder + "IMG_0003.HEIC"));
   EXPECT_EQ(query(photo_db(), "select ZFILENAME from ZASSET where ZTRASHEDSTATE=0 and ZHIDDEN=0 and"
                               " ZVISIBILITYSTATE=0 order by 1"),
             (Rows{{"IMG_0001.HEIC"}, {"IMG_0002.HEIC"}}));
-}
-
-TEST(DevsimMediaGenerated, ModernKeepsATenthOfTheOriginalsInICloud) {
-  MediaLibrary library = devsim::generated_media_library(PhotoFamily::modern, 1000, 0, 0);
-  int cloud = 0;
-  for (const devsim::MediaPhoto& photo : library.photos) cloud += photo.cloud_only;
-  EXPECT_EQ(cloud, 100);
-  EXPECT_EQ(*library.photos[0].filename, "IMG_0001.HEIC");
-  EXPECT_EQ(*library.photos[9].filename, "IMG_0010.MOV");
 }
 
 }  // namespace

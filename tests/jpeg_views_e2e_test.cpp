@@ -4,14 +4,12 @@
 // heif-convert, not against the code under test.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "devsim/media_library.h"
-#include "tests/support/mount_fixture.h"
+#include "tests/support/media_images.h"
 
 namespace {
 
@@ -38,14 +36,7 @@ const Still kStills[] = {
 };
 
 MediaPhoto asset(const std::string &directory, const std::string &file, unsigned seed) {
-    MediaPhoto made;
-    made.directory = directory;
-    made.filename = file;
-    made.original_filename = file;
-    made.date_created = 600000000 + seed;
-    made.modification_date = 600000100 + seed;
-    made.moment_date = 600000200 + seed;
-    return made;
+    return mediaPhoto(directory, file, {}, seed, 0, 600000000);
 }
 
 std::string dateOf(unsigned seed) { return "2021:07:0" + std::to_string(seed) + " 09:15:3" + std::to_string(seed); }
@@ -105,26 +96,22 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     phone.location_id = kLocation;
     phone.ios_version = devsim::modern_ios_version(17);
     std::string image = tempDir + "/image";
-    std::string error;
-    ASSERT_TRUE(write_devsim_image(image, phone, &error)) << error;
     MediaLibrary made = library();
     for (const MediaPhoto &photo : made.photos) ASSERT_FALSE(photo.bytes.empty()) << "libheif could not encode";
-    ASSERT_TRUE(devsim::write_media_library(image + "/media", made, error)) << error;
+    ASSERT_EQ(writeMediaImage(image, phone, made), "");
     ASSERT_TRUE(sim.start_with_dirs({image})) << sim.error();
     std::string roll = "/Media/Photo/Camera Roll/";
 
     // Without the option the stills show as the device keeps them.
     ASSERT_TRUE(mountDevice(kLocation));
-    std::vector<std::string> plain = namesIn(inMount(roll));
-    std::sort(plain.begin(), plain.end());
-    EXPECT_EQ(plain, (std::vector<std::string>{"IMG_0001.HEIC", "IMG_0002.HEIC", "IMG_0002.MOV", "IMG_0003.heif",
-                                               "IMG_0004.HEIC", "IMG_0004.JPG", "IMG_0005.PNG"}));
+    EXPECT_EQ(sorted(namesIn(inMount(roll))),
+              (std::vector<std::string>{"IMG_0001.HEIC", "IMG_0002.HEIC", "IMG_0002.MOV", "IMG_0003.heif",
+                                        "IMG_0004.HEIC", "IMG_0004.JPG", "IMG_0005.PNG"}));
     EXPECT_EQ(readLocal(inMount(roll + "IMG_0002.HEIC")), readLocal(image + "/media/DCIM/100APPLE/IMG_0002.HEIC"));
     ASSERT_EQ(unmountDevice(), 0);
 
     ASSERT_TRUE(mount.start(kLocation, {"-o", "jpeg"}));
-    std::vector<std::string> shown = namesIn(inMount(roll));
-    std::sort(shown.begin(), shown.end());
+    std::vector<std::string> shown = sorted(namesIn(inMount(roll)));
     EXPECT_EQ(shown, (std::vector<std::string>{"IMG_0001.JPG", "IMG_0002.JPG", "IMG_0002.MOV", "IMG_0003.JPG",
                                                "IMG_0004 (2).JPG", "IMG_0004.JPG", "IMG_0005.PNG"}));
     // Sizes asked before anything is read are the sizes copied.
@@ -170,10 +157,8 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
         ++seed;
     }
     // A second copy is served from the work folder's cache, the same bytes.
-    std::string again = tempDir + "/again.jpg";
-    runProgram({"cp", inMount(roll + "IMG_0002.JPG"), again}, &status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(readLocal(again), readLocal(copy + "/IMG_0002.JPG"));
+    EXPECT_EQ(copiedBy(inMount(roll + "IMG_0002.JPG"), tempDir + "/again.jpg"),
+              readLocal(copy + "/IMG_0002.JPG"));
     EXPECT_EQ(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 4u);
     // Moved into Storage, the JPEG is what lands on the device; the still stays.
     runProgram({"mv", inMount(roll + "IMG_0001.JPG"), inMount("/Storage/")}, &status);
@@ -194,11 +179,10 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     std::string recopy = tempDir + "/recopy";
     runProgram({"rsync", "-r", inMount("/Media/Photo/Camera Roll") + "/", recopy}, &status);
     ASSERT_EQ(status, 0);
-    runProgram({"cp", inMount(roll + "IMG_0003.JPG"), recopy + "/again.JPG"}, &status);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(copiedBy(inMount(roll + "IMG_0003.JPG"), recopy + "/again.JPG"),
+              readLocal(copy + "/IMG_0003.JPG"));
     for (const Still &still : kStills)
         EXPECT_EQ(readLocal(recopy + "/" + still.shown), readLocal(copy + "/" + still.shown)) << still.shown;
-    EXPECT_EQ(readLocal(recopy + "/again.JPG"), readLocal(copy + "/IMG_0003.JPG"));
     EXPECT_LE(namesIn("/tmp/" + std::to_string(kLocation) + "/jpeg").size(), 1u);
 }
 

@@ -4,49 +4,23 @@
 // trashed assets, the three photo database families, broken databases.
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "devsim/media_library.h"
-#include "tests/support/mount_fixture.h"
+#include "tests/support/media_images.h"
 
 namespace {
 
-using devsim::MediaAlbum;
 using devsim::MediaLibrary;
 using devsim::MediaPhoto;
 using devsim::MediaRecording;
 using devsim::MediaSong;
 using devsim::PhotoFamily;
 
-std::vector<std::string> sorted(std::vector<std::string> names) {
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-MediaAlbum album(int64_t pk, std::optional<std::string> title, int kind = 2) {
-    MediaAlbum made;
-    made.pk = pk;
-    made.title = std::move(title);
-    made.kind = kind;
-    return made;
-}
-
 MediaPhoto photo(const std::string &directory, const std::string &file, std::vector<int64_t> albums,
                  unsigned seed) {
-    MediaPhoto made;
-    made.directory = directory;
-    made.filename = file;
-    made.original_filename = file;
-    made.bytes = randomBytes(3000 + seed * 17, seed);
-    made.albums = std::move(albums);
-    made.date_created = 500000000 + seed;
-    made.modification_date = 500000100 + seed;
-    made.moment_date = 500000200 + seed;
-    return made;
+    return mediaPhoto(directory, file, std::move(albums), seed, 3000 + seed * 17, 500000000);
 }
 
 MediaSong song(std::optional<std::string> artist, std::optional<std::string> title, const std::string &location,
@@ -68,10 +42,10 @@ MediaLibrary photoLibrary(PhotoFamily family) {
     library.photo_family = family;
     library.write_music_db = false;
     library.write_record_db = false;
-    library.albums = {album(1, std::nullopt, 1000), album(2, "Trip"), album(3, "Trip"), album(4, "My Panoramas"),
-                      album(5, "Shared by Ann", 1500), album(6, "Nothing in it"), album(7, "Thrown away"),
-                      album(8, "Import in progress"), album(9, ".."), album(10, "AC/DC"),
-                      album(11, std::string(300, 'L'))};
+    library.albums = {mediaAlbum(1, std::nullopt, 1000), mediaAlbum(2, "Trip"), mediaAlbum(3, "Trip"), mediaAlbum(4, "My Panoramas"),
+                      mediaAlbum(5, "Shared by Ann", 1500), mediaAlbum(6, "Nothing in it"), mediaAlbum(7, "Thrown away"),
+                      mediaAlbum(8, "Import in progress"), mediaAlbum(9, ".."), mediaAlbum(10, "AC/DC"),
+                      mediaAlbum(11, std::string(300, 'L'))};
     library.albums[8].cached_count = 1;   // a name that would alias the parent folder
     library.albums[10].cached_count = 1;  // a name past NAME_MAX
     library.albums[5].cached_count = 0;
@@ -116,22 +90,71 @@ MediaLibrary photoLibrary(PhotoFamily family) {
     return library;
 }
 
+// A cloud library: files come from the cloud resources, only what is kept
+// on the device.
+MediaLibrary cloudLibrary() {
+    MediaLibrary library;
+    library.photo_family = PhotoFamily::cloud;
+    library.write_music_db = false;
+    library.write_record_db = false;
+    library.albums = {mediaAlbum(1, std::nullopt, 1000), mediaAlbum(2, "Trip"), mediaAlbum(3, "Friends")};
+    auto cloudPhoto = [](const std::string &name, std::vector<int64_t> albums, unsigned seed) {
+        MediaPhoto made = photo("DCIM/100APPLE", name, std::move(albums), seed);
+        made.cloud_original_filename = name;
+        devsim::MediaCloudResource resource;
+        resource.file_path = "/var/mobile/Media/DCIM/100APPLE/" + name;
+        resource.bytes = made.bytes;
+        made.cloud_resources.push_back(resource);
+        made.write_file = false;  // the resource is the file
+        return made;
+    };
+    std::vector<MediaPhoto> &p = library.photos;
+    p.push_back(cloudPhoto("IMG_0100.JPG", {1, 2}, 40));
+    p.push_back(cloudPhoto("IMG_0101.JPG", {1}, 41));  // a second resource of the same master
+    devsim::MediaCloudResource thumbnail;
+    thumbnail.file_path = "/var/mobile/Media/PhotoData/Thumbs/IMG_0101.JPG";
+    thumbnail.bytes = randomBytes(700, 42);
+    thumbnail.type = 1;
+    p.back().cloud_resources.push_back(thumbnail);
+    p.push_back(cloudPhoto("IMG_0102.JPG", {1}, 43));  // kept in the cloud only
+    p.back().cloud_resources[0].locally_available = 0;
+    p.push_back(cloudPhoto("IMG_0103.JPG", {1}, 44));  // stale size: not shown
+    p.back().cloud_resources[0].db_file_size = static_cast<int64_t>(p.back().bytes.size()) + 1;
+    p.push_back(cloudPhoto("IMG_0104.JPG", {1, 2, 3}, 45));  // a panorama in three albums
+    p.back().subtype = 1;
+    p.push_back(cloudPhoto("IMG_0105.JPG", {1}, 46));  // live: its video is the same master again
+    p.back().subtype = 2;
+    p.back().live_video_bytes = randomBytes(5000, 47);
+    p.push_back(cloudPhoto("IMG_0106.MOV", {1}, 48));
+    p.back().kind = 1;
+    return library;
+}
+
 class MediaTest : public MountedDeviceTest {
 protected:
-    // One device with this library, mounted.
-    void mountLibrary(const MediaLibrary &library, const std::string &iosVersion, uint32_t locationId) {
-        DevsimImage phone;
-        phone.name = "Media Phone";
-        phone.location_id = locationId;
-        phone.ios_version = iosVersion;
-        phone.udid = "00008101-" + std::string(15, '0') + std::to_string(locationId);
-        udid = phone.udid;
-        imageDir = tempDir + "/image";
-        std::string error;
-        ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
-        ASSERT_TRUE(devsim::write_media_library(imageDir + "/media", library, error)) << error;
-        ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
-        ASSERT_TRUE(mountDevice(locationId));
+    // Writes a device image with this library into tempDir/image<location
+    // id>; the phone gets a udid of its own from that id.
+    std::string writePhone(DevsimImage phone, const MediaLibrary &library) {
+        std::string dir = tempDir + "/image" + std::to_string(phone.location_id);
+        phone.udid = "00008101-" + std::string(15, '0') + std::to_string(phone.location_id);
+        EXPECT_EQ(writeMediaImage(dir, phone, library), "");
+        return dir;
+    }
+    // One device per (library, iOS version, location id), served together.
+    bool serve(const std::vector<std::tuple<MediaLibrary, std::string, uint32_t>> &phones) {
+        std::vector<std::string> dirs;
+        for (const auto &[library, iosVersion, locationId] : phones) {
+            DevsimImage phone;
+            phone.location_id = locationId;
+            phone.ios_version = iosVersion;
+            dirs.push_back(writePhone(phone, library));
+        }
+        EXPECT_TRUE(sim.start_with_dirs(dirs)) << sim.error();
+        return sim.running();
+    }
+    bool mountPhone(uint32_t locationId) {
+        imageDir = tempDir + "/image" + std::to_string(locationId);
+        return mountAfresh(locationId);
     }
     std::vector<std::string> photoFolder(const std::string &name) {
         return sorted(namesIn(inMount("/Media/Photo/" + name)));
@@ -143,24 +166,26 @@ protected:
     }
     // A listed photo reads as the device file it stands for.
     void expectSameBytes(const std::string &volumePath, const std::string &devicePath) {
-        std::string copy = tempDir + "/copy";
-        int status = -1;
-        runProgram({"cp", inMount(volumePath), copy}, &status);
-        EXPECT_EQ(status, 0) << volumePath;
-        EXPECT_EQ(readLocal(copy), readLocal(imageDir + "/media/" + devicePath)) << volumePath;
-        EXPECT_FALSE(readLocal(copy).empty()) << volumePath;
+        std::string copy = copiedBy(inMount(volumePath), tempDir + "/copy");
+        EXPECT_EQ(copy, readLocal(imageDir + "/media/" + devicePath)) << volumePath;
+        EXPECT_FALSE(copy.empty()) << volumePath;
     }
 
     std::string imageDir;
-    std::string udid;
 };
 
 const std::vector<std::string> kPhotoRoot = {"Camera Roll", "Trip",        "Trip (2)",  "My Panoramas",
                                              "My Photo Stream", "AC:DC", "Recorded Videos", "Panoramas",
                                              "Screenshots", "Selfies",     "Bursts"};
 
-TEST_F(MediaTest, IosTenLibraryListsAlbumsKindsAndLivePairsAsOnThePhone) {
-    mountLibrary(photoLibrary(PhotoFamily::ios10), "10.3.3", 61);
+// The same library read through each family's queries, and a cloud
+// library, one device each.
+TEST_F(MediaTest, PhotoFamiliesListAlbumsKindsLivePairsAndCloudMastersAsOnThePhone) {
+    ASSERT_TRUE(serve({{photoLibrary(PhotoFamily::ios10), "10.3.3", 61},
+                       {photoLibrary(PhotoFamily::older), "9.2.1", 62},
+                       {photoLibrary(PhotoFamily::older), "8.4.1", 63},
+                       {cloudLibrary(), "9.3.5", 64}}));
+    ASSERT_TRUE(mountPhone(61));
     EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
     EXPECT_EQ(namesIn(inMount("/Media/Photo")), kPhotoRoot);
     // Photos of the asset entity only, visible now, not in the trash; the
@@ -199,12 +224,11 @@ TEST_F(MediaTest, IosTenLibraryListsAlbumsKindsAndLivePairsAsOnThePhone) {
     runProgram({"sh", "-c", "echo x >> '" + inMount("/Media/Photo/Trip/IMG_0001.JPG") + "'"}, &status);
     EXPECT_NE(status, 0);
     EXPECT_EQ(readLocal(imageDir + "/media/DCIM/100APPLE/IMG_0001.JPG"), randomBytes(3000 + 17, 1));
-}
 
-TEST_F(MediaTest, OlderLibraryWithoutCloudShowsTheCameraRollAlbumAndEveryNotHiddenAsset) {
-    mountLibrary(photoLibrary(PhotoFamily::older), "9.2.1", 62);
+    // Older, without cloud masters: the album of kind 1000 decides; the
+    // entity and a visibility of 2 do not.
+    ASSERT_TRUE(mountPhone(62));
     EXPECT_EQ(namesIn(inMount("/Media/Photo")), kPhotoRoot);
-    // The album of kind 1000 decides; the entity and a visibility of 2 do not.
     EXPECT_EQ(photoFolder("Camera Roll"),
               sorted({"IMG_0001.JPG", "IMG_0001 (2).JPG", "IMG_0005.JPG", "IMG_0005.MOV", "IMG_0006.JPG",
                       "IMG_0007.JPG", "IMG_0008.PNG", "IMG_0012.JPG", "IMG_0013.JPG", "IMG_0014.JPG",
@@ -214,54 +238,15 @@ TEST_F(MediaTest, OlderLibraryWithoutCloudShowsTheCameraRollAlbumAndEveryNotHidd
     EXPECT_EQ(photoFolder("Trip (2)"), sorted({"IMG_0005.JPG", "IMG_0005.MOV"}));
     EXPECT_EQ(photoFolder("Selfies"), (std::vector<std::string>{"IMG_0013.JPG"}));
     expectSameBytes("/Media/Photo/Camera Roll/IMG_0019.JPG", "DCIM/100APPLE/IMG_0019.JPG");
-}
 
-TEST_F(MediaTest, BeforeNineTheSelfiesAndBurstsFoldersComeOnlyFromSubtypes) {
-    mountLibrary(photoLibrary(PhotoFamily::older), "8.4.1", 63);
+    // Before 9 the Selfies and Bursts folders come only from subtypes.
+    ASSERT_TRUE(mountPhone(63));
     EXPECT_EQ(namesIn(inMount("/Media/Photo")),
               (std::vector<std::string>{"Camera Roll", "Trip", "Trip (2)", "My Panoramas", "My Photo Stream",
                                         "AC:DC", "Recorded Videos", "Panoramas", "Screenshots"}));
-}
 
-// A cloud library: files come from the cloud resources, each cloud master
-// once however many rows name it, only what is kept on the device.
-TEST_F(MediaTest, CloudLibraryListsEachLocalMasterOnce) {
-    MediaLibrary library;
-    library.photo_family = PhotoFamily::cloud;
-    library.write_music_db = false;
-    library.write_record_db = false;
-    library.albums = {album(1, std::nullopt, 1000), album(2, "Trip"), album(3, "Friends")};
-    auto cloudPhoto = [&](const std::string &name, std::vector<int64_t> albums, unsigned seed) {
-        MediaPhoto made = photo("DCIM/100APPLE", name, std::move(albums), seed);
-        made.cloud_original_filename = name;
-        devsim::MediaCloudResource resource;
-        resource.file_path = "/var/mobile/Media/DCIM/100APPLE/" + name;
-        resource.bytes = made.bytes;
-        made.cloud_resources.push_back(resource);
-        made.write_file = false;  // the resource is the file
-        return made;
-    };
-    std::vector<MediaPhoto> &p = library.photos;
-    p.push_back(cloudPhoto("IMG_0100.JPG", {1, 2}, 40));
-    p.push_back(cloudPhoto("IMG_0101.JPG", {1}, 41));  // a second resource of the same master
-    devsim::MediaCloudResource thumbnail;
-    thumbnail.file_path = "/var/mobile/Media/PhotoData/Thumbs/IMG_0101.JPG";
-    thumbnail.bytes = randomBytes(700, 42);
-    thumbnail.type = 1;
-    p.back().cloud_resources.push_back(thumbnail);
-    p.push_back(cloudPhoto("IMG_0102.JPG", {1}, 43));  // kept in the cloud only
-    p.back().cloud_resources[0].locally_available = 0;
-    p.push_back(cloudPhoto("IMG_0103.JPG", {1}, 44));  // stale size: not shown
-    p.back().cloud_resources[0].db_file_size = static_cast<int64_t>(p.back().bytes.size()) + 1;
-    p.push_back(cloudPhoto("IMG_0104.JPG", {1, 2, 3}, 45));  // a panorama in three albums
-    p.back().subtype = 1;
-    p.push_back(cloudPhoto("IMG_0105.JPG", {1}, 46));  // live: its video is the same master again
-    p.back().subtype = 2;
-    p.back().live_video_bytes = randomBytes(5000, 47);
-    p.push_back(cloudPhoto("IMG_0106.MOV", {1}, 48));
-    p.back().kind = 1;
-    mountLibrary(library, "9.3.5", 64);
-
+    // Each local cloud master once however many rows name it.
+    ASSERT_TRUE(mountPhone(64));
     EXPECT_EQ(namesIn(inMount("/Media/Photo")),
               (std::vector<std::string>{"Camera Roll", "Trip", "Friends", "Recorded Videos", "Panoramas"}));
     EXPECT_EQ(photoFolder("Camera Roll"), sorted({"IMG_0100.JPG", "IMG_0101.JPG", "IMG_0104.JPG", "IMG_0105.JPG"}));
@@ -304,7 +289,8 @@ TEST_F(MediaTest, MusicPodcastsMoviesAndVoiceMemosAreNamedByArtistTitleAndLabel)
     tooShort.path = "/short";
     tooShort.write_file = false;
     library.recordings = {talk, unlabelled, tooShort};
-    mountLibrary(library, "10.3.3", 65);
+    ASSERT_TRUE(serve({{library, "10.3.3", 65}}));
+    ASSERT_TRUE(mountPhone(65));
 
     EXPECT_EQ(namesIn(inMount("/Media")),
               (std::vector<std::string>{"Podcast", "Voice Memos", "Music", "Movies", "Photo"}));
@@ -325,7 +311,7 @@ TEST_F(MediaTest, MusicPodcastsMoviesAndVoiceMemosAreNamedByArtistTitleAndLabel)
 
     // The media connection drops with the phone still attached: the read that
     // meets the drop may fail, the next one opens the connection again.
-    ASSERT_EQ(sim.control("drop-now " + udid), "ok");
+    ASSERT_EQ(sim.control("drop-now " + sim.udid(0)), "ok");
     runProgram({"cat", inMount("/Media/Podcast/Pod-Episode 1.mp3")});
     expectSameBytes("/Media/Podcast/Pod-Episode 1.mp3", "iTunes_Control/Music/F03/AAAM.mp3");
 }
@@ -336,26 +322,21 @@ TEST_F(MediaTest, MissingAndCorruptDatabasesLeaveTheRestOfMediaListing) {
     MediaLibrary library = photoLibrary(PhotoFamily::ios10);
     library.write_music_db = true;
     library.songs.push_back(song("Ann", "Blue", "AAAA.mp3", 1));
-    library.write_record_db = false;
+    MediaLibrary none;
+    none.write_music_db = false;
+    none.write_photo_db = false;
+    none.write_record_db = false;
     DevsimImage phone;
-    phone.ios_version = "10.3.3";
     phone.location_id = 66;
-    imageDir = tempDir + "/image";
-    std::string error;
-    ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
-    ASSERT_TRUE(devsim::write_media_library(imageDir + "/media", library, error)) << error;
+    std::string broken = writePhone(phone, library);
+    phone.location_id = 67;
+    std::string empty = writePhone(phone, none);
     // The photo library cut short after its first page.
-    std::string photos = readLocal(imageDir + "/media/PhotoData/Photos.sqlite");
-    ASSERT_GT(photos.size(), 4096u);
-    {
-        FILE *out = fopen((imageDir + "/media/PhotoData/Photos.sqlite").c_str(), "wb");
-        ASSERT_NE(out, nullptr);
-        fwrite(photos.data(), 1, 1024, out);
-        fwrite(std::string(3072, '\x5a').data(), 1, 3072, out);
-        fclose(out);
-    }
-    ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
-    ASSERT_TRUE(mountDevice(66));
+    const std::string db = broken + "/media/PhotoData/Photos.sqlite";
+    ASSERT_GT(readLocal(db).size(), 4096u);
+    ASSERT_TRUE(writeLocal(db, readLocal(db).substr(0, 1024) + std::string(3072, 'Z')));
+    ASSERT_TRUE(sim.start_with_dirs({broken, empty})) << sim.error();
+    ASSERT_TRUE(mountPhone(66));
     EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
     EXPECT_EQ(namesIn(inMount("/Media/Music")), (std::vector<std::string>{"Ann-Blue.mp3"}));
     EXPECT_EQ(namesIn(inMount("/Media/Photo")), (std::vector<std::string>{"Camera Roll"}));
@@ -363,14 +344,9 @@ TEST_F(MediaTest, MissingAndCorruptDatabasesLeaveTheRestOfMediaListing) {
     EXPECT_TRUE(logHas("opendb target db not exist"));
     EXPECT_TRUE(logHas("enumMedia photodb : "));
     EXPECT_TRUE(exists(inMount("/Storage")));
-}
 
-TEST_F(MediaTest, ADeviceWithoutAnyDatabaseShowsTheThreeKindFoldersEmpty) {
-    MediaLibrary library;
-    library.write_music_db = false;
-    library.write_photo_db = false;
-    library.write_record_db = false;
-    mountLibrary(library, "10.3.3", 67);
+    // Without any database the three kind folders show empty.
+    ASSERT_TRUE(mountPhone(67));
     EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
     EXPECT_TRUE(namesIn(inMount("/Media/Music")).empty());
     EXPECT_TRUE(namesIn(inMount("/Media/Movies")).empty());
@@ -379,19 +355,14 @@ TEST_F(MediaTest, ADeviceWithoutAnyDatabaseShowsTheThreeKindFoldersEmpty) {
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
-
 // The tray hears of a long listing only above each threshold: database
 // copies over 3000000 bytes, music folders over 300 rows, photo folders over
 // 500. One device sits exactly at every threshold, the other one above.
 TEST_F(MediaTest, TheBusySignalComesAboveEachThresholdAndNeverAtIt) {
-    auto device = [&](const std::string &dir, uint32_t locationId, int extra) {
-        DevsimImage phone;
-        phone.location_id = locationId;
-        std::string error;
-        EXPECT_TRUE(write_devsim_image(dir, phone, &error)) << error;
+    auto device = [&](uint32_t locationId, int extra) {
         MediaLibrary library;
         library.write_record_db = false;
-        library.albums = {album(1, std::nullopt, 1000)};
+        library.albums = {mediaAlbum(1, std::nullopt, 1000)};
         for (int i = 0; i < 300 + extra; ++i) {
             library.songs.push_back(song("Band", "Song " + std::to_string(i), "S" + std::to_string(i) + ".mp3", 1));
             library.songs.back().bytes = "song " + std::to_string(i);
@@ -400,39 +371,35 @@ TEST_F(MediaTest, TheBusySignalComesAboveEachThresholdAndNeverAtIt) {
             library.photos.push_back(photo("DCIM/100APPLE", "IMG_" + std::to_string(1000 + i) + ".JPG", {1}, 1));
             library.photos.back().bytes = "photo " + std::to_string(i);
         }
-        EXPECT_TRUE(devsim::write_media_library(dir + "/media", library, error)) << error;
+        DevsimImage phone;
+        phone.location_id = locationId;
+        std::string dir = writePhone(phone, library);
         // The recordings database makes up the total: not a database at all,
         // which only costs the Voice Memos folder.
         size_t sum = readLocal(dir + "/media/iTunes_Control/iTunes/MediaLibrary.sqlitedb").size() +
                      readLocal(dir + "/media/PhotoData/Photos.sqlite").size();
         ASSERT_LT(sum, 3000000u);
-        mkdir((dir + "/media/Recordings").c_str(), 0755);
-        FILE *out = fopen((dir + "/media/Recordings/Recordings.db").c_str(), "wb");
-        ASSERT_NE(out, nullptr);
         std::string padding(3000000 - sum + static_cast<size_t>(extra), 'r');
-        fwrite(padding.data(), 1, padding.size(), out);
-        fclose(out);
+        ASSERT_TRUE(writeLocal(dir + "/media/Recordings/Recordings.db", padding));
     };
-    device(tempDir + "/at", 71, 0);
-    device(tempDir + "/above", 72, 1);
-    ASSERT_TRUE(sim.start_with_dirs({tempDir + "/at", tempDir + "/above"})) << sim.error();
+    device(71, 0);
+    device(72, 1);
+    ASSERT_TRUE(sim.start_with_dirs({tempDir + "/image71", tempDir + "/image72"})) << sim.error();
     auto count = [](const std::string &text, const std::string &what) {
         size_t n = 0;
         for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
         return n;
     };
 
-    ASSERT_TRUE(mountDevice(71));
+    ASSERT_TRUE(mountPhone(71));
     EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
     EXPECT_EQ(namesIn(inMount("/Media/Music")).size(), 300u);
     EXPECT_EQ(namesIn(inMount("/Media/Photo/Camera Roll")).size(), 500u);
-    ASSERT_EQ(unmountDevice(), 0);
-
-    ASSERT_TRUE(mountDevice(72));
+    ASSERT_TRUE(mountPhone(72));
     // Start-up clears the indicator with a "-neoff" of its own; only whole
     // pairs count here.
     auto pairsHeard = [&](size_t wanted) {
-        for (int tries = 0; tries < 100 && count(tray.bytes(), "-neon-neoff") < wanted; ++tries) usleep(100000);
+        eventually([&] { return count(tray.bytes(), "-neon-neoff") >= wanted; }, 10);
         return count(tray.bytes(), "-neon-neoff");
     };
     EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
@@ -444,7 +411,6 @@ TEST_F(MediaTest, TheBusySignalComesAboveEachThresholdAndNeverAtIt) {
     // Nothing came from the device sitting at the thresholds.
     EXPECT_EQ(count(tray.bytes(), "-neon"), 3u) << tray.bytes();
 }
-
 
 // Dragging out of /Media copies: the item lands in /Storage or an app whole,
 // and stays where the library shows it; the free figure df shows loses the
@@ -460,12 +426,8 @@ TEST_F(MediaTest, MovesAndCopiesOutOfMediaLeaveTheLibraryAsItWas) {
     // A small device: its figures keep a few kilobytes of precision.
     phone.capacity_bytes = 50000000;
     phone.apps = {{"com.example.notes", "Notes", true}};
-    imageDir = tempDir + "/image";
-    std::string error;
-    ASSERT_TRUE(write_devsim_image(imageDir, phone, &error)) << error;
-    ASSERT_TRUE(devsim::write_media_library(imageDir + "/media", library, error)) << error;
-    ASSERT_TRUE(sim.start_with_dirs({imageDir})) << sim.error();
-    ASSERT_TRUE(mountDevice(68));
+    ASSERT_TRUE(sim.start_with_dirs({writePhone(phone, library)})) << sim.error();
+    ASSERT_TRUE(mountPhone(68));
     const std::string storage = imageDir + "/media/general_storage";
     const std::string notes = imageDir + "/apps/com.example.notes/Documents";
     const std::string song = readLocal(imageDir + "/media/iTunes_Control/Music/F01/AAAA.mp3");

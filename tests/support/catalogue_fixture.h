@@ -57,6 +57,7 @@ protected:
 
 // Small file helpers of the tests.
 std::string readLocal(const std::string &path);                // a file's bytes ("" when unreadable)
+bool writeLocal(const std::string &path, const std::string &bytes);  // its folders made first; false on failure
 std::string randomBytes(size_t size, unsigned seed);           // the same bytes for the same seed
 bool exists(const std::string &path);                          // lstat succeeds
 bool isFolder(const std::string &path);                        // stat says folder

@@ -19,8 +19,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <thread>
+
+#include "tests/support/catalogue_fixture.h"
+#include "tests/support/fuse_mount.h"
 
 extern char** environ;
 
@@ -38,16 +39,8 @@ std::string made_up_udid() {
 }
 
 bool write_text(const fs::path& path, const std::string& contents, std::string& error) {
-  std::error_code ec;
-  fs::create_directories(path.parent_path(), ec);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
-  out.close();
-  if (!out) {
-    error = "cannot write " + path.string();
-    return false;
-  }
-  return true;
+  if (!writeLocal(path.string(), contents)) error = "cannot write " + path.string();
+  return error.empty();
 }
 
 }  // namespace
@@ -98,20 +91,19 @@ bool write_devsim_image(const std::string& dir, const DevsimImage& image, std::s
 Devsim::~Devsim() { stop(); }
 
 bool Devsim::make_work_dir() {
-  char pattern[] = "/tmp/devsim-test-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) {
+  if (running()) stop();
+  error_.clear();
+  work_dir_ = makeTempDir("devsim-test-");
+  if (work_dir_.empty()) {
     error_ = std::string("mkdtemp: ") + strerror(errno);
     return false;
   }
-  work_dir_ = pattern;
   socket_path_ = work_dir_ + "/usbmuxd.sock";
   control_path_ = work_dir_ + "/devsim.control";
   return true;
 }
 
 bool Devsim::start(const std::vector<DevsimImage>& images, const std::vector<std::string>& serve_options) {
-  if (running()) stop();
-  error_.clear();
   if (!make_work_dir()) return false;
   std::vector<std::string> dirs;
   for (size_t i = 0; i < images.size(); ++i) {
@@ -127,10 +119,7 @@ bool Devsim::start(const std::vector<DevsimImage>& images, const std::vector<std
 
 bool Devsim::start_with_dirs(const std::vector<std::string>& image_dirs,
                              const std::vector<std::string>& serve_options) {
-  if (running()) stop();
-  error_.clear();
-  if (!make_work_dir()) return false;
-  return launch(image_dirs, serve_options);
+  return make_work_dir() && launch(image_dirs, serve_options);
 }
 
 bool Devsim::launch(const std::vector<std::string>& image_dirs, const std::vector<std::string>& serve_options) {
@@ -158,50 +147,30 @@ bool Devsim::launch(const std::vector<std::string>& image_dirs, const std::vecto
   for (std::string& arg : args) argv.push_back(&arg[0]);
   argv.push_back(nullptr);
 
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) {
-    error_ = std::string("pipe: ") + strerror(errno);
-    return false;
-  }
-  std::string log_path = work_dir_ + "/devsim.log";
+  std::string log_path = work_dir_ + "/devsim.log", out_path = work_dir_ + "/devsim.out";
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  pid_t pid = -1;
-  int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  int rc = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
   if (rc != 0) {
-    close(out[0]);
+    pid_ = -1;
     error_ = std::string("cannot start devsim: ") + strerror(rc);
     return false;
   }
-  pid_ = pid;
-
-  // Wait for "ready: N device(s) on PATH".
-  std::string output;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  bool ready = false;
-  while (!ready && std::chrono::steady_clock::now() < deadline) {
-    pollfd p{out[0], POLLIN, 0};
-    if (poll(&p, 1, 100) > 0) {
-      char buffer[512];
-      ssize_t n = read(out[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      output.append(buffer, static_cast<size_t>(n));
-      ready = output.find("ready: ") != std::string::npos && output.find('\n') != std::string::npos;
-    }
-    int status = 0;
-    if (!ready && waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      break;
-    }
-  }
-  close(out[0]);
-  if (!ready) {
-    error_ = "devsim did not become ready; output: " + output + " log: " + log();
+  // Ready once it says "ready: N device(s) on PATH"; given up on once it ended.
+  auto said_ready = [&] {
+    std::string output = readLocal(out_path);
+    return output.find("ready: ") != std::string::npos && output.find('\n') != std::string::npos;
+  };
+  eventually([&] {
+    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
+    return pid_ <= 0 || said_ready();
+  }, 30);
+  if (pid_ <= 0 || !said_ready()) {
+    error_ = "devsim did not become ready; output: " + readLocal(out_path) + " log: " + log();
     if (pid_ > 0) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
@@ -248,11 +217,8 @@ bool Devsim::stop() {
   if (pid_ > 0) {
     kill(pid_, SIGTERM);
     int status = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
     pid_t done = 0;
-    while ((done = waitpid(pid_, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    eventually([&] { return done != 0 || (done = waitpid(pid_, &status, WNOHANG)) != 0; }, 15);
     if (done != pid_) {
       kill(pid_, SIGKILL);
       waitpid(pid_, &status, 0);
@@ -274,11 +240,8 @@ bool Devsim::stop() {
       unsetenv("USBMUXD_SOCKET_ADDRESS");
     }
   }
-  if (!work_dir_.empty()) {
-    std::error_code ec;
-    fs::remove_all(work_dir_, ec);
-    work_dir_.clear();
-  }
+  removeTree(work_dir_);
+  work_dir_.clear();
   return clean;
 }
 
@@ -286,48 +249,53 @@ std::string Devsim::image_dir(size_t index) const { return index < image_dirs_.s
 std::string Devsim::udid(size_t index) const { return index < udids_.size() ? udids_[index] : ""; }
 uint32_t Devsim::location_id(size_t index) const { return index < location_ids_.size() ? location_ids_[index] : 0; }
 
-std::string Devsim::log() const {
-  if (work_dir_.empty()) return "";
-  std::ifstream in(work_dir_ + "/devsim.log");
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+std::string Devsim::log() const { return work_dir_.empty() ? "" : readLocal(work_dir_ + "/devsim.log"); }
 
-int run_program(const std::vector<std::string>& argv, std::string* output, int timeout_seconds) {
+namespace {
+
+struct Captured {
+  bool started = false;
+  int status = -1;  // the exit status; -1 when killed or ended by a signal
+  std::string text;
+};
+
+// Runs argv (looked up in PATH) with its standard output, and its standard
+// error when `with_errors`, read until it closes. `no_input` gives it
+// /dev/null to read; a timeout of 0 waits as long as it takes.
+Captured run_captured(const std::vector<std::string>& argv, bool with_errors, bool no_input, int timeout_seconds) {
+  Captured result;
   std::vector<std::string> args = argv;
   std::vector<char*> pointers;
   for (std::string& arg : args) pointers.push_back(&arg[0]);
   pointers.push_back(nullptr);
   int out[2];
-  if (args.empty() || pipe2(out, O_CLOEXEC) != 0) return -1;
+  if (args.empty() || pipe2(out, O_CLOEXEC) != 0) return result;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  if (with_errors) posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+  if (no_input) posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   pid_t pid = -1;
   int rc = posix_spawnp(&pid, args[0].c_str(), &actions, nullptr, pointers.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
   if (rc != 0) {
     close(out[0]);
-    if (output) *output = args[0] + ": " + strerror(rc);
-    return -1;
+    result.text = args[0] + ": " + strerror(rc);
+    return result;
   }
-  std::string text;
+  result.started = true;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
   bool killed = false;
   for (;;) {
     pollfd p{out[0], POLLIN, 0};
-    int ready = poll(&p, 1, 100);
-    if (ready > 0) {
+    if (poll(&p, 1, 100) > 0) {
       char buffer[4096];
       ssize_t n = read(out[0], buffer, sizeof buffer);
       if (n <= 0) break;
-      text.append(buffer, static_cast<size_t>(n));
+      result.text.append(buffer, static_cast<size_t>(n));
     }
-    if (std::chrono::steady_clock::now() > deadline) {
+    if (timeout_seconds > 0 && std::chrono::steady_clock::now() > deadline) {
       kill(pid, SIGKILL);
       killed = true;
       break;
@@ -336,7 +304,27 @@ int run_program(const std::vector<std::string>& argv, std::string* output, int t
   close(out[0]);
   int status = 0;
   waitpid(pid, &status, 0);
-  if (output) *output = text;
-  if (killed || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
+  if (!killed && WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  return result;
+}
+
+}  // namespace
+
+int run_program(const std::vector<std::string>& argv, std::string* output, int timeout_seconds) {
+  Captured run = run_captured(argv, true, true, timeout_seconds);
+  if (output) *output = run.text;
+  return run.status;
+}
+
+std::string runProgram(const std::vector<std::string>& argv, int* status) {
+  Captured run = run_captured(argv, false, false, 0);
+  // A program that cannot be started fails as a shell says "not found".
+  if (status != nullptr) *status = run.started ? run.status : 127;
+  return run.started ? run.text : "";
+}
+
+int runStatus(const std::vector<std::string>& argv) {
+  int status = -1;
+  runProgram(argv, &status);
+  return status;
 }

@@ -83,7 +83,6 @@ class Devsim {
   bool running() const { return pid_ > 0; }
   const std::string& work_dir() const { return work_dir_; }
   const std::string& socket_path() const { return socket_path_; }
-  const std::string& control_path() const { return control_path_; }
   std::string image_dir(size_t index) const;
   std::string udid(size_t index) const;
   uint32_t location_id(size_t index) const;

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -36,32 +37,24 @@ std::string fuseUnavailableReason() {
 void DialogRecorder::create(const std::string &folder) {
     script = folder + "/record-dialog";
     record = folder + "/dialogs";
-    std::ofstream out(script);
     // Each argument ends with a NUL byte, each dialog with an extra one.
-    out << "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\0' \"$a\"; done >> '" << record << "'\nprintf '\\0' >> '"
-        << record << "'\n";
-    out.close();
+    writeLocal(script, "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\0' \"$a\"; done >> '" + record +
+                           "'\nprintf '\\0' >> '" + record + "'\n");
     chmod(script.c_str(), 0755);
 }
 
 std::vector<RecordedDialog> DialogRecorder::dialogs() const {
-    std::ifstream in(record, std::ios::binary);
-    std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::vector<RecordedDialog> result;
     std::vector<std::string> fields;
     std::string current;
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i] != '\0') {
-            current += all[i];
+    for (char c : readLocal(record)) {
+        if (c != '\0') {
+            current += c;
             continue;
         }
         if (current.empty() && !fields.empty()) {
-            RecordedDialog dialog;
-            if (fields.size() > 0) dialog.kind = fields[0];
-            if (fields.size() > 1) dialog.title = fields[1];
-            if (fields.size() > 2) dialog.message = fields[2];
-            if (fields.size() > 3) dialog.button = fields[3];
-            result.push_back(dialog);
+            fields.resize(4);
+            result.push_back({fields[0], fields[1], fields[2], fields[3]});
             fields.clear();
         } else {
             fields.push_back(current);
@@ -72,12 +65,8 @@ std::vector<RecordedDialog> DialogRecorder::dialogs() const {
 }
 
 std::vector<RecordedDialog> DialogRecorder::waitForDialogs(size_t count) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    std::vector<RecordedDialog> shown = dialogs();
-    while (shown.size() < count && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        shown = dialogs();
-    }
+    std::vector<RecordedDialog> shown;
+    eventually([&] { return (shown = dialogs()).size() >= count; });
     return shown;
 }
 
@@ -115,38 +104,6 @@ bool isFuseMountPoint(const std::string &path) {
         if (point == canonical && type.rfind("fuse", 0) == 0) return true;
     }
     return false;
-}
-
-std::string runProgram(const std::vector<std::string> &argv, int *status) {
-    int pipeFds[2];
-    if (pipe(pipeFds) != 0) return "";
-    pid_t child = fork();
-    if (child == 0) {
-        dup2(pipeFds[1], 1);
-        close(pipeFds[0]);
-        close(pipeFds[1]);
-        std::vector<char *> args;
-        for (const std::string &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    close(pipeFds[1]);
-    std::string output;
-    char buffer[4096];
-    ssize_t got;
-    while ((got = read(pipeFds[0], buffer, sizeof(buffer))) > 0) output.append(buffer, static_cast<size_t>(got));
-    close(pipeFds[0]);
-    int wstatus = 0;
-    waitpid(child, &wstatus, 0);
-    if (status != nullptr) *status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-    return output;
-}
-
-int runStatus(const std::vector<std::string> &argv) {
-    int status = -1;
-    runProgram(argv, &status);
-    return status;
 }
 
 pid_t startProgram(const std::vector<std::string> &argv, const std::string &outputFile) {
@@ -202,17 +159,12 @@ bool QuorvelMount::start(unsigned int locationId, const std::vector<std::string>
         execve(argv[0], argv.data(), envp.data());
         _exit(127);
     }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (isFuseMountPoint(mountPoint)) return true;
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid) {
-            pid = -1;
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    // Up, or given up on once the process has ended.
+    eventually([&] {
+        if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == pid) pid = -1;
+        return pid <= 0 || isFuseMountPoint(mountPoint);
+    });
+    return pid > 0 && isFuseMountPoint(mountPoint);
 #endif
 }
 
@@ -233,18 +185,14 @@ int QuorvelMount::stop() {
     if (isFuseMountPoint(mountPoint)) waitForQueuedReleases(mountPoint);
     if (isFuseMountPoint(mountPoint)) runProgram({fusermountProgram(), "-u", "-z", mountPoint});
     int status = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            pid = -1;
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pid_t done = 0;
+    bool ended = eventually([&] { return done != 0 || (done = waitpid(pid, &status, WNOHANG)) != 0; }, 30);
+    if (!ended) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
     }
     pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::vector<std::string> QuorvelMount::logMessages() const {
@@ -259,9 +207,8 @@ std::vector<std::string> QuorvelMount::logMessages() const {
 }
 
 int QuorvelMount::countLog(const std::string &message) const {
-    int count = 0;
-    for (const std::string &line : logMessages()) count += line == message;
-    return count;
+    std::vector<std::string> lines = logMessages();
+    return static_cast<int>(std::count(lines.begin(), lines.end(), message));
 }
 
 std::string quorvelProgram() {

@@ -1,6 +1,7 @@
 #include "tests/support/mount_fixture.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tests/support/catalogue_fixture.h"
 
@@ -39,3 +40,13 @@ bool MountedDeviceTest::startDevice(const std::vector<DevsimImage> &images,
 bool MountedDeviceTest::mountDevice(uint32_t locationId) { return mount.start(locationId); }
 
 int MountedDeviceTest::unmountDevice() { return mount.stop(); }
+
+bool MountedDeviceTest::mountAfresh(uint32_t locationId) {
+    if (mount.pid > 0) {
+        EXPECT_EQ(unmountDevice(), 0);
+    }
+    removeTree(mount.logDir);
+    mkdir(mount.logDir.c_str(), 0700);
+    unlink(dialogs.record.c_str());
+    return mountDevice(locationId);
+}

@@ -23,6 +23,9 @@ protected:
     bool mountDevice(uint32_t locationId);
     // Unmounts and waits for the file-system process to end.
     int unmountDevice();
+    // Unmounts what is mounted (expecting a clean exit), forgets its log and
+    // dialogs, and mounts the device with this location id.
+    bool mountAfresh(uint32_t locationId);
 
     std::string inMount(const std::string &volumePath) const { return mount.mountPoint + volumePath; }
     // Where the first image keeps its Storage, and an app's Documents.

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
+#include "tests/support/catalogue_fixture.h"
 
 std::string transferRecordBytes(uint32_t kind, uint64_t size, const std::string &extension) {
     std::string out;
@@ -52,10 +52,5 @@ std::string PipeReader::bytes() {
 }
 
 bool PipeReader::waitFor(const std::string &text, int seconds) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (bytes().find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return eventually([&] { return bytes().find(text) != std::string::npos; }, seconds);
 }
