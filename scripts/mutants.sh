@@ -79,8 +79,9 @@ map_coverage() {
     local file
     for file in $files; do
       [[ -e "$objects/$(basename "$file").gcda" ]] || continue
-      # Executed lines of that source: "<count>:<line>:" with a count that is a number.
-      (cd "$objects" && gcov -t "$(basename "$file").gcda" 2>/dev/null) |
+      # Executed lines of that source: "<count>:<line>:" with a count that is a
+      # number. gcov runs where the compiler did, to find the source.
+      (cd "$work/build-cov/tarnifs" && gcov -t -o "$objects" "$objects/$(basename "$file").gcda" 2>/dev/null) |
         awk -v want="$file" -v test="$name" -F: '
           /^ *-: *0:Source:/ { keep = (index($0, want) > 0) ; next }
           keep && $1 ~ /^ *[0-9]+\*?$/ { gsub(/ /, "", $2); print want "\t" $2 "\t" test }'
