@@ -16,6 +16,8 @@
 #       a line to RESULTS: "<n> caught <first failing test>", "<n> missed" or
 #       "<n> no-build". A test that never runs a line cannot notice a fault in
 #       it, so this counts what running the whole suite would, in far less time.
+#       An interrupted run, started again with the same RESULTS, goes on from
+#       where it stopped.
 #   scripts/mutants.sh table RESULTS_BEFORE RESULTS_AFTER
 #       counts both runs side by side, with the faults only one of them caught.
 set -euo pipefail
@@ -102,8 +104,12 @@ run() {
   fi
   # The setup script's own test runs no tarnifs code and takes longest.
   skip='^SetupPackages\.'
-  echo "mapping which tests run which lines ($(date +%T))" >&2
-  map_coverage "$work" "$results.coverage"
+  # A map and results left by an interrupted run are taken up where they stopped.
+  if [[ ! -s $results.coverage ]]; then
+    echo "mapping which tests run which lines ($(date +%T))" >&2
+    map_coverage "$work" "$results.coverage.part"
+    mv "$results.coverage.part" "$results.coverage"
+  fi
   # Quick to build and link: -O1 without debug information, linked by lld.
   cmake -S "$work" -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE='-O1 -DNDEBUG' \
     -DCMAKE_C_FLAGS_RELEASE='-O1 -DNDEBUG' -DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld -DQUORVEL_BENCH=OFF \
@@ -112,10 +118,11 @@ run() {
   echo "checking the unmutated suite ($(date +%T))" >&2
   (cd "$work/build" && ctest -j "$(nproc)" -E "$skip" --timeout 300 >/dev/null) ||
     { echo "the unmutated suite fails in $work: nothing to measure" >&2; exit 1; }
-  : > "$results"
+  touch "$results"
   local n=0 file line from to
   while IFS=$'\t' read -r file line from to; do
     n=$((n + 1))
+    grep -q "^$n " "$results" && continue
     if [[ $(sed -n "${line}p" "$work/$file") != "$from" ]]; then
       echo "$n stale $file:$line" >> "$results"; continue
     fi
