@@ -82,7 +82,11 @@ std::string missingTool() {
     return std::string();
 }
 
-std::string trimmed(std::string text) {
+// What exiftool prints, without its last line end.
+std::string exif(const std::vector<std::string> &arguments) {
+    std::vector<std::string> argv = {"exiftool", "-s3"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    std::string text = runProgram(argv);
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
     return text;
 }
@@ -102,14 +106,8 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
     ASSERT_TRUE(sim.start_with_dirs({image})) << sim.error();
     std::string roll = "/Media/Photo/Camera Roll/";
 
-    // Without the option the stills show as the device keeps them.
-    ASSERT_TRUE(mountDevice(kLocation));
-    EXPECT_EQ(sorted(namesIn(inMount(roll))),
-              (std::vector<std::string>{"IMG_0001.HEIC", "IMG_0002.HEIC", "IMG_0002.MOV", "IMG_0003.heif",
-                                        "IMG_0004.HEIC", "IMG_0004.JPG", "IMG_0005.PNG"}));
-    EXPECT_EQ(readLocal(inMount(roll + "IMG_0002.HEIC")), readLocal(image + "/media/DCIM/100APPLE/IMG_0002.HEIC"));
-    ASSERT_EQ(unmountDevice(), 0);
-
+    // Without the option the stills show as the device keeps them (the
+    // modern photo listing's test reads them so).
     ASSERT_TRUE(mount.start(kLocation, {"-o", "jpeg"}));
     std::vector<std::string> shown = sorted(namesIn(inMount(roll)));
     EXPECT_EQ(shown, (std::vector<std::string>{"IMG_0001.JPG", "IMG_0002.JPG", "IMG_0002.MOV", "IMG_0003.JPG",
@@ -150,10 +148,9 @@ TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) 
                                        "%[distortion]", "info:"})
                                .c_str());
         EXPECT_GE(psnr, 40.0);
-        EXPECT_EQ(trimmed(runProgram({"exiftool", "-s3", "-n", "-DateTimeOriginal", "-Orientation", "-Model", jpeg})),
-                  dateOf(seed) + "\n1\niPhone 12");
-        EXPECT_NE(runProgram({"exiftool", "-s3", "-GPSLatitude", jpeg}), "");
-        EXPECT_EQ(trimmed(runProgram({"exiftool", "-s3", "-ProfileDescription", jpeg})), "Display P3 (devsim)");
+        EXPECT_EQ(exif({"-n", "-DateTimeOriginal", "-Orientation", "-Model", jpeg}), dateOf(seed) + "\n1\niPhone 12");
+        EXPECT_NE(exif({"-GPSLatitude", jpeg}), "");
+        EXPECT_EQ(exif({"-ProfileDescription", jpeg}), "Display P3 (devsim)");
         ++seed;
     }
     // A second copy is served from the work folder's cache, the same bytes.
