@@ -93,12 +93,6 @@ TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtensionInBatchesOfAtMo
     EXPECT_TRUE(eventually([&] { return reader.bytes().size() >= 1026; }));
     EXPECT_TRUE(stopTrayThread(&ctx));
     EXPECT_EQ(reader.bytes(), expected);
-
-    // The same split, write by write: 678 bytes, then 348, then nothing.
-    for (uint32_t i = 0; i < 45; ++i) queueTransferRecord(1, i, "a.b");
-    EXPECT_EQ(takePipeBatch(batch), 678u);
-    EXPECT_EQ(takePipeBatch(batch), 348u);
-    EXPECT_EQ(takePipeBatch(batch), 0u);
 }
 
 size_t countOf(const std::string &text, const std::string &part) {
