@@ -118,9 +118,8 @@ protected:
         std::string shown = run.text();
         EXPECT_NE(shown.find("\n" + mountPoint + "\n├── Apps\n"), std::string::npos) << shown;
         EXPECT_NE(shown.find("└── Storage\n"), std::string::npos) << shown;
-        // The media tree: songs by artist and title, the duplicate album.
+        // The media tree is served (how it is named is the media test's).
         EXPECT_NE(shown.find("The Examples-Morning Light (2).mp3\n"), std::string::npos) << shown;
-        EXPECT_NE(shown.find("── Holiday (2)\n"), std::string::npos) << shown;
         EXPECT_NE(shown.find("directories, "), std::string::npos) << shown;
         EXPECT_NE(shown.find("df -h '" + mountPoint + "'"), std::string::npos) << shown;
         EXPECT_TRUE(fs::is_directory(mountPoint + "/Storage/Documents")) << "the sample's Storage is served";
@@ -207,10 +206,8 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount)
     EXPECT_TRUE(isFuseMountPoint(mountPoint));
     std::string work = first.workFolder();
     first.signal(SIGINT);
-    ASSERT_TRUE(first.finished(120)) << first.text();
-    EXPECT_FALSE(isFuseMountPoint(mountPoint));
+    expectNothingLeft(first, work, false);
     EXPECT_TRUE(fs::is_directory(mountPoint)) << "a mount point the demo did not make is left in place";
-    EXPECT_FALSE(fs::exists(work));
 }
 
 } // namespace
