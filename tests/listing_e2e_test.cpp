@@ -1,15 +1,19 @@
 // Browsing a mounted device: the root layout, /Storage, /Apps and /Media,
-// compared with the device image the simulated device serves.
+// compared with the device image the simulated device serves; large folders,
+// whose first listing asks the device over several connections, must show
+// exactly what a one-connection listing shows, fail the same way, and leave
+// no connection behind at unmount.
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cerrno>
-#include <filesystem>
+#include <cstring>
 #include <fstream>
 #include <future>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -20,31 +24,78 @@ namespace {
 const char kComposed[] = "caf\xC3\xA9.txt";
 const char kDecomposed[] = "cafe\xCC\x81.txt";
 
-// The names of a folder without "." and "..", sorted.
-std::vector<std::string> sortedVisible(std::vector<std::string> names) {
-    names.erase(std::remove_if(names.begin(), names.end(), [](const std::string &n) { return n == "." || n == ".."; }),
-                names.end());
+// A folder's names without "." and "..", sorted: the order devsim lists an
+// image folder in, and so the order any listing must keep.
+std::vector<std::string> sortedNames(const std::string &folder, int *error = nullptr) {
+    std::vector<std::string> names = namesIn(folder, error);
     std::sort(names.begin(), names.end());
     return names;
+}
+
+// Every name shown stats as its image entry: kind, size, modification time.
+void expectImageAttributes(const std::string &image, const std::string &mounted,
+                           const std::vector<std::string> &names) {
+    for (const std::string &name : names) {
+        struct stat original, seen;
+        ASSERT_EQ(lstat((image + "/" + name).c_str(), &original), 0) << name;
+        ASSERT_EQ(stat((mounted + "/" + name).c_str(), &seen), 0) << mounted << "/" << name;
+        EXPECT_EQ(S_ISDIR(seen.st_mode), S_ISDIR(original.st_mode)) << name;
+        EXPECT_EQ(seen.st_mtime, original.st_mtime) << name;
+        if (!S_ISDIR(original.st_mode)) {
+            EXPECT_EQ(seen.st_size, original.st_size) << name;
+        }
+    }
 }
 
 // Walks an image folder and its mounted counterpart together: the same
 // visible names, kinds, sizes and modification times at every level.
 void expectSameTree(const std::string &image, const std::string &mounted) {
-    std::vector<std::string> expected = sortedVisible(entriesIn(image));
-    std::vector<std::string> shown = sortedVisible(entriesIn(mounted));
-    ASSERT_EQ(shown, expected) << mounted;
-    for (const std::string &name : expected) {
-        struct stat original, seen;
-        ASSERT_EQ(lstat((image + "/" + name).c_str(), &original), 0);
-        ASSERT_EQ(stat((mounted + "/" + name).c_str(), &seen), 0) << mounted << "/" << name;
-        EXPECT_EQ(S_ISDIR(seen.st_mode), S_ISDIR(original.st_mode)) << name;
-        EXPECT_EQ(seen.st_mtime, original.st_mtime) << name;
-        if (S_ISDIR(original.st_mode))
-            expectSameTree(image + "/" + name, mounted + "/" + name);
-        else
-            EXPECT_EQ(seen.st_size, original.st_size) << name;
+    std::vector<std::string> expected = sortedNames(image);
+    ASSERT_EQ(sortedNames(mounted), expected) << mounted;
+    expectImageAttributes(image, mounted, expected);
+    for (const std::string &name : expected)
+        if (isFolder(image + "/" + name)) expectSameTree(image + "/" + name, mounted + "/" + name);
+}
+
+// The two spellings of one name meet in one record, shown once, under the
+// name the device gave first.
+std::vector<std::string> shownOnce(const std::vector<std::string> &order) {
+    std::vector<std::string> names;
+    bool spellingSeen = false;
+    for (const std::string &name : order) {
+        bool spelling = name == kComposed || name == kDecomposed;
+        if (!spelling || !spellingSeen) names.push_back(name);
+        spellingSeen = spellingSeen || spelling;
     }
+    return names;
+}
+
+// Files of many sizes, sub-folders holding a file, and dot names, with
+// modification times an hour apart.
+void fillFolder(DevsimImage &image, const std::string &folder, size_t count, const char *prefix) {
+    image.files.push_back({folder + "/.hidden", "a dot name, listed"});
+    image.files.push_back({folder + "/._" + prefix, "a dot name, listed"});
+    for (size_t i = 0; i < count; ++i) {
+        if (i % 11 == 5)
+            image.files.push_back({folder + "/" + numbered("dir", i) + "/inside.txt", "inside"});
+        else
+            image.files.push_back({folder + "/" + numbered(prefix, i), std::string(i * 37 % 3001, 'q')});
+    }
+}
+
+// Gives each entry of an image folder its own modification time.
+void stampTimes(const std::string &folder) {
+    DIR *dir = opendir(folder.c_str());
+    ASSERT_NE(dir, nullptr) << folder;
+    long hour = 0;
+    while (struct dirent *entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        struct timespec times[2] = {{1400000000 + 3600 * hour, 0}, {1400000000 + 3600 * hour, 0}};
+        ++hour;
+        ASSERT_EQ(utimensat(AT_FDCWD, (folder + "/" + name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << name;
+    }
+    closedir(dir);
 }
 
 class ListingTest : public MountedDeviceTest {};
@@ -103,7 +154,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     EXPECT_EQ(shown[0].button, "Confirm");
     EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -3"), 1);
     ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
-    EXPECT_EQ(sortedVisible(entriesIn(inMount("/Storage/locked"), &error)), std::vector<std::string>{"inside.txt"});
+    EXPECT_EQ(sortedNames(inMount("/Storage/locked"), &error), std::vector<std::string>{"inside.txt"});
     EXPECT_EQ(error, 0);
     // A device that went away has the lost-connection text; once it is back
     // (devsim gives it its old id again), the next listing opens a new
@@ -112,7 +163,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     entriesIn(inMount("/Storage/empty"), &error);
     EXPECT_EQ(error, ECANCELED);
     ASSERT_EQ(sim.control("plug " + sim.udid(0)), "ok");
-    EXPECT_EQ(sortedVisible(entriesIn(inMount("/Storage/empty"), &error)), std::vector<std::string>{});
+    EXPECT_EQ(sortedNames(inMount("/Storage/empty"), &error), std::vector<std::string>{});
     EXPECT_EQ(error, 0);
     EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -32"), 1);
     shown = dialogs.waitForDialogs(2);
@@ -127,41 +178,33 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     EXPECT_EQ(entriesIn(inMount("/Media")), (std::vector<std::string>{".", "..", "Music", "Movies", "Photo"}));
 
     expectSameTree(storageImage(), inMount("/Storage"));
-    std::vector<std::string> storage = entriesIn(inMount("/Storage"));
     // Dot names are ordinary names below the root (hiding them is the viewer's job).
-    EXPECT_EQ(std::count(storage.begin(), storage.end(), ".hidden"), 1);
     EXPECT_EQ(readLocal(inMount("/Storage/._resource")), "and another");
     EXPECT_EQ(readLocal(inMount("/Apps/Reader/.cache")), "dot name in an app");
 
     // Either spelling of a name reaches the one entry.
-    struct stat viaComposed, viaDecomposed;
-    ASSERT_EQ(stat(inMount(std::string("/Storage/") + kComposed).c_str(), &viaComposed), 0);
-    ASSERT_EQ(stat(inMount(std::string("/Storage/") + kDecomposed).c_str(), &viaDecomposed), 0);
-    EXPECT_EQ(viaComposed.st_size, viaDecomposed.st_size);
-    EXPECT_EQ(viaComposed.st_size, static_cast<off_t>(strlen("decomposed on the device")));
+    for (const char *spelling : {kComposed, kDecomposed}) {
+        ASSERT_EQ(stat(inMount(std::string("/Storage/") + spelling).c_str(), &st), 0) << spelling;
+        EXPECT_EQ(st.st_size, static_cast<off_t>(strlen("decomposed on the device"))) << spelling;
+    }
 
     // Apps that share files, duplicates numbered in the device's order; apps
     // named ".", ".." or with a "/" get folders of their own.
-    EXPECT_EQ(sortedVisible(entriesIn(inMount("/Apps"))),
+    EXPECT_EQ(sortedNames(inMount("/Apps")),
               (std::vector<std::string>{"Notes", "Notes (2)", "Notes (3)", "Reader", "Work:Home", "com.example.dot",
                                         "com.example.dotdot"}));
-    std::map<std::string, std::string> expectedFile = {
+    const std::pair<std::string, std::string> appFiles[] = {
         {"Notes", "first.txt"}, {"Notes (2)", "second.txt"}, {"Notes (3)", "third.txt"}};
-    for (const auto &entry : expectedFile)
-        EXPECT_EQ(sortedVisible(entriesIn(inMount("/Apps/" + entry.first))),
-                  std::vector<std::string>{entry.second})
-            << entry.first;
+    for (const auto &[app, file] : appFiles)
+        EXPECT_EQ(sortedNames(inMount("/Apps/" + app)), std::vector<std::string>{file}) << app;
     EXPECT_EQ(readLocal(inMount("/Apps/com.example.dot/d.txt")), "in the app called .");
     EXPECT_EQ(readLocal(inMount("/Apps/com.example.dotdot/dd.txt")), "in the app called ..");
     EXPECT_EQ(readLocal(inMount("/Apps/Work:Home/s.txt")), "in Work/Home");
     expectSameTree(appImage("com.example.reader"), inMount("/Apps/Reader"));
 
-    // `ls -la` agrees with the image on a nested folder.
-    std::string listing = runProgram({"ls", "-la", "--time-style=+%s", inMount("/Storage/a/b")});
-    struct stat deep;
-    ASSERT_EQ(stat((storageImage() + "/a/b/deep.bin").c_str(), &deep), 0);
-    EXPECT_NE(listing.find(" 5000 " + std::to_string(deep.st_mtime) + " deep.bin"), std::string::npos) << listing;
-    EXPECT_NE(listing.find("drwxrwxrwx"), std::string::npos) << listing;
+    // Folders are open to everyone, as `ls -l` shows them.
+    ASSERT_EQ(stat(inMount("/Storage/a/b").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0777u);
 
     // Behind the mount's back: files and a folder added, files removed.
     std::ofstream(storageImage() + "/from the phone.txt") << "added on the phone";
@@ -183,7 +226,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
 
     // Two device files whose names differ only in Unicode form are one entry;
     // through either spelling its size and bytes are one file's.
-    std::vector<std::string> twins = sortedVisible(entriesIn(inMount("/Apps/com.example.dot/twins")));
+    std::vector<std::string> twins = sortedNames(inMount("/Apps/com.example.dot/twins"));
     ASSERT_EQ(twins.size(), 1u);
     for (const char *spelling : {kComposed, kDecomposed}) {
         std::string path = inMount(std::string("/Apps/com.example.dot/twins/") + spelling);
@@ -217,8 +260,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     // promptly, with its lost-connection dialog when it needed the device.
     // The folder made behind the mount's back is known but not listed yet.
     ASSERT_EQ(mkdir((storageImage() + "/later").c_str(), 0755), 0);
-    storage = entriesIn(inMount("/Storage"));
-    EXPECT_EQ(std::count(storage.begin(), storage.end(), "later"), 1);
+    EXPECT_EQ(sortedNames(inMount("/Storage")), sortedNames(storageImage()));
     EXPECT_EQ(statError("/tmp/12"), 0) << "the mount's private work folder";
     std::string local = tempDir + "/local.txt";
     std::ofstream(local) << "local";
@@ -257,15 +299,143 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     EXPECT_GE(mount.countLog("tarnifs_open libiusb_afc_file_open failed. path(/general_storage/top.txt) ret : -32"), 1);
     EXPECT_EQ(readLocal(storageImage() + "/top.txt"), "back, and longer than before") << "the device file is whole";
 
-#ifdef QUORVEL_PATH
-    // quorvel unmount ends it; the process goes and takes its work folder with it.
-    int status = -1;
-    std::string said = runProgram({QUORVEL_PATH, "unmount", mount.mountPoint}, &status);
-    EXPECT_EQ(status, 0) << said;
-    EXPECT_FALSE(isFuseMountPoint(mount.mountPoint));
-    EXPECT_EQ(mount.stop(), 0) << "quorvelfs ends with status 0";
-    EXPECT_EQ(statError("/tmp/12"), ENOENT) << "the work folder is removed";
-#endif
+    // Unmounted without its phone, it ends cleanly and takes its work folder with it.
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_EQ(statError("/tmp/12"), ENOENT);
+}
+
+
+class LargeListingTest : public MountedDeviceTest {
+protected:
+    static constexpr uint32_t kLocation = 51;
+
+    int connections(const std::string &service = "") { return sim.connections(0, service); }
+    int countLogStarting(const std::string &prefix) {
+        int count = 0;
+        for (const std::string &line : mount.logMessages()) count += line.rfind(prefix, 0) == 0;
+        return count;
+    }
+};
+
+TEST_F(LargeListingTest, FoldersOfThousandsListAsTheDeviceHasThemEvenUnderAServiceLimitOrFailOnce) {
+    DevsimImage image;
+    image.name = "Crowded";
+    image.location_id = kLocation;
+    image.apps = {{"com.example.reader", "Reader", true}};
+    fillFolder(image, "media/general_storage/many", 3000, "photo");
+    image.files.push_back({std::string("media/general_storage/many/") + kComposed, "composed"});
+    image.files.push_back({std::string("media/general_storage/many/") + kDecomposed, "decomposed"});
+    fillFolder(image, "apps/com.example.reader/Documents", 2000, "page");
+    fillFolder(image, "media/general_storage/more", 800, "clip");
+    fillFolder(image, "media/general_storage/broken", 2000, "photo");
+    fillFolder(image, "media/general_storage/lost", 2000, "photo");
+    image.apps.push_back({"com.example.broken", "Broken", true});
+    fillFolder(image, "apps/com.example.broken/Documents", 1500, "page");
+    for (int app = 0; app < 10; ++app) {
+        std::string id = "com.example.app" + std::to_string(app);
+        image.apps.push_back({id, "App " + std::to_string(app), true});
+        fillFolder(image, "apps/" + id + "/Documents", 80, "note");
+    }
+    ASSERT_TRUE(startDevice({image}));
+    stampTimes(storageImage() + "/many");
+    stampTimes(appImage("com.example.reader"));
+    ASSERT_TRUE(mountDevice(kLocation));
+
+    std::vector<std::string> order = sortedNames(storageImage() + "/many");
+    ASSERT_EQ(order.size(), 3004u);  // with two dot names and two spellings of one name
+    std::vector<std::string> expected = shownOnce(order);
+    std::vector<std::string> shown = namesIn(inMount("/Storage/many"));
+    EXPECT_EQ(shown, expected);
+    EXPECT_EQ(namesIn(inMount("/Storage/many")), shown) << "the second listing comes from memory, the same";
+    std::vector<std::string> plain = expected;
+    plain.erase(std::remove_if(plain.begin(), plain.end(),
+                               [](const std::string &n) { return n == kComposed || n == kDecomposed; }),
+                plain.end());
+    expectImageAttributes(storageImage() + "/many", inMount("/Storage/many"), plain);
+    EXPECT_EQ(namesIn(inMount("/Storage/many/" + numbered("dir", 5))), std::vector<std::string>{"inside.txt"});
+
+    std::vector<std::string> pages = sortedNames(appImage("com.example.reader"));
+    EXPECT_EQ(namesIn(inMount("/Apps/Reader")), pages);
+    expectImageAttributes(appImage("com.example.reader"), inMount("/Apps/Reader"), pages);
+
+    // Storage keeps its extra connections for the next large listing; an
+    // app listing closes all of its own.
+    EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
+    EXPECT_EQ(namesIn(inMount("/Storage/more")), sortedNames(storageImage() + "/more"));
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
+
+    EXPECT_TRUE(dialogs.dialogs().empty());
+    for (const char *caller : {"enumStorage libiusb", "enumApps libiusb", "storageListingConnections",
+                               "openAppListingConnections", "closeAppListingConnections"})
+        EXPECT_EQ(countLogStarting(caller), 0) << caller;
+
+    // An unreadable entry in the middle fails a Storage listing and is left
+    // out of an app one.
+    order = sortedNames(storageImage() + "/broken");
+    pages = sortedNames(appImage("com.example.broken"));
+    ASSERT_EQ(order.size(), 2002u);
+    ASSERT_EQ(pages.size(), 1502u);
+    ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /general_storage/broken/" + order[1000] + " io-error"), "ok");
+    // In an app, entries near its start, middle and end.
+    for (size_t failing : {size_t(1499), size_t(700), size_t(5)}) {
+        ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /Documents/" + pages[failing] + " io-error"), "ok");
+        pages.erase(pages.begin() + static_cast<long>(failing));
+    }
+    int error = 0;
+    namesIn(inMount("/Storage/broken"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    std::vector<RecordedDialog> failed = dialogs.waitForDialogs(1);
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].title, "Quorvel Error!!");
+    EXPECT_EQ(failed[0].message, "Could not read directory.\nError Code : -30");
+    EXPECT_EQ(mount.countLog("enumStorage libiusb_afc_file_get_info failed. code : -30"), 1);
+    EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -30"), 1);
+    // In an app the entries are only missing, nothing is shown, and what was
+    // listed belongs to the app.
+    EXPECT_EQ(namesIn(inMount("/Apps/Broken"), &error), pages);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(mount.countLog("enumApps libiusb_afc_file_get_info failed. error : -30"), 3);
+    EXPECT_EQ(readLocal(inMount("/Apps/Broken/" + numbered("dir", 5) + "/inside.txt")), "inside");
+    EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
+    // Once the device answers, the Storage folder lists whole.
+    ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
+    EXPECT_EQ(namesIn(inMount("/Storage/broken"), &error), order);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(dialogs.dialogs().size(), 1u);
+
+    // A device lost in the middle of a large listing fails it once. A few
+    // requests go to the folder itself first; the drop falls among the entries.
+    ASSERT_EQ(sim.control("drop-after-requests " + sim.udid(0) + " 600"), "ok");
+    namesIn(inMount("/Storage/lost"), &error);
+    EXPECT_EQ(error, ECANCELED);
+    EXPECT_EQ(dialogs.waitForDialogs(2).size(), 2u);
+    EXPECT_EQ(countLogStarting("enumStorage libiusb_afc_file_get_info failed. code : "), 2);
+    EXPECT_EQ(countLogStarting("tarnifs_readdir enumStorage failed. error : "), 2);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_TRUE(eventually([&] { return connections() == 0; })) << connections() << " connections left";
+
+    // A phone that opens only three services at once (lockdown and the media
+    // connection take two): every folder still lists and every app file reads,
+    // one after another, the pool giving up its idle connections, and the user
+    // sees no dialog. Lockdown, the media connection and the installation
+    // proxy fill the three: the first app folder's connection needs the
+    // proxy's slot.
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 3"), "ok");
+    ASSERT_TRUE(mountDevice(kLocation));
+    EXPECT_EQ(namesIn(inMount("/Apps")).size(), 12u);
+    EXPECT_EQ(namesIn(inMount("/Storage/many")), shownOnce(sortedNames(storageImage() + "/many")));
+    for (int app = 0; app < 10; ++app) {
+        std::string id = "com.example.app" + std::to_string(app);
+        std::string folder = inMount("/Apps/App " + std::to_string(app));
+        EXPECT_EQ(namesIn(folder), sortedNames(appImage(id))) << folder;
+        EXPECT_EQ(readLocal(folder + "/" + numbered("note", 7)), readLocal(appImage(id) + "/" + numbered("note", 7)));
+        EXPECT_EQ(namesIn(inMount("/Storage/many/" + numbered("dir", 5 + 11 * app))), std::vector<std::string>{"inside.txt"});
+    }
+    EXPECT_EQ(dialogs.dialogs().size(), 2u) << "only the two failures above";
+    EXPECT_EQ(countLogStarting("CloseIdleConnections closed 1 idle connections"), 1);
+    EXPECT_EQ(unmountDevice(), 0);
+    EXPECT_TRUE(eventually([&] { return connections() == 0; })) << connections() << " connections left";
 }
 
 } // namespace

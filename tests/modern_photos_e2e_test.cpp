@@ -71,18 +71,17 @@ protected:
 
 // Both releases are served together and mounted in turn.
 TEST_F(ModernPhotosTest, ListsAlbumsKindsAndLivePairsAndCountsWhatIsOnlyInICloud) {
-    std::vector<std::string> images;
+    auto imageOf = [&](int version) { return tempDir + "/image" + std::to_string(version); };
     for (int version : {14, 17}) {
         DevsimImage phone;
         phone.location_id = 90 + static_cast<uint32_t>(version);
         phone.ios_version = devsim::modern_ios_version(version);
-        images.push_back(tempDir + "/image" + std::to_string(version));
-        ASSERT_EQ(writeMediaImage(images.back(), phone, modernLibrary(version)), "");
+        ASSERT_EQ(writeMediaImage(imageOf(version), phone, modernLibrary(version)), "");
     }
-    ASSERT_TRUE(sim.start_with_dirs(images)) << sim.error();
+    ASSERT_TRUE(sim.start_with_dirs({imageOf(14), imageOf(17)})) << sim.error();
     for (int version : {14, 17}) {
         SCOPED_TRACE(version);
-        std::string image = tempDir + "/image" + std::to_string(version);
+        std::string image = imageOf(version);
         ASSERT_TRUE(mountAfresh(90 + static_cast<uint32_t>(version)));
         EXPECT_EQ(namesIn(inMount("/Media/Photo")),
                   (std::vector<std::string>{"Camera Roll", "Trip", "Trip (2)", "My Panoramas", "Recorded Videos",

@@ -1,7 +1,6 @@
 // `quorvel demo` run as a user runs it: it must reach a browsable mount, and
 // however it is stopped (Ctrl-C, SIGTERM, SIGKILL, a dead mount left by
 // someone else) the next run must work and nothing may stay behind.
-#include <gtest/gtest.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include "tests/support/catalogue_fixture.h"
-#include "tests/support/devsim_fixture.h"
 #include "tests/support/fuse_mount.h"
 #include "tools/process.h"
 
@@ -25,8 +23,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kQuorvel = quorvelProgram();
-
-bool deadMount(const std::string &path) { return quorvel_tools::isDeadMount(path); }
 
 // One `quorvel demo MOUNTPOINT` process, its output collected in a file.
 struct DemoRun {
@@ -110,7 +106,7 @@ protected:
                 if (!run->finished(60)) run->kill9();
             }
         }
-        if (isFuseMountPoint(mountPoint) || deadMount(mountPoint)) run_program({fusermountProgram(), "-u", "-z", mountPoint});
+        if (isFuseMountPoint(mountPoint) || quorvel_tools::isDeadMount(mountPoint)) run_program({fusermountProgram(), "-u", "-z", mountPoint});
         eventually([&] { return !isFuseMountPoint(mountPoint); }, 30);
         std::error_code error;
         fs::remove_all(folder, error);
@@ -122,9 +118,8 @@ protected:
         std::string shown = run.text();
         EXPECT_NE(shown.find("\n" + mountPoint + "\n├── Apps\n"), std::string::npos) << shown;
         EXPECT_NE(shown.find("└── Storage\n"), std::string::npos) << shown;
-        // The media tree: songs by artist and title, the duplicate album.
+        // The media tree is served (how it is named is the media test's).
         EXPECT_NE(shown.find("The Examples-Morning Light (2).mp3\n"), std::string::npos) << shown;
-        EXPECT_NE(shown.find("── Holiday (2)\n"), std::string::npos) << shown;
         EXPECT_NE(shown.find("directories, "), std::string::npos) << shown;
         EXPECT_NE(shown.find("df -h '" + mountPoint + "'"), std::string::npos) << shown;
         EXPECT_TRUE(fs::is_directory(mountPoint + "/Storage/Documents")) << "the sample's Storage is served";
@@ -196,14 +191,11 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount)
     stale.mountPoint = mountPoint;
     stale.logDir = folder + "/log";
     ASSERT_TRUE(stale.start(sim.location_id(0)));
-    struct stat st;
-    stat(mountPoint.c_str(), &st);
-    ASSERT_GT(stale.pid, 0);
     kill(stale.pid, SIGKILL);
     waitpid(stale.pid, nullptr, 0);
     stale.pid = -1;
     sim.stop();
-    ASSERT_TRUE(eventually([&] { return deadMount(mountPoint); }, 10)) << "could not make a dead mount to recover from";
+    ASSERT_TRUE(eventually([&] { return quorvel_tools::isDeadMount(mountPoint); }, 10)) << "could not make a dead mount to recover from";
 
     first.start(mountPoint, folder + "/first.out");
     ASSERT_TRUE(first.waitFor(kBrowsable)) << first.text();
@@ -214,10 +206,8 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount)
     EXPECT_TRUE(isFuseMountPoint(mountPoint));
     std::string work = first.workFolder();
     first.signal(SIGINT);
-    ASSERT_TRUE(first.finished(120)) << first.text();
-    EXPECT_FALSE(isFuseMountPoint(mountPoint));
+    expectNothingLeft(first, work, false);
     EXPECT_TRUE(fs::is_directory(mountPoint)) << "a mount point the demo did not make is left in place";
-    EXPECT_FALSE(fs::exists(work));
 }
 
 } // namespace
