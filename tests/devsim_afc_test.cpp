@@ -629,41 +629,6 @@ TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
   EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND);
 }
 
-TEST_F(DevsimUsbmuxTest, StockToolsReachEachImageByItsUdid) {
-  if (!have_program("idevice_id") || !have_program("ideviceinfo"))
-    GTEST_SKIP() << "idevice_id/ideviceinfo (libimobiledevice-utils) not installed";
-  DevsimImage first, second;
-  first.name = "First Phone";
-  first.capacity_bytes = 64000000000ull;
-  second.name = "Second iPad";
-  second.product_type = "iPad6,11";
-  second.ios_version = "11.4";
-  ASSERT_TRUE(sim_.start({first, second})) << sim_.error();
-
-  std::string output;
-  ASSERT_EQ(run_program({"idevice_id", "-l"}, &output), 0) << output;
-  EXPECT_NE(output.find(sim_.udid(0)), std::string::npos) << output;
-  EXPECT_NE(output.find(sim_.udid(1)), std::string::npos) << output;
-
-  const std::pair<std::vector<std::string>, std::string> answers[] = {
-      {{"ideviceinfo", "-u", sim_.udid(0), "-k", "DeviceName"}, "First Phone\n"},
-      {{"ideviceinfo", "-u", sim_.udid(1), "-k", "DeviceName"}, "Second iPad\n"},
-      {{"ideviceinfo", "-u", sim_.udid(0), "-q", "com.apple.disk_usage", "-k", "TotalDiskCapacity"},
-       "64000000000\n"},
-  };
-  for (const auto& [argv, says] : answers) {
-    ASSERT_EQ(run_program(argv, &output), 0) << output;
-    EXPECT_EQ(output, says);
-  }
-  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(1)}, &output), 0) << output;
-  const std::string lines[] = {"ProductVersion: 11.4\n", "DeviceClass: iPad\n",
-                               "UniqueDeviceID: " + sim_.udid(1) + "\n"};
-  for (const std::string& line : lines) EXPECT_NE(output.find(line), std::string::npos) << output;
-  EXPECT_NE(run_program({"ideviceinfo", "-u", "0000000000000000000000000000000000000000", "-k", "DeviceName"},
-                        &output),
-            0);
-}
-
 // The parsed pair record usbmux serves for `udid`, or null.
 plist_t read_pair_record(const std::string& udid) {
   char* record = nullptr;
@@ -774,18 +739,44 @@ TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilT
   removeTree(dir);
 }
 
-// idevicepair and ideviceinfo, unmodified, through a trust prompt, a denial,
-// a passcode lock and a device that forgot the computer; then with --no-tls,
-// where the made-up record needs no pairing.
-TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAsOnAPhone) {
-  if (!have_program("idevicepair") || !have_program("ideviceinfo"))
-    GTEST_SKIP() << "idevicepair/ideviceinfo (libimobiledevice-utils) not installed";
-  DevsimImage phone;
+// idevice_id and ideviceinfo, unmodified, reach each image by its udid; then
+// idevicepair and ideviceinfo go through a trust prompt, a denial, a passcode
+// lock and a device that forgot the computer; then with --no-tls, where the
+// made-up record needs no pairing.
+TEST_F(DevsimUsbmuxTest, StockToolsReachEachImageAndMeetPromptDenialLockAndForgottenHostAsOnAPhone) {
+  if (!have_program("idevicepair") || !have_program("ideviceinfo") || !have_program("idevice_id"))
+    GTEST_SKIP() << "idevicepair/ideviceinfo/idevice_id (libimobiledevice-utils) not installed";
+  DevsimImage phone, second;
   phone.name = "Pairing Phone";
   phone.location_id = 9402;
   phone.udid = "9a1e0000000000000000000000000000000094a2";
-  ASSERT_TRUE(sim_.start({phone})) << sim_.error();
+  phone.capacity_bytes = 64000000000ull;
+  second.name = "Second iPad";
+  second.product_type = "iPad6,11";
+  second.ios_version = "11.4";
+  ASSERT_TRUE(sim_.start({phone, second})) << sim_.error();
   const std::string udid = phone.udid;
+
+  std::string output;
+  ASSERT_EQ(run_program({"idevice_id", "-l"}, &output), 0) << output;
+  EXPECT_NE(output.find(sim_.udid(0)), std::string::npos) << output;
+  EXPECT_NE(output.find(sim_.udid(1)), std::string::npos) << output;
+  const std::pair<std::vector<std::string>, std::string> answers[] = {
+      {{"ideviceinfo", "-u", sim_.udid(1), "-k", "DeviceName"}, "Second iPad\n"},
+      {{"ideviceinfo", "-u", udid, "-q", "com.apple.disk_usage", "-k", "TotalDiskCapacity"}, "64000000000\n"},
+  };
+  for (const auto& [argv, says] : answers) {
+    ASSERT_EQ(run_program(argv, &output), 0) << output;
+    EXPECT_EQ(output, says);
+  }
+  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(1)}, &output), 0) << output;
+  const std::string lines[] = {"ProductVersion: 11.4\n", "DeviceClass: iPad\n",
+                               "UniqueDeviceID: " + sim_.udid(1) + "\n"};
+  for (const std::string& line : lines) EXPECT_NE(output.find(line), std::string::npos) << output;
+  EXPECT_NE(run_program({"ideviceinfo", "-u", "0000000000000000000000000000000000000000", "-k", "DeviceName"},
+                        &output),
+            0);
+
   const std::string pending = "Please accept the trust dialog", denied = "the user denied the trust dialog",
                     paired = "SUCCESS: Paired", valid = "SUCCESS: Validated", passcode = "a passcode is set",
                     not_paired = "is not paired with this host", unpaired = "SUCCESS: Unpaired";
@@ -841,9 +832,11 @@ TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAs
         {"lock", {"idevicepair", "validate"}, 1, passcode}});
 }
 
-TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
-  std::string dir = makeTempDir("devsim-json-");
-  ASSERT_FALSE(dir.empty());
+// A malformed device.json is refused naming its key, a sparse one served;
+// make-sample writes a usable image that serves until SIGINT.
+TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonAndMakeSampleWritesAnImageThatServesUntilSigint) {
+  std::string pattern = makeTempDir("devsim-sample-");
+  ASSERT_FALSE(pattern.empty());
   struct Case {
     const char* json;
     const char* mentions;
@@ -857,25 +850,20 @@ TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
       {R"({"name": )", "not valid JSON"},
       {R"({"hostile": ["names", "lies"]})", "key \"hostile\" holds \"lies\""},
   };
+  std::string output;
   for (const Case& c : cases) {
-    std::ofstream(dir + "/device.json", std::ios::trunc) << c.json;
-    std::string output;
-    EXPECT_EQ(run_program({devsim_program(), "serve", "--socket", dir + "/s", dir}, &output, 30), 2) << c.json;
+    std::ofstream(pattern + "/device.json", std::ios::trunc) << c.json;
+    EXPECT_EQ(run_program({devsim_program(), "serve", "--socket", pattern + "/s", pattern}, &output, 30), 2)
+        << c.json;
     EXPECT_NE(output.find(c.mentions), std::string::npos) << c.json << " -> " << output;
-    EXPECT_FALSE(fs::exists(dir + "/s"));
+    EXPECT_FALSE(fs::exists(pattern + "/s"));
   }
   // Missing optional keys get defaults.
-  std::ofstream(dir + "/device.json", std::ios::trunc) << R"({"udid": "abc"})";
-  ASSERT_TRUE(sim_.start_with_dirs({dir})) << sim_.error();
+  std::ofstream(pattern + "/device.json", std::ios::trunc) << R"({"udid": "abc"})";
+  ASSERT_TRUE(sim_.start_with_dirs({pattern})) << sim_.error();
   EXPECT_TRUE(sim_.stop()) << sim_.error();
-  removeTree(dir);
-}
 
-TEST_F(DevsimUsbmuxTest, MakeSampleWritesAUsableImageThatServesUntilSigint) {
-  std::string pattern = makeTempDir("devsim-sample-");
-  ASSERT_FALSE(pattern.empty());
   std::string dir = pattern + "/image";
-  std::string output;
   ASSERT_EQ(run_program({devsim_program(), "make-sample", dir}, &output), 0) << output;
   EXPECT_NE(run_program({devsim_program(), "make-sample", dir}, &output), 0);  // never over an existing image
   std::string storage = dir + "/media/general_storage";
