@@ -189,7 +189,7 @@ using DevsimRobustnessTest = DevsimAfcTest;
 // Image files in media/ and in app containers; outside.txt is neither.
 const uint64_t kStored = 11 + 5 + 1024 * 1024 + 6 + 4 + 6 + 5;
 
-TEST_F(DevsimAfcTest, ListsFoldersAndDescribesFilesAsAPhoneDoes) {
+TEST_F(DevsimAfcTest, ListsFoldersDescribesFilesAndWritesBeyondCapacityFailWithNoSpaceWritingNothing) {
   start();
   EXPECT_EQ(listing(afc_, "/general_storage"),
             (std::vector<std::string>{".", "..", "data.bin", "folder", "hello.txt", "locked.txt", "open.txt"}));
@@ -215,9 +215,26 @@ TEST_F(DevsimAfcTest, ListsFoldersAndDescribesFilesAsAPhoneDoes) {
   EXPECT_EQ(values["FSTotalBytes"], "50000000");
   EXPECT_EQ(values["FSBlockSize"], "4096");
   EXPECT_EQ(values["FSFreeBytes"], std::to_string(50000000 - kStored));
+
+  // Writes beyond the capacity fail with no space and write nothing.
+  ASSERT_EQ(sim_.control("capacity " + udid_ + " " + std::to_string(kStored + 1000)), "ok");
+
+  uint64_t h = open("/general_storage/fill.bin", AFC_FOPEN_WRONLY);
+  write(h, std::string(600, 'a'));
+  write(h, std::string(600, 'b'), AFC_E_NO_SPACE_LEFT);
+  EXPECT_EQ(afc_file_truncate(afc_, h, 5000), AFC_E_NO_SPACE_LEFT);
+  write(h, std::string(400, 'c'));
+  write(h, "d", AFC_E_NO_SPACE_LEFT);
+  afc_file_close(afc_, h);
+  EXPECT_EQ(readLocal(media_ + "/general_storage/fill.bin"), std::string(600, 'a') + std::string(400, 'c'));
+
+  EXPECT_EQ(device_info()["FSFreeBytes"], "0");
+  // Removing a file gives its space back.
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/fill.bin"), AFC_E_SUCCESS);
+  EXPECT_EQ(device_info()["FSFreeBytes"], "1000");
 }
 
-TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
+TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaningAndPathsNeverLeaveTheMediaFolder) {
   start();
   open("/general_storage/absent.txt", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
   open("/general_storage/folder", AFC_FOPEN_RDONLY, AFC_E_OBJECT_IS_DIR);
@@ -264,6 +281,37 @@ TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
   // Handles are per connection and die with close.
   EXPECT_EQ(afc_file_close(afc_, 12345), AFC_E_INVALID_ARG);
   EXPECT_EQ(afc_file_seek(afc_, h, 0, SEEK_SET), AFC_E_INVALID_ARG);
+
+  std::string outside = sim_.image_dir(0) + "/outside.txt";
+  // A link planted in the image pointing at the host's copy of a file outside.
+  fs::create_symlink(outside, media_ + "/general_storage/planted");
+  fs::create_symlink("../../outside.txt", media_ + "/general_storage/relative");
+
+  for (const char* path : {"../outside.txt", "/../outside.txt", "/general_storage/../../outside.txt",
+                           "../../../../../../etc/passwd", "/general_storage/planted", "/general_storage/relative",
+                           "//..//..//outside.txt"}) {
+    uint64_t handle = 0;
+    EXPECT_EQ(afc_file_open(afc_, path, AFC_FOPEN_RDONLY, &handle), AFC_E_OBJECT_NOT_FOUND) << path;
+  }
+  // Links made through AFC resolve inside the root too.
+  ASSERT_EQ(afc_make_link(afc_, AFC_SYMLINK, "/../../../../etc/passwd", "/general_storage/made"), AFC_E_SUCCESS);
+  open("/general_storage/made", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
+  EXPECT_EQ(afc_make_link(afc_, AFC_HARDLINK, "../outside.txt", "/general_storage/hard"), AFC_E_OBJECT_NOT_FOUND);
+
+  // ".." above the root is the root: writing there writes into media/.
+  h = open("../../escaped.txt", AFC_FOPEN_WRONLY);
+  write(h, "inside");
+  afc_file_close(afc_, h);
+  EXPECT_EQ(readLocal(media_ + "/escaped.txt"), "inside");
+  EXPECT_FALSE(fs::exists(sim_.image_dir(0) + "/escaped.txt"));
+  EXPECT_EQ(afc_rename_path(afc_, "/escaped.txt", "/../../../moved.txt"), AFC_E_SUCCESS);
+  EXPECT_TRUE(fs::exists(media_ + "/moved.txt"));
+  // Creating through a planted link lands inside, never at the link's host target.
+  fs::create_symlink(sim_.work_dir() + "/created-outside.txt", media_ + "/dangling");
+  open("/dangling", AFC_FOPEN_WRONLY, AFC_E_OBJECT_NOT_FOUND);
+  EXPECT_FALSE(fs::exists(sim_.work_dir() + "/created-outside.txt"));
+  EXPECT_EQ(afc_remove_path_and_contents(afc_, "/.."), AFC_E_PERM_DENIED);
+  EXPECT_EQ(readLocal(outside), "must stay unreachable");
 }
 
 TEST_F(DevsimAfcTest, ChangesTheNamespaceWithAPhonesErrors) {
@@ -314,58 +362,7 @@ TEST_F(DevsimAfcTest, ChangesTheNamespaceWithAPhonesErrors) {
   afc_file_close(afc_, h);
 }
 
-TEST_F(DevsimAfcTest, PathsNeverLeaveTheMediaFolder) {
-  start();
-  std::string outside = sim_.image_dir(0) + "/outside.txt";
-  // A link planted in the image pointing at the host's copy of a file outside.
-  fs::create_symlink(outside, media_ + "/general_storage/planted");
-  fs::create_symlink("../../outside.txt", media_ + "/general_storage/relative");
 
-  for (const char* path : {"../outside.txt", "/../outside.txt", "/general_storage/../../outside.txt",
-                           "../../../../../../etc/passwd", "/general_storage/planted", "/general_storage/relative",
-                           "//..//..//outside.txt"}) {
-    uint64_t handle = 0;
-    EXPECT_EQ(afc_file_open(afc_, path, AFC_FOPEN_RDONLY, &handle), AFC_E_OBJECT_NOT_FOUND) << path;
-  }
-  // Links made through AFC resolve inside the root too.
-  ASSERT_EQ(afc_make_link(afc_, AFC_SYMLINK, "/../../../../etc/passwd", "/general_storage/made"), AFC_E_SUCCESS);
-  open("/general_storage/made", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
-  EXPECT_EQ(afc_make_link(afc_, AFC_HARDLINK, "../outside.txt", "/general_storage/hard"), AFC_E_OBJECT_NOT_FOUND);
-
-  // ".." above the root is the root: writing there writes into media/.
-  uint64_t h = open("../../escaped.txt", AFC_FOPEN_WRONLY);
-  write(h, "inside");
-  afc_file_close(afc_, h);
-  EXPECT_EQ(readLocal(media_ + "/escaped.txt"), "inside");
-  EXPECT_FALSE(fs::exists(sim_.image_dir(0) + "/escaped.txt"));
-  EXPECT_EQ(afc_rename_path(afc_, "/escaped.txt", "/../../../moved.txt"), AFC_E_SUCCESS);
-  EXPECT_TRUE(fs::exists(media_ + "/moved.txt"));
-  // Creating through a planted link lands inside, never at the link's host target.
-  fs::create_symlink(sim_.work_dir() + "/created-outside.txt", media_ + "/dangling");
-  open("/dangling", AFC_FOPEN_WRONLY, AFC_E_OBJECT_NOT_FOUND);
-  EXPECT_FALSE(fs::exists(sim_.work_dir() + "/created-outside.txt"));
-  EXPECT_EQ(afc_remove_path_and_contents(afc_, "/.."), AFC_E_PERM_DENIED);
-  EXPECT_EQ(readLocal(outside), "must stay unreachable");
-}
-
-TEST_F(DevsimAfcTest, WritesBeyondCapacityFailWithNoSpaceAndWriteNothing) {
-  start();
-  ASSERT_EQ(sim_.control("capacity " + udid_ + " " + std::to_string(kStored + 1000)), "ok");
-
-  uint64_t h = open("/general_storage/fill.bin", AFC_FOPEN_WRONLY);
-  write(h, std::string(600, 'a'));
-  write(h, std::string(600, 'b'), AFC_E_NO_SPACE_LEFT);
-  EXPECT_EQ(afc_file_truncate(afc_, h, 5000), AFC_E_NO_SPACE_LEFT);
-  write(h, std::string(400, 'c'));
-  write(h, "d", AFC_E_NO_SPACE_LEFT);
-  afc_file_close(afc_, h);
-  EXPECT_EQ(readLocal(media_ + "/general_storage/fill.bin"), std::string(600, 'a') + std::string(400, 'c'));
-
-  EXPECT_EQ(device_info()["FSFreeBytes"], "0");
-  // Removing a file gives its space back.
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/fill.bin"), AFC_E_SUCCESS);
-  EXPECT_EQ(device_info()["FSFreeBytes"], "1000");
-}
 
 struct Vended {
   house_arrest_client_t house = nullptr;
@@ -389,7 +386,12 @@ void vend(idevice_t device, const char* command, const char* app, Vended& out) {
   plist_free(result);
 }
 
-TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsLikeAPhone) {
+void count_parts(plist_t command, plist_t status, void* user_data) {
+  (void)command;
+  if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(user_data);
+}
+
+TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsAndInstallationProxyBrowsesInParts) {
   start();
   {
     Vended documents;
@@ -415,15 +417,7 @@ TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsLikeAPhone) {
   uint32_t got = 0;
   EXPECT_EQ(afc_file_read(container.afc, handle, buffer, sizeof buffer, &got), AFC_E_SUCCESS);
   EXPECT_EQ(std::string(buffer, got), "vault");
-}
 
-void count_parts(plist_t command, plist_t status, void* user_data) {
-  (void)command;
-  if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(user_data);
-}
-
-TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
-  start();
   instproxy_client_t proxy = nullptr;
   ASSERT_EQ(instproxy_client_start_service(device_, &proxy, "devsim-test"), INSTPROXY_E_SUCCESS);
   plist_t options = instproxy_client_options_new();
@@ -455,31 +449,7 @@ TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
 }
 
 
-TEST_F(DevsimFaultsTest, AnswersTheChosenErrorForMatchingPathsOnly) {
-  start();
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
-  uint64_t handle = 0;
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
-  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
 
-  // A rule for one kind of request: the file opens and reads, but stays.
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
-  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
-            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
-  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  char byte = 0;
-  uint32_t got = 0;
-  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
-  EXPECT_EQ(got, 1u);
-  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
-}
 
 TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTheLimit) {
   start();
@@ -605,7 +575,7 @@ TEST_F(DevsimFaultsTest, ShapedTrafficCarriesTheSameBytesAndDropsAfterNBytes) {
   EXPECT_LT(total, 1024u * 1024u);
 }
 
-TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
+TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndChosenErrorsAnswerMatchingPathsOnly) {
   start();
   EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND) << "an honest device by default";
   EXPECT_EQ(sim_.control("hostile " + udid_ + " names bogus"),
@@ -627,6 +597,29 @@ TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
   EXPECT_EQ(stat_path("/general_storage/Hostile/names"), AFC_E_SUCCESS) << "clear leaves hostile kinds";
   ASSERT_EQ(sim_.control("hostile " + udid_ + " none"), "ok");
   EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND);
+
+  // Chosen errors answer for matching paths only.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+
+  // A rule for one kind of request: the file opens and reads, but stays.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
+            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
+  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  char byte = 0;
+  uint32_t got = 0;
+  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
+  EXPECT_EQ(got, 1u);
+  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
 }
 
 // The parsed pair record usbmux serves for `udid`, or null.
