@@ -96,11 +96,11 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     second.files = {{"media/general_storage/a.bin", std::string(10000, 'a')},
                     {"media/DCIM/b.jpg", std::string(2345, 'b')}};
     START_DEVSIM(sim, {first, second});
+    OpenDevice device;
+    ASSERT_EQ(device.open(4242), 0);
 
-    libiusb_context *context = nullptr;
-    ASSERT_EQ(libiusb_context_init(&context), 0);
     libiusb_device **list = nullptr;
-    ASSERT_EQ(libiusb_device_get_list(context, &list), 0);
+    ASSERT_EQ(libiusb_device_get_list(device.context, &list), 0);
     size_t count = 0;
     while (list[count] != nullptr) count++;
     EXPECT_EQ(count, 2u);
@@ -117,19 +117,17 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     }
 
     libiusb_device *chosen = nullptr;
-    ASSERT_EQ(libiusb_device_find(context, 4242, &chosen), 0);
+    ASSERT_EQ(libiusb_device_find(device.context, 4242, &chosen), 0);
     libiusb_device *by_udid = nullptr;
-    ASSERT_EQ(libiusb_device_find_by_udid(context, sim.udid(1).c_str(), &by_udid), 0);
+    ASSERT_EQ(libiusb_device_find_by_udid(device.context, sim.udid(1).c_str(), &by_udid), 0);
     EXPECT_EQ(chosen, by_udid);
     libiusb_device *absent = nullptr;
-    EXPECT_EQ(libiusb_device_find(context, 99, &absent), LIBIUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(libiusb_device_find_by_udid(context, "0000", &absent), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libiusb_device_find(device.context, 99, &absent), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libiusb_device_find_by_udid(device.context, "0000", &absent), LIBIUSB_ERROR_NO_DEVICE);
 
-    libiusb_device_handle *handle = nullptr;
-    ASSERT_EQ(libiusb_device_open(chosen, &handle), 0);
     libiusb_device_info info;
     memset(&info, 0xAB, sizeof info);
-    ASSERT_EQ(libiusb_device_get_info(handle, &info), 0);
+    ASSERT_EQ(libiusb_device_get_info(device.handle, &info), 0);
     // The fields the file system reads at fixed offsets.
     const uint8_t *raw = reinterpret_cast<const uint8_t *>(&info);
     auto at = [raw](size_t offset, auto value) {
@@ -147,14 +145,9 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     EXPECT_EQ(info.reserved0[0], 0) << "the block must be cleared, not left as the caller passed it";
 
     // The handle really is the second device: its file is there.
-    libiusb_afc *afc = nullptr;
-    ASSERT_EQ(libiusb_afc_init(handle, &afc), 0);
     libiusb_file_info file;
-    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/a.bin", &file), 0);
+    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/a.bin", &file), 0);
     EXPECT_EQ(file.size, 10000u);
-    libiusb_afc_exit(afc);
-    libiusb_device_close(handle);
-    libiusb_context_exit(context);
 }
 
 // ------------------------------------------------------------- file data ---
