@@ -448,10 +448,18 @@ TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsAndInstallationProxyBro
   instproxy_client_free(proxy);
 }
 
+struct Events {
+  std::mutex mutex;
+  std::vector<std::pair<int, uint32_t>> seen;  // event, device id
+};
 
+void record_event(const usbmuxd_event_t* event, void* user_data) {
+  auto* events = static_cast<Events*>(user_data);
+  std::lock_guard<std::mutex> lock(events->mutex);
+  events->seen.emplace_back(event->event, event->device.handle);
+}
 
-
-TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTheLimit) {
+TEST_F(DevsimFaultsTest, CountsConnectionsRefusesServicesPastTheLimitAndDropsAndUnplugsCutThem) {
   start();
   // The lockdown client that started the service is closed by now, but
   // devsim may not have seen it go yet.
@@ -480,35 +488,10 @@ TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTh
   afc_client_free(afc_);
   afc_ = nullptr;
   EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_) == "ok 0"; }));
-}
 
-TEST_F(DevsimFaultsTest, LateDeviceAppearsAfterItsDelay) {
-  DevsimImage late;
-  late.udid = "1a7e00000000000000000000000000000000d3v5";
-  ASSERT_TRUE(sim_.start({DevsimImage{}, late}, {"--fault", "appear-after " + late.udid + " 2"})) << sim_.error();
-  EXPECT_TRUE(device_listed(sim_.udid(0)));
-  EXPECT_FALSE(device_listed(late.udid));
-  idevice_t device = nullptr;
-  EXPECT_NE(idevice_new(&device, late.udid.c_str()), IDEVICE_E_SUCCESS);
-  EXPECT_TRUE(eventually([&] { return device_listed(late.udid); }));
-  EXPECT_EQ(handshake_and_start_afc(late.udid), LOCKDOWN_E_SUCCESS);
-}
-
-struct Events {
-  std::mutex mutex;
-  std::vector<std::pair<int, uint32_t>> seen;  // event, device id
-};
-
-void record_event(const usbmuxd_event_t* event, void* user_data) {
-  auto* events = static_cast<Events*>(user_data);
-  std::lock_guard<std::mutex> lock(events->mutex);
-  events->seen.emplace_back(event->event, event->device.handle);
-}
-
-// Dropped after N requests, or unplugged: open connections are cut and new
-// ones served; listeners see the unplug.
-TEST_F(DevsimFaultsTest, DropsAndUnplugsCutOpenConnectionsAndListenersSeeThem) {
-  start();
+  // Dropped after N requests, or unplugged: open connections are cut and new
+  // ones served; listeners see the unplug.
+  connect_afc();
   ASSERT_EQ(sim_.control("drop-after-requests " + udid_ + " 5"), "ok");
   for (int i = 0; i < 5; ++i) EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS) << i;
   EXPECT_NE(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
@@ -545,6 +528,18 @@ TEST_F(DevsimFaultsTest, DropsAndUnplugsCutOpenConnectionsAndListenersSeeThem) {
   EXPECT_FALSE(device_listed(udid_));
   ASSERT_EQ(sim_.control("plug " + udid_), "ok");
   EXPECT_TRUE(device_listed(udid_));
+}
+
+TEST_F(DevsimFaultsTest, LateDeviceAppearsAfterItsDelay) {
+  DevsimImage late;
+  late.udid = "1a7e00000000000000000000000000000000d3v5";
+  ASSERT_TRUE(sim_.start({DevsimImage{}, late}, {"--fault", "appear-after " + late.udid + " 2"})) << sim_.error();
+  EXPECT_TRUE(device_listed(sim_.udid(0)));
+  EXPECT_FALSE(device_listed(late.udid));
+  idevice_t device = nullptr;
+  EXPECT_NE(idevice_new(&device, late.udid.c_str()), IDEVICE_E_SUCCESS);
+  EXPECT_TRUE(eventually([&] { return device_listed(late.udid); }));
+  EXPECT_EQ(handshake_and_start_afc(late.udid), LOCKDOWN_E_SUCCESS);
 }
 
 // Shaped traffic still carries the same bytes; a connection is dropped once
