@@ -331,9 +331,8 @@ TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocumentsAnsweredFromThreadsAtO
     }
     libiusb_free_app_list(apps);
     libiusb_instproxy_exit(instproxy);
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0], std::make_pair(std::string("Notes"), std::string("com.example.notes")));
-    EXPECT_EQ(seen[1], std::make_pair(std::string("Docs \xe2\x80\x94 Pro"), std::string("com.example.docs")));
+    EXPECT_EQ(seen, (std::vector<std::pair<std::string, std::string>>{
+                        {"Notes", "com.example.notes"}, {"Docs \xe2\x80\x94 Pro", "com.example.docs"}}));
 
     libiusb_afc *sandbox = nullptr;
     ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
