@@ -96,11 +96,11 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     second.files = {{"media/general_storage/a.bin", std::string(10000, 'a')},
                     {"media/DCIM/b.jpg", std::string(2345, 'b')}};
     START_DEVSIM(sim, {first, second});
+    OpenDevice device;
+    ASSERT_EQ(device.open(4242), 0);
 
-    libiusb_context *context = nullptr;
-    ASSERT_EQ(libiusb_context_init(&context), 0);
     libiusb_device **list = nullptr;
-    ASSERT_EQ(libiusb_device_get_list(context, &list), 0);
+    ASSERT_EQ(libiusb_device_get_list(device.context, &list), 0);
     size_t count = 0;
     while (list[count] != nullptr) count++;
     EXPECT_EQ(count, 2u);
@@ -117,19 +117,17 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     }
 
     libiusb_device *chosen = nullptr;
-    ASSERT_EQ(libiusb_device_find(context, 4242, &chosen), 0);
+    ASSERT_EQ(libiusb_device_find(device.context, 4242, &chosen), 0);
     libiusb_device *by_udid = nullptr;
-    ASSERT_EQ(libiusb_device_find_by_udid(context, sim.udid(1).c_str(), &by_udid), 0);
+    ASSERT_EQ(libiusb_device_find_by_udid(device.context, sim.udid(1).c_str(), &by_udid), 0);
     EXPECT_EQ(chosen, by_udid);
     libiusb_device *absent = nullptr;
-    EXPECT_EQ(libiusb_device_find(context, 99, &absent), LIBIUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(libiusb_device_find_by_udid(context, "0000", &absent), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libiusb_device_find(device.context, 99, &absent), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libiusb_device_find_by_udid(device.context, "0000", &absent), LIBIUSB_ERROR_NO_DEVICE);
 
-    libiusb_device_handle *handle = nullptr;
-    ASSERT_EQ(libiusb_device_open(chosen, &handle), 0);
     libiusb_device_info info;
     memset(&info, 0xAB, sizeof info);
-    ASSERT_EQ(libiusb_device_get_info(handle, &info), 0);
+    ASSERT_EQ(libiusb_device_get_info(device.handle, &info), 0);
     // The fields the file system reads at fixed offsets.
     const uint8_t *raw = reinterpret_cast<const uint8_t *>(&info);
     auto at = [raw](size_t offset, auto value) {
@@ -147,37 +145,27 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     EXPECT_EQ(info.reserved0[0], 0) << "the block must be cleared, not left as the caller passed it";
 
     // The handle really is the second device: its file is there.
-    libiusb_afc *afc = nullptr;
-    ASSERT_EQ(libiusb_afc_init(handle, &afc), 0);
     libiusb_file_info file;
-    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/a.bin", &file), 0);
+    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/a.bin", &file), 0);
     EXPECT_EQ(file.size, 10000u);
-    libiusb_afc_exit(afc);
-    libiusb_device_close(handle);
-    libiusb_context_exit(context);
 }
 
 // ------------------------------------------------------------- file data ---
 
-class DeviceLayerFiles : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)";
-        DevsimImage phone;
-        phone.location_id = 31;
-        phone.files = {{"media/general_storage/hello.txt", "hello, device"}};
-        phone.folders = {"media/general_storage/empty"};
-        if (!sim.start({phone})) GTEST_SKIP() << "devsim did not start: " << sim.error();
-        ASSERT_EQ(device.open(31), 0);
-    }
-    std::string onImage(const std::string &device_path) { return sim.image_dir(0) + "/media" + device_path; }
-    uint64_t seeks() { return device.afc->seeks_sent; }
-
+// Offsets on a new file and an old one, skipping the seeks a handle's own
+// position makes needless; then two handles of one file at random against a
+// local model; then folders, names and times.
+TEST(DeviceLayerFiles, OffsetsSkipNeedlessSeeksHandlesKeepTheirPositionsFoldersNamesAndTimes) {
     Devsim sim;
+    DevsimImage phone;
+    phone.location_id = 31;
+    phone.files = {{"media/general_storage/hello.txt", "hello, device"}};
+    phone.folders = {"media/general_storage/empty"};
+    START_DEVSIM(sim, {phone});
     OpenDevice device;
-};
-
-TEST_F(DeviceLayerFiles, WritesAndReadsAtOffsetsSkippingNeedlessSeeksNewFilesAndOld) {
+    ASSERT_EQ(device.open(31), 0);
+    auto onImage = [&](const std::string &device_path) { return sim.image_dir(0) + "/media" + device_path; };
+    auto seeks = [&] { return device.afc->seeks_sent; };
     libiusb_afc *afc = device.afc;
     uint64_t file = 0;
     ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/data.bin", LIBIUSB_AFC_WR, &file), 0);
@@ -224,12 +212,9 @@ TEST_F(DeviceLayerFiles, WritesAndReadsAtOffsetsSkippingNeedlessSeeksNewFilesAnd
     EXPECT_EQ(readLocal(onImage("/general_storage/hello.txt")), "Jello, DEvic");
     ASSERT_EQ(libiusb_afc_truncate(afc, "/general_storage/hello.txt", 5), 0);
     EXPECT_EQ(readWhole(afc, "/general_storage/hello.txt"), "Jello");
-}
 
-TEST_F(DeviceLayerFiles, InterleavedHandlesKeepTheirOwnPositions) {
-    // Random reads and writes on two handles of one file, checked against a
-    // local model: a wrongly skipped seek shows up as wrong bytes.
-    libiusb_afc *afc = device.afc;
+    // Two handles of one file at random: a wrongly skipped seek shows up as
+    // wrong bytes.
     uint64_t writer = 0, reader = 0;
     ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/model.bin", LIBIUSB_AFC_WR, &writer), 0);
     ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/model.bin", LIBIUSB_AFC_RDONLY, &reader), 0);
@@ -268,14 +253,9 @@ TEST_F(DeviceLayerFiles, InterleavedHandlesKeepTheirOwnPositions) {
     libiusb_afc_file_close(afc, reader);
     libiusb_afc_file_close(afc, writer);
     EXPECT_EQ(readLocal(onImage("/general_storage/model.bin")), model);
-}
 
-TEST_F(DeviceLayerFiles, FoldersNamesAndTimes) {
-    libiusb_afc *afc = device.afc;
     ASSERT_EQ(libiusb_afc_make_directory(afc, "/general_storage/sub"), 0);
-    uint64_t file = 0;
     ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/sub/one.txt", LIBIUSB_AFC_WR, &file), 0);
-    uint32_t done = 0;
     ASSERT_EQ(libiusb_afc_file_write(afc, file, "1", 1, 0, &done), 0);
     libiusb_afc_file_close(afc, file);
     ASSERT_EQ(symlink("../hello.txt", onImage("/general_storage/sub/link").c_str()), 0);
@@ -312,7 +292,8 @@ TEST_F(DeviceLayerFiles, FoldersNamesAndTimes) {
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/sub/link"), 0);
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/sub"), 0);
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/two.txt"), 0);
-    EXPECT_EQ(listFolder(afc, "/general_storage"), (Names{".", "..", "empty", "hello.txt"}));
+    EXPECT_EQ(listFolder(afc, "/general_storage"),
+              (Names{".", "..", "data.bin", "empty", "hello.txt", "model.bin"}));
 }
 
 // ------------------------------------------------------ apps, house-arrest ---
@@ -350,9 +331,8 @@ TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocumentsAnsweredFromThreadsAtO
     }
     libiusb_free_app_list(apps);
     libiusb_instproxy_exit(instproxy);
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0], std::make_pair(std::string("Notes"), std::string("com.example.notes")));
-    EXPECT_EQ(seen[1], std::make_pair(std::string("Docs \xe2\x80\x94 Pro"), std::string("com.example.docs")));
+    EXPECT_EQ(seen, (std::vector<std::pair<std::string, std::string>>{
+                        {"Notes", "com.example.notes"}, {"Docs \xe2\x80\x94 Pro", "com.example.docs"}}));
 
     libiusb_afc *sandbox = nullptr;
     ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
@@ -416,133 +396,120 @@ TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocumentsAnsweredFromThreadsAtO
 
 // ----------------------------------------------------- error table, live ---
 
-class DeviceLayerErrors : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)";
-        DevsimImage phone;
-        phone.location_id = 77;
-        phone.capacity_bytes = 1000000;
-        phone.files = {{"media/general_storage/full/inside.txt", "x"},
-                       {"media/general_storage/readme.txt", std::string(300000, 'r')}};
-        phone.apps = {{"com.example.notes", "Notes", true}};
-        if (!sim.start({phone})) GTEST_SKIP() << "devsim did not start: " << sim.error();
-    }
-    std::string udid() { return sim.udid(0); }
-
+// Errors the device answers map row by row and the connection survives them;
+// a dropped connection fails the request in flight and the next opens it
+// again; a trust prompt, then the computer accepted, then unplugged; and a
+// server nobody answers on.
+TEST(DeviceLayerErrors, AnsweredDroppedTrustPendingUnpluggedAndUnreachable) {
     Devsim sim;
-};
+    DevsimImage phone;
+    phone.location_id = 77;
+    phone.capacity_bytes = 1000000;
+    phone.files = {{"media/general_storage/full/inside.txt", "x"},
+                   {"media/general_storage/readme.txt", std::string(300000, 'r')}};
+    phone.apps = {{"com.example.notes", "Notes", true}};
+    START_DEVSIM(sim, {phone});
+    const std::string udid = sim.udid(0);
+    {
+        OpenDevice device;
+        ASSERT_EQ(device.open(77), 0);
+        libiusb_afc *afc = device.afc;
+        libiusb_file_info info;
+        uint64_t file = 0;
+        EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/nope", &info), -70);
+        EXPECT_EQ(libiusb_afc_file_open(afc, "/general_storage/nope", LIBIUSB_AFC_RDONLY, &file), -70);
+        EXPECT_EQ(file, 0u);
+        EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/nope"), -70);
+        EXPECT_EQ(listFolder(afc, "/general_storage/nope"), (Names{"error -70"}));
 
-// Errors the device answers map row by row, and the connection survives them.
-TEST_F(DeviceLayerErrors, AnsweredErrorsMapRowByRowAndLeaveTheConnectionServing) {
-    OpenDevice device;
-    ASSERT_EQ(device.open(77), 0);
-    libiusb_afc *afc = device.afc;
-    libiusb_file_info info;
-    uint64_t file = 0;
-    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/nope", &info), -70);
-    EXPECT_EQ(libiusb_afc_file_open(afc, "/general_storage/nope", LIBIUSB_AFC_RDONLY, &file), -70);
-    EXPECT_EQ(file, 0u);
-    EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/nope"), -70);
-    EXPECT_EQ(listFolder(afc, "/general_storage/nope"), (Names{"error -70"}));
+        EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/full"), -33);
+        EXPECT_EQ(readWhole(afc, "/general_storage/full/inside.txt"), "x");
+        // An unexplained refusal of something else is not "not empty".
+        ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/readme.txt unknown"), "ok");
+        EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/readme.txt"), LIBIUSB_ERROR_OTHER);
 
-    EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/full"), -33);
-    EXPECT_EQ(readWhole(afc, "/general_storage/full/inside.txt"), "x");
-    // An unexplained refusal of something else is not "not empty".
-    ASSERT_EQ(sim.control("afc-error " + udid() + " /general_storage/readme.txt unknown"), "ok");
-    EXPECT_EQ(libiusb_afc_file_remove(afc, "/general_storage/readme.txt"), LIBIUSB_ERROR_OTHER);
+        const std::pair<const char *, int> rows[] = {
+            {"object-not-found", -70}, {"no-space", -62}, {"object-is-dir", -72}, {"permission-denied", -3},
+            {"object-exists", -71},    {"io-error", -30}, {"busy", -6},           {"would-block", -6},
+            {"invalid-argument", -2},  {"33", -33},       {"unknown", -99},       {"not-a-directory", -30},
+            {"3", -11},                {"15", -12},       {"11", -32},            {"12", -30},
+        };
+        int index = 0;
+        for (const auto &row : rows) {
+            std::string path = "/general_storage/fault" + std::to_string(index++);
+            ASSERT_EQ(sim.control("afc-error " + udid + " " + path + " " + row.first), "ok") << row.first;
+            EXPECT_EQ(libiusb_afc_file_get_info(afc, path.c_str(), &info), row.second) << row.first;
+        }
+        EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/full/inside.txt", &info), 0);
 
-    const std::pair<const char *, int> rows[] = {
-        {"object-not-found", -70}, {"no-space", -62},         {"object-is-dir", -72}, {"permission-denied", -3},
-        {"object-exists", -71},    {"io-error", -30},         {"busy", -6},           {"would-block", -6},
-        {"invalid-argument", -2},  {"33", -33},               {"unknown", -99},       {"not-a-directory", -30},
-        {"3", -11},                {"15", -12},               {"11", -32},            {"12", -30},
-    };
-    int index = 0;
-    for (const auto &row : rows) {
-        std::string path = "/general_storage/fault" + std::to_string(index++);
-        ASSERT_EQ(sim.control("afc-error " + udid() + " " + path + " " + row.first), "ok") << row.first;
-        EXPECT_EQ(libiusb_afc_file_get_info(afc, path.c_str(), &info), row.second) << row.first;
+        // Past the capacity: no space, and the refused handle still serves.
+        ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/big.bin", LIBIUSB_AFC_WR, &file), 0);
+        std::string chunk(800000, 'z');  // 300001 bytes are stored already, of 1000000
+        uint32_t done = 0;
+        EXPECT_EQ(libiusb_afc_file_write(afc, file, chunk.data(), chunk.size(), 0, &done), -62);
+        ASSERT_EQ(sim.control("capacity " + udid + " 100000000"), "ok");
+        ASSERT_EQ(libiusb_afc_file_write(afc, file, "head", 4, 0, &done), 0);
+        libiusb_afc_file_close(afc, file);
+        EXPECT_EQ(readWhole(afc, "/general_storage/big.bin").substr(0, 4), "head");
+        ASSERT_EQ(sim.control("clear " + udid), "ok");
+
+        uint64_t readme = 0, written = 0;
+        ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/readme.txt", LIBIUSB_AFC_RDONLY, &readme), 0);
+        ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/w.bin", LIBIUSB_AFC_WR, &written), 0);
+        ASSERT_EQ(libiusb_afc_file_write(afc, written, "abc", 3, 0, &done), 0);
+        libiusb_afc *sandbox = nullptr;
+        ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
+        ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
+        libiusb_instproxy *instproxy = nullptr;
+        ASSERT_EQ(libiusb_instproxy_init(device.handle, &instproxy), 0);
+        ASSERT_EQ(sim.control("drop-now " + udid), "ok");
+
+        // The request that meets the dropped connection fails: it is not sent
+        // twice, since it may have been carried out already.
+        EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), -32);
+        EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), -32);
+        libiusb_app_node *apps = nullptr;
+        EXPECT_EQ(libiusb_instproxy_getAppId(instproxy, &apps), -32);
+        EXPECT_EQ(apps, nullptr);
+        libiusb_instproxy_exit(instproxy);
+
+        // The next requests open the connections again, the app's included, and
+        // the files open before go on at their offsets: the written one is not
+        // truncated by being opened again.
+        EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), 0);
+        EXPECT_EQ(info.size, 300000u);
+        char buffer[4] = {0};
+        EXPECT_EQ(libiusb_afc_file_read(afc, readme, buffer, 3, 1000, &done), 0);
+        EXPECT_EQ(std::string(buffer, done), "rrr");
+        EXPECT_EQ(libiusb_afc_file_write(afc, written, "def", 3, 3, &done), 0);
+        EXPECT_EQ(libiusb_afc_file_close(afc, written), 0);
+        EXPECT_EQ(readWhole(afc, "/general_storage/w.bin"), "abcdef");
+        EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), 0);
+        struct stat made;
+        EXPECT_EQ(stat((sim.image_dir(0) + "/apps/com.example.notes/Documents/made").c_str(), &made), 0);
+        libiusb_device_info block;
+        EXPECT_EQ(libiusb_device_get_info(device.handle, &block), 0);
+        EXPECT_EQ(block.location_id, 77u);
+
+        // A handle opened before a drop never reaches a file opened after it,
+        // though the device numbers each connection's handles afresh.
+        ASSERT_EQ(sim.control("drop-now " + udid), "ok");
+        EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), -32);
+        uint64_t later = 0;
+        ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/full/inside.txt", LIBIUSB_AFC_RDONLY, &later), 0);
+        EXPECT_EQ(libiusb_afc_file_read(afc, readme, buffer, 1, 0, &done), 0);
+        EXPECT_EQ(std::string(buffer, done), "r");
+        EXPECT_EQ(libiusb_afc_file_read(afc, later, buffer, 1, 0, &done), 0);
+        EXPECT_EQ(std::string(buffer, done), "x");
+        EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
     }
-    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/full/inside.txt", &info), 0);
 
-    // Past the capacity: no space, and the refused handle still serves.
-    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/big.bin", LIBIUSB_AFC_WR, &file), 0);
-    std::string chunk(800000, 'z');  // 300001 bytes are stored already, of 1000000
-    uint32_t done = 0;
-    EXPECT_EQ(libiusb_afc_file_write(afc, file, chunk.data(), chunk.size(), 0, &done), -62);
-    ASSERT_EQ(sim.control("capacity " + udid() + " 100000000"), "ok");
-    ASSERT_EQ(libiusb_afc_file_write(afc, file, "head", 4, 0, &done), 0);
-    libiusb_afc_file_close(afc, file);
-    EXPECT_EQ(readWhole(afc, "/general_storage/big.bin").substr(0, 4), "head");
-}
-
-TEST_F(DeviceLayerErrors, ADroppedConnectionFailsTheRequestInFlightAndTheNextOpensItAgain) {
-    OpenDevice device;
-    ASSERT_EQ(device.open(77), 0);
-    libiusb_afc *afc = device.afc;
-    uint64_t readme = 0, written = 0;
-    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/readme.txt", LIBIUSB_AFC_RDONLY, &readme), 0);
-    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/w.bin", LIBIUSB_AFC_WR, &written), 0);
-    uint32_t done = 0;
-    ASSERT_EQ(libiusb_afc_file_write(afc, written, "abc", 3, 0, &done), 0);
-    libiusb_afc *sandbox = nullptr;
-    ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
-    ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
-    libiusb_instproxy *instproxy = nullptr;
-    ASSERT_EQ(libiusb_instproxy_init(device.handle, &instproxy), 0);
-    ASSERT_EQ(sim.control("drop-now " + udid()), "ok");
-
-    // The request that meets the dropped connection fails: it is not sent
-    // twice, since it may have been carried out already.
-    libiusb_file_info info;
-    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), -32);
-    EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), -32);
-    libiusb_app_node *apps = nullptr;
-    EXPECT_EQ(libiusb_instproxy_getAppId(instproxy, &apps), -32);
-    EXPECT_EQ(apps, nullptr);
-    libiusb_instproxy_exit(instproxy);
-
-    // The next requests open the connections again, the app's included, and
-    // the files open before go on at their offsets: the written one is not
-    // truncated by being opened again.
-    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), 0);
-    EXPECT_EQ(info.size, 300000u);
-    char buffer[4] = {0};
-    EXPECT_EQ(libiusb_afc_file_read(afc, readme, buffer, 3, 1000, &done), 0);
-    EXPECT_EQ(std::string(buffer, done), "rrr");
-    EXPECT_EQ(libiusb_afc_file_write(afc, written, "def", 3, 3, &done), 0);
-    EXPECT_EQ(libiusb_afc_file_close(afc, written), 0);
-    EXPECT_EQ(readWhole(afc, "/general_storage/w.bin"), "abcdef");
-    EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), 0);
-    struct stat made;
-    EXPECT_EQ(stat((sim.image_dir(0) + "/apps/com.example.notes/Documents/made").c_str(), &made), 0);
-    libiusb_device_info block;
-    EXPECT_EQ(libiusb_device_get_info(device.handle, &block), 0);
-    EXPECT_EQ(block.location_id, 77u);
-
-    // A handle opened before a drop never reaches a file opened after it,
-    // though the device numbers each connection's handles afresh.
-    ASSERT_EQ(sim.control("drop-now " + udid()), "ok");
-    EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), -32);
-    uint64_t later = 0;
-    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/full/inside.txt", LIBIUSB_AFC_RDONLY, &later), 0);
-    EXPECT_EQ(libiusb_afc_file_read(afc, readme, buffer, 1, 0, &done), 0);
-    EXPECT_EQ(std::string(buffer, done), "r");
-    EXPECT_EQ(libiusb_afc_file_read(afc, later, buffer, 1, 0, &done), 0);
-    EXPECT_EQ(std::string(buffer, done), "x");
-    EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
-}
-
-// A device showing its trust prompt, then accepting the computer; then
-// unplugged it is gone, and a server nobody answers on is an error.
-TEST_F(DeviceLayerErrors, TrustPromptThenAcceptedThenUnpluggedAndAnUnreachableServer) {
     libiusb_context *context = nullptr;
     ASSERT_EQ(libiusb_context_init(&context), 0);
     libiusb_device *device = nullptr;
     ASSERT_EQ(libiusb_device_find(context, 77, &device), 0);
 
-    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 60"), "ok");
+    ASSERT_EQ(sim.control("trust-prompt " + udid + " 60"), "ok");
     libiusb_device_handle *handle = nullptr;
     EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_TRUST_PENDING);
     EXPECT_EQ(handle, nullptr);
@@ -551,17 +518,17 @@ TEST_F(DeviceLayerErrors, TrustPromptThenAcceptedThenUnpluggedAndAnUnreachableSe
     EXPECT_EQ(libiusb_device_get_info(device, &info), 0);
     EXPECT_EQ(info.location_id, 77u);
 
-    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 60 PasswordProtected"), "ok");
+    ASSERT_EQ(sim.control("trust-prompt " + udid + " 60 PasswordProtected"), "ok");
     EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_PASSWORD_PROTECTED);
     // A prompt of 0 seconds ends the one showing; one of 1 second ends by itself.
-    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 0"), "ok");
+    ASSERT_EQ(sim.control("trust-prompt " + udid + " 0"), "ok");
     ASSERT_EQ(libiusb_device_open(device, &handle), 0);
     libiusb_device_close(handle);
     handle = nullptr;
-    ASSERT_EQ(sim.control("trust-prompt " + udid() + " 1"), "ok");
+    ASSERT_EQ(sim.control("trust-prompt " + udid + " 1"), "ok");
     ASSERT_TRUE(eventually([&] { return libiusb_device_open(device, &handle) == 0; }));
 
-    ASSERT_EQ(sim.control("unplug " + udid()), "ok");
+    ASSERT_EQ(sim.control("unplug " + udid), "ok");
     libiusb_device_handle *after = nullptr;
     EXPECT_EQ(libiusb_device_open(device, &after), LIBIUSB_ERROR_NO_DEVICE);
     // The device opened before: house-arrest on it is a lost connection.

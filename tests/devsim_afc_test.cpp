@@ -189,7 +189,7 @@ using DevsimRobustnessTest = DevsimAfcTest;
 // Image files in media/ and in app containers; outside.txt is neither.
 const uint64_t kStored = 11 + 5 + 1024 * 1024 + 6 + 4 + 6 + 5;
 
-TEST_F(DevsimAfcTest, ListsFoldersAndDescribesFilesAsAPhoneDoes) {
+TEST_F(DevsimAfcTest, ListsFoldersDescribesFilesAndWritesBeyondCapacityFailWithNoSpaceWritingNothing) {
   start();
   EXPECT_EQ(listing(afc_, "/general_storage"),
             (std::vector<std::string>{".", "..", "data.bin", "folder", "hello.txt", "locked.txt", "open.txt"}));
@@ -215,9 +215,26 @@ TEST_F(DevsimAfcTest, ListsFoldersAndDescribesFilesAsAPhoneDoes) {
   EXPECT_EQ(values["FSTotalBytes"], "50000000");
   EXPECT_EQ(values["FSBlockSize"], "4096");
   EXPECT_EQ(values["FSFreeBytes"], std::to_string(50000000 - kStored));
+
+  // Writes beyond the capacity fail with no space and write nothing.
+  ASSERT_EQ(sim_.control("capacity " + udid_ + " " + std::to_string(kStored + 1000)), "ok");
+
+  uint64_t h = open("/general_storage/fill.bin", AFC_FOPEN_WRONLY);
+  write(h, std::string(600, 'a'));
+  write(h, std::string(600, 'b'), AFC_E_NO_SPACE_LEFT);
+  EXPECT_EQ(afc_file_truncate(afc_, h, 5000), AFC_E_NO_SPACE_LEFT);
+  write(h, std::string(400, 'c'));
+  write(h, "d", AFC_E_NO_SPACE_LEFT);
+  afc_file_close(afc_, h);
+  EXPECT_EQ(readLocal(media_ + "/general_storage/fill.bin"), std::string(600, 'a') + std::string(400, 'c'));
+
+  EXPECT_EQ(device_info()["FSFreeBytes"], "0");
+  // Removing a file gives its space back.
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/fill.bin"), AFC_E_SUCCESS);
+  EXPECT_EQ(device_info()["FSFreeBytes"], "1000");
 }
 
-TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
+TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaningAndPathsNeverLeaveTheMediaFolder) {
   start();
   open("/general_storage/absent.txt", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
   open("/general_storage/folder", AFC_FOPEN_RDONLY, AFC_E_OBJECT_IS_DIR);
@@ -264,6 +281,37 @@ TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaning) {
   // Handles are per connection and die with close.
   EXPECT_EQ(afc_file_close(afc_, 12345), AFC_E_INVALID_ARG);
   EXPECT_EQ(afc_file_seek(afc_, h, 0, SEEK_SET), AFC_E_INVALID_ARG);
+
+  std::string outside = sim_.image_dir(0) + "/outside.txt";
+  // A link planted in the image pointing at the host's copy of a file outside.
+  fs::create_symlink(outside, media_ + "/general_storage/planted");
+  fs::create_symlink("../../outside.txt", media_ + "/general_storage/relative");
+
+  for (const char* path : {"../outside.txt", "/../outside.txt", "/general_storage/../../outside.txt",
+                           "../../../../../../etc/passwd", "/general_storage/planted", "/general_storage/relative",
+                           "//..//..//outside.txt"}) {
+    uint64_t handle = 0;
+    EXPECT_EQ(afc_file_open(afc_, path, AFC_FOPEN_RDONLY, &handle), AFC_E_OBJECT_NOT_FOUND) << path;
+  }
+  // Links made through AFC resolve inside the root too.
+  ASSERT_EQ(afc_make_link(afc_, AFC_SYMLINK, "/../../../../etc/passwd", "/general_storage/made"), AFC_E_SUCCESS);
+  open("/general_storage/made", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
+  EXPECT_EQ(afc_make_link(afc_, AFC_HARDLINK, "../outside.txt", "/general_storage/hard"), AFC_E_OBJECT_NOT_FOUND);
+
+  // ".." above the root is the root: writing there writes into media/.
+  h = open("../../escaped.txt", AFC_FOPEN_WRONLY);
+  write(h, "inside");
+  afc_file_close(afc_, h);
+  EXPECT_EQ(readLocal(media_ + "/escaped.txt"), "inside");
+  EXPECT_FALSE(fs::exists(sim_.image_dir(0) + "/escaped.txt"));
+  EXPECT_EQ(afc_rename_path(afc_, "/escaped.txt", "/../../../moved.txt"), AFC_E_SUCCESS);
+  EXPECT_TRUE(fs::exists(media_ + "/moved.txt"));
+  // Creating through a planted link lands inside, never at the link's host target.
+  fs::create_symlink(sim_.work_dir() + "/created-outside.txt", media_ + "/dangling");
+  open("/dangling", AFC_FOPEN_WRONLY, AFC_E_OBJECT_NOT_FOUND);
+  EXPECT_FALSE(fs::exists(sim_.work_dir() + "/created-outside.txt"));
+  EXPECT_EQ(afc_remove_path_and_contents(afc_, "/.."), AFC_E_PERM_DENIED);
+  EXPECT_EQ(readLocal(outside), "must stay unreachable");
 }
 
 TEST_F(DevsimAfcTest, ChangesTheNamespaceWithAPhonesErrors) {
@@ -314,58 +362,7 @@ TEST_F(DevsimAfcTest, ChangesTheNamespaceWithAPhonesErrors) {
   afc_file_close(afc_, h);
 }
 
-TEST_F(DevsimAfcTest, PathsNeverLeaveTheMediaFolder) {
-  start();
-  std::string outside = sim_.image_dir(0) + "/outside.txt";
-  // A link planted in the image pointing at the host's copy of a file outside.
-  fs::create_symlink(outside, media_ + "/general_storage/planted");
-  fs::create_symlink("../../outside.txt", media_ + "/general_storage/relative");
 
-  for (const char* path : {"../outside.txt", "/../outside.txt", "/general_storage/../../outside.txt",
-                           "../../../../../../etc/passwd", "/general_storage/planted", "/general_storage/relative",
-                           "//..//..//outside.txt"}) {
-    uint64_t handle = 0;
-    EXPECT_EQ(afc_file_open(afc_, path, AFC_FOPEN_RDONLY, &handle), AFC_E_OBJECT_NOT_FOUND) << path;
-  }
-  // Links made through AFC resolve inside the root too.
-  ASSERT_EQ(afc_make_link(afc_, AFC_SYMLINK, "/../../../../etc/passwd", "/general_storage/made"), AFC_E_SUCCESS);
-  open("/general_storage/made", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
-  EXPECT_EQ(afc_make_link(afc_, AFC_HARDLINK, "../outside.txt", "/general_storage/hard"), AFC_E_OBJECT_NOT_FOUND);
-
-  // ".." above the root is the root: writing there writes into media/.
-  uint64_t h = open("../../escaped.txt", AFC_FOPEN_WRONLY);
-  write(h, "inside");
-  afc_file_close(afc_, h);
-  EXPECT_EQ(readLocal(media_ + "/escaped.txt"), "inside");
-  EXPECT_FALSE(fs::exists(sim_.image_dir(0) + "/escaped.txt"));
-  EXPECT_EQ(afc_rename_path(afc_, "/escaped.txt", "/../../../moved.txt"), AFC_E_SUCCESS);
-  EXPECT_TRUE(fs::exists(media_ + "/moved.txt"));
-  // Creating through a planted link lands inside, never at the link's host target.
-  fs::create_symlink(sim_.work_dir() + "/created-outside.txt", media_ + "/dangling");
-  open("/dangling", AFC_FOPEN_WRONLY, AFC_E_OBJECT_NOT_FOUND);
-  EXPECT_FALSE(fs::exists(sim_.work_dir() + "/created-outside.txt"));
-  EXPECT_EQ(afc_remove_path_and_contents(afc_, "/.."), AFC_E_PERM_DENIED);
-  EXPECT_EQ(readLocal(outside), "must stay unreachable");
-}
-
-TEST_F(DevsimAfcTest, WritesBeyondCapacityFailWithNoSpaceAndWriteNothing) {
-  start();
-  ASSERT_EQ(sim_.control("capacity " + udid_ + " " + std::to_string(kStored + 1000)), "ok");
-
-  uint64_t h = open("/general_storage/fill.bin", AFC_FOPEN_WRONLY);
-  write(h, std::string(600, 'a'));
-  write(h, std::string(600, 'b'), AFC_E_NO_SPACE_LEFT);
-  EXPECT_EQ(afc_file_truncate(afc_, h, 5000), AFC_E_NO_SPACE_LEFT);
-  write(h, std::string(400, 'c'));
-  write(h, "d", AFC_E_NO_SPACE_LEFT);
-  afc_file_close(afc_, h);
-  EXPECT_EQ(readLocal(media_ + "/general_storage/fill.bin"), std::string(600, 'a') + std::string(400, 'c'));
-
-  EXPECT_EQ(device_info()["FSFreeBytes"], "0");
-  // Removing a file gives its space back.
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/fill.bin"), AFC_E_SUCCESS);
-  EXPECT_EQ(device_info()["FSFreeBytes"], "1000");
-}
 
 struct Vended {
   house_arrest_client_t house = nullptr;
@@ -389,7 +386,12 @@ void vend(idevice_t device, const char* command, const char* app, Vended& out) {
   plist_free(result);
 }
 
-TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsLikeAPhone) {
+void count_parts(plist_t command, plist_t status, void* user_data) {
+  (void)command;
+  if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(user_data);
+}
+
+TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsAndInstallationProxyBrowsesInParts) {
   start();
   {
     Vended documents;
@@ -415,15 +417,7 @@ TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsLikeAPhone) {
   uint32_t got = 0;
   EXPECT_EQ(afc_file_read(container.afc, handle, buffer, sizeof buffer, &got), AFC_E_SUCCESS);
   EXPECT_EQ(std::string(buffer, got), "vault");
-}
 
-void count_parts(plist_t command, plist_t status, void* user_data) {
-  (void)command;
-  if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(user_data);
-}
-
-TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
-  start();
   instproxy_client_t proxy = nullptr;
   ASSERT_EQ(instproxy_client_start_service(device_, &proxy, "devsim-test"), INSTPROXY_E_SUCCESS);
   plist_t options = instproxy_client_options_new();
@@ -454,34 +448,18 @@ TEST_F(DevsimAfcTest, InstallationProxyBrowsesAppsInSeveralParts) {
   instproxy_client_free(proxy);
 }
 
+struct Events {
+  std::mutex mutex;
+  std::vector<std::pair<int, uint32_t>> seen;  // event, device id
+};
 
-TEST_F(DevsimFaultsTest, AnswersTheChosenErrorForMatchingPathsOnly) {
-  start();
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
-  uint64_t handle = 0;
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
-  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-
-  // A rule for one kind of request: the file opens and reads, but stays.
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
-  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
-            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
-  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  char byte = 0;
-  uint32_t got = 0;
-  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
-  EXPECT_EQ(got, 1u);
-  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
+void record_event(const usbmuxd_event_t* event, void* user_data) {
+  auto* events = static_cast<Events*>(user_data);
+  std::lock_guard<std::mutex> lock(events->mutex);
+  events->seen.emplace_back(event->event, event->device.handle);
 }
 
-TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTheLimit) {
+TEST_F(DevsimFaultsTest, CountsConnectionsRefusesServicesPastTheLimitAndDropsAndUnplugsCutThem) {
   start();
   // The lockdown client that started the service is closed by now, but
   // devsim may not have seen it go yet.
@@ -510,35 +488,10 @@ TEST_F(DevsimFaultsTest, CountsOpenConnectionsPerServiceAndRefusesServicesPastTh
   afc_client_free(afc_);
   afc_ = nullptr;
   EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_) == "ok 0"; }));
-}
 
-TEST_F(DevsimFaultsTest, LateDeviceAppearsAfterItsDelay) {
-  DevsimImage late;
-  late.udid = "1a7e00000000000000000000000000000000d3v5";
-  ASSERT_TRUE(sim_.start({DevsimImage{}, late}, {"--fault", "appear-after " + late.udid + " 2"})) << sim_.error();
-  EXPECT_TRUE(device_listed(sim_.udid(0)));
-  EXPECT_FALSE(device_listed(late.udid));
-  idevice_t device = nullptr;
-  EXPECT_NE(idevice_new(&device, late.udid.c_str()), IDEVICE_E_SUCCESS);
-  EXPECT_TRUE(eventually([&] { return device_listed(late.udid); }));
-  EXPECT_EQ(handshake_and_start_afc(late.udid), LOCKDOWN_E_SUCCESS);
-}
-
-struct Events {
-  std::mutex mutex;
-  std::vector<std::pair<int, uint32_t>> seen;  // event, device id
-};
-
-void record_event(const usbmuxd_event_t* event, void* user_data) {
-  auto* events = static_cast<Events*>(user_data);
-  std::lock_guard<std::mutex> lock(events->mutex);
-  events->seen.emplace_back(event->event, event->device.handle);
-}
-
-// Dropped after N requests, or unplugged: open connections are cut and new
-// ones served; listeners see the unplug.
-TEST_F(DevsimFaultsTest, DropsAndUnplugsCutOpenConnectionsAndListenersSeeThem) {
-  start();
+  // Dropped after N requests, or unplugged: open connections are cut and new
+  // ones served; listeners see the unplug.
+  connect_afc();
   ASSERT_EQ(sim_.control("drop-after-requests " + udid_ + " 5"), "ok");
   for (int i = 0; i < 5; ++i) EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS) << i;
   EXPECT_NE(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS);
@@ -577,6 +530,18 @@ TEST_F(DevsimFaultsTest, DropsAndUnplugsCutOpenConnectionsAndListenersSeeThem) {
   EXPECT_TRUE(device_listed(udid_));
 }
 
+TEST_F(DevsimFaultsTest, LateDeviceAppearsAfterItsDelay) {
+  DevsimImage late;
+  late.udid = "1a7e00000000000000000000000000000000d3v5";
+  ASSERT_TRUE(sim_.start({DevsimImage{}, late}, {"--fault", "appear-after " + late.udid + " 2"})) << sim_.error();
+  EXPECT_TRUE(device_listed(sim_.udid(0)));
+  EXPECT_FALSE(device_listed(late.udid));
+  idevice_t device = nullptr;
+  EXPECT_NE(idevice_new(&device, late.udid.c_str()), IDEVICE_E_SUCCESS);
+  EXPECT_TRUE(eventually([&] { return device_listed(late.udid); }));
+  EXPECT_EQ(handshake_and_start_afc(late.udid), LOCKDOWN_E_SUCCESS);
+}
+
 // Shaped traffic still carries the same bytes; a connection is dropped once
 // N bytes of file data have gone.
 TEST_F(DevsimFaultsTest, ShapedTrafficCarriesTheSameBytesAndDropsAfterNBytes) {
@@ -605,7 +570,7 @@ TEST_F(DevsimFaultsTest, ShapedTrafficCarriesTheSameBytesAndDropsAfterNBytes) {
   EXPECT_LT(total, 1024u * 1024u);
 }
 
-TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
+TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndChosenErrorsAnswerMatchingPathsOnly) {
   start();
   EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND) << "an honest device by default";
   EXPECT_EQ(sim_.control("hostile " + udid_ + " names bogus"),
@@ -627,41 +592,29 @@ TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndLeaveTheStoredImageAlone) {
   EXPECT_EQ(stat_path("/general_storage/Hostile/names"), AFC_E_SUCCESS) << "clear leaves hostile kinds";
   ASSERT_EQ(sim_.control("hostile " + udid_ + " none"), "ok");
   EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND);
-}
 
-TEST_F(DevsimUsbmuxTest, StockToolsReachEachImageByItsUdid) {
-  if (!have_program("idevice_id") || !have_program("ideviceinfo"))
-    GTEST_SKIP() << "idevice_id/ideviceinfo (libimobiledevice-utils) not installed";
-  DevsimImage first, second;
-  first.name = "First Phone";
-  first.capacity_bytes = 64000000000ull;
-  second.name = "Second iPad";
-  second.product_type = "iPad6,11";
-  second.ios_version = "11.4";
-  ASSERT_TRUE(sim_.start({first, second})) << sim_.error();
+  // Chosen errors answer for matching paths only.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
 
-  std::string output;
-  ASSERT_EQ(run_program({"idevice_id", "-l"}, &output), 0) << output;
-  EXPECT_NE(output.find(sim_.udid(0)), std::string::npos) << output;
-  EXPECT_NE(output.find(sim_.udid(1)), std::string::npos) << output;
-
-  const std::pair<std::vector<std::string>, std::string> answers[] = {
-      {{"ideviceinfo", "-u", sim_.udid(0), "-k", "DeviceName"}, "First Phone\n"},
-      {{"ideviceinfo", "-u", sim_.udid(1), "-k", "DeviceName"}, "Second iPad\n"},
-      {{"ideviceinfo", "-u", sim_.udid(0), "-q", "com.apple.disk_usage", "-k", "TotalDiskCapacity"},
-       "64000000000\n"},
-  };
-  for (const auto& [argv, says] : answers) {
-    ASSERT_EQ(run_program(argv, &output), 0) << output;
-    EXPECT_EQ(output, says);
-  }
-  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(1)}, &output), 0) << output;
-  const std::string lines[] = {"ProductVersion: 11.4\n", "DeviceClass: iPad\n",
-                               "UniqueDeviceID: " + sim_.udid(1) + "\n"};
-  for (const std::string& line : lines) EXPECT_NE(output.find(line), std::string::npos) << output;
-  EXPECT_NE(run_program({"ideviceinfo", "-u", "0000000000000000000000000000000000000000", "-k", "DeviceName"},
-                        &output),
-            0);
+  // A rule for one kind of request: the file opens and reads, but stays.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
+            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
+  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  char byte = 0;
+  uint32_t got = 0;
+  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
+  EXPECT_EQ(got, 1u);
+  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
 }
 
 // The parsed pair record usbmux serves for `udid`, or null.
@@ -774,18 +727,44 @@ TEST_F(DevsimUsbmuxTest, DefaultPairRecordIsARealPairingKeptAcrossRestartsUntilT
   removeTree(dir);
 }
 
-// idevicepair and ideviceinfo, unmodified, through a trust prompt, a denial,
-// a passcode lock and a device that forgot the computer; then with --no-tls,
-// where the made-up record needs no pairing.
-TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAsOnAPhone) {
-  if (!have_program("idevicepair") || !have_program("ideviceinfo"))
-    GTEST_SKIP() << "idevicepair/ideviceinfo (libimobiledevice-utils) not installed";
-  DevsimImage phone;
+// idevice_id and ideviceinfo, unmodified, reach each image by its udid; then
+// idevicepair and ideviceinfo go through a trust prompt, a denial, a passcode
+// lock and a device that forgot the computer; then with --no-tls, where the
+// made-up record needs no pairing.
+TEST_F(DevsimUsbmuxTest, StockToolsReachEachImageAndMeetPromptDenialLockAndForgottenHostAsOnAPhone) {
+  if (!have_program("idevicepair") || !have_program("ideviceinfo") || !have_program("idevice_id"))
+    GTEST_SKIP() << "idevicepair/ideviceinfo/idevice_id (libimobiledevice-utils) not installed";
+  DevsimImage phone, second;
   phone.name = "Pairing Phone";
   phone.location_id = 9402;
   phone.udid = "9a1e0000000000000000000000000000000094a2";
-  ASSERT_TRUE(sim_.start({phone})) << sim_.error();
+  phone.capacity_bytes = 64000000000ull;
+  second.name = "Second iPad";
+  second.product_type = "iPad6,11";
+  second.ios_version = "11.4";
+  ASSERT_TRUE(sim_.start({phone, second})) << sim_.error();
   const std::string udid = phone.udid;
+
+  std::string output;
+  ASSERT_EQ(run_program({"idevice_id", "-l"}, &output), 0) << output;
+  EXPECT_NE(output.find(sim_.udid(0)), std::string::npos) << output;
+  EXPECT_NE(output.find(sim_.udid(1)), std::string::npos) << output;
+  const std::pair<std::vector<std::string>, std::string> answers[] = {
+      {{"ideviceinfo", "-u", sim_.udid(1), "-k", "DeviceName"}, "Second iPad\n"},
+      {{"ideviceinfo", "-u", udid, "-q", "com.apple.disk_usage", "-k", "TotalDiskCapacity"}, "64000000000\n"},
+  };
+  for (const auto& [argv, says] : answers) {
+    ASSERT_EQ(run_program(argv, &output), 0) << output;
+    EXPECT_EQ(output, says);
+  }
+  ASSERT_EQ(run_program({"ideviceinfo", "-u", sim_.udid(1)}, &output), 0) << output;
+  const std::string lines[] = {"ProductVersion: 11.4\n", "DeviceClass: iPad\n",
+                               "UniqueDeviceID: " + sim_.udid(1) + "\n"};
+  for (const std::string& line : lines) EXPECT_NE(output.find(line), std::string::npos) << output;
+  EXPECT_NE(run_program({"ideviceinfo", "-u", "0000000000000000000000000000000000000000", "-k", "DeviceName"},
+                        &output),
+            0);
+
   const std::string pending = "Please accept the trust dialog", denied = "the user denied the trust dialog",
                     paired = "SUCCESS: Paired", valid = "SUCCESS: Validated", passcode = "a passcode is set",
                     not_paired = "is not paired with this host", unpaired = "SUCCESS: Unpaired";
@@ -841,9 +820,11 @@ TEST_F(DevsimUsbmuxTest, StockPairingToolsMeetPromptDenialLockAndForgottenHostAs
         {"lock", {"idevicepair", "validate"}, 1, passcode}});
 }
 
-TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
-  std::string dir = makeTempDir("devsim-json-");
-  ASSERT_FALSE(dir.empty());
+// A malformed device.json is refused naming its key, a sparse one served;
+// make-sample writes a usable image that serves until SIGINT.
+TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonAndMakeSampleWritesAnImageThatServesUntilSigint) {
+  std::string pattern = makeTempDir("devsim-sample-");
+  ASSERT_FALSE(pattern.empty());
   struct Case {
     const char* json;
     const char* mentions;
@@ -857,25 +838,20 @@ TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonNamingTheKey) {
       {R"({"name": )", "not valid JSON"},
       {R"({"hostile": ["names", "lies"]})", "key \"hostile\" holds \"lies\""},
   };
+  std::string output;
   for (const Case& c : cases) {
-    std::ofstream(dir + "/device.json", std::ios::trunc) << c.json;
-    std::string output;
-    EXPECT_EQ(run_program({devsim_program(), "serve", "--socket", dir + "/s", dir}, &output, 30), 2) << c.json;
+    std::ofstream(pattern + "/device.json", std::ios::trunc) << c.json;
+    EXPECT_EQ(run_program({devsim_program(), "serve", "--socket", pattern + "/s", pattern}, &output, 30), 2)
+        << c.json;
     EXPECT_NE(output.find(c.mentions), std::string::npos) << c.json << " -> " << output;
-    EXPECT_FALSE(fs::exists(dir + "/s"));
+    EXPECT_FALSE(fs::exists(pattern + "/s"));
   }
   // Missing optional keys get defaults.
-  std::ofstream(dir + "/device.json", std::ios::trunc) << R"({"udid": "abc"})";
-  ASSERT_TRUE(sim_.start_with_dirs({dir})) << sim_.error();
+  std::ofstream(pattern + "/device.json", std::ios::trunc) << R"({"udid": "abc"})";
+  ASSERT_TRUE(sim_.start_with_dirs({pattern})) << sim_.error();
   EXPECT_TRUE(sim_.stop()) << sim_.error();
-  removeTree(dir);
-}
 
-TEST_F(DevsimUsbmuxTest, MakeSampleWritesAUsableImageThatServesUntilSigint) {
-  std::string pattern = makeTempDir("devsim-sample-");
-  ASSERT_FALSE(pattern.empty());
   std::string dir = pattern + "/image";
-  std::string output;
   ASSERT_EQ(run_program({devsim_program(), "make-sample", dir}, &output), 0) << output;
   EXPECT_NE(run_program({devsim_program(), "make-sample", dir}, &output), 0);  // never over an existing image
   std::string storage = dir + "/media/general_storage";

@@ -142,7 +142,7 @@ TEST_F(DevsimMediaLibraryTest, CloudResourcesAreFoundThroughEitherMasterLink) {
   }
 }
 
-TEST_F(DevsimMediaLibraryTest, MusicAndRecordingsKeepNullsAndPlaceFiles) {
+TEST_F(DevsimMediaLibraryTest, MusicAndRecordingsKeepNullsAndPlaceFilesAndSkippedDatabasesGo) {
   devsim::MediaSong song;
   song.artist = std::nullopt;
   song.title = std::string("Alone");
@@ -177,13 +177,9 @@ TEST_F(DevsimMediaLibraryTest, MusicAndRecordingsKeepNullsAndPlaceFiles) {
             (Rows{{"Talk", *memo.path, "978307200"}}));
   EXPECT_EQ(readLocal(media() + "/Recordings/rec1.m4a"), "memo");
   for (const char* companion : {"-wal", "-shm", "-journal"}) EXPECT_FALSE(exists(music + companion));
-}
 
-TEST_F(DevsimMediaLibraryTest, SkippedDatabasesAreAbsentAndStaleCompanionsGo) {
-  std::string error;
-  ASSERT_TRUE(write(error)) << error;
-  const std::string music = media() + "/iTunes_Control/iTunes/MediaLibrary.sqlitedb";
-  ASSERT_TRUE(exists(music));
+  // Written again without them: the skipped databases are gone, and so is a
+  // stale companion of the photo database.
   ASSERT_TRUE(writeLocal(photo_db() + "-wal", ""));
   library.write_music_db = false;
   library.write_record_db = false;
@@ -237,42 +233,34 @@ TEST(DevsimMediaGenerated, IsDeterministicAndFillsFoldersLikeAPhone) {
 }
 
 // A modern library (iOS 14 on): a live HEIC photo in a user album, a photo
-// whose original is only in iCloud, a hidden and a trashed one.
-MediaLibrary modern_library() {
-  MediaLibrary modern;
-  modern.photo_family = PhotoFamily::modern;
-  modern.albums = {{0, std::string("Trip"), 2, 0, std::nullopt}, {0, std::string("Gone"), 2, 1, std::nullopt}};
-  devsim::MediaPhoto live;
-  live.directory = std::string("DCIM/100APPLE");
-  live.filename = std::string("IMG_0001.HEIC");
-  live.original_filename = live.filename;
-  live.subtype = 2;
-  live.bytes = devsim::make_heic_placeholder(40, 1);
-  live.live_video_bytes = std::string("video half");
-  live.albums = {1};
-  devsim::MediaPhoto cloud = live;
-  cloud.filename = std::string("IMG_0002.HEIC");
+// whose original is only in iCloud, a hidden and a trashed one. The link
+// table is named from the album and asset entities of each version; the live
+// video lies beside the HEIC, and cloud originals are absent.
+TEST_F(DevsimMediaLibraryTest, ModernLinkTableFollowsTheEntitiesLiveVideoLiesBesideAndCloudOriginalsAreAbsent) {
+  library = MediaLibrary();
+  library.photo_family = PhotoFamily::modern;
+  library.albums = {{0, std::string("Trip"), 2, 0, std::nullopt}, {0, std::string("Gone"), 2, 1, std::nullopt}};
+  auto heic = [](const char* name, bool live) {
+    devsim::MediaPhoto made;
+    made.directory = std::string("DCIM/100APPLE");
+    made.filename = made.original_filename = std::string(name);
+    made.subtype = live ? 2 : 0;
+    made.bytes = devsim::make_heic_placeholder(40, 1);
+    if (live) made.live_video_bytes = std::string("video half");
+    made.albums = {1};
+    return made;
+  };
+  devsim::MediaPhoto cloud = heic("IMG_0002.HEIC", true), hidden = heic("IMG_0003.HEIC", false);
+  devsim::MediaPhoto trashed = heic("IMG_0004.HEIC", false);
   cloud.cloud_only = true;
-  devsim::MediaPhoto hidden = live;
-  hidden.filename = std::string("IMG_0003.HEIC");
-  hidden.subtype = 0;
-  hidden.live_video_bytes = std::nullopt;
   hidden.hidden = true;
-  devsim::MediaPhoto trashed = hidden;
-  trashed.filename = std::string("IMG_0004.HEIC");
-  trashed.hidden = false;
   trashed.trashed = 1;
-  modern.photos = {live, cloud, hidden, trashed};
-  return modern;
-}
-
-TEST_F(DevsimMediaLibraryTest, ModernLinkTableIsNamedFromTheAlbumAndAssetEntities) {
-  library = modern_library();
+  library.photos = {heic("IMG_0001.HEIC", true), cloud, hidden, trashed};
   for (auto [version, album] : {std::pair{14, "26"}, std::pair{18, "30"}}) {
     SCOPED_TRACE(version);
     library.modern_version = version;
     std::string error;
-    ASSERT_TRUE(devsim::write_media_library(media(), library, error)) << error;
+    ASSERT_TRUE(write(error)) << error;
     EXPECT_EQ(entity("Album"), album);
     EXPECT_EQ(entity("Asset"), "3");
     EXPECT_EQ(entity("GenericAsset"), "none");
@@ -288,12 +276,7 @@ TEST_F(DevsimMediaLibraryTest, ModernLinkTableIsNamedFromTheAlbumAndAssetEntitie
   }
   EXPECT_EQ(devsim::modern_ios_version(18), "18.1");
   EXPECT_EQ(devsim::modern_ios_version(13), "");
-}
 
-TEST_F(DevsimMediaLibraryTest, ModernLiveVideoLiesBesideTheHeicAndCloudOriginalsAreAbsent) {
-  library = modern_library();
-  std::string error;
-  ASSERT_TRUE(devsim::write_media_library(media(), library, error)) << error;
   const std::string folder = media() + "/DCIM/100APPLE/";
   EXPECT_EQ(readLocal(folder + "IMG_0001.HEIC").substr(4, 8), "ftypheic");
   EXPECT_EQ(readLocal(folder + "IMG_0001.MOV"), "video half");
