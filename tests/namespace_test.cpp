@@ -43,7 +43,7 @@ protected:
     }
 };
 
-TEST_F(NamespaceUnitTest, MakingOrRemovingOutsideTheWritablePlacesIsRefusedWithItsNotice) {
+TEST_F(NamespaceUnitTest, MakingOrRemovingOutsideTheWritablePlacesIsRefusedAndHousekeepingFoldersAreNotThere) {
     for (const auto &refused : {std::make_pair("/Media/Music/x", "/Media/Music"), std::make_pair("/Apps/NewApp", "/Apps"),
                                 std::make_pair("/Media", "/"), std::make_pair("/newtop", "/"),
                                 std::make_pair("/Storage", "/"), std::make_pair("/Storagex", "/")}) {
@@ -78,9 +78,9 @@ TEST_F(NamespaceUnitTest, MakingOrRemovingOutsideTheWritablePlacesIsRefusedWithI
     EXPECT_TRUE(logContains("UnlinkAppsContents unlink not supported. path : /Apps/Notes "));
     EXPECT_NE(FindObject("/Media/Music/song.mp3"), nullptr);
     EXPECT_EQ(UnlinkAppsContents(&context, "/Apps/Notes"), 1);
-}
 
-TEST_F(NamespaceUnitTest, HousekeepingFoldersAreNotThereAndNothingIsShown) {
+    // Housekeeping folders are not there, and nothing is shown.
+    noDialog();
     for (const char *path : {"/.Trashes", "/.TemporaryItems", "/.fseventsd"})
         EXPECT_EQ(tarnifs_mkdir(path, 0755), -ENOENT) << path;
     for (const char *path : {"/.Trashes", "/.TemporaryItems"}) EXPECT_EQ(tarnifs_rmdir(path), -ENOENT) << path;
@@ -152,14 +152,13 @@ TEST_F(NamespaceUnitTest, AFileRemovedWhileOpenLivesUntilItsLastHandleIsReleased
     EXPECT_EQ(tarnifs_fgetattr(nullptr, &st, &stranger), -ENOENT);
     char buffer[4];
     EXPECT_EQ(tarnifs_read(nullptr, buffer, sizeof(buffer), 0, &stranger), -ECANCELED);
-}
 
-TEST_F(NamespaceUnitTest, ARemovedFileStillOpenAtUnmountIsFreedWithTheCatalogue) {
-    _KTL_OBJECT *open = file("/Storage/full/left-open.txt", 1);
-    open->open_count = 1;
-    KeepUntilLastRelease(open, "/Storage/full/left-open.txt");
+    // One still open at unmount is freed with the catalogue.
+    _KTL_OBJECT *left = file("/Storage/full/left-open.txt", 1);
+    left->open_count = 1;
+    KeepUntilLastRelease(left, "/Storage/full/left-open.txt");
     FreeAllObjects(nullptr);  // the sanitizer build reports a leak otherwise
-    EXPECT_EQ(RemovedOpenObject(reinterpret_cast<uint64_t>(open), nullptr), nullptr);
+    EXPECT_EQ(RemovedOpenObject(reinterpret_cast<uint64_t>(left), nullptr), nullptr);
 }
 
 // A mount whose start-up could not reach the device has no context and no
