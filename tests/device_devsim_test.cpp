@@ -154,8 +154,8 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
 
 // Offsets on a new file and an old one, skipping the seeks a handle's own
 // position makes needless; then two handles of one file at random against a
-// local model; then folders, names and times.
-TEST(DeviceLayerFiles, OffsetsSkipNeedlessSeeksHandlesKeepTheirPositionsFoldersNamesAndTimes) {
+// local model; then folders, names and times; then a hostile device's sizes.
+TEST(DeviceLayerFiles, OffsetsSkipNeedlessSeeksHandlesKeepTheirPositionsFoldersNamesTimesAndLyingSizes) {
     Devsim sim;
     DevsimImage phone;
     phone.location_id = 31;
@@ -294,6 +294,19 @@ TEST(DeviceLayerFiles, OffsetsSkipNeedlessSeeksHandlesKeepTheirPositionsFoldersN
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/two.txt"), 0);
     EXPECT_EQ(listFolder(afc, "/general_storage"),
               (Names{".", "..", "data.bin", "empty", "hello.txt", "model.bin"}));
+
+    // A hostile device: reads give the bytes it sent whatever its size said
+    // (through the mount the kernel stops at that size, so only here is it
+    // seen), and sizes no file can have stop at the largest offset.
+    ASSERT_EQ(sim.control("hostile " + sim.udid(0) + " sizes"), "ok");
+    ASSERT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/Hostile/sizes/fewer.bin", &info), 0);
+    EXPECT_EQ(info.size, 10u);
+    EXPECT_EQ(readWhole(afc, "/general_storage/Hostile/sizes/fewer.bin").size(), 5000u);
+    for (const char *name : {"negative.bin", "wrapped.bin"}) {
+        std::string path = std::string("/general_storage/Hostile/sizes/") + name;
+        ASSERT_EQ(libiusb_afc_file_get_info(afc, path.c_str(), &info), 0);
+        EXPECT_EQ(info.size, static_cast<uint64_t>(INT64_MAX)) << name;
+    }
 }
 
 // ------------------------------------------------------ apps, house-arrest ---
