@@ -79,7 +79,7 @@ using Names = std::vector<std::string>;
 
 // --------------------------------------------------------------- devices ---
 
-TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
+TEST(DeviceLayerDevices, ListsBothOpensTheOneWithTheLocationIdAndWorksItsFilesAtOffsetsFoldersAndLyingSizes) {
     Devsim sim;
     DevsimImage first;
     first.name = "First Phone";
@@ -94,7 +94,9 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     second.capacity_bytes = 64ull << 30;
     second.block_size = 8192;
     second.files = {{"media/general_storage/a.bin", std::string(10000, 'a')},
+                    {"media/general_storage/hello.txt", "hello, device"},
                     {"media/DCIM/b.jpg", std::string(2345, 'b')}};
+    second.folders = {"media/general_storage/empty"};
     START_DEVSIM(sim, {first, second});
     OpenDevice device;
     ASSERT_EQ(device.open(4242), 0);
@@ -125,11 +127,11 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     EXPECT_EQ(libiusb_device_find(device.context, 99, &absent), LIBIUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(libiusb_device_find_by_udid(device.context, "0000", &absent), LIBIUSB_ERROR_NO_DEVICE);
 
-    libiusb_device_info info;
-    memset(&info, 0xAB, sizeof info);
-    ASSERT_EQ(libiusb_device_get_info(device.handle, &info), 0);
+    libiusb_device_info block;
+    memset(&block, 0xAB, sizeof block);
+    ASSERT_EQ(libiusb_device_get_info(device.handle, &block), 0);
     // The fields the file system reads at fixed offsets.
-    const uint8_t *raw = reinterpret_cast<const uint8_t *>(&info);
+    const uint8_t *raw = reinterpret_cast<const uint8_t *>(&block);
     auto at = [raw](size_t offset, auto value) {
         memcpy(&value, raw + offset, sizeof value);
         return value;
@@ -137,34 +139,18 @@ TEST(DeviceLayerDevices, ListsBothAndOpensTheOneWithTheLocationId) {
     EXPECT_EQ(at(8, uint32_t{0}), 4242u);
     EXPECT_EQ(at(16, uint64_t{0}), 8192u);
     EXPECT_EQ(at(24, uint64_t{0}), 64ull << 30);
-    EXPECT_EQ(at(32, uint64_t{0}), (64ull << 30) - 10000 - 2345);
+    EXPECT_EQ(at(32, uint64_t{0}), (64ull << 30) - 10000 - 13 - 2345);
     EXPECT_STREQ(reinterpret_cast<const char *>(raw + 296), "16.7.2");
     EXPECT_STREQ(reinterpret_cast<const char *>(raw + 312), "Zweites iPad \xc3\xa4");
-    EXPECT_STREQ(info.product_type, "iPad7,5");
-    EXPECT_STREQ(info.udid, sim.udid(1).c_str());
-    EXPECT_EQ(info.reserved0[0], 0) << "the block must be cleared, not left as the caller passed it";
+    EXPECT_STREQ(block.product_type, "iPad7,5");
+    EXPECT_STREQ(block.udid, sim.udid(1).c_str());
+    EXPECT_EQ(block.reserved0[0], 0) << "the block must be cleared, not left as the caller passed it";
 
-    // The handle really is the second device: its file is there.
-    libiusb_file_info file;
-    EXPECT_EQ(libiusb_afc_file_get_info(device.afc, "/general_storage/a.bin", &file), 0);
-    EXPECT_EQ(file.size, 10000u);
-}
-
-// ------------------------------------------------------------- file data ---
-
-// Offsets on a new file and an old one, skipping the seeks a handle's own
-// position makes needless; then two handles of one file at random against a
-// local model; then folders, names and times; then a hostile device's sizes.
-TEST(DeviceLayerFiles, OffsetsSkipNeedlessSeeksHandlesKeepTheirPositionsFoldersNamesTimesAndLyingSizes) {
-    Devsim sim;
-    DevsimImage phone;
-    phone.location_id = 31;
-    phone.files = {{"media/general_storage/hello.txt", "hello, device"}};
-    phone.folders = {"media/general_storage/empty"};
-    START_DEVSIM(sim, {phone});
-    OpenDevice device;
-    ASSERT_EQ(device.open(31), 0);
-    auto onImage = [&](const std::string &device_path) { return sim.image_dir(0) + "/media" + device_path; };
+    // Its files: offsets on a new file and an old one, skipping
+    // the seeks a handle's own position makes needless; then two handles of
+    // one file at random against a local model; then folders, names and
+    // times; then a hostile device's sizes.
+    auto onImage = [&](const std::string &device_path) { return sim.image_dir(1) + "/media" + device_path; };
     auto seeks = [&] { return device.afc->seeks_sent; };
     libiusb_afc *afc = device.afc;
     uint64_t file = 0;
@@ -260,16 +246,16 @@ TEST(DeviceLayerFiles, OffsetsSkipNeedlessSeeksHandlesKeepTheirPositionsFoldersN
     libiusb_afc_file_close(afc, file);
     ASSERT_EQ(symlink("../hello.txt", onImage("/general_storage/sub/link").c_str()), 0);
 
-    uint32_t count = 0;
-    ASSERT_EQ(libiusb_afc_file_read_directory(afc, "/general_storage/sub", nullptr, &count), 0);
-    EXPECT_EQ(count, 4u);  // ".", "..", one.txt, link
-    char **list = nullptr;
-    count = 0;
-    ASSERT_EQ(libiusb_afc_file_read_directory(afc, "/general_storage/sub", &list, &count), 0);
-    EXPECT_EQ(count, 4u);
-    ASSERT_NE(list, nullptr);
-    EXPECT_EQ(list[count], nullptr);
-    libiusb_misc_free_strings_array(list);
+    uint32_t entries = 0;
+    ASSERT_EQ(libiusb_afc_file_read_directory(afc, "/general_storage/sub", nullptr, &entries), 0);
+    EXPECT_EQ(entries, 4u);  // ".", "..", one.txt, link
+    char **names = nullptr;
+    entries = 0;
+    ASSERT_EQ(libiusb_afc_file_read_directory(afc, "/general_storage/sub", &names, &entries), 0);
+    EXPECT_EQ(entries, 4u);
+    ASSERT_NE(names, nullptr);
+    EXPECT_EQ(names[entries], nullptr);
+    libiusb_misc_free_strings_array(names);
     EXPECT_EQ(listFolder(afc, "/general_storage/empty"), (Names{".", ".."}));
 
     libiusb_file_info info;
@@ -293,12 +279,12 @@ TEST(DeviceLayerFiles, OffsetsSkipNeedlessSeeksHandlesKeepTheirPositionsFoldersN
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/sub"), 0);
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/two.txt"), 0);
     EXPECT_EQ(listFolder(afc, "/general_storage"),
-              (Names{".", "..", "data.bin", "empty", "hello.txt", "model.bin"}));
+              (Names{".", "..", "a.bin", "data.bin", "empty", "hello.txt", "model.bin"}));
 
     // A hostile device: reads give the bytes it sent whatever its size said
     // (through the mount the kernel stops at that size, so only here is it
     // seen), and sizes no file can have stop at the largest offset.
-    ASSERT_EQ(sim.control("hostile " + sim.udid(0) + " sizes"), "ok");
+    ASSERT_EQ(sim.control("hostile " + sim.udid(1) + " sizes"), "ok");
     ASSERT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/Hostile/sizes/fewer.bin", &info), 0);
     EXPECT_EQ(info.size, 10u);
     EXPECT_EQ(readWhole(afc, "/general_storage/Hostile/sizes/fewer.bin").size(), 5000u);
