@@ -20,16 +20,10 @@
 
 namespace {
 
+// The names docs/device-errors.md gives the sources, in the enum's order.
 const char *sourceName(NativeSource source) {
-    switch (source) {
-    case NativeSource::Usbmuxd: return "usbmuxd";
-    case NativeSource::Idevice: return "idevice";
-    case NativeSource::Lockdown: return "lockdown";
-    case NativeSource::Afc: return "afc";
-    case NativeSource::Instproxy: return "instproxy";
-    case NativeSource::HouseArrest: return "house_arrest";
-    }
-    return "?";
+    static const char *const names[] = {"usbmuxd", "idevice", "lockdown", "afc", "instproxy", "house_arrest"};
+    return names[static_cast<int>(source)];
 }
 
 TEST(DeviceErrors, ResultsTheFileSystemActsOnWhicheverSourceReportsThem) {
