@@ -184,7 +184,7 @@ using DevsimRobustnessTest = DevsimAfcTest;
 // Image files in media/ and in app containers; outside.txt is neither.
 const uint64_t kStored = 11 + 5 + 1024 * 1024 + 6 + 4 + 6 + 5;
 
-TEST_F(DevsimAfcTest, ListsFoldersDescribesFilesAndWritesBeyondCapacityFailWithNoSpaceWritingNothing) {
+TEST_F(DevsimAfcTest, ListsDescribesFillsToCapacityAndServesHostileKindsAndChosenErrorsForMatchingPaths) {
   start();
   EXPECT_EQ(listing(afc_, "/general_storage"),
             (std::vector<std::string>{".", "..", "data.bin", "folder", "hello.txt", "locked.txt", "open.txt"}));
@@ -227,6 +227,50 @@ TEST_F(DevsimAfcTest, ListsFoldersDescribesFilesAndWritesBeyondCapacityFailWithN
   // Removing a file gives its space back.
   EXPECT_EQ(afc_remove_path(afc_, "/general_storage/fill.bin"), AFC_E_SUCCESS);
   EXPECT_EQ(device_info()["FSFreeBytes"], "1000");
+
+  // Hostile kinds come and go over the same tree.
+  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND) << "an honest device by default";
+  EXPECT_EQ(sim_.control("hostile " + udid_ + " names bogus"),
+            "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
+  EXPECT_EQ(sim_.control("hostile " + udid_), "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
+  ASSERT_EQ(sim_.control("hostile " + udid_ + " names deep"), "ok");
+  EXPECT_EQ(listing(afc_, "/general_storage"),
+            (std::vector<std::string>{".", "..", "Hostile", "data.bin", "folder", "hello.txt", "locked.txt",
+                                      "open.txt"}));
+  EXPECT_EQ(listing(afc_, "/general_storage/Hostile"), (std::vector<std::string>{".", "..", "names", "deep"}));
+  EXPECT_EQ(stat_path("/general_storage/Hostile/sizes"), AFC_E_OBJECT_NOT_FOUND) << "a kind not chosen";
+  // The made-up tree cannot be changed, and nothing was written to the image.
+  EXPECT_EQ(afc_make_directory(afc_, "/general_storage/Hostile/names/new"), AFC_E_PERM_DENIED);
+  uint64_t handle = 0;
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/Hostile/names/plain.txt", AFC_FOPEN_RW, &handle), AFC_E_PERM_DENIED);
+  EXPECT_NE(stat((media_ + "/general_storage/Hostile").c_str(), &st), 0);
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+  EXPECT_EQ(stat_path("/general_storage/Hostile/names"), AFC_E_SUCCESS) << "clear leaves hostile kinds";
+  ASSERT_EQ(sim_.control("hostile " + udid_ + " none"), "ok");
+  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND);
+
+  // Chosen errors answer for matching paths only.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
+  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
+  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+
+  // A rule for one kind of request: the file opens and reads, but stays.
+  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
+  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
+            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
+  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  char byte = 0;
+  uint32_t got = 0;
+  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
+  EXPECT_EQ(got, 1u);
+  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
+  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
 }
 
 TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaningAndPathsNeverLeaveTheMediaFolder) {
@@ -554,53 +598,6 @@ TEST_F(DevsimFaultsTest, ShapedTrafficCarriesTheSameBytesAndDropsAfterNBytes) {
   EXPECT_LT(total, 1024u * 1024u);
 }
 
-TEST_F(DevsimFaultsTest, HostileKindsComeAndGoAndChosenErrorsAnswerMatchingPathsOnly) {
-  start();
-  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND) << "an honest device by default";
-  EXPECT_EQ(sim_.control("hostile " + udid_ + " names bogus"),
-            "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
-  EXPECT_EQ(sim_.control("hostile " + udid_), "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
-  ASSERT_EQ(sim_.control("hostile " + udid_ + " names deep"), "ok");
-  EXPECT_EQ(listing(afc_, "/general_storage"),
-            (std::vector<std::string>{".", "..", "Hostile", "data.bin", "folder", "hello.txt", "locked.txt",
-                                      "open.txt"}));
-  EXPECT_EQ(listing(afc_, "/general_storage/Hostile"), (std::vector<std::string>{".", "..", "names", "deep"}));
-  EXPECT_EQ(stat_path("/general_storage/Hostile/sizes"), AFC_E_OBJECT_NOT_FOUND) << "a kind not chosen";
-  // The made-up tree cannot be changed, and nothing was written to the image.
-  EXPECT_EQ(afc_make_directory(afc_, "/general_storage/Hostile/names/new"), AFC_E_PERM_DENIED);
-  uint64_t handle = 0;
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/Hostile/names/plain.txt", AFC_FOPEN_RW, &handle), AFC_E_PERM_DENIED);
-  struct stat st;
-  EXPECT_NE(stat((sim_.image_dir(0) + "/media/general_storage/Hostile").c_str(), &st), 0);
-  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
-  EXPECT_EQ(stat_path("/general_storage/Hostile/names"), AFC_E_SUCCESS) << "clear leaves hostile kinds";
-  ASSERT_EQ(sim_.control("hostile " + udid_ + " none"), "ok");
-  EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND);
-
-  // Chosen errors answer for matching paths only.
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
-  ASSERT_EQ(sim_.control("clear " + udid_), "ok");
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-
-  // A rule for one kind of request: the file opens and reads, but stays.
-  ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
-  EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
-            "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
-  ASSERT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  char byte = 0;
-  uint32_t got = 0;
-  EXPECT_EQ(afc_file_read(afc_, handle, &byte, 1, &got), AFC_E_SUCCESS);
-  EXPECT_EQ(got, 1u);
-  EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/locked.txt"), AFC_E_SUCCESS);
-}
-
 // The parsed pair record usbmux serves for `udid`, or null.
 plist_t read_pair_record(const std::string& udid) {
   char* record = nullptr;
@@ -839,13 +836,11 @@ TEST_F(DevsimUsbmuxTest, RefusesMalformedDeviceJsonAndMakeSampleWritesAnImageTha
   ASSERT_EQ(run_program({devsim_program(), "make-sample", dir}, &output), 0) << output;
   EXPECT_NE(run_program({devsim_program(), "make-sample", dir}, &output), 0);  // never over an existing image
   std::string storage = dir + "/media/general_storage";
-  EXPECT_TRUE(fs::exists(storage + "/.hidden_settings"));
-  EXPECT_TRUE(fs::exists(storage + "/R\xC3\xA9sum\xC3\xA9.txt"));
-  EXPECT_TRUE(fs::exists(storage + "/Re\xCC\x81sume\xCC\x81.txt"));
-  EXPECT_TRUE(fs::exists(storage + "/it's a \"quoted\" $(touch pwned) name.txt"));
-  EXPECT_TRUE(fs::exists(storage + "/Documents/Reports/2017/summary.txt"));
+  for (const char* made : {"/.hidden_settings", "/R\xC3\xA9sum\xC3\xA9.txt", "/Re\xCC\x81sume\xCC\x81.txt",
+                          "/it's a \"quoted\" $(touch pwned) name.txt", "/Documents/Reports/2017/summary.txt",
+                          "/../../apps/com.example.notes/Documents/Drafts/draft.txt"})
+    EXPECT_TRUE(fs::exists(storage + made)) << made;
   EXPECT_GE(fs::file_size(storage + "/Big Files/random.bin"), 2u * 1024 * 1024);
-  EXPECT_TRUE(fs::exists(dir + "/apps/com.example.notes/Documents/Drafts/draft.txt"));
 
   ASSERT_TRUE(sim_.start_with_dirs({dir})) << sim_.error();
   EXPECT_EQ(sim_.udid(0).size(), 40u);
