@@ -430,63 +430,6 @@ void count_parts(plist_t command, plist_t status, void* user_data) {
   if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(user_data);
 }
 
-TEST_F(DevsimAfcTest, HouseArrestVendsOnlySharedDocumentsAndInstallationProxyBrowsesInParts) {
-  start();
-  {
-    Vended documents;
-    vend(device_, "VendDocuments", "com.example.notes", documents);
-    ASSERT_NE(documents.afc, nullptr);
-    EXPECT_EQ(listing(documents.afc, "/Documents"), (std::vector<std::string>{".", "..", "note.txt"}));
-    uint64_t handle = 0;
-    EXPECT_EQ(afc_file_open(documents.afc, "/../../../media/general_storage/hello.txt", AFC_FOPEN_RDONLY, &handle),
-              AFC_E_OBJECT_NOT_FOUND);
-  }
-  for (const char* app : {"com.example.vault", "com.example.absent"}) {
-    Vended refused;
-    vend(device_, "VendDocuments", app, refused);
-    EXPECT_EQ(refused.afc, nullptr) << app;
-    EXPECT_EQ(refused.error, "InstallationLookupFailed") << app;
-  }
-  Vended container;
-  vend(device_, "VendContainer", "com.example.vault", container);
-  ASSERT_NE(container.afc, nullptr);
-  uint64_t handle = 0;
-  ASSERT_EQ(afc_file_open(container.afc, "/Documents/secret.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  char buffer[16];
-  uint32_t got = 0;
-  EXPECT_EQ(afc_file_read(container.afc, handle, buffer, sizeof buffer, &got), AFC_E_SUCCESS);
-  EXPECT_EQ(std::string(buffer, got), "vault");
-
-  instproxy_client_t proxy = nullptr;
-  ASSERT_EQ(instproxy_client_start_service(device_, &proxy, "devsim-test"), INSTPROXY_E_SUCCESS);
-  plist_t options = instproxy_client_options_new();
-  instproxy_client_options_add(options, "ApplicationType", "User", NULL);
-  plist_t apps = nullptr;
-  ASSERT_EQ(instproxy_browse(proxy, options, &apps), INSTPROXY_E_SUCCESS);
-  ASSERT_EQ(plist_array_get_size(apps), 5u);
-  std::map<std::string, bool> sharing;
-  int notes = 0;
-  for (uint32_t i = 0; i < plist_array_get_size(apps); ++i) {
-    plist_t app = plist_array_get_item(apps, i);
-    uint8_t shared = 0;
-    plist_get_bool_val(plist_dict_get_item(app, "UIFileSharingEnabled"), &shared);
-    sharing[dict_text(app, "CFBundleIdentifier")] = shared != 0;
-    if (dict_text(app, "CFBundleDisplayName") == "Notes") ++notes;
-  }
-  plist_free(apps);
-  EXPECT_EQ(notes, 2);
-  EXPECT_FALSE(sharing["com.example.vault"]);
-  EXPECT_TRUE(sharing["com.example.maps"]);
-
-  std::atomic<int> parts{0};
-  ASSERT_EQ(instproxy_browse_with_callback(proxy, options, count_parts, &parts), INSTPROXY_E_SUCCESS);
-  for (int i = 0; i < 100 && parts < 3; ++i) usleep(50000);
-  EXPECT_EQ(parts.load(), 3);  // five apps arrive as 2 + 2 + 1
-
-  instproxy_client_options_free(options);
-  instproxy_client_free(proxy);
-}
-
 // What a usbmuxd listener saw of the device with this id.
 struct Events {
   uint32_t id;
@@ -967,12 +910,67 @@ uint16_t service_port(lockdownd_client_t lockdown, const char* name) {
   return port;
 }
 
-// Lockdown answers values and starts services; malformed input to usbmux and
+// House arrest and the installation proxy answer as on a phone; lockdown
+// answers values and starts services; malformed input to usbmux and
 // to every service closes only the offending connection, while this
 // well-behaved client (its long-lived AFC and lockdown connections) keeps
 // being served throughout.
-TEST_F(DevsimRobustnessTest, ServesValuesAndOutlastsMalformedInputToEveryService) {
+TEST_F(DevsimRobustnessTest, VendsSharedDocumentsBrowsesAppsInPartsServesValuesAndOutlastsMalformedInput) {
   start();
+  {
+    Vended documents;
+    vend(device_, "VendDocuments", "com.example.notes", documents);
+    ASSERT_NE(documents.afc, nullptr);
+    EXPECT_EQ(listing(documents.afc, "/Documents"), (std::vector<std::string>{".", "..", "note.txt"}));
+    uint64_t handle = 0;
+    EXPECT_EQ(afc_file_open(documents.afc, "/../../../media/general_storage/hello.txt", AFC_FOPEN_RDONLY, &handle),
+              AFC_E_OBJECT_NOT_FOUND);
+  }
+  for (const char* app : {"com.example.vault", "com.example.absent"}) {
+    Vended refused;
+    vend(device_, "VendDocuments", app, refused);
+    EXPECT_EQ(refused.afc, nullptr) << app;
+    EXPECT_EQ(refused.error, "InstallationLookupFailed") << app;
+  }
+  Vended container;
+  vend(device_, "VendContainer", "com.example.vault", container);
+  ASSERT_NE(container.afc, nullptr);
+  uint64_t handle = 0;
+  ASSERT_EQ(afc_file_open(container.afc, "/Documents/secret.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  char buffer[16];
+  uint32_t got = 0;
+  EXPECT_EQ(afc_file_read(container.afc, handle, buffer, sizeof buffer, &got), AFC_E_SUCCESS);
+  EXPECT_EQ(std::string(buffer, got), "vault");
+
+  instproxy_client_t installer = nullptr;
+  ASSERT_EQ(instproxy_client_start_service(device_, &installer, "devsim-test"), INSTPROXY_E_SUCCESS);
+  plist_t options = instproxy_client_options_new();
+  instproxy_client_options_add(options, "ApplicationType", "User", NULL);
+  plist_t apps = nullptr;
+  ASSERT_EQ(instproxy_browse(installer, options, &apps), INSTPROXY_E_SUCCESS);
+  ASSERT_EQ(plist_array_get_size(apps), 5u);
+  std::map<std::string, bool> sharing;
+  int notes = 0;
+  for (uint32_t i = 0; i < plist_array_get_size(apps); ++i) {
+    plist_t app = plist_array_get_item(apps, i);
+    uint8_t shared = 0;
+    plist_get_bool_val(plist_dict_get_item(app, "UIFileSharingEnabled"), &shared);
+    sharing[dict_text(app, "CFBundleIdentifier")] = shared != 0;
+    if (dict_text(app, "CFBundleDisplayName") == "Notes") ++notes;
+  }
+  plist_free(apps);
+  EXPECT_EQ(notes, 2);
+  EXPECT_FALSE(sharing["com.example.vault"]);
+  EXPECT_TRUE(sharing["com.example.maps"]);
+
+  std::atomic<int> parts{0};
+  ASSERT_EQ(instproxy_browse_with_callback(installer, options, count_parts, &parts), INSTPROXY_E_SUCCESS);
+  for (int i = 0; i < 100 && parts < 3; ++i) usleep(50000);
+  EXPECT_EQ(parts.load(), 3);  // five apps arrive as 2 + 2 + 1
+
+  instproxy_client_options_free(options);
+  instproxy_client_free(installer);
+
   ASSERT_EQ(lockdownd_client_new_with_handshake(device_, &lockdown_, "devsim-test"), LOCKDOWN_E_SUCCESS);
   plist_t value = nullptr;
   ASSERT_EQ(lockdownd_get_value(lockdown_, "com.apple.disk_usage", "TotalDataAvailable", &value),
