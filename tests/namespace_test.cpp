@@ -3,14 +3,12 @@
 // open, which must outlive every handle that points at it. Then what every
 // handler does without a mount context, and the one lock they all hold.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
