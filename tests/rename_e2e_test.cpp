@@ -120,10 +120,9 @@ protected:
     // The one new dialog since *seen says `text` and is of `kind`.
     void expectDialog(size_t *seen, const std::string &text, const std::string &kind) {
         std::vector<RecordedDialog> shown = dialogs.waitForDialogs(*seen + 1);
-        ASSERT_GT(shown.size(), *seen) << "no dialog for: " << text;
         std::string all;
         for (const RecordedDialog &dialog : shown) all += "[" + dialog.kind + "] " + dialog.message + "\n";
-        ASSERT_EQ(shown.size(), *seen + 1) << all;
+        ASSERT_EQ(shown.size(), *seen + 1) << "expected: " << text << "\nshown:\n" << all;
         EXPECT_EQ(shown.back().message, text);
         EXPECT_EQ(shown.back().kind, kind) << text;
         *seen = shown.size();
@@ -147,12 +146,6 @@ protected:
         EXPECT_FALSE(exists(onDevice(to)));
         EXPECT_EQ(statError(inMount(from)), 0);
         EXPECT_EQ(statError(inMount(to)), ENOENT);
-    }
-    size_t trayCount(const std::string &text) {
-        size_t count = 0;
-        for (size_t at = tray.bytes().find(text); at != std::string::npos; at = tray.bytes().find(text, at + 1))
-            ++count;
-        return count;
     }
 };
 
@@ -211,10 +204,10 @@ TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
     expectMoved("/Apps/Notes/sub/n2.txt", "/Apps/Notes/over.txt", "", "note");
     // A folder, listed before; it is a long move for the tray.
     ASSERT_TRUE(tray.waitFor("-neoff"));
-    size_t neonBefore = trayCount("-neon");
+    size_t trayBefore = tray.bytes().size();
     EXPECT_EQ(sortedNamesIn(inMount("/Apps/Notes/folder")), std::vector<std::string>{"f.txt"});
     expectMoved("/Apps/Notes/folder", "/Apps/Notes/sub/folder2", "/f.txt", "eff");
-    EXPECT_TRUE(eventually([&] { return trayCount("-neon") > neonBefore; }));
+    EXPECT_TRUE(eventually([&] { return tray.bytes().find("-neon", trayBefore) != std::string::npos; }));
 
     // Between Storage and the apps a move copies, then removes the source.
     expectMoved("/Storage/empty/kept.txt", "/Apps/Notes/sub/kept.txt", "", "keep me");
@@ -284,26 +277,23 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalAndNothingWrittenStaysOnlyInTheWor
     writeLocal(inMount("/Storage/a.txt.tmp"), fresh);
     expectMoved("/Storage/a.txt.tmp", "/Storage/a.txt", "", fresh);
 
-    // A ".sb-" safe save: its data waits in the work folder, then goes to
-    // the device under its own name at its close, and the rename replaces
-    // the original in one step.
-    std::string saved = "saved through a staging file\n";
-    const std::string temporary = safeSaveTemporary("b.txt");
-    writeLocal(inMount("/Storage/" + temporary), saved);
-    EXPECT_EQ(readLocal(storageImage() + "/" + temporary), saved) << "on the device at its close";
-    EXPECT_EQ(readLocal(storageImage() + "/b.txt"), "bee") << "the original untouched until the rename";
-    expectMoved("/Storage/" + temporary, "/Storage/b.txt", "", saved);
-    EXPECT_FALSE(exists(workFolder() + "/staging/Storage/" + temporary)) << "no staging file left behind";
-    struct stat st;
-    ASSERT_EQ(stat(inMount("/Storage/b.txt").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, static_cast<off_t>(saved.size()));
-
-    // The same inside an app folder.
-    const std::string appTemporary = safeSaveTemporary("over.txt");
-    writeLocal(inMount("/Apps/Notes/" + appTemporary), saved);
-    EXPECT_EQ(readLocal(appImage() + "/over.txt"), "over old");
-    expectMoved("/Apps/Notes/" + appTemporary, "/Apps/Notes/over.txt", "", saved);
-    EXPECT_FALSE(exists(workFolder() + "/staging/Apps/Notes/" + appTemporary));
+    // A ".sb-" safe save, in Storage and in an app: its data waits in the
+    // work folder, then goes to the device under its own name at its close,
+    // and the rename replaces the original in one step.
+    const std::string saved = "saved through a staging file\n";
+    for (const std::string original : {"/Storage/b.txt", "/Apps/Notes/over.txt"}) {
+        const size_t slash = original.rfind('/');
+        const std::string temporary = original.substr(0, slash + 1) + safeSaveTemporary(original.substr(slash + 1));
+        const std::string before = readLocal(onDevice(original));
+        writeLocal(inMount(temporary), saved);
+        EXPECT_EQ(readLocal(onDevice(temporary)), saved) << "on the device at its close";
+        EXPECT_EQ(readLocal(onDevice(original)), before) << "the original untouched until the rename";
+        expectMoved(temporary, original, "", saved);
+        EXPECT_FALSE(exists(workFolder() + "/staging" + temporary)) << "no staging file left behind";
+        struct stat st;
+        ASSERT_EQ(stat(inMount(original).c_str(), &st), 0);
+        EXPECT_EQ(st.st_size, static_cast<off_t>(saved.size()));
+    }
 
     // Names that only contain ".sb-" are a user's files: on the device at once.
     ASSERT_EQ(mkdir(inMount("/Storage/music.sb-old").c_str(), 0755), 0) << strerror(errno);
