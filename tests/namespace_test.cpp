@@ -241,11 +241,8 @@ protected:
     void SetUp() override {
         MountContextTest::SetUp();
         context.device_info.block_size = 4096;
-        _KTL_OBJECT *root = GetObject("/");
-        root->enumerated = 1;
-        _KTL_OBJECT *file = GetObjectWithFileName("/Storage");
-        file->mode = KTL_MODE_FOLDER;
-        file->enumerated = 1;
+        GetObject("/")->enumerated = 1;
+        folder("/Storage");
     }
 
     // Runs `handler` in another thread while this thread holds the lock;
