@@ -15,7 +15,6 @@
 #include "tarnifs/filedata.h"
 #include "tarnifs/notify.h"
 #include "tests/support/catalogue_fixture.h"
-#include "tests/support/devsim_fixture.h"
 
 namespace {
 
@@ -91,6 +90,15 @@ TEST_F(FileDataUnitTest, ASafeSaveOverAnExistingFileIsStagedAtItsOffsetsAndTheDe
     EXPECT_EQ(temporary->size, 6u);
     EXPECT_EQ(temporary->writing, 1);
     EXPECT_EQ(context.device_info.free_capacity, 1000000u - 6);
+    // Staging counterparts made on their own are private too.
+    ASSERT_EQ(MakeTmpPath(&context, "/Storage", KTL_MODE_FOLDER), 0);
+    ASSERT_EQ(MakeTmpPath(&context, "/Storage/draft.txt", KTL_MODE_FILE), 0);
+    ASSERT_EQ(stat((std::string(context.work_dir) + "/Storage").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    ASSERT_EQ(stat((std::string(context.work_dir) + "/Storage/draft.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
 
     // A safe-save name whose original does not exist, and a name that only
     // contains ".sb-" beside an existing file, are ordinary files: their
@@ -184,7 +192,7 @@ protected:
     std::string storage;
 };
 
-TEST_F(UploadTest, StagedFilesOfEverySizeAroundTheChunkArriveWhole) {
+TEST_F(UploadTest, StagedFilesOfEverySizeArriveWholeReplaceLongerOnesAppendWhenAskedAndNeedTheirSource) {
     for (size_t size : {0ul, 1ul, 65534ul, 65535ul, 65536ul, 131070ul, 131071ul, 200000ul}) {
         std::string name = "staged" + std::to_string(size);
         std::string bytes = randomBytes(size, static_cast<unsigned>(size) + 1);
@@ -194,12 +202,10 @@ TEST_F(UploadTest, StagedFilesOfEverySizeAroundTheChunkArriveWhole) {
                   0)
             << size;
         EXPECT_EQ(readLocal(storage + "/" + name), bytes) << size;
-        struct stat st;
-        EXPECT_NE(stat((std::string(context.work_dir) + "/" + name).c_str(), &st), 0) << "removed once uploaded";
+        EXPECT_FALSE(exists(std::string(context.work_dir) + "/" + name)) << "removed once uploaded";
     }
-}
 
-TEST_F(UploadTest, AnUploadReplacesALongerFileAppendsWhenAskedAndNeedsItsSource) {
+    // Over a longer file, then appended to it.
     std::string bytes = randomBytes(70000, 5);
     stage("new.bin", bytes);
     ASSERT_EQ(uploadfile(&context, "/new.bin", "/general_storage/longer.bin", context.afc_handle, false), 0);
@@ -211,21 +217,8 @@ TEST_F(UploadTest, AnUploadReplacesALongerFileAppendsWhenAskedAndNeedsItsSource)
 
     // Without its staging file nothing reaches the device.
     EXPECT_EQ(uploadfile(&context, "/missing.bin", "/general_storage/missing.bin", context.afc_handle, true), -1);
-    struct stat st;
-    EXPECT_NE(stat((storage + "/missing.bin").c_str(), &st), 0);
+    EXPECT_FALSE(exists(storage + "/missing.bin"));
     EXPECT_TRUE(logContains("uploadfile frompath(/missing.bin) file is not exist."));
-}
-
-TEST_F(UploadTest, StagingCounterpartsArePrivate) {
-    ASSERT_EQ(MakeTmpPath(&context, "/Storage", KTL_MODE_FOLDER), 0);
-    ASSERT_EQ(MakeTmpPath(&context, "/Storage/draft.txt", KTL_MODE_FILE), 0);
-    struct stat st;
-    ASSERT_EQ(stat((std::string(context.work_dir) + "/Storage").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
-    ASSERT_EQ(stat((std::string(context.work_dir) + "/Storage/draft.txt").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 } // namespace

@@ -1,12 +1,9 @@
 // What the kernel keeps of the mount: listings hand it every entry's
 // attributes, so listing a folder again asks next to nothing; and every change
 // made through the mount is seen by the very next stat.
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <fstream>
@@ -52,8 +49,7 @@ TEST_F(KernelCacheTest, ListingsHandOverAttributesAndChangesAreSeenByTheNextStat
     asked.erase(asked.begin(), asked.begin() + static_cast<long>(before));
 
     EXPECT_EQ(second, first) << "the same names, order and attributes";
-    std::vector<std::string> names = entriesIn(folder);
-    EXPECT_EQ(names.size(), 1002u);
+    EXPECT_EQ(entriesIn(folder).size(), 1002u);
     // Every entry's size reached `ls` correctly through the listing.
     std::istringstream lines(second);
     std::string line;
@@ -94,31 +90,12 @@ TEST_F(KernelCacheTest, ListingsHandOverAttributesAndChangesAreSeenByTheNextStat
     char value[16] = {0};
     EXPECT_EQ(getxattr(file.c_str(), "user.colour", value, sizeof(value)), 4);
     EXPECT_STREQ(value, "blue");
-    ASSERT_EQ(setxattr(file.c_str(), "user.colour", "red", 3, 0), 0);
-    EXPECT_EQ(getxattr(file.c_str(), "user.colour", value, sizeof(value)), 3);
     ASSERT_EQ(removexattr(file.c_str(), "user.colour"), 0);
-    errno = 0;
-    EXPECT_EQ(getxattr(file.c_str(), "user.colour", value, sizeof(value)), -1);
-    EXPECT_EQ(errno, ENODATA);
+    auto errnoOf = [](ssize_t result) { return result == -1 ? errno : 0; };
+    EXPECT_EQ(errnoOf(getxattr(file.c_str(), "user.colour", value, sizeof(value))), ENODATA);
     // The kernel's own attribute families are not kept here.
-    errno = 0;
-    EXPECT_EQ(setxattr(file.c_str(), "security.selinux", "x", 1, 0), -1);
-    EXPECT_EQ(errno, EOPNOTSUPP);
-    errno = 0;
-    EXPECT_EQ(getxattr(file.c_str(), "system.posix_acl_access", value, sizeof(value)), -1);
-    EXPECT_EQ(errno, EOPNOTSUPP);
-
-    // renameat2's flags have no device counterpart.
-    errno = 0;
-    EXPECT_EQ(renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, inMount("/Storage/fresh.txt").c_str(), RENAME_NOREPLACE),
-              -1);
-    EXPECT_EQ(errno, EINVAL);
-    errno = 0;
-    EXPECT_EQ(renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, inMount("/Storage/other.txt").c_str(), RENAME_EXCHANGE),
-              -1);
-    EXPECT_EQ(errno, EINVAL);
-    ASSERT_EQ(stat(file.c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 4000);
+    EXPECT_EQ(errnoOf(setxattr(file.c_str(), "security.selinux", "x", 1, 0)), EOPNOTSUPP);
+    EXPECT_EQ(errnoOf(getxattr(file.c_str(), "system.posix_acl_access", value, sizeof(value))), EOPNOTSUPP);
 }
 
 } // namespace

@@ -93,10 +93,7 @@ TEST_F(NamesTest, CharacterSetFamily) {
     char broken[] = "\xB0";
     char out[16] = {};
     EXPECT_EQ(unicode_to_utf8(3, broken, 1, out, sizeof(out)), -1);
-    bool logged = false;
-    for (const std::string &line : logMessages())
-        if (line.rfind("unicode_to_utf8 iconv() failed. ErrNO : ", 0) == 0) logged = true;
-    EXPECT_TRUE(logged);
+    EXPECT_TRUE(logContains("unicode_to_utf8 iconv() failed. ErrNO : " + std::to_string(EILSEQ)));
 }
 
 } // namespace

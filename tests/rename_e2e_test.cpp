@@ -5,9 +5,7 @@
 // the refusals with their notices; device failures that change nothing;
 // files removed or renamed while open; other users of a shared volume; and
 // real programs (rsync, git) that write temporaries and rename them into place.
-#include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -22,7 +20,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -40,6 +37,7 @@ constexpr uint32_t kSafeSaveLocation = 8118;
 constexpr uint32_t kFaultsLocation = 9102;
 constexpr uint32_t kBusyFolderLocation = 9201;
 constexpr uint32_t kNamespaceLocation = 61;
+constexpr uint32_t kSharedLocation = 9101;
 
 // A temporary as macOS's safe save names it: "<name>.sb-" + 8 hex digits +
 // "-" + 6 letters or digits, beside <name>.
@@ -49,13 +47,6 @@ std::vector<std::string> sortedNamesIn(const std::string &path) {
     std::vector<std::string> names = namesIn(path);
     std::sort(names.begin(), names.end());
     return names;
-}
-
-int run(const std::vector<std::string> &argv, std::string *output = nullptr) {
-    int status = -1;
-    std::string out = runProgram(argv, &status);
-    if (output != nullptr) *output = out;
-    return status;
 }
 
 bool haveProgram(const std::string &name) { return !runProgram({"sh", "-c", "command -v " + name}).empty(); }
@@ -71,70 +62,14 @@ bool listed(const std::string &folder, const std::string &name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// Another local user, as a mount with allow_other lets in.
-constexpr uid_t kOtherUser = 65534;
-constexpr uint32_t kSharedLocation = 9101;
-
-// Runs each step in a child process as kOtherUser; a step answers 0, or the
-// errno it met (-1 when what it read was wrong). The answers, in order.
-std::vector<int> asOtherUser(const std::vector<std::function<int()>> &steps) {
-    int ends[2];
-    if (pipe(ends) != 0) return {};
-    pid_t child = fork();
-    if (child == 0) {
-        close(ends[0]);
-        if (setgroups(0, nullptr) != 0 || setresgid(kOtherUser, kOtherUser, kOtherUser) != 0 ||
-            setresuid(kOtherUser, kOtherUser, kOtherUser) != 0)
-            _exit(2);
-        for (const auto &step : steps) {
-            errno = 0;
-            int answer = step();
-            if (write(ends[1], &answer, sizeof(answer)) != sizeof(answer)) _exit(3);
-        }
-        _exit(0);
-    }
-    close(ends[1]);
-    std::vector<int> answers;
-    int answer = 0;
-    while (read(ends[0], &answer, sizeof(answer)) == sizeof(answer)) answers.push_back(answer);
-    close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return answers;
-}
-
 int errnoOf(int result) { return result == 0 ? 0 : errno; }
 
-// A new file written whole: 0 or the errno.
-int writeNew(const std::string &path, const std::string &bytes) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-    if (fd < 0) return errno;
-    ssize_t written = write(fd, bytes.data(), bytes.size());
-    int error = written == static_cast<ssize_t>(bytes.size()) ? 0 : errno;
-    return close(fd) == 0 ? error : errno;
-}
-
-int readsAs(const std::string &path, const std::string &expected) {
-    errno = 0;
-    std::string bytes = readLocal(path);
-    if (errno != 0 && bytes.empty()) return errno;
-    return bytes == expected ? 0 : -1;
-}
-
-// The image's files and folders below `folder`, each with its bytes.
-std::vector<std::string> treeOf(const std::string &folder) {
-    std::vector<std::string> tree;
-    for (const std::string &name : namesIn(folder)) {
-        std::string path = folder + "/" + name;
-        if (isFolder(path)) {
-            tree.push_back(name + "/");
-            for (const std::string &below : treeOf(path)) tree.push_back(name + "/" + below);
-        } else {
-            tree.push_back(name + " = " + readLocal(path));
-        }
-    }
-    std::sort(tree.begin(), tree.end());
-    return tree;
+// Runs a shell command as another local user (uid 65534), as a mount with
+// allow_other lets in: what it printed on either output.
+std::string asOtherUser(const std::string &command) {
+    std::string output;
+    run_program({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "sh", "-c", command}, &output);
+    return output;
 }
 
 class RenameTest : public MountedDeviceTest {
@@ -185,10 +120,9 @@ protected:
     // The one new dialog since *seen says `text` and is of `kind`.
     void expectDialog(size_t *seen, const std::string &text, const std::string &kind) {
         std::vector<RecordedDialog> shown = dialogs.waitForDialogs(*seen + 1);
-        ASSERT_GT(shown.size(), *seen) << "no dialog for: " << text;
         std::string all;
         for (const RecordedDialog &dialog : shown) all += "[" + dialog.kind + "] " + dialog.message + "\n";
-        ASSERT_EQ(shown.size(), *seen + 1) << all;
+        ASSERT_EQ(shown.size(), *seen + 1) << "expected: " << text << "\nshown:\n" << all;
         EXPECT_EQ(shown.back().message, text);
         EXPECT_EQ(shown.back().kind, kind) << text;
         *seen = shown.size();
@@ -212,12 +146,6 @@ protected:
         EXPECT_FALSE(exists(onDevice(to)));
         EXPECT_EQ(statError(inMount(from)), 0);
         EXPECT_EQ(statError(inMount(to)), ENOENT);
-    }
-    size_t trayCount(const std::string &text) {
-        size_t count = 0;
-        for (size_t at = tray.bytes().find(text); at != std::string::npos; at = tray.bytes().find(text, at + 1))
-            ++count;
-        return count;
     }
 };
 
@@ -265,9 +193,7 @@ TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
     expectMoved("/Storage/dir", "/Storage/other", "/inner/two.txt", "two");
 
     // A large file moves in the one step too.
-    ASSERT_EQ(renameError(inMount("/Storage/big.bin"), inMount("/Storage/big2.bin")), 0);
-    EXPECT_EQ(stat((storageImage() + "/big2.bin").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 3000001);
+    expectMoved("/Storage/big.bin", "/Storage/big2.bin", "", big);
 
     // Inside one app folder a rename is one device step: a file into a
     // folder, then over an existing file.
@@ -276,10 +202,10 @@ TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
     expectMoved("/Apps/Notes/sub/n2.txt", "/Apps/Notes/over.txt", "", "note");
     // A folder, listed before; it is a long move for the tray.
     ASSERT_TRUE(tray.waitFor("-neoff"));
-    size_t neonBefore = trayCount("-neon");
+    size_t trayBefore = tray.bytes().size();
     EXPECT_EQ(sortedNamesIn(inMount("/Apps/Notes/folder")), std::vector<std::string>{"f.txt"});
     expectMoved("/Apps/Notes/folder", "/Apps/Notes/sub/folder2", "/f.txt", "eff");
-    EXPECT_TRUE(eventually([&] { return trayCount("-neon") > neonBefore; }));
+    EXPECT_TRUE(eventually([&] { return tray.bytes().find("-neon", trayBefore) != std::string::npos; }));
 
     // Between Storage and the apps a move copies, then removes the source.
     expectMoved("/Storage/empty/kept.txt", "/Apps/Notes/sub/kept.txt", "", "keep me");
@@ -306,7 +232,7 @@ TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
 
     // An area's own folder moves what it holds and stays: the whole Apps
     // area into Storage, one app's documents, and Storage into an app.
-    ASSERT_EQ(run({"mv", inMount("/Apps"), inMount("/Storage/backup")}), 0);
+    ASSERT_EQ(runStatus({"mv", inMount("/Apps"), inMount("/Storage/backup")}), 0);
     EXPECT_EQ(readLocal(storageImage() + "/backup/Notes/over.txt"), big);
     EXPECT_EQ(readLocal(storageImage() + "/backup/Notes/sub/folder2/f.txt"), "eff");
     EXPECT_EQ(readLocal(storageImage() + "/backup/Other/kept.txt"), "keep me");
@@ -317,13 +243,13 @@ TEST_F(RenameTest, FilesAndFoldersMoveOnTheDeviceAndStatAgreesAtOnce) {
     EXPECT_TRUE(namesIn(inMount("/Apps/Notes")).empty());
     EXPECT_EQ(readLocal(inMount("/Storage/backup/Other/kept.txt")), "keep me");
 
-    ASSERT_EQ(run({"cp", inMount("/Storage/a.txt"), inMount("/Apps/Other/a.txt")}), 0);
-    ASSERT_EQ(run({"mv", inMount("/Apps/Other"), inMount("/Storage/")}), 0);
+    ASSERT_EQ(runStatus({"cp", inMount("/Storage/a.txt"), inMount("/Apps/Other/a.txt")}), 0);
+    ASSERT_EQ(runStatus({"mv", inMount("/Apps/Other"), inMount("/Storage/")}), 0);
     EXPECT_EQ(readLocal(storageImage() + "/Other/a.txt"), "bee");
     EXPECT_TRUE(isFolder(otherImage()));
     EXPECT_TRUE(namesIn(otherImage()).empty());
 
-    ASSERT_EQ(run({"mv", inMount("/Storage"), inMount("/Apps/Notes/Storage")}), 0);
+    ASSERT_EQ(runStatus({"mv", inMount("/Storage"), inMount("/Apps/Notes/Storage")}), 0);
     EXPECT_EQ(readLocal(appImage() + "/Storage/a.txt"), "bee");
     EXPECT_EQ(readLocal(appImage() + "/Storage/backup/Notes/over.txt"), big);
     EXPECT_EQ(readLocal(appImage() + "/Storage/unlisted/u.txt"), "you");
@@ -349,26 +275,23 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalAndNothingWrittenStaysOnlyInTheWor
     writeLocal(inMount("/Storage/a.txt.tmp"), fresh);
     expectMoved("/Storage/a.txt.tmp", "/Storage/a.txt", "", fresh);
 
-    // A ".sb-" safe save: its data waits in the work folder, then goes to
-    // the device under its own name at its close, and the rename replaces
-    // the original in one step.
-    std::string saved = "saved through a staging file\n";
-    const std::string temporary = safeSaveTemporary("b.txt");
-    writeLocal(inMount("/Storage/" + temporary), saved);
-    EXPECT_EQ(readLocal(storageImage() + "/" + temporary), saved) << "on the device at its close";
-    EXPECT_EQ(readLocal(storageImage() + "/b.txt"), "bee") << "the original untouched until the rename";
-    expectMoved("/Storage/" + temporary, "/Storage/b.txt", "", saved);
-    EXPECT_FALSE(exists(workFolder() + "/staging/Storage/" + temporary)) << "no staging file left behind";
-    struct stat st;
-    ASSERT_EQ(stat(inMount("/Storage/b.txt").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, static_cast<off_t>(saved.size()));
-
-    // The same inside an app folder.
-    const std::string appTemporary = safeSaveTemporary("over.txt");
-    writeLocal(inMount("/Apps/Notes/" + appTemporary), saved);
-    EXPECT_EQ(readLocal(appImage() + "/over.txt"), "over old");
-    expectMoved("/Apps/Notes/" + appTemporary, "/Apps/Notes/over.txt", "", saved);
-    EXPECT_FALSE(exists(workFolder() + "/staging/Apps/Notes/" + appTemporary));
+    // A ".sb-" safe save, in Storage and in an app: its data waits in the
+    // work folder, then goes to the device under its own name at its close,
+    // and the rename replaces the original in one step.
+    const std::string saved = "saved through a staging file\n";
+    for (const std::string original : {"/Storage/b.txt", "/Apps/Notes/over.txt"}) {
+        const size_t slash = original.rfind('/');
+        const std::string temporary = original.substr(0, slash + 1) + safeSaveTemporary(original.substr(slash + 1));
+        const std::string before = readLocal(onDevice(original));
+        writeLocal(inMount(temporary), saved);
+        EXPECT_EQ(readLocal(onDevice(temporary)), saved) << "on the device at its close";
+        EXPECT_EQ(readLocal(onDevice(original)), before) << "the original untouched until the rename";
+        expectMoved(temporary, original, "", saved);
+        EXPECT_FALSE(exists(workFolder() + "/staging" + temporary)) << "no staging file left behind";
+        struct stat st;
+        ASSERT_EQ(stat(inMount(original).c_str(), &st), 0);
+        EXPECT_EQ(st.st_size, static_cast<off_t>(saved.size()));
+    }
 
     // Names that only contain ".sb-" are a user's files: on the device at once.
     ASSERT_EQ(mkdir(inMount("/Storage/music.sb-old").c_str(), 0755), 0) << strerror(errno);
@@ -419,12 +342,9 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalAndNothingWrittenStaysOnlyInTheWor
     second.extraEnvironment = mount.extraEnvironment;
     mkdir(second.mountPoint.c_str(), 0755);
     mkdir(second.logDir.c_str(), 0700);
-    bool mounted = second.start(location);
-    if (mounted) {
-        EXPECT_EQ(readLocal(second.mountPoint + "/Storage/keep.txt"), "keep me");
-    }
+    EXPECT_TRUE(second.start(location));
+    EXPECT_EQ(readLocal(second.mountPoint + "/Storage/keep.txt"), "keep me");
     EXPECT_EQ(second.stop(), 0);
-    EXPECT_TRUE(mounted);
     // Its unmount took nothing of the first mount's: the temporary reaches
     // the device whole when its program closes it.
     EXPECT_EQ(readLocal(staged), "staged by the first mount");
@@ -577,14 +497,14 @@ TEST_F(RenameTest, DeviceFailuresAreShownAndLeaveEveryFileWholeOnOneSide) {
             if (line.compare(0, start.size(), start) == 0) return line;
         return std::string("(not logged: ") + start + ")";
     };
-    EXPECT_EQ(run({"mv", inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")}), 0);
+    EXPECT_EQ(runStatus({"mv", inMount("/Storage/big.bin"), inMount("/Apps/Notes/big.bin")}), 0);
     EXPECT_EQ(readLocal(appImage() + "/big.bin"), big);
     EXPECT_EQ(mount.countLog("movetoapps libiusb_afc_file_remove failed, ret : -3"), 1);
-    EXPECT_EQ(run({"mv", inMount("/Apps/Notes/n.txt"), inMount("/Storage/n.txt")}), 0);
+    EXPECT_EQ(runStatus({"mv", inMount("/Apps/Notes/n.txt"), inMount("/Storage/n.txt")}), 0);
     EXPECT_EQ(readLocal(storageImage() + "/n.txt"), "note");
     std::string line = logged("movetostorage  libiusb_afc_file_remove failed, ret : -3, hhandle : 0x");
     EXPECT_EQ(line.substr(line.size() - 25), ", path : /Documents/n.txt") << line;
-    EXPECT_EQ(run({"mv", inMount("/Apps/Notes/over.txt"), inMount("/Apps/Other/over.txt")}), 0);
+    EXPECT_EQ(runStatus({"mv", inMount("/Apps/Notes/over.txt"), inMount("/Apps/Other/over.txt")}), 0);
     EXPECT_EQ(readLocal(otherImage() + "/over.txt"), "over old");
     EXPECT_EQ(mount.countLog("movetoapps libiusb_afc_file_remove failed. path(/Documents/over.txt), error : -3"), 1);
     // Each source is still there, on the device and through the mount.
@@ -682,8 +602,6 @@ TEST_F(RenameTest, AFolderRenamedWhileFilesInsideAreReadAndWrittenNeverHangs) {
     for (std::thread &program : programs) program.join();
     ASSERT_FALSE(hung) << "the mount hung after " << renames << " renames, " << reads << " reads, " << writes
                        << " writes";
-    std::printf("in 15 s: %d renames there and back, %d whole reads, %d whole writes\n", renames.load(), reads.load(),
-                writes.load());
     EXPECT_GT(renames, 0);
     EXPECT_GT(reads, 0);
     EXPECT_GT(writes, 0);
@@ -732,26 +650,25 @@ TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedAndRefusalsAndFailuresChangeN
 
     // rm of single files, in Storage and in an app, each while a program
     // still has it open.
-    for (const auto &file : {std::make_pair(std::string("/Storage/keep.txt"), storageImage() + "/keep.txt"),
-                             std::make_pair(std::string("/Apps/Notes/in/n.txt"), appImage() + "/in/n.txt")}) {
-        int fd = open(inMount(file.first).c_str(), O_RDONLY);
-        ASSERT_GE(fd, 0) << file.first;
-        ASSERT_EQ(unlink(inMount(file.first).c_str()), 0) << strerror(errno);
-        EXPECT_FALSE(exists(file.second)) << "removed on the device at once";
-        size_t slash = file.first.rfind('/');
-        EXPECT_FALSE(listed(inMount(file.first.substr(0, slash)), file.first.substr(slash + 1)));
-        EXPECT_EQ(statError(inMount(file.first)), ENOENT);
+    for (const std::string file : {"/Storage/keep.txt", "/Apps/Notes/in/n.txt"}) {
+        int fd = open(inMount(file).c_str(), O_RDONLY);
+        ASSERT_GE(fd, 0) << file;
+        ASSERT_EQ(unlink(inMount(file).c_str()), 0) << strerror(errno);
+        EXPECT_FALSE(exists(onDevice(file))) << "removed on the device at once";
+        size_t slash = file.rfind('/');
+        EXPECT_FALSE(listed(inMount(file.substr(0, slash)), file.substr(slash + 1)));
+        EXPECT_EQ(statError(inMount(file)), ENOENT);
         // The open handle still reads what the file held. (fstat is asked
         // by path, which libfuse no longer has: it answers ESTALE.)
         char buffer[16] = {0};
         ssize_t got = pread(fd, buffer, sizeof(buffer), 0);
-        EXPECT_GT(got, 0) << file.first;
+        EXPECT_GT(got, 0) << file;
         // A new file may take the name while the old one is still open.
-        std::ofstream(inMount(file.first)) << "newer";
-        EXPECT_TRUE(exists(file.second));
+        std::ofstream(inMount(file)) << "newer";
+        EXPECT_TRUE(exists(onDevice(file)));
         EXPECT_EQ(close(fd), 0);
         struct stat fresh;
-        ASSERT_EQ(stat(inMount(file.first).c_str(), &fresh), 0) << "closing the old handle leaves the new file alone";
+        ASSERT_EQ(stat(inMount(file).c_str(), &fresh), 0) << "closing the old handle leaves the new file alone";
         EXPECT_EQ(fresh.st_size, 5);
     }
     EXPECT_TRUE(exists(appImage() + "/in"));
@@ -863,44 +780,39 @@ TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedAndRefusalsAndFailuresChangeN
     EXPECT_EQ(errnoOf(unlink(inMount("/Storage/nothing.txt").c_str())), ENOENT);
     EXPECT_EQ(dialogs.dialogs().size(), seen);
 
-    // The device refuses.
-    ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/stay.txt permission-denied"), "ok");
-    EXPECT_EQ(errnoOf(unlink(inMount("/Storage/stay.txt").c_str())), ECANCELED);
-    expectDialog(&seen, "Could not remove a file.\nError Code : -3", "error");
-    EXPECT_EQ(mount.countLog(
-                  "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -3"),
-              1);
-    EXPECT_TRUE(exists(storageImage() + "/stay.txt"));
-    EXPECT_TRUE(listed(inMount("/Storage"), "stay.txt"));
-    EXPECT_EQ(statError(inMount("/Storage/stay.txt")), 0);
-
-    ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/blocked permission-denied"), "ok");
-    EXPECT_EQ(errnoOf(mkdir(inMount("/Storage/blocked").c_str(), 0755)), ECANCELED);
-    expectDialog(&seen, "Could not make a directory.\nError Code : -3", "error");
-    EXPECT_EQ(mount.countLog("tarnifs_mkdir libiusb_afc_make_directory failed. path(/general_storage/blocked), error : -3"),
-              1);
-    EXPECT_EQ(statError(inMount("/Storage/blocked")), ENOENT);
-    EXPECT_FALSE(listed(inMount("/Storage"), "blocked"));
-
-    EXPECT_TRUE(namesIn(inMount("/Storage/tree")).empty());  // listed before the fault
-    ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/tree permission-denied"), "ok");
-    EXPECT_EQ(errnoOf(rmdir(inMount("/Storage/tree").c_str())), ECANCELED);
-    expectDialog(&seen, "Could not remove a Directory.\nError Code : -3", "error");
-    EXPECT_EQ(mount.countLog("tarnifs_rmdir libiusb_afc_file_remove failed. path(/general_storage/tree). error : -3"), 1);
-    EXPECT_TRUE(listed(inMount("/Storage"), "tree"));
-    EXPECT_TRUE(isFolder(inMount("/Storage/tree")));
-    ASSERT_EQ(sim.control("clear " + udid), "ok");
-
-    // The connection is gone: the lost-connection text, nothing forgotten.
-    ASSERT_EQ(sim.control("drop-now " + udid), "ok");
-    EXPECT_EQ(errnoOf(unlink(inMount("/Storage/stay.txt").c_str())), ECANCELED);
-    expectDialog(&seen, "Lost USB connection.\nFile remove aborted.", "error");
-    EXPECT_EQ(mount.countLog(
-                  "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -32"),
-              1);
-    EXPECT_TRUE(listed(inMount("/Storage"), "stay.txt"));
-    EXPECT_EQ(statError(inMount("/Storage/stay.txt")), 0);
-    EXPECT_TRUE(exists(storageImage() + "/stay.txt"));
+    // The device refuses, then the connection is gone (the device still
+    // attached): each request shows its error and logs it, and the name is
+    // as it was on the device and through the mount.
+    EXPECT_TRUE(namesIn(inMount("/Storage/tree")).empty());  // listed before its fault
+    const struct {
+        std::string fault, name;
+        int (*request)(const char *);
+        const char *dialog, *log;
+        bool there;
+    } failures[] = {
+        {"afc-error " + udid + " /general_storage/stay.txt permission-denied", "stay.txt", unlink,
+         "Could not remove a file.\nError Code : -3",
+         "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -3", true},
+        {"afc-error " + udid + " /general_storage/blocked permission-denied", "blocked",
+         [](const char *path) { return mkdir(path, 0755); }, "Could not make a directory.\nError Code : -3",
+         "tarnifs_mkdir libiusb_afc_make_directory failed. path(/general_storage/blocked), error : -3", false},
+        {"afc-error " + udid + " /general_storage/tree permission-denied", "tree", rmdir,
+         "Could not remove a Directory.\nError Code : -3",
+         "tarnifs_rmdir libiusb_afc_file_remove failed. path(/general_storage/tree). error : -3", true},
+        {"drop-now " + udid, "stay.txt", unlink, "Lost USB connection.\nFile remove aborted.",
+         "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -32", true},
+    };
+    for (const auto &failure : failures) {
+        SCOPED_TRACE(failure.log);
+        ASSERT_EQ(sim.control(failure.fault), "ok");
+        EXPECT_EQ(errnoOf(failure.request(inMount("/Storage/" + failure.name).c_str())), ECANCELED);
+        expectDialog(&seen, failure.dialog, "error");
+        EXPECT_EQ(mount.countLog(failure.log), 1);
+        EXPECT_EQ(exists(storageImage() + "/" + failure.name), failure.there);
+        EXPECT_EQ(listed(inMount("/Storage"), failure.name), failure.there);
+        EXPECT_EQ(statError(inMount("/Storage/" + failure.name)), failure.there ? 0 : ENOENT);
+        ASSERT_EQ(sim.control("clear " + udid), "ok");
+    }
     // The device is still attached: the next request opens the connection again.
     EXPECT_EQ(mkdir(inMount("/Storage/later").c_str(), 0755), 0) << strerror(errno);
     EXPECT_TRUE(isFolder(storageImage() + "/later"));
@@ -925,8 +837,8 @@ TEST_F(RenameTest, OtherUsersMayReadButNotChangeAVolumeSharedWithAllowOther) {
     // The other user must be able to reach the mount point.
     ASSERT_EQ(chmod(tempDir.c_str(), 0711), 0);
     ASSERT_TRUE(mount.start(kSharedLocation, {"-o", "allow_other"}));
-    std::vector<std::string> storageBefore = treeOf(storageImage());
-    std::vector<std::string> appBefore = treeOf(appImage());
+    const std::string before = tempDir + "/image-before";
+    ASSERT_EQ(runStatus({"cp", "-a", sim.image_dir(0), before}), 0);
 
     // The mounting user owns everything; others may read.
     struct stat st;
@@ -936,41 +848,39 @@ TEST_F(RenameTest, OtherUsersMayReadButNotChangeAVolumeSharedWithAllowOther) {
     ASSERT_EQ(stat(inMount("/Storage").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u);
 
-    const std::string keep = inMount("/Storage/keep.txt");
-    std::vector<int> answers = asOtherUser({
-        [&] { return readsAs(keep, "keep me"); },
-        [&] { return readsAs(inMount("/Apps/Notes/in/n.txt"), "note"); },
-        [&] { return namesIn(inMount("/Storage")).empty() ? -1 : 0; },
-        [&] { return writeNew(inMount("/Storage/theirs.txt"), "theirs"); },
-        [&] { return writeNew(inMount("/Apps/Notes/theirs.txt"), "theirs"); },
-        [&] { return errnoOf(truncate(keep.c_str(), 0)); },
-        [&] {
-            int fd = open(keep.c_str(), O_WRONLY | O_APPEND);
-            if (fd >= 0) close(fd);
-            return fd >= 0 ? 0 : errno;
-        },
-        [&] { return errnoOf(unlink(keep.c_str())); },
-        [&] { return errnoOf(unlink(inMount("/Apps/Notes/gone.txt").c_str())); },
-        [&] { return errnoOf(rename(keep.c_str(), inMount("/Storage/moved.txt").c_str())); },
-        [&] { return errnoOf(rename(keep.c_str(), inMount("/Apps/Notes/moved.txt").c_str())); },
-        [&] { return errnoOf(mkdir(inMount("/Storage/made").c_str(), 0755)); },
-        [&] { return errnoOf(rmdir(inMount("/Storage/empty").c_str())); },
-    });
-    EXPECT_EQ(answers, (std::vector<int>{0, 0, 0, EACCES, EACCES, EACCES, EACCES, EACCES, EACCES, EACCES, EACCES,
-                                         EACCES, EACCES}));
-    EXPECT_EQ(treeOf(storageImage()), storageBefore);
-    EXPECT_EQ(treeOf(appImage()), appBefore);
+    // Each command and what it must print: the bytes read, or the refusal.
+    const std::string keep = inMount("/Storage/keep.txt"), denied = "Permission denied";
+    const std::pair<std::string, std::string> steps[] = {
+        {"cat " + keep, "keep me"},
+        {"cat " + inMount("/Apps/Notes/in/n.txt"), "note"},
+        {"ls " + inMount("/Storage") + " | grep -x keep.txt", "keep.txt\n"},
+        {"set -C; echo theirs > " + inMount("/Storage/theirs.txt"), denied},
+        {"set -C; echo theirs > " + inMount("/Apps/Notes/theirs.txt"), denied},
+        {"truncate -s 0 " + keep, denied},
+        {": >> " + keep, denied},
+        {"rm " + keep, denied},
+        {"rm " + inMount("/Apps/Notes/gone.txt"), denied},
+        {"mv " + keep + " " + inMount("/Storage/moved.txt"), denied},
+        {"mv " + keep + " " + inMount("/Apps/Notes/moved.txt"), denied},
+        {"mkdir " + inMount("/Storage/made"), denied},
+        {"rmdir " + inMount("/Storage/empty"), denied},
+    };
+    for (const auto &step : steps) {
+        std::string output = asOtherUser(step.first);
+        EXPECT_NE(output.find(step.second), std::string::npos) << step.first << ": " << output;
+    }
+    std::string output;
+    for (const char *area : {"/media", "/apps"})
+        EXPECT_EQ(run_program({"diff", "-r", before + area, sim.image_dir(0) + area}, &output), 0) << output;
     EXPECT_TRUE(dialogs.dialogs().empty());
     ASSERT_EQ(unmountDevice(), 0);
 
     // The mounting user opens it up: the other user may write.
     ASSERT_TRUE(mount.start(kSharedLocation, {"-o", "allow_other,umask=000"}));
-    answers = asOtherUser({
-        [&] { return writeNew(inMount("/Storage/theirs.txt"), "theirs"); },
-        [&] { return errnoOf(rename(keep.c_str(), inMount("/Storage/moved.txt").c_str())); },
-    });
-    EXPECT_EQ(answers, (std::vector<int>{0, 0}));
-    EXPECT_EQ(readLocal(storageImage() + "/theirs.txt"), "theirs");
+    EXPECT_EQ(asOtherUser("echo theirs > " + inMount("/Storage/theirs.txt") + " && mv " + keep + " " +
+                          inMount("/Storage/moved.txt")),
+              "");
+    EXPECT_EQ(readLocal(storageImage() + "/theirs.txt"), "theirs\n");
     EXPECT_EQ(readLocal(storageImage() + "/moved.txt"), "keep me");
     EXPECT_EQ(unmountDevice(), 0);
 }
@@ -1001,54 +911,49 @@ TEST_F(RenameTest, RsyncAndGitWorkInStorageThroughTheirTemporaries) {
     std::string tree = tempDir + "/tree";
     makeTree(tree);
     std::string output;
-    ASSERT_EQ(run({"rsync", "-a", tree + "/", inMount("/Storage/synced/")}, &output), 0) << output;
-    ASSERT_EQ(run({"diff", "-r", tree, storageImage() + "/synced"}, &output), 0) << output;
-    ASSERT_EQ(run({"rsync", "-a", inMount("/Storage/synced/"), tempDir + "/back/"}, &output), 0) << output;
-    EXPECT_EQ(run({"diff", "-r", tree, tempDir + "/back"}, &output), 0) << output;
+    ASSERT_EQ(run_program({"rsync", "-a", tree + "/", inMount("/Storage/synced/")}, &output), 0) << output;
+    ASSERT_EQ(run_program({"diff", "-r", tree, storageImage() + "/synced"}, &output), 0) << output;
+    ASSERT_EQ(run_program({"rsync", "-a", inMount("/Storage/synced/"), tempDir + "/back/"}, &output), 0) << output;
+    EXPECT_EQ(run_program({"diff", "-r", tree, tempDir + "/back"}, &output), 0) << output;
     // A second run over changed files renames over what is there.
     writeLocal(tree + "/d2/f3.bin", "changed");
-    ASSERT_EQ(run({"rsync", "-a", tree + "/", inMount("/Storage/synced/")}, &output), 0) << output;
+    ASSERT_EQ(run_program({"rsync", "-a", tree + "/", inMount("/Storage/synced/")}, &output), 0) << output;
     EXPECT_EQ(readLocal(storageImage() + "/synced/d2/f3.bin"), "changed");
-    EXPECT_EQ(run({"diff", "-r", tree, inMount("/Storage/synced")}, &output), 0) << output;
+    EXPECT_EQ(run_program({"diff", "-r", tree, inMount("/Storage/synced")}, &output), 0) << output;
 
-    const std::vector<std::string> git = {"git", "-c", "user.name=Quorvel Test", "-c", "user.email=test@example.com",
-                                          "-c", "init.defaultBranch=main"};
-    auto inRepo = [&](const std::string &repo, std::vector<std::string> args) {
-        std::vector<std::string> argv = git;
-        argv.push_back("-C");
-        argv.push_back(repo);
+    // git run in `folder`: what it printed; a failure fails the test.
+    auto git = [&](const std::string &folder, const std::vector<std::string> &args) {
+        std::vector<std::string> argv = {"git", "-c", "user.name=Quorvel Test", "-c", "user.email=test@example.com",
+                                         "-c", "init.defaultBranch=main", "-C", folder};
         argv.insert(argv.end(), args.begin(), args.end());
-        return argv;
+        std::string printed;
+        EXPECT_EQ(run_program(argv, &printed), 0) << folder << ": " << printed;
+        return printed;
     };
 
     // A repository made and committed to in Storage.
     std::string repo = inMount("/Storage/repo");
-    ASSERT_EQ(run(inRepo(inMount("/Storage"), {"init", "-q", "repo"}), &output), 0) << output;
+    git(inMount("/Storage"), {"init", "-q", "repo"});
     for (int commit = 0; commit < 3; ++commit) {
         writeLocal(repo + "/file" + std::to_string(commit) + ".txt", "commit " + std::to_string(commit) + "\n");
         writeLocal(repo + "/changing.txt", "version " + std::to_string(commit) + "\n");
-        ASSERT_EQ(run(inRepo(repo, {"add", "-A"}), &output), 0) << output;
-        ASSERT_EQ(run(inRepo(repo, {"commit", "-q", "-m", "commit " + std::to_string(commit)}), &output), 0)
-            << output;
+        git(repo, {"add", "-A"});
+        git(repo, {"commit", "-q", "-m", "commit " + std::to_string(commit)});
     }
-    EXPECT_EQ(run(inRepo(repo, {"fsck", "--full"}), &output), 0) << output;
-    ASSERT_EQ(run(inRepo(repo, {"status", "--porcelain"}), &output), 0);
-    EXPECT_EQ(output, "");
-    ASSERT_EQ(run(inRepo(repo, {"rev-list", "--count", "HEAD"}), &output), 0);
-    EXPECT_EQ(output, "3\n");
+    git(repo, {"fsck", "--full"});
+    EXPECT_EQ(git(repo, {"status", "--porcelain"}), "");
+    EXPECT_EQ(git(repo, {"rev-list", "--count", "HEAD"}), "3\n");
 
     // A local repository cloned into Storage.
     std::string source = tempDir + "/source";
-    ASSERT_EQ(run(inRepo(tempDir, {"init", "-q", "source"}), &output), 0) << output;
+    git(tempDir, {"init", "-q", "source"});
     makeTree(source + "/tree");
-    ASSERT_EQ(run(inRepo(source, {"add", "-A"}), &output), 0) << output;
-    ASSERT_EQ(run(inRepo(source, {"commit", "-q", "-m", "tree"}), &output), 0) << output;
-    ASSERT_EQ(run(inRepo(tempDir, {"clone", "-q", "--no-local", source, inMount("/Storage/clone")}), &output), 0)
-        << output;
-    EXPECT_EQ(run(inRepo(inMount("/Storage/clone"), {"fsck", "--full"}), &output), 0) << output;
-    ASSERT_EQ(run(inRepo(inMount("/Storage/clone"), {"status", "--porcelain"}), &output), 0);
-    EXPECT_EQ(output, "");
-    EXPECT_EQ(run({"diff", "-r", source + "/tree", storageImage() + "/clone/tree"}, &output), 0) << output;
+    git(source, {"add", "-A"});
+    git(source, {"commit", "-q", "-m", "tree"});
+    git(tempDir, {"clone", "-q", "--no-local", source, inMount("/Storage/clone")});
+    git(inMount("/Storage/clone"), {"fsck", "--full"});
+    EXPECT_EQ(git(inMount("/Storage/clone"), {"status", "--porcelain"}), "");
+    EXPECT_EQ(run_program({"diff", "-r", source + "/tree", storageImage() + "/clone/tree"}, &output), 0) << output;
 
     // Mounted again, both are still repositories: their ".git" folders are
     // ordinary names here, listed and read like any.
@@ -1057,12 +962,10 @@ TEST_F(RenameTest, RsyncAndGitWorkInStorageThroughTheirTemporaries) {
     mountFresh();
     EXPECT_EQ(readLocal(inMount("/Storage/repo/.env")), "SECRET=kept\n");
     for (const std::string &again : {repo, inMount("/Storage/clone")}) {
-        EXPECT_EQ(run(inRepo(again, {"fsck", "--full"}), &output), 0) << again << ": " << output;
-        ASSERT_EQ(run(inRepo(again, {"status", "--porcelain"}), &output), 0) << again << ": " << output;
-        EXPECT_EQ(output, again == repo ? "?? .env\n" : "") << again;
+        git(again, {"fsck", "--full"});
+        EXPECT_EQ(git(again, {"status", "--porcelain"}), again == repo ? "?? .env\n" : "") << again;
     }
-    ASSERT_EQ(run(inRepo(repo, {"rev-list", "--count", "HEAD"}), &output), 0);
-    EXPECT_EQ(output, "3\n");
+    EXPECT_EQ(git(repo, {"rev-list", "--count", "HEAD"}), "3\n");
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
