@@ -18,7 +18,6 @@
 
 namespace {
 
-
 // Runs `step` and waits a generous while: a guard against hanging, not a
 // measure of speed.
 template <typename T> bool answers(std::function<T()> step, T *result) {
@@ -26,12 +25,6 @@ template <typename T> bool answers(std::function<T()> step, T *result) {
     if (done.wait_for(std::chrono::seconds(30)) != std::future_status::ready) return false;
     *result = done.get();
     return true;
-}
-
-std::vector<std::string> sortedNamesIn(const std::string &folder) {
-    std::vector<std::string> names = namesIn(folder);
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 class HostileMountTest : public MountedDeviceTest {
@@ -50,7 +43,7 @@ protected:
         EXPECT_EQ(shown.back().message, "Lost USB Connection.\nDirectory reading aborted.");
         *seen = dialogs.waitForDialogsToSettle(0, 5).size();
         EXPECT_TRUE(isFuseMountPoint(mount.mountPoint)) << "the mount stays up";
-        EXPECT_EQ(sortedNamesIn(mount.mountPoint), (std::vector<std::string>{"Apps", "Media", "Storage"}));
+        EXPECT_EQ(sorted(namesIn(mount.mountPoint)), (std::vector<std::string>{"Apps", "Media", "Storage"}));
         // Opening a file asks the device: the connection the lie closed is opened again.
         std::string whole;
         ASSERT_TRUE(answers<std::string>([&] { return readLocal(hostile("half/whole.txt")); }, &whole)) << "cat hung";
@@ -94,7 +87,7 @@ TEST_F(HostileMountTest, NamesSizesDepthAndBrokenRepliesNeitherCrashNorHangTheMo
     EXPECT_EQ(statError(inMount("/Storage/escape.txt")), ENOENT);
     EXPECT_EQ(statError(inMount("/Storage/Hostile/escape.txt")), ENOENT);
     EXPECT_EQ(statError(hostile("names/absolute.txt")), ENOENT);
-    EXPECT_EQ(sortedNamesIn(inMount("/Storage")), (std::vector<std::string>{"Hostile", "outside.txt"}));
+    EXPECT_EQ(sorted(namesIn(inMount("/Storage"))), (std::vector<std::string>{"Hostile", "outside.txt"}));
     EXPECT_EQ(readLocal(inMount("/Storage/outside.txt")), "outside\n");
 
     // Files whose sizes lie read as the bytes the device gave.

@@ -24,14 +24,6 @@ namespace {
 const char kComposed[] = "caf\xC3\xA9.txt";
 const char kDecomposed[] = "cafe\xCC\x81.txt";
 
-// A folder's names without "." and "..", sorted: the order devsim lists an
-// image folder in, and so the order any listing must keep.
-std::vector<std::string> sortedNames(const std::string &folder, int *error = nullptr) {
-    std::vector<std::string> names = namesIn(folder, error);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 // Every name shown stats as its image entry: kind, size, modification time.
 void expectImageAttributes(const std::string &image, const std::string &mounted,
                            const std::vector<std::string> &names) {
@@ -50,8 +42,8 @@ void expectImageAttributes(const std::string &image, const std::string &mounted,
 // Walks an image folder and its mounted counterpart together: the same
 // visible names, kinds, sizes and modification times at every level.
 void expectSameTree(const std::string &image, const std::string &mounted) {
-    std::vector<std::string> expected = sortedNames(image);
-    ASSERT_EQ(sortedNames(mounted), expected) << mounted;
+    std::vector<std::string> expected = sorted(namesIn(image));
+    ASSERT_EQ(sorted(namesIn(mounted)), expected) << mounted;
     expectImageAttributes(image, mounted, expected);
     for (const std::string &name : expected)
         if (isFolder(image + "/" + name)) expectSameTree(image + "/" + name, mounted + "/" + name);
@@ -154,7 +146,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     EXPECT_EQ(shown[0].button, "Confirm");
     EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -3"), 1);
     ASSERT_EQ(sim.control("clear " + sim.udid(0)), "ok");
-    EXPECT_EQ(sortedNames(inMount("/Storage/locked"), &error), std::vector<std::string>{"inside.txt"});
+    EXPECT_EQ(namesIn(inMount("/Storage/locked"), &error), std::vector<std::string>{"inside.txt"});
     EXPECT_EQ(error, 0);
     // A device that went away has the lost-connection text; once it is back
     // (devsim gives it its old id again), the next listing opens a new
@@ -163,7 +155,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     entriesIn(inMount("/Storage/empty"), &error);
     EXPECT_EQ(error, ECANCELED);
     ASSERT_EQ(sim.control("plug " + sim.udid(0)), "ok");
-    EXPECT_EQ(sortedNames(inMount("/Storage/empty"), &error), std::vector<std::string>{});
+    EXPECT_EQ(namesIn(inMount("/Storage/empty"), &error), std::vector<std::string>{});
     EXPECT_EQ(error, 0);
     EXPECT_EQ(mount.countLog("tarnifs_readdir enumStorage failed. error : -32"), 1);
     shown = dialogs.waitForDialogs(2);
@@ -190,13 +182,13 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
 
     // Apps that share files, duplicates numbered in the device's order; apps
     // named ".", ".." or with a "/" get folders of their own.
-    EXPECT_EQ(sortedNames(inMount("/Apps")),
+    EXPECT_EQ(sorted(namesIn(inMount("/Apps"))),
               (std::vector<std::string>{"Notes", "Notes (2)", "Notes (3)", "Reader", "Work:Home", "com.example.dot",
                                         "com.example.dotdot"}));
     const std::pair<std::string, std::string> appFiles[] = {
         {"Notes", "first.txt"}, {"Notes (2)", "second.txt"}, {"Notes (3)", "third.txt"}};
     for (const auto &[app, file] : appFiles)
-        EXPECT_EQ(sortedNames(inMount("/Apps/" + app)), std::vector<std::string>{file}) << app;
+        EXPECT_EQ(namesIn(inMount("/Apps/" + app)), std::vector<std::string>{file}) << app;
     EXPECT_EQ(readLocal(inMount("/Apps/com.example.dot/d.txt")), "in the app called .");
     EXPECT_EQ(readLocal(inMount("/Apps/com.example.dotdot/dd.txt")), "in the app called ..");
     EXPECT_EQ(readLocal(inMount("/Apps/Work:Home/s.txt")), "in Work/Home");
@@ -226,7 +218,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
 
     // Two device files whose names differ only in Unicode form are one entry;
     // through either spelling its size and bytes are one file's.
-    std::vector<std::string> twins = sortedNames(inMount("/Apps/com.example.dot/twins"));
+    std::vector<std::string> twins = sorted(namesIn(inMount("/Apps/com.example.dot/twins")));
     ASSERT_EQ(twins.size(), 1u);
     for (const char *spelling : {kComposed, kDecomposed}) {
         std::string path = inMount(std::string("/Apps/com.example.dot/twins/") + spelling);
@@ -260,7 +252,7 @@ TEST_F(ListingTest, TheTreeMatchesTheImageFollowsThePhonesOwnChangesAnnouncesHug
     // promptly, with its lost-connection dialog when it needed the device.
     // The folder made behind the mount's back is known but not listed yet.
     ASSERT_EQ(mkdir((storageImage() + "/later").c_str(), 0755), 0);
-    EXPECT_EQ(sortedNames(inMount("/Storage")), sortedNames(storageImage()));
+    EXPECT_EQ(sorted(namesIn(inMount("/Storage"))), sorted(namesIn(storageImage())));
     EXPECT_EQ(statError("/tmp/12"), 0) << "the mount's private work folder";
     std::string local = tempDir + "/local.txt";
     std::ofstream(local) << "local";
@@ -310,11 +302,6 @@ protected:
     static constexpr uint32_t kLocation = 51;
 
     int connections(const std::string &service = "") { return sim.connections(0, service); }
-    int countLogStarting(const std::string &prefix) {
-        int count = 0;
-        for (const std::string &line : mount.logMessages()) count += line.rfind(prefix, 0) == 0;
-        return count;
-    }
 };
 
 TEST_F(LargeListingTest, FoldersOfThousandsListAsTheDeviceHasThemEvenUnderAServiceLimitOrFailOnce) {
@@ -341,7 +328,7 @@ TEST_F(LargeListingTest, FoldersOfThousandsListAsTheDeviceHasThemEvenUnderAServi
     stampTimes(appImage("com.example.reader"));
     ASSERT_TRUE(mountDevice(kLocation));
 
-    std::vector<std::string> order = sortedNames(storageImage() + "/many");
+    std::vector<std::string> order = sorted(namesIn(storageImage() + "/many"));
     ASSERT_EQ(order.size(), 3004u);  // with two dot names and two spellings of one name
     std::vector<std::string> expected = shownOnce(order);
     std::vector<std::string> shown = namesIn(inMount("/Storage/many"));
@@ -354,7 +341,7 @@ TEST_F(LargeListingTest, FoldersOfThousandsListAsTheDeviceHasThemEvenUnderAServi
     expectImageAttributes(storageImage() + "/many", inMount("/Storage/many"), plain);
     EXPECT_EQ(namesIn(inMount("/Storage/many/" + numbered("dir", 5))), std::vector<std::string>{"inside.txt"});
 
-    std::vector<std::string> pages = sortedNames(appImage("com.example.reader"));
+    std::vector<std::string> pages = sorted(namesIn(appImage("com.example.reader")));
     EXPECT_EQ(namesIn(inMount("/Apps/Reader")), pages);
     expectImageAttributes(appImage("com.example.reader"), inMount("/Apps/Reader"), pages);
 
@@ -362,18 +349,18 @@ TEST_F(LargeListingTest, FoldersOfThousandsListAsTheDeviceHasThemEvenUnderAServi
     // app listing closes all of its own.
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
     EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
-    EXPECT_EQ(namesIn(inMount("/Storage/more")), sortedNames(storageImage() + "/more"));
+    EXPECT_EQ(namesIn(inMount("/Storage/more")), sorted(namesIn(storageImage() + "/more")));
     EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
 
     EXPECT_TRUE(dialogs.dialogs().empty());
     for (const char *caller : {"enumStorage libiusb", "enumApps libiusb", "storageListingConnections",
                                "openAppListingConnections", "closeAppListingConnections"})
-        EXPECT_EQ(countLogStarting(caller), 0) << caller;
+        EXPECT_EQ(mount.countLogStarting(caller), 0) << caller;
 
     // An unreadable entry in the middle fails a Storage listing and is left
     // out of an app one.
-    order = sortedNames(storageImage() + "/broken");
-    pages = sortedNames(appImage("com.example.broken"));
+    order = sorted(namesIn(storageImage() + "/broken"));
+    pages = sorted(namesIn(appImage("com.example.broken")));
     ASSERT_EQ(order.size(), 2002u);
     ASSERT_EQ(pages.size(), 1502u);
     ASSERT_EQ(sim.control("afc-error " + sim.udid(0) + " /general_storage/broken/" + order[1000] + " io-error"), "ok");
@@ -410,8 +397,8 @@ TEST_F(LargeListingTest, FoldersOfThousandsListAsTheDeviceHasThemEvenUnderAServi
     namesIn(inMount("/Storage/lost"), &error);
     EXPECT_EQ(error, ECANCELED);
     EXPECT_EQ(dialogs.waitForDialogs(2).size(), 2u);
-    EXPECT_EQ(countLogStarting("enumStorage libiusb_afc_file_get_info failed. code : "), 2);
-    EXPECT_EQ(countLogStarting("tarnifs_readdir enumStorage failed. error : "), 2);
+    EXPECT_EQ(mount.countLogStarting("enumStorage libiusb_afc_file_get_info failed. code : "), 2);
+    EXPECT_EQ(mount.countLogStarting("tarnifs_readdir enumStorage failed. error : "), 2);
     EXPECT_EQ(unmountDevice(), 0);
     EXPECT_TRUE(eventually([&] { return connections() == 0; })) << connections() << " connections left";
 
@@ -424,16 +411,16 @@ TEST_F(LargeListingTest, FoldersOfThousandsListAsTheDeviceHasThemEvenUnderAServi
     ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 3"), "ok");
     ASSERT_TRUE(mountDevice(kLocation));
     EXPECT_EQ(namesIn(inMount("/Apps")).size(), 12u);
-    EXPECT_EQ(namesIn(inMount("/Storage/many")), shownOnce(sortedNames(storageImage() + "/many")));
+    EXPECT_EQ(namesIn(inMount("/Storage/many")), shownOnce(sorted(namesIn(storageImage() + "/many"))));
     for (int app = 0; app < 10; ++app) {
         std::string id = "com.example.app" + std::to_string(app);
         std::string folder = inMount("/Apps/App " + std::to_string(app));
-        EXPECT_EQ(namesIn(folder), sortedNames(appImage(id))) << folder;
+        EXPECT_EQ(namesIn(folder), sorted(namesIn(appImage(id)))) << folder;
         EXPECT_EQ(readLocal(folder + "/" + numbered("note", 7)), readLocal(appImage(id) + "/" + numbered("note", 7)));
         EXPECT_EQ(namesIn(inMount("/Storage/many/" + numbered("dir", 5 + 11 * app))), std::vector<std::string>{"inside.txt"});
     }
     EXPECT_EQ(dialogs.dialogs().size(), 2u) << "only the two failures above";
-    EXPECT_EQ(countLogStarting("CloseIdleConnections closed 1 idle connections"), 1);
+    EXPECT_EQ(mount.countLogStarting("CloseIdleConnections closed 1 idle connections"), 1);
     EXPECT_EQ(unmountDevice(), 0);
     EXPECT_TRUE(eventually([&] { return connections() == 0; })) << connections() << " connections left";
 }

@@ -95,12 +95,6 @@ TEST_F(NotifyTest, TransferRecordsCarryKindSizeAndAShortExtensionInBatchesOfAtMo
     EXPECT_EQ(reader.bytes(), expected);
 }
 
-size_t countOf(const std::string &text, const std::string &part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-    return count;
-}
-
 // Busy signals are bare texts and fail quietly without a reader. Only a FIFO
 // of the mount's own user gets them and the records: a link at the pipe's
 // name, a plain file or another user's FIFO get nothing, and the refusal is
@@ -136,7 +130,7 @@ TEST_F(NotifyTest, OnlyAFifoOfOurOwnWithAReaderIsWrittenAndARefusalIsLoggedOnce)
     EXPECT_EQ(sendRecord(), -EPERM);
     EXPECT_EQ(readLocal(pipePath), "plain");
     ASSERT_EQ(unlink(pipePath.c_str()), 0);
-    EXPECT_EQ(countOf(readLocal(QNLogPath()), refused), 1u) << readLocal(QNLogPath());
+    EXPECT_EQ(occurrences(readLocal(QNLogPath()), refused), 1u) << readLocal(QNLogPath());
 
     // Our own FIFO: everything arrives.
     PipeReader reader;
@@ -158,7 +152,7 @@ TEST_F(NotifyTest, OnlyAFifoOfOurOwnWithAReaderIsWrittenAndARefusalIsLoggedOnce)
     EXPECT_EQ(sendPipeMsg("-neoff"), 0);
     EXPECT_TRUE(eventually([&] { return reader.bytes().size() >= expected.size() + 6; }));
     EXPECT_EQ(reader.bytes(), expected + "-neoff");
-    EXPECT_EQ(countOf(readLocal(QNLogPath()), refused), 1u);
+    EXPECT_EQ(occurrences(readLocal(QNLogPath()), refused), 1u);
 }
 
 // Unmount must end the tray thread whatever the listener does, while records
@@ -304,38 +298,39 @@ protected:
 };
 
 TEST_F(DialogTest, TitlesTextsAndButtonReachTheProgramAsSeparateLiteralArgumentsCutTo511Characters) {
-    ShowMessageBox(0, "This folder is read only. You can not write or modify.\n%s", "/Media/Music");
-    ASSERT_TRUE(shown(0));
-    ShowMessageBox(1, "Not enough space on device.");
-    ASSERT_TRUE(shown(1));
-    snprintf(ErrMsg, sizeof(ErrMsg), "Could not read a file.\nError Code : %d", -5);
-    ShowMessageBox(2, "%s", ErrMsg);
-    ASSERT_TRUE(shown(2));
-    ShowMessageBox(7, "Lost USB connection.\nReading aborted.");
-    ASSERT_TRUE(shown(3));
     // Quotes, dollars and backquotes are shown as they are and run nothing.
     bool pwnedBefore = fs::exists("/tmp/quorvel-pwned");
     std::string quoted = "'\"$(touch /tmp/quorvel-pwned)\" `touch " + dir + "/backquoted` $(touch " + dir + "/dollar)";
-    ShowMessageBox(2, "%s", quoted.c_str());
-    ASSERT_TRUE(shown(4));
     std::string longText;
     for (int i = 0; i < 600; ++i) longText += static_cast<char>('a' + i % 26);
-    ShowMessageBox(2, "%s", longText.c_str());
-    ASSERT_TRUE(shown(5));
-
-    using Args = std::vector<std::string>;
-    EXPECT_EQ(arguments(0), (Args{"notification", "Quorvel Notification",
-                                  "This folder is read only. You can not write or modify.\n/Media/Music", "Confirm"}));
-    EXPECT_EQ(arguments(1), (Args{"warning", "Quorvel Warnning!", "Not enough space on device.", "Confirm"}));
-    EXPECT_EQ(arguments(2), (Args{"error", "Quorvel Error!!", "Could not read a file.\nError Code : -5", "Confirm"}));
-    EXPECT_EQ(arguments(3), (Args{"unknown", "Quorvel Unknown", "Lost USB connection.\nReading aborted.", "Confirm"}));
-    EXPECT_EQ(arguments(4)[2], quoted);
+    const struct {
+        int kind;
+        std::string text;
+        std::vector<std::string> arguments;
+    } rows[] = {
+        {0, "This folder is read only. You can not write or modify.\n/Media/Music",
+         {"notification", "Quorvel Notification", "This folder is read only. You can not write or modify.\n/Media/Music",
+          "Confirm"}},
+        {1, "Not enough space on device.", {"warning", "Quorvel Warnning!", "Not enough space on device.", "Confirm"}},
+        {2, "Could not read a file.\nError Code : -5",
+         {"error", "Quorvel Error!!", "Could not read a file.\nError Code : -5", "Confirm"}},
+        {7, "Lost USB connection.\nReading aborted.",
+         {"unknown", "Quorvel Unknown", "Lost USB connection.\nReading aborted.", "Confirm"}},
+        {2, quoted, {"error", "Quorvel Error!!", quoted, "Confirm"}},
+        {2, longText, {"error", "Quorvel Error!!", longText.substr(0, 511), "Confirm"}},
+    };
+    int n = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.arguments[2].substr(0, 40));
+        ShowMessageBox(row.kind, "%s", row.text.c_str());
+        ASSERT_TRUE(shown(n));
+        EXPECT_EQ(arguments(n++), row.arguments);
+    }
     EXPECT_FALSE(fs::exists(dir + "/backquoted"));
     EXPECT_FALSE(fs::exists(dir + "/dollar"));
     if (!pwnedBefore) {
         EXPECT_FALSE(fs::exists("/tmp/quorvel-pwned"));
     }
-    EXPECT_EQ(arguments(5)[2], longText.substr(0, 511));
 }
 
 // A refresh request is honoured only when none is running; messages raised
@@ -430,16 +425,9 @@ protected:
     }
     // Its exit status once `sig` (0: none) ended it, or -1 when it did not end in time.
     int stop(int sig) {
-        if (sig != 0) kill(tray, sig);
-        int status = -1;
-        bool ended = false;
-        eventually([&] { return ended = ended || waitpid(tray, &status, WNOHANG) == tray; });
-        if (!ended) {
-            kill(tray, SIGKILL);
-            waitpid(tray, nullptr, 0);
-        }
+        int status = exitStatusOf(tray, sig, 20);
         tray = -1;
-        return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return status;
     }
     pid_t tray = -1;
     int runs = 0;

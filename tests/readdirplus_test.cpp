@@ -69,7 +69,7 @@ protected:
     std::vector<std::string> expected;
 };
 
-TEST_F(ReaddirPlusTest, PagesDeliverEveryNameOnceInOrderWithTheAttributesGetattrGives) {
+TEST_F(ReaddirPlusTest, PagesDeliverEveryNameOnceInOrderWithTheAttributesGetattrGivesOnlyWhenAskedFor) {
     for (size_t room : {1, 3, 4, 100}) {
         int requests = 0;
         std::vector<Delivered> all = readAll(room, FUSE_READDIR_PLUS, &requests);
@@ -92,9 +92,8 @@ TEST_F(ReaddirPlusTest, PagesDeliverEveryNameOnceInOrderWithTheAttributesGetattr
     ASSERT_EQ(tarni_opers.getattr("/Storage/mid.bin", &byFile, &open), 0);
     EXPECT_EQ(memcmp(&byPath, &byFile, sizeof(byPath)), 0);
     EXPECT_EQ(byFile.st_size, 700);
-}
 
-TEST_F(ReaddirPlusTest, PlainListingsCarryNoAttributesForTheKernelToKeep) {
+    // Plain listings carry no attributes for the kernel to keep.
     int requests = 0;
     std::vector<Delivered> all = readAll(2, static_cast<enum fuse_readdir_flags>(0), &requests);
     ASSERT_EQ(all.size(), expected.size() + 2);

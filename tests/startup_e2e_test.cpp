@@ -22,11 +22,7 @@ namespace {
 class StartupTest : public MountedDeviceTest {};
 
 DevsimImage phone(const std::string &name, uint32_t locationId) {
-    DevsimImage image;
-    image.name = name;
-    image.location_id = locationId;
-    image.files = {{"media/general_storage/" + name + ".txt", "belongs to " + name}};
-    return image;
+    return namedPhone(name, locationId, {name + ".txt"});
 }
 
 // One devsim serves several phones; each part mounts the one it is about.
@@ -52,7 +48,7 @@ TEST_F(StartupTest, ChoosesTheDeviceByLocationIdAndLeavesNothingBehindAtUnmount)
     EXPECT_TRUE(tray.waitFor("-neoff"));
     struct stat st;
     ASSERT_EQ(stat(inMount("/Storage/second.txt").c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, static_cast<off_t>(strlen("belongs to second")));
+    EXPECT_EQ(st.st_size, static_cast<off_t>(strlen("second")));
     EXPECT_NE(stat(inMount("/Storage/first.txt").c_str(), &st), 0);
     EXPECT_EQ(mount.countLog("device_init Device Name : second"), 1);
     EXPECT_EQ(mount.countLog("device_init Connected device 1 : 0x9"), 1);

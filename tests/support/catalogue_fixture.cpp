@@ -201,6 +201,12 @@ std::vector<std::string> namesIn(const std::string &folder, int *error) { return
 
 std::vector<std::string> entriesIn(const std::string &folder, int *error) { return readNames(folder, error, true); }
 
+size_t occurrences(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
+}
+
 std::string numbered(const char *prefix, size_t index) {
     char name[64];
     snprintf(name, sizeof(name), "%s%05zu", prefix, index);

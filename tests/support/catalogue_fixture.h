@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <string>
@@ -68,6 +69,12 @@ std::vector<std::string> namesIn(const std::string &folder, int *error = nullptr
 // The same with "." and "..", as readdir hands them over.
 std::vector<std::string> entriesIn(const std::string &folder, int *error = nullptr);
 std::string numbered(const char *prefix, size_t index);       // "file00042": sorts as it counts
+inline std::vector<std::string> sorted(std::vector<std::string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+}
+// How often `part` occurs in `text`, overlaps counted.
+size_t occurrences(const std::string &text, const std::string &part);
 
 // Polls `condition` every 20 ms for up to `seconds`; its last answer.
 template <typename Condition>

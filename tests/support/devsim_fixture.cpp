@@ -45,6 +45,14 @@ bool write_text(const fs::path& path, const std::string& contents, std::string& 
 
 }  // namespace
 
+DevsimImage namedPhone(const std::string& name, uint32_t locationId, const std::vector<std::string>& storageFiles) {
+  DevsimImage image;
+  image.name = name;
+  image.location_id = locationId;
+  for (const std::string& file : storageFiles) image.files.push_back({"media/general_storage/" + file, name});
+  return image;
+}
+
 std::string devsim_program() {
 #ifdef DEVSIM_PATH
   if (access(DEVSIM_PATH, X_OK) == 0) return DEVSIM_PATH;

@@ -45,6 +45,10 @@ struct DevsimImage {
   std::vector<std::string> hostile;  // hostile kinds ("names", ..., "all"); none when empty
 };
 
+// An image named `name` at `locationId` whose Storage holds `storageFiles`,
+// each holding the name.
+DevsimImage namedPhone(const std::string& name, uint32_t locationId, const std::vector<std::string>& storageFiles);
+
 // The devsim program built with the tests, or "" when there is none.
 std::string devsim_program();
 

@@ -122,6 +122,18 @@ pid_t startProgram(const std::vector<std::string> &argv, const std::string &outp
     return pid;
 }
 
+int exitStatusOf(pid_t pid, int sig, int seconds) {
+    if (sig != 0) kill(pid, sig);
+    int status = -1;
+    bool ended = false;
+    eventually([&] { return ended = ended || waitpid(pid, &status, WNOHANG) == pid; }, seconds);
+    if (!ended) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 bool QuorvelMount::start(unsigned int locationId, const std::vector<std::string> &fuseOptions) {
 #ifndef QUORVEL_PATH
     (void)locationId;
@@ -209,6 +221,12 @@ std::vector<std::string> QuorvelMount::logMessages() const {
 int QuorvelMount::countLog(const std::string &message) const {
     std::vector<std::string> lines = logMessages();
     return static_cast<int>(std::count(lines.begin(), lines.end(), message));
+}
+
+int QuorvelMount::countLogStarting(const std::string &prefix) const {
+    int count = 0;
+    for (const std::string &line : logMessages()) count += line.rfind(prefix, 0) == 0;
+    return count;
 }
 
 std::string quorvelProgram() {

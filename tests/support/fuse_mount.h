@@ -42,6 +42,8 @@ struct QuorvelMount {
     // The messages of the mount's log, without time stamp and process id.
     std::vector<std::string> logMessages() const;
     int countLog(const std::string &message) const;
+    // The log lines that start with `prefix`.
+    int countLogStarting(const std::string &prefix) const;
 };
 
 bool isFuseMountPoint(const std::string &path);
@@ -60,3 +62,6 @@ int runStatus(const std::vector<std::string> &argv);
 // `outputFile`; should this process die first, it gets SIGTERM (as from
 // Ctrl-C). Its process id.
 pid_t startProgram(const std::vector<std::string> &argv, const std::string &outputFile);
+// Waits up to `seconds` for `pid` to end, after sending it `sig` (0: none);
+// its exit status, or -1 when a signal ended it or it did not end (it is then killed).
+int exitStatusOf(pid_t pid, int sig, int seconds = 120);

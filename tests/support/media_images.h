@@ -2,17 +2,11 @@
 // (their programs link the library writer devsim uses).
 #pragma once
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "devsim/media_library.h"
 #include "tests/support/mount_fixture.h"
-
-inline std::vector<std::string> sorted(std::vector<std::string> names) {
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 inline devsim::MediaAlbum mediaAlbum(int64_t pk, std::optional<std::string> title, int kind = 2, int trashed = 0) {
     devsim::MediaAlbum made;
