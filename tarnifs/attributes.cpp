@@ -227,8 +227,8 @@ int tarnifs_getxattr(const char *path, const char *name, char *value, size_t siz
     if (result != 0) return result;
     if (strcmp(path, "/") == 0) return 0;
     _KTL_OBJECT *object = FindObject(path);
-    if (object == nullptr || object->xattr_list == nullptr || name == nullptr) return -ENOATTR;
-    _KTL_XATTR *node = FindXattr(object->xattr_list, name);
+    if (object == nullptr || Extras(object).xattr_list == nullptr || name == nullptr) return -ENOATTR;
+    _KTL_XATTR *node = FindXattr(Extras(object).xattr_list, name);
     if (node == nullptr || node->value == nullptr) return -ENOATTR;
 
     // The stored size is the length up to the first NUL.
@@ -248,7 +248,7 @@ int tarnifs_setxattr(const char *path, const char *name, const char *value, size
     _KTL_OBJECT *object = FindObject(path);
     if (object == nullptr || name == nullptr || value == nullptr) return -ENOATTR;
 
-    _KTL_XATTR *node = FindXattr(object->xattr_list, name);
+    _KTL_XATTR *node = FindXattr(Extras(object).xattr_list, name);
     if (node != nullptr) {
         // Replaced in place: the node keeps its position in the list.
         delete[] node->name;
@@ -257,8 +257,8 @@ int tarnifs_setxattr(const char *path, const char *name, const char *value, size
         node->value = nullptr;
     } else {
         node = new _KTL_XATTR();
-        node->next = object->xattr_list;
-        object->xattr_list = node;
+        node->next = Extras(object).xattr_list;
+        EditExtras(object).xattr_list = node;
     }
     size_t nameLength = strlen(name);
     node->name = new (std::nothrow) char[nameLength + 1];
@@ -284,14 +284,14 @@ int tarnifs_removexattr(const char *path, const char *name) {
     int result = getContext(&ctx);
     if (result != 0) return result;
     _KTL_OBJECT *object = FindObject(path);
-    if (object == nullptr || name == nullptr || object->xattr_list == nullptr) return -ENOATTR;
+    if (object == nullptr || name == nullptr || Extras(object).xattr_list == nullptr) return -ENOATTR;
 
     _KTL_XATTR *removed = nullptr;
-    if (object->xattr_list->name != nullptr && strcmp(object->xattr_list->name, name) == 0) {
-        removed = object->xattr_list;
-        object->xattr_list = removed->next;
+    if (Extras(object).xattr_list->name != nullptr && strcmp(Extras(object).xattr_list->name, name) == 0) {
+        removed = Extras(object).xattr_list;
+        EditExtras(object).xattr_list = removed->next;
     } else {
-        _KTL_XATTR *previous = object->xattr_list;
+        _KTL_XATTR *previous = Extras(object).xattr_list;
         while (previous->next != nullptr &&
                (previous->next->name == nullptr || strcmp(previous->next->name, name) != 0))
             previous = previous->next;

@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -83,10 +85,10 @@ bool buildKey(const std::string &path, std::string *key) {
 _KTL_OBJECT *recordAt(uint64_t address) { return reinterpret_cast<_KTL_OBJECT *>(static_cast<uintptr_t>(address)); }
 uint64_t addressOf(_KTL_OBJECT *object) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(object)); }
 
-void freeXattrs(_KTL_OBJECT *object) {
-    while (object->xattr_list != nullptr) {
-        _KTL_XATTR *node = object->xattr_list;
-        object->xattr_list = node->next;
+void freeXattrs(_KTL_OBJECT_EXTRAS *extras) {
+    while (extras->xattr_list != nullptr) {
+        _KTL_XATTR *node = extras->xattr_list;
+        extras->xattr_list = node->next;
         delete[] node->name;
         delete[] node->value;
         node->next = nullptr;
@@ -94,30 +96,63 @@ void freeXattrs(_KTL_OBJECT *object) {
     }
 }
 
+void freeFileName(_KTL_OBJECT *object) {
+    if (object->file_name != object->name_tail) delete[] object->file_name;
+    object->file_name = nullptr;
+}
+
 // Closes the record's device handles and frees everything it owns but the
 // record itself.
 void releaseRecord(_KTL_OBJECT *object, libiusb_afc *afc_handle) {
     UnlinkObject(object);
-    if (object->file_handle != 0 && object->jpeg_view != 0) {
-        close(static_cast<int>(object->file_handle - 1));
-        object->file_handle = 0;
+    freeFileName(object);
+    _KTL_OBJECT_EXTRAS *extras = object->extras;
+    if (extras == nullptr) return;
+    if (extras->file_handle != 0 && extras->jpeg_view != 0) {
+        close(static_cast<int>(extras->file_handle - 1));
+        extras->file_handle = 0;
     }
-    if (object->file_handle != 0) {
-        libiusb_afc *connection = object->hhandle != nullptr ? object->hhandle : afc_handle;
-        if (connection != nullptr) libiusb_afc_file_close(connection, object->file_handle);
-        object->file_handle = 0;
+    if (extras->file_handle != 0) {
+        libiusb_afc *connection = extras->hhandle != nullptr ? extras->hhandle : afc_handle;
+        if (connection != nullptr) libiusb_afc_file_close(connection, extras->file_handle);
+        extras->file_handle = 0;
     }
-    if (object->hhandle != nullptr) {
-        libiusb_housearrest_exit(object->hhandle);
-        object->hhandle = nullptr;
+    if (extras->hhandle != nullptr) libiusb_housearrest_exit(extras->hhandle);
+    delete[] extras->app_id;
+    delete[] extras->device_path;
+    freeXattrs(extras);
+    delete extras;
+    object->extras = nullptr;
+}
+
+// A zeroed record with room after its fields for a display name of `length`
+// bytes and its NUL, in one allocation: most names are short, and a heap
+// chunk of their own would cost as much again as the name.
+_KTL_OBJECT *newRecord(size_t length) {
+    size_t room = length + 1 <= UINT8_MAX ? length + 1 : sizeof(_KTL_OBJECT::name_tail);
+    size_t bytes = std::max(sizeof(_KTL_OBJECT), offsetof(_KTL_OBJECT, name_tail) + room);
+    void *memory = ::operator new(bytes);
+    memset(memory, 0, bytes);
+    _KTL_OBJECT *object = new (memory) _KTL_OBJECT();
+    object->name_room = static_cast<uint8_t>(bytes - offsetof(_KTL_OBJECT, name_tail));
+    return object;
+}
+
+// The display name, in the record's own room when it fits.
+void setFileName(_KTL_OBJECT *object, const char *name) {
+    freeFileName(object);
+    size_t length = strlen(name);
+    if (length < object->name_room) {
+        memcpy(object->name_tail, name, length + 1);
+        object->file_name = object->name_tail;
+    } else {
+        object->file_name = CopyString(name);
     }
-    delete[] object->file_name;
-    delete[] object->app_id;
-    delete[] object->device_path;
-    object->file_name = nullptr;
-    object->app_id = nullptr;
-    object->device_path = nullptr;
-    freeXattrs(object);
+}
+
+void freeRecord(_KTL_OBJECT *object) {
+    object->~_KTL_OBJECT();
+    ::operator delete(object);
 }
 
 } // namespace
@@ -158,7 +193,8 @@ _KTL_OBJECT *GetObject(const char *path) {
     uint64_t &slot = Object_list[key];
     if (slot != 0) return recordAt(slot);
 
-    _KTL_OBJECT *object = new _KTL_OBJECT();
+    const char *slash = strrchr(path, '/');
+    _KTL_OBJECT *object = newRecord(strlen(slash != nullptr ? slash + 1 : path));
     selfLink(&object->child_list);
     selfLink(&object->sibling);
     object->mode = KTL_MODE_FILE;
@@ -170,7 +206,7 @@ _KTL_OBJECT *GetObjectWithFileName(const char *path) {
     _KTL_OBJECT *object = GetObject(path);
     if (object->file_name == nullptr) {
         const char *slash = strrchr(path, '/');
-        object->file_name = CopyString(slash != nullptr ? slash + 1 : path);
+        setFileName(object, slash != nullptr ? slash + 1 : path);
     }
     return object;
 }
@@ -215,7 +251,7 @@ void DeleteObject(_KTL_OBJECT *object, const char *path) {
     auto stale = Object_list.find(key);
     if (stale != Object_list.end() && (stale->second == 0 || stale->second == addressOf(object)))
         Object_list.erase(stale);
-    delete object;
+    freeRecord(object);
 }
 
 void DeleteChildObject(_KTL_OBJECT *object, const char *path) {
@@ -247,8 +283,7 @@ void MoveObject(_KTL_OBJECT *object, const char *from, const char *to) {
     buildKey(to, &key);
     Object_list[key] = addressOf(object);
     const char *slash = strrchr(to, '/');
-    delete[] object->file_name;
-    object->file_name = CopyString(slash != nullptr ? slash + 1 : to);
+    setFileName(object, slash != nullptr ? slash + 1 : to);
 }
 
 void CleanupTmpObject(const char *path, _KTL_LIST_ENTRY *list_head) {
@@ -270,7 +305,7 @@ void FreeAllObjects(libiusb_afc *afc_handle) {
     for (auto &removed : removedOpenObjects) records.insert(removed.first);
     removedOpenObjects.clear();
     for (_KTL_OBJECT *object : records) releaseRecord(object, afc_handle);
-    for (_KTL_OBJECT *object : records) delete object;
+    for (_KTL_OBJECT *object : records) freeRecord(object);
     Object_list.clear();
 }
 
@@ -309,7 +344,7 @@ void RenameRemovedObject(_KTL_OBJECT *object, const char *path) {
 void FreeRemovedObject(_KTL_OBJECT *object) {
     if (removedOpenObjects.erase(object) == 0) return;
     releaseRecord(object, nullptr);
-    delete object;
+    freeRecord(object);
 }
 
 char *CopyString(const char *text) {

@@ -41,27 +41,19 @@ enum {
     KTL_TYPE_NOTE = 6,
 };
 
-// Fields are ordered widest first so that none pads: a listed folder of a
-// million entries holds a million of these.
-struct _KTL_OBJECT {
-    _KTL_LIST_ENTRY child_list;
-    _KTL_LIST_ENTRY sibling;
+// What only some records need: the device handles and position of an open
+// file, the app and device path of app and media entries, extended
+// attributes. Kept apart, and made the first time one of its fields is set,
+// so that an entry of a listed folder that is never opened costs its record
+// alone: a listed folder of a million entries holds a million records.
+struct _KTL_OBJECT_EXTRAS {
     libiusb_afc *hhandle;  // house-arrest connection; also the AFC connection of file_handle when set
     uint64_t file_handle;
-    uint64_t size;
-    int64_t birth_time;
-    int64_t modify_time;
-    int64_t access_time;
-    char *file_name;    // display name, as first given
     char *app_id;
     char *device_path;
     _KTL_XATTR *xattr_list;
     uint64_t read_offset;
-    uint32_t type;
-    uint32_t sub_type;
     uint32_t open_count;
-    uint16_t mode;  // file-type bits only
-    uint8_t enumerated;
     uint8_t writing;
     uint8_t reading;
     // The device handle in file_handle was opened for writing too ("r+"),
@@ -72,6 +64,39 @@ struct _KTL_OBJECT {
     // While open, file_handle is the cached JPEG's descriptor + 1.
     uint8_t jpeg_view;
 };
+
+// Fields are ordered widest first so that none pads, and a short display name
+// is kept in the same allocation, after the fields (NewObject).
+struct _KTL_OBJECT {
+    _KTL_LIST_ENTRY child_list;
+    _KTL_LIST_ENTRY sibling;
+    uint64_t size;
+    int64_t birth_time;
+    int64_t modify_time;
+    int64_t access_time;
+    char *file_name;  // display name, as first given; may point at name_tail
+    _KTL_OBJECT_EXTRAS *extras;  // null until needed: read through Extras()
+    uint32_t type;
+    uint32_t sub_type;
+    uint16_t mode;  // file-type bits only
+    uint8_t enumerated;
+    uint8_t name_room;  // bytes name_tail has room for, NUL included
+    // The record is allocated long enough for the name it was made under to
+    // be kept here, after the fields.
+    char name_tail[4];
+};
+
+// The record's extras for reading: all zero (no handle, no app, nothing open)
+// when it has none.
+inline const _KTL_OBJECT_EXTRAS &Extras(const _KTL_OBJECT *object) {
+    static const _KTL_OBJECT_EXTRAS none{};
+    return object->extras != nullptr ? *object->extras : none;
+}
+// The record's extras for changing, made zeroed on first use.
+inline _KTL_OBJECT_EXTRAS &EditExtras(_KTL_OBJECT *object) {
+    if (object->extras == nullptr) object->extras = new _KTL_OBJECT_EXTRAS();
+    return *object->extras;
+}
 
 // Full volume path -> record address; 0 (an entry a missed lookup left
 // behind) means no record.

@@ -14,9 +14,9 @@ namespace {
 // used; with nothing open in it, no one is using it now.
 size_t closeIdleFolderClients(_KTL_OBJECT *folder) {
     size_t closed = 0;
-    if (folder->hhandle != nullptr && folder->open_count == 0) {
-        libiusb_housearrest_exit(folder->hhandle);
-        folder->hhandle = nullptr;
+    if (Extras(folder).hhandle != nullptr && Extras(folder).open_count == 0) {
+        libiusb_housearrest_exit(Extras(folder).hhandle);
+        EditExtras(folder).hhandle = nullptr;
         closed++;
     }
     for (_KTL_LIST_ENTRY *link = folder->child_list.next; link != &folder->child_list; link = link->next) {

@@ -100,41 +100,41 @@ int CreateFileHandle(const char *path) {
         QNLog(3, "%s getContext failed. ret : %d", "CreateFileHandle", result);
         return result;
     }
-    if (object->file_handle != 0) return 0;
-    if (parent != nullptr && parent->app_id != nullptr) {
-        if (parent->hhandle == nullptr) {
-            result = StartHouseArrest(ctx, &parent->hhandle);
+    if (Extras(object).file_handle != 0) return 0;
+    if (parent != nullptr && Extras(parent).app_id != nullptr) {
+        if (Extras(parent).hhandle == nullptr) {
+            result = StartHouseArrest(ctx, &EditExtras(parent).hhandle);
             if (result != 0) {
                 QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "CreateFileHandle", result);
-                parent->hhandle = nullptr;
+                EditExtras(parent).hhandle = nullptr;
                 return result;
             }
-            result = libiusb_housearrest_openapp(parent->hhandle, parent->app_id);
+            result = libiusb_housearrest_openapp(Extras(parent).hhandle, Extras(parent).app_id);
             if (result != 0) {
                 QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d", "CreateFileHandle", result);
                 return result;
             }
         }
         std::string devicePath = AppSandboxPath(path);
-        result = libiusb_afc_file_open(parent->hhandle, devicePath.c_str(), kOpenNewFile, &object->file_handle);
+        result = libiusb_afc_file_open(Extras(parent).hhandle, devicePath.c_str(), kOpenNewFile, &EditExtras(object).file_handle);
         if (result != 0) {
             QNLog(3, "%s libiusb_afc_file_open failed. error : %d", "CreateFileHandle", result);
             return result;
         }
     } else {
         std::string devicePath = StorageDevicePath(path);
-        result = libiusb_afc_file_open(ctx->afc_handle, devicePath.c_str(), kOpenNewFile, &object->file_handle);
+        result = libiusb_afc_file_open(ctx->afc_handle, devicePath.c_str(), kOpenNewFile, &EditExtras(object).file_handle);
         if (result != 0) {
             QNLog(3, "%s libiusb_afc_file_open failed. path(%s). ret : %d", "CreateFileHandle", devicePath.c_str(),
                   result);
             return result;
         }
     }
-    if (object->file_handle == 0) {
+    if (Extras(object).file_handle == 0) {
         QNLog(3, "%s Invalid File handle!", "CreateFileHandle");
         return -ECANCELED;
     }
-    object->device_writable = 1;
+    EditExtras(object).device_writable = 1;
     return 0;
 }
 
@@ -169,16 +169,16 @@ int tarnifs_create(const char *path, mode_t, struct fuse_file_info *fi) {
     }
     _KTL_OBJECT *parent = GetParentObject(path);
     if (parent != nullptr) {
-        if (inAppFolder && object->app_id == nullptr && parent->app_id != nullptr)
-            object->app_id = CopyString(parent->app_id);
+        if (inAppFolder && Extras(object).app_id == nullptr && Extras(parent).app_id != nullptr)
+            EditExtras(object).app_id = CopyString(Extras(parent).app_id);
         LinkChildObject(parent, object);
         // Counted in both areas, although only an app folder's count comes
         // down again at release.
-        parent->open_count++;
+        EditExtras(parent).open_count++;
     }
     object->mode = KTL_MODE_FILE;
     object->size = 0;
-    object->open_count++;
+    EditExtras(object).open_count++;
     time_t now = time(nullptr);
     object->access_time = now;
     object->modify_time = now;

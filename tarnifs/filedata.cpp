@@ -29,54 +29,54 @@ namespace {
 constexpr int kOpenForReading = LIBIUSB_AFC_RDONLY;
 constexpr int kOpenForWriting = LIBIUSB_AFC_RW;
 
-bool isMediaItem(const _KTL_OBJECT *object) { return object->device_path != nullptr && object->device_path[0] != '\0'; }
+bool isMediaItem(const _KTL_OBJECT *object) { return Extras(object).device_path != nullptr && Extras(object).device_path[0] != '\0'; }
 
 bool opensForWriting(int flags) { return (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC) != 0; }
 
 // The connection a file's device requests go through: an app file's folder
 // keeps a house-arrest client; everything else uses the mount's AFC connection.
 libiusb_afc *connectionFor(_CONTEXT *ctx, const char *path, const _KTL_OBJECT *object) {
-    if (object->app_id != nullptr) {
+    if (Extras(object).app_id != nullptr) {
         _KTL_OBJECT *parent = GetParentObject(path);
-        if (parent != nullptr && parent->hhandle != nullptr) return parent->hhandle;
+        if (parent != nullptr && Extras(parent).hhandle != nullptr) return Extras(parent).hhandle;
     }
     return ctx->afc_handle;
 }
 
 std::string devicePathFor(const char *path, const _KTL_OBJECT *object) {
-    if (object->app_id != nullptr) return AppSandboxPath(path);
-    if (isMediaItem(object)) return object->device_path;
+    if (Extras(object).app_id != nullptr) return AppSandboxPath(path);
+    if (isMediaItem(object)) return Extras(object).device_path;
     return StorageDevicePath(path);
 }
 
 // Ends the house-arrest client of an app folder after a failed open: the rule
 // is to let it go whoever opened it, so the next open starts afresh.
 void dropFolderClient(_KTL_OBJECT *parent) {
-    if (parent == nullptr || parent->hhandle == nullptr) return;
-    libiusb_housearrest_exit(parent->hhandle);
-    parent->hhandle = nullptr;
+    if (parent == nullptr || Extras(parent).hhandle == nullptr) return;
+    libiusb_housearrest_exit(Extras(parent).hhandle);
+    EditExtras(parent).hhandle = nullptr;
 }
 
 // Opens the app's sandbox on the parent folder's house-arrest client when it
 // has none yet. 0, or -ECANCELED after the dialog.
 int openFolderClient(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent) {
-    if (parent->hhandle != nullptr) return 0;
+    if (Extras(parent).hhandle != nullptr) return 0;
     std::string app = AppFolderName(path);
-    int result = StartHouseArrest(ctx, &parent->hhandle);
+    int result = StartHouseArrest(ctx, &EditExtras(parent).hhandle);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_init failed. error : %d", "tarnifs_open", result);
         if (result == LIBIUSB_ERROR_CONNECTION_LOST)
             snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nService opening aborted.");
         else
             snprintf(ErrMsg, sizeof(ErrMsg), "Could not open the Device with Arrest Service.\nError Code : %d", result);
-        parent->hhandle = nullptr;
+        EditExtras(parent).hhandle = nullptr;
         ShowMessageBox(kMsgError, "%s", ErrMsg);
         return -ECANCELED;
     }
-    result = libiusb_housearrest_openapp(parent->hhandle, parent->app_id != nullptr ? parent->app_id : "");
+    result = libiusb_housearrest_openapp(Extras(parent).hhandle, Extras(parent).app_id != nullptr ? Extras(parent).app_id : "");
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d, App ID : %s", "tarnifs_open", result,
-              parent->app_id != nullptr ? parent->app_id : "");
+              Extras(parent).app_id != nullptr ? Extras(parent).app_id : "");
         if (result == LIBIUSB_ERROR_CONNECTION_LOST)
             snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nOpening App(%s) aborted.", app.c_str());
         else
@@ -197,28 +197,28 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
         return -ENOENT;
     }
     fi->fh = 0;
-    if (object->jpeg_view != 0) {
+    if (Extras(object).jpeg_view != 0) {
         if (opensForWriting(fi->flags)) {
             refuseReadOnly(path);
             return -ECANCELED;
         }
-        if (object->file_handle == 0) {
+        if (Extras(object).file_handle == 0) {
             // Converted already (SettleJpegView waited without the lock);
             // a file dropped from the cache meanwhile is made again here.
             uint64_t size = 0;
             std::string file;
             int fd = -1;
-            if (AwaitJpegView(object->device_path, &size, &file, true) == 0) {
+            if (AwaitJpegView(Extras(object).device_path, &size, &file, true) == 0) {
                 fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-                ReleaseJpegView(object->device_path);  // the open file keeps its bytes
+                ReleaseJpegView(Extras(object).device_path);  // the open file keeps its bytes
             }
             if (fd < 0) {
                 ShowMessageBox(kMsgError, "Could not convert a photo to JPEG.\n%s", path);
                 return -EIO;
             }
-            object->file_handle = static_cast<uint64_t>(fd) + 1;
+            EditExtras(object).file_handle = static_cast<uint64_t>(fd) + 1;
             object->size = size;
-            object->jpeg_view = 2;
+            EditExtras(object).jpeg_view = 2;
         }
     } else if (object->type == KTL_TYPE_NOTE) {
         // Our own note in the read-only media views: read, never written.
@@ -248,7 +248,7 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
         }
         _KTL_OBJECT *parent = nullptr;
         libiusb_afc *connection = ctx->afc_handle;
-        if (object->app_id != nullptr) {
+        if (Extras(object).app_id != nullptr) {
             parent = GetParentObject(path);
             if (parent == nullptr) {
                 QNLog(3, "%s Unexpected file! path(%s)", "tarnifs_open", path);
@@ -257,7 +257,7 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
             }
             result = openFolderClient(ctx, path, parent);
             if (result != 0) return result;
-            connection = parent->hhandle;
+            connection = Extras(parent).hhandle;
         } else if (!media && !IsInStorage(path)) {
             QNLog(3, "%s Unexpected file! path(%s)", "tarnifs_open", path);
             ShowMessageBox(kMsgError, "Unexpected file! path\n%s", path);
@@ -265,21 +265,21 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
         }
         std::string devicePath = devicePathFor(path, object);
         bool writing = opensForWriting(fi->flags);
-        bool firstHandle = object->file_handle == 0;
-        if (object->file_handle != 0 && writing && !object->device_writable) {
+        bool firstHandle = Extras(object).file_handle == 0;
+        if (Extras(object).file_handle != 0 && writing && !Extras(object).device_writable) {
             // Readers hold a read-only device handle: a writer needs one that
             // writes. Reads name their offsets, so the readers go on with it.
             uint64_t readWrite = 0;
             result = libiusb_afc_file_open(connection, devicePath.c_str(), kOpenForWriting, &readWrite);
             if (result == 0) {
-                libiusb_afc_file_close(connection, object->file_handle);
-                object->file_handle = readWrite;
-                object->device_writable = 1;
+                libiusb_afc_file_close(connection, Extras(object).file_handle);
+                EditExtras(object).file_handle = readWrite;
+                EditExtras(object).device_writable = 1;
             }
-        } else if (object->file_handle == 0) {
+        } else if (Extras(object).file_handle == 0) {
             result = libiusb_afc_file_open(connection, devicePath.c_str(), writing ? kOpenForWriting : kOpenForReading,
-                                           &object->file_handle);
-            object->device_writable = writing ? 1 : 0;
+                                           &EditExtras(object).file_handle);
+            EditExtras(object).device_writable = writing ? 1 : 0;
         }
         {
             if (result != 0) {
@@ -290,8 +290,8 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
                     snprintf(ErrMsg, sizeof(ErrMsg), "Lost USB connection.\nOpening file(%s) aborted.", name);
                 else
                     snprintf(ErrMsg, sizeof(ErrMsg), "Could not open a file(%s).\nError Code : %d", name, result);
-                if (object->open_count == 0) object->file_handle = 0;
-                if (parent != nullptr && parent->open_count == 0) dropFolderClient(parent);
+                if (Extras(object).open_count == 0) EditExtras(object).file_handle = 0;
+                if (parent != nullptr && Extras(parent).open_count == 0) dropFolderClient(parent);
                 ShowMessageBox(kMsgError, "%s", ErrMsg);
                 return -ECANCELED;
             }
@@ -301,14 +301,14 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
             // An open that truncates empties the device file, not only the
             // catalogue, whatever size the catalogue holds: an app on the
             // phone may have written to a file the catalogue knows as empty.
-            result = libiusb_afc_file_truncate(connection, object->file_handle, 0);
+            result = libiusb_afc_file_truncate(connection, Extras(object).file_handle, 0);
             if (result != 0) {
                 QNLog(3, "%s libiusb_afc_file_truncate failed. path(%s) ret %d", "tarnifs_open", devicePath.c_str(),
                       result);
-                if (object->open_count == 0) {
-                    libiusb_afc_file_close(connection, object->file_handle);
-                    object->file_handle = 0;
-                    if (parent != nullptr && parent->open_count == 0) dropFolderClient(parent);
+                if (Extras(object).open_count == 0) {
+                    libiusb_afc_file_close(connection, Extras(object).file_handle);
+                    EditExtras(object).file_handle = 0;
+                    if (parent != nullptr && Extras(parent).open_count == 0) dropFolderClient(parent);
                 }
                 return writeFailed(result);
             }
@@ -316,9 +316,9 @@ int tarnifs_open(const char *path, struct fuse_file_info *fi) {
             object->size = 0;
             object->modify_time = time(nullptr);
         }
-        if (parent != nullptr) parent->open_count++;
+        if (parent != nullptr) EditExtras(parent).open_count++;
     }
-    object->open_count++;
+    EditExtras(object).open_count++;
     fi->fh = reinterpret_cast<uint64_t>(object);
     return 0;
 }
@@ -350,9 +350,9 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
         return 0;
     }
 
-    if (object->jpeg_view != 0 && object->file_handle != 0) {
+    if (Extras(object).jpeg_view != 0 && Extras(object).file_handle != 0) {
         // The converted JPEG, from the cache file opened with the handle.
-        ssize_t got = pread(static_cast<int>(object->file_handle - 1), buf, size, offset);
+        ssize_t got = pread(static_cast<int>(Extras(object).file_handle - 1), buf, size, offset);
         if (got < 0) return -EIO;
         result = static_cast<int>(got);
     } else if (object->type == KTL_TYPE_STAGED) {
@@ -367,12 +367,12 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
             result = fd < 0 ? 0 : static_cast<int>(pread(fd, buf, size, offset));
             if (fd >= 0) close(fd);
         }
-    } else if (object->file_handle == 0) {
+    } else if (Extras(object).file_handle == 0) {
         QNLog(3, "%s file_handle is NULL", "tarnifs_read");
         result = -ECANCELED;
     } else {
         uint32_t count = 0;
-        result = libiusb_afc_file_read(connection, object->file_handle, buf, static_cast<uint32_t>(size),
+        result = libiusb_afc_file_read(connection, Extras(object).file_handle, buf, static_cast<uint32_t>(size),
                                        static_cast<uint64_t>(offset), &count);
         if (result != 0) {
             QNLog(3, "%s libiusb_afc_file_read fail. Err=%d, path(%s)", "tarnifs_read", result, path);
@@ -391,12 +391,12 @@ int tarnifs_read(const char *path, char *buf, size_t size, off_t offset, struct 
         uint64_t n = static_cast<uint64_t>(static_cast<int64_t>(result));
         uint64_t at = static_cast<uint64_t>(offset);
         if (at == 0)
-            object->read_offset = n;
-        else if (at == object->read_offset)
-            object->read_offset += n;
-        else if (at < object->read_offset)
-            object->read_offset = at + n;
-        if (object->read_offset == object->size) object->reading = 1;
+            EditExtras(object).read_offset = n;
+        else if (at == Extras(object).read_offset)
+            EditExtras(object).read_offset += n;
+        else if (at < Extras(object).read_offset)
+            EditExtras(object).read_offset = at + n;
+        if (Extras(object).read_offset == object->size) EditExtras(object).reading = 1;
     }
     return result;
 }
@@ -415,7 +415,7 @@ int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, 
     if (object == nullptr) return -ECANCELED;
     if (!removedPath.empty()) path = removedPath.c_str();
     libiusb_afc *connection = connectionFor(ctx, path, object);
-    if (object->file_handle == 0 && object->type != KTL_TYPE_STAGED) return -ECANCELED;
+    if (Extras(object).file_handle == 0 && object->type != KTL_TYPE_STAGED) return -ECANCELED;
     // A safe-save temporary is staged from its first byte on: while it is
     // empty on the device, its whole content can wait in the work folder.
     // One that already holds bytes on the device is written there in place.
@@ -447,7 +447,7 @@ int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, 
         written = static_cast<uint32_t>(put);
         object->type = KTL_TYPE_STAGED;
     } else {
-        result = libiusb_afc_file_write(connection, object->file_handle, buf, static_cast<uint32_t>(size), at,
+        result = libiusb_afc_file_write(connection, Extras(object).file_handle, buf, static_cast<uint32_t>(size), at,
                                         &written);
         if (result != 0) {
             QNLog(3, "%s libiusb_afc_file_write failed. path(%s) ret %d", "tarnifs_write", path, result);
@@ -465,7 +465,7 @@ int tarnifs_write(const char *path, const char *buf, size_t size, off_t offset, 
     if (at + written > object->size) {
         accountForSizeChange(ctx, object->size, at + written);
         object->size = at + written;
-        object->writing = 1;
+        EditExtras(object).writing = 1;
     }
     return static_cast<int>(written);
 }
@@ -482,59 +482,59 @@ int tarnifs_release(const char *path, struct fuse_file_info *fi) {
     bool removed = !removedPath.empty();
     if (removed) path = removedPath.c_str();
 
-    if (object->open_count > 0) object->open_count--;
-    if (object->reading != 0 || object->writing != 0) {
+    if (Extras(object).open_count > 0) EditExtras(object).open_count--;
+    if (Extras(object).reading != 0 || Extras(object).writing != 0) {
         uint32_t kind = kTransferWritten;
-        if (object->reading != 0) {
-            object->reading = 0;
+        if (Extras(object).reading != 0) {
+            EditExtras(object).reading = 0;
             kind = kTransferRead;
         } else {
-            object->writing = 0;
+            EditExtras(object).writing = 0;
         }
-        QNLog(3, "%s path %s / reading %d writing %d", "tarnifs_release", path, object->reading, object->writing);
+        QNLog(3, "%s path %s / reading %d writing %d", "tarnifs_release", path, Extras(object).reading, Extras(object).writing);
         if (queueTransferRecord(kind, object->size, object->file_name != nullptr ? object->file_name : "") != 0)
             QNLog(3, "%s PKTL_PIPE_DATA_BOX alloc failed", "tarnifs_release");
     }
-    if (object->open_count == 0 && object->type == KTL_TYPE_STAGED && !removed) {
+    if (Extras(object).open_count == 0 && object->type == KTL_TYPE_STAGED && !removed) {
         // The flush of its close normally did this already; what failed
         // there is tried once more (while the folder's connection is open).
         int uploaded = UploadStagedFile(ctx, path, object, "tarnifs_release");
         if (uploaded != 0) result = uploaded;
     }
-    if (object->open_count == 0 && object->file_handle != 0 && object->jpeg_view != 0) {
-        close(static_cast<int>(object->file_handle - 1));
-        object->file_handle = 0;
+    if (Extras(object).open_count == 0 && Extras(object).file_handle != 0 && Extras(object).jpeg_view != 0) {
+        close(static_cast<int>(Extras(object).file_handle - 1));
+        EditExtras(object).file_handle = 0;
     }
-    if (object->open_count == 0 && object->file_handle != 0) {
-        if (object->app_id != nullptr) {
+    if (Extras(object).open_count == 0 && Extras(object).file_handle != 0) {
+        if (Extras(object).app_id != nullptr) {
             _KTL_OBJECT *parent = GetParentObject(path);
             if (parent != nullptr) {
-                if (parent->open_count > 0) parent->open_count--;
-                if (parent->hhandle != nullptr) {
-                    result = libiusb_afc_file_close(parent->hhandle, object->file_handle);
+                if (Extras(parent).open_count > 0) EditExtras(parent).open_count--;
+                if (Extras(parent).hhandle != nullptr) {
+                    result = libiusb_afc_file_close(Extras(parent).hhandle, Extras(object).file_handle);
                     if (result != 0)
                         QNLog(3, "%s libiusb_afc_file_close failed. path(%s). ret : %d", "tarnifs_release", path,
                               result);
-                    if (parent->open_count == 0) {
-                        result = libiusb_housearrest_exit(parent->hhandle);
+                    if (Extras(parent).open_count == 0) {
+                        result = libiusb_housearrest_exit(Extras(parent).hhandle);
                         if (result != 0)
                             QNLog(3, "%s libiusb_housearrest_exit failed. ret : %d", "tarnifs_release", result);
-                        parent->hhandle = nullptr;
+                        EditExtras(parent).hhandle = nullptr;
                     }
                 }
             }
         } else {
-            result = libiusb_afc_file_close(ctx->afc_handle, object->file_handle);
+            result = libiusb_afc_file_close(ctx->afc_handle, Extras(object).file_handle);
             if (result != 0)
                 QNLog(3, "%s libiusb_afc_file_close failed. path(%s). ret : %d", "tarnifs_release", path, result);
         }
         if (object->type == KTL_TYPE_TEMPORARY) object->type = KTL_TYPE_ORDINARY;
-        object->hhandle = nullptr;
-        object->file_handle = 0;
-        object->device_writable = 0;
+        EditExtras(object).hhandle = nullptr;
+        EditExtras(object).file_handle = 0;
+        EditExtras(object).device_writable = 0;
     }
     // A file removed while open lives until its last handle is gone.
-    if (removed && object->open_count == 0) FreeRemovedObject(object);
+    if (removed && Extras(object).open_count == 0) FreeRemovedObject(object);
     return result;
 }
 
@@ -587,12 +587,12 @@ int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object,
             QNLog(3, "%s staged file truncate failed. path(%s) errno %d", "tarnifs_setattr_x", local.c_str(), errno);
         return 0;
     }
-    bool inApps = object->app_id != nullptr;
+    bool inApps = Extras(object).app_id != nullptr;
     if (!inApps && !IsInStorage(path)) return 0;  // nothing on the device stands behind it
     std::string devicePath = devicePathFor(path, object);
     int result = 0;
-    if (object->file_handle != 0) {
-        result = libiusb_afc_file_truncate(connectionFor(ctx, path, object), object->file_handle, size);
+    if (Extras(object).file_handle != 0) {
+        result = libiusb_afc_file_truncate(connectionFor(ctx, path, object), Extras(object).file_handle, size);
     } else if (!inApps) {
         // No device connection (handlers called without a device): nothing to change there.
         if (ctx->afc_handle == nullptr) return 0;
@@ -604,8 +604,8 @@ int ChangeFileSizeOnDevice(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object,
         if (parent == nullptr || ctx->device_handle == nullptr) return 0;
         result = openFolderClient(ctx, path, parent);
         if (result != 0) return result;
-        result = libiusb_afc_truncate(parent->hhandle, devicePath.c_str(), size);
-        if (parent->open_count == 0) dropFolderClient(parent);
+        result = libiusb_afc_truncate(Extras(parent).hhandle, devicePath.c_str(), size);
+        if (Extras(parent).open_count == 0) dropFolderClient(parent);
     }
     if (result != 0) {
         QNLog(3, "%s libiusb_afc_truncate failed. path(%s) ret %d", "tarnifs_setattr_x", devicePath.c_str(), result);
@@ -621,17 +621,17 @@ int UploadStagedFile(_CONTEXT *ctx, const char *path, _KTL_OBJECT *object, const
     if (object->type != KTL_TYPE_STAGED) return 0;
     _KTL_OBJECT *parent = nullptr;
     libiusb_afc *connection = ctx->afc_handle;
-    if (object->app_id != nullptr) {
+    if (Extras(object).app_id != nullptr) {
         parent = GetParentObject(path);
         if (parent == nullptr) return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND;
         int result = openFolderClient(ctx, path, parent);
         if (result != 0) return result;
-        connection = parent->hhandle;
+        connection = Extras(parent).hhandle;
     }
     std::string devicePath = devicePathFor(path, object);
     int result = uploadfile(ctx, StagingNameOf(path).c_str(), devicePath.c_str(), connection, true);
     // A client made only for this upload is let go again.
-    if (parent != nullptr && parent->open_count == 0) dropFolderClient(parent);
+    if (parent != nullptr && Extras(parent).open_count == 0) dropFolderClient(parent);
     if (result != 0) {
         QNLog(3, "%s uploadfile failed. path(%s). ret : %d", caller, devicePath.c_str(), result);
         return result;
@@ -652,8 +652,8 @@ int SettleJpegView(const char *path) {
     {
         TarniLock lock;
         _KTL_OBJECT *object = path != nullptr ? FindObject(path) : nullptr;
-        if (object == nullptr || object->jpeg_view != 1 || object->device_path == nullptr) return 0;
-        devicePath = object->device_path;
+        if (object == nullptr || Extras(object).jpeg_view != 1 || Extras(object).device_path == nullptr) return 0;
+        devicePath = Extras(object).device_path;
     }
     // Converting takes a while: other requests go on meanwhile.
     uint64_t size = 0;
@@ -661,9 +661,9 @@ int SettleJpegView(const char *path) {
     if (AwaitJpegView(devicePath, &size, &file) != 0) return -EIO;
     TarniLock lock;
     _KTL_OBJECT *object = FindObject(path);
-    if (object == nullptr || object->jpeg_view != 1 || object->device_path == nullptr || devicePath != object->device_path)
+    if (object == nullptr || Extras(object).jpeg_view != 1 || Extras(object).device_path == nullptr || devicePath != Extras(object).device_path)
         return 0;
     object->size = size;
-    object->jpeg_view = 2;
+    EditExtras(object).jpeg_view = 2;
     return 1;
 }

@@ -209,7 +209,7 @@ int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir
         folder->modify_time = now;
         folder->access_time = now;
         folder->size = 0;
-        if (folder->app_id == nullptr && app->bundle_id != nullptr) folder->app_id = CopyString(app->bundle_id);
+        if (Extras(folder).app_id == nullptr && app->bundle_id != nullptr) EditExtras(folder).app_id = CopyString(app->bundle_id);
         LinkChildObject(apps, folder);
         emit(buffer, filler, folder->file_name);
         delete[] name;
@@ -220,7 +220,7 @@ int listAppFolders(_CONTEXT *ctx, _KTL_OBJECT *apps, void *buffer, fuse_fill_dir
 }
 
 int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void *buffer, fuse_fill_dir_t filler) {
-    if (strstr(path, "/Apps") == nullptr || folder->app_id == nullptr) return 0;
+    if (strstr(path, "/Apps") == nullptr || Extras(folder).app_id == nullptr) return 0;
 
     libiusb_afc *client = nullptr;
     int result = StartHouseArrest(ctx, &client);
@@ -233,7 +233,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
     char **entries = nullptr;
     uint32_t count = 0;
     // A sandbox that cannot be opened or read lists as an empty folder.
-    result = libiusb_housearrest_openapp(client, folder->app_id);
+    result = libiusb_housearrest_openapp(client, Extras(folder).app_id);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d", "enumApps", result);
     } else if ((result = libiusb_afc_file_read_directory(client, sandbox.c_str(), nullptr, &count)) != 0) {
@@ -253,7 +253,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
             queries.connections.push_back(client);
             std::vector<libiusb_afc *> extra;
             if (names.size() > kPooledListingEntries)
-                extra = openAppListingConnections(ctx, folder->app_id, kListingConnections - 1);
+                extra = openAppListingConnections(ctx, Extras(folder).app_id, kListingConnections - 1);
             queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
             startInfoQueries(queries);
             for (size_t index = 0; index < names.size(); ++index) {
@@ -271,7 +271,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
                 child->mode = isFolder ? KTL_MODE_FOLDER : KTL_MODE_FILE;
                 child->type = isFolder ? KTL_TYPE_DEVICE_FOLDER : KTL_TYPE_DEVICE_FILE;
                 fillFromDevice(child, info);
-                if (child->app_id == nullptr) child->app_id = CopyString(folder->app_id);
+                if (Extras(child).app_id == nullptr) EditExtras(child).app_id = CopyString(Extras(folder).app_id);
                 LinkChildObject(folder, child);
                 emit(buffer, filler, name);
             }
@@ -286,7 +286,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
 }
 
 bool anythingOpenBelow(_KTL_OBJECT *record) {
-    if (record->open_count > 0 || record->file_handle != 0) return true;
+    if (Extras(record).open_count > 0 || Extras(record).file_handle != 0) return true;
     for (_KTL_LIST_ENTRY *link = record->child_list.next; link != &record->child_list; link = link->next)
         if (anythingOpenBelow(ObjectFromSibling(link))) return true;
     return false;
@@ -311,13 +311,13 @@ void forgetGoneEntry(_CONTEXT *ctx, _KTL_OBJECT *child, const std::string &child
 // all it costs. A folder the device cannot list now keeps what was known.
 void refreshListedFolder(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
     bool inStorage = strcmp(path, "/Storage") == 0 || strncmp(path, "/Storage/", 9) == 0;
-    bool inApp = strncmp(path, "/Apps/", 6) == 0 && folder->app_id != nullptr;
+    bool inApp = strncmp(path, "/Apps/", 6) == 0 && Extras(folder).app_id != nullptr;
     if ((!inStorage && !inApp) || folder->mode != KTL_MODE_FOLDER) return;
-    libiusb_afc *connection = inStorage ? ctx->afc_handle : folder->hhandle;
+    libiusb_afc *connection = inStorage ? ctx->afc_handle : Extras(folder).hhandle;
     libiusb_afc *ownClient = nullptr;
     if (connection == nullptr && inApp && ctx->device_handle != nullptr) {
         if (StartHouseArrest(ctx, &ownClient) != 0) return;
-        if (libiusb_housearrest_openapp(ownClient, folder->app_id) != 0) {
+        if (libiusb_housearrest_openapp(ownClient, Extras(folder).app_id) != 0) {
             endHouseArrest(ownClient);
             return;
         }
@@ -359,7 +359,7 @@ void refreshListedFolder(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
             child->mode = isFolder ? KTL_MODE_FOLDER : KTL_MODE_FILE;
             if (inApp) {
                 child->type = isFolder ? KTL_TYPE_DEVICE_FOLDER : KTL_TYPE_DEVICE_FILE;
-                if (child->app_id == nullptr) child->app_id = CopyString(folder->app_id);
+                if (Extras(child).app_id == nullptr) EditExtras(child).app_id = CopyString(Extras(folder).app_id);
             }
             fillFromDevice(child, info);
             LinkChildObject(folder, child);
@@ -527,7 +527,7 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
             if (child->file_name != nullptr && !anythingOpenBelow(child))
                 InvalidateKernelView(ChildPath(path, child->file_name).c_str());
         }
-        if (folder->open_count == 0) {
+        if (Extras(folder).open_count == 0) {
             DeleteChildObject(folder, path);
         } else {
             while (folder->child_list.next != &folder->child_list) UnlinkObject(ObjectFromSibling(folder->child_list.next));
@@ -543,11 +543,11 @@ int listFolder(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t fi
         folder->enumerated = 1;
         // An app folder's connection, kept by file operations, is let go once
         // nothing in it is open.
-        if (folder->hhandle != nullptr && folder->open_count == 0) {
-            int result = libiusb_housearrest_exit(folder->hhandle);
+        if (Extras(folder).hhandle != nullptr && Extras(folder).open_count == 0) {
+            int result = libiusb_housearrest_exit(Extras(folder).hhandle);
             if (result != 0)
                 QNLog(3, "%s libiusb_housearrest_exit failed. path(%s). ret : %d", "tarnifs_readdir", path, result);
-            folder->hhandle = nullptr;
+            EditExtras(folder).hhandle = nullptr;
         }
         return 0;
     }

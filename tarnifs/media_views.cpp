@@ -191,8 +191,8 @@ int listLibraryFolder(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent, Libr
 
         std::string candidate = FreeEntryPath(path, name, true);
         _KTL_OBJECT *object = GetObjectWithFileName(candidate.c_str());
-        delete[] object->device_path;
-        object->device_path = CopyString(devicePaths[index].c_str());
+        delete[] Extras(object).device_path;
+        EditExtras(object).device_path = CopyString(devicePaths[index].c_str());
         object->mode = KTL_MODE_FILE;
         object->size = answer.info.size;
         object->birth_time = answer.info.birth_time / 1000000000;
@@ -274,7 +274,7 @@ int listVoiceMemos(_CONTEXT *ctx, const char *path, _KTL_OBJECT *parent, void *b
             QNLog(3, "%s %s is listed once: another recording has the same name", "enumMedia", entryPath.c_str());
             continue;
         }
-        if (object->device_path == nullptr) object->device_path = CopyString(devicePaths[index].c_str());
+        if (Extras(object).device_path == nullptr) EditExtras(object).device_path = CopyString(devicePaths[index].c_str());
         object->mode = KTL_MODE_FILE;
         object->birth_time = row.date;
         object->modify_time = row.date;

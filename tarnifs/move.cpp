@@ -33,7 +33,7 @@ std::string devicePathOf(const char *path) {
     if (begins(path, "/Media")) {
         // A media item lies where the library says, whatever it is called here.
         _KTL_OBJECT *item = FindObject(path);
-        return item != nullptr && item->device_path != nullptr ? std::string(item->device_path) : std::string();
+        return item != nullptr && Extras(item).device_path != nullptr ? std::string(Extras(item).device_path) : std::string();
     }
     return begins(path, "/Storage") ? StorageDevicePath(path) : AppSandboxPath(path);
 }
@@ -151,7 +151,7 @@ std::string stagingNameFor(const std::string &deviceTarget) {
 // until its last release.
 void forgetRecord(_KTL_OBJECT *record, const char *path) {
     if (record == nullptr) return;
-    if (record->mode == KTL_MODE_FILE && record->open_count > 0)
+    if (record->mode == KTL_MODE_FILE && Extras(record).open_count > 0)
         KeepUntilLastRelease(record, path);
     else
         DeleteObject(record, path);
@@ -170,7 +170,7 @@ _KTL_OBJECT *recordTarget(const MoveRun &run, const char *to, uint16_t mode, uin
     record->birth_time = now;
     record->modify_time = now;
     record->access_time = now;
-    if (run.target.app && record->app_id == nullptr) record->app_id = CopyString(run.target.appId.c_str());
+    if (run.target.app && Extras(record).app_id == nullptr) EditExtras(record).app_id = CopyString(run.target.appId.c_str());
     _KTL_OBJECT *parent = GetParentObject(to);
     if (parent != nullptr) LinkChildObject(parent, record);
     return record;
@@ -343,7 +343,7 @@ int moveFolder(const MoveRun &run, _KTL_OBJECT *folder, const char *from, const 
     if (hasChildren(folder)) return 0;
     // An app folder whose files are still open keeps the connection they
     // use: its record lives on, out of the catalogue, until unmount.
-    if (folder->open_count > 0)
+    if (Extras(folder).open_count > 0)
         KeepUntilLastRelease(folder, from);
     else
         DeleteObject(folder, from);
@@ -381,15 +381,15 @@ int moveEntry(const MoveRun &run, const char *from, const char *to) {
         takeFreeSpace(ctx, record->size);
         return 0;
     }
-    if (record->jpeg_view != 0) {
+    if (Extras(record).jpeg_view != 0) {
         // A JPEG view: what is copied is the converted file in the work
         // folder, not the HEIC on the device; the still stays.
         uint64_t converted = 0;
         std::string file;
-        if (AwaitJpegView(record->device_path, &converted, &file, true) != 0) return LIBIUSB_ERROR_IO;
+        if (AwaitJpegView(Extras(record).device_path, &converted, &file, true) != 0) return LIBIUSB_ERROR_IO;
         int uploaded = uploadfile(ctx, file.substr(strlen(ctx->work_dir)).c_str(), devicePathOf(to).c_str(),
                                   run.target.afc, false);
-        ReleaseJpegView(record->device_path);
+        ReleaseJpegView(Extras(record).device_path);
         if (uploaded != 0) return uploaded;
         recordTarget(run, to, KTL_MODE_FILE, converted);
         takeFreeSpace(ctx, converted);
@@ -427,7 +427,7 @@ int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *ca
         return 0;
     }
     _KTL_OBJECT *app = FindObject(appFolderOf(path).c_str());
-    if (app == nullptr || app->app_id == nullptr) return LIBIUSB_ERROR_APP_NOT_FOUND;
+    if (app == nullptr || Extras(app).app_id == nullptr) return LIBIUSB_ERROR_APP_NOT_FOUND;
     // A client of its own: the folder connections that open files use stay untouched.
     int result = StartHouseArrest(ctx, &side->afc);
     if (result != 0) {
@@ -439,8 +439,8 @@ int OpenMoveSide(_CONTEXT *ctx, const char *path, MoveSide *side, const char *ca
         return result;
     }
     side->app = true;
-    side->appId = app->app_id;
-    result = libiusb_housearrest_openapp(side->afc, app->app_id);
+    side->appId = Extras(app).app_id;
+    result = libiusb_housearrest_openapp(side->afc, Extras(app).app_id);
     if (result != 0) {
         if (otherAppSource)
             QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d", caller, result);

@@ -39,23 +39,23 @@ enum class ClientStep { None, Init, OpenApp };
 int holdFolderClient(_CONTEXT *ctx, _KTL_OBJECT *folder, const char *appId, const char *caller, bool logAppId,
                      ClientStep *failed) {
     *failed = ClientStep::None;
-    if (folder->hhandle != nullptr) return 0;
-    int result = StartHouseArrest(ctx, &folder->hhandle);
+    if (Extras(folder).hhandle != nullptr) return 0;
+    int result = StartHouseArrest(ctx, &EditExtras(folder).hhandle);
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_init failed. error : %d", caller, result);
-        folder->hhandle = nullptr;
+        EditExtras(folder).hhandle = nullptr;
         *failed = ClientStep::Init;
         return result;
     }
-    result = libiusb_housearrest_openapp(folder->hhandle, appId != nullptr ? appId : "");
+    result = libiusb_housearrest_openapp(Extras(folder).hhandle, appId != nullptr ? appId : "");
     if (result != 0) {
         if (logAppId)
             QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d, App ID : %s", caller, result,
                   appId != nullptr ? appId : "");
         else
             QNLog(3, "%s libiusb_housearrest_openapp failed. error : %d", caller, result);
-        libiusb_housearrest_exit(folder->hhandle);
-        folder->hhandle = nullptr;
+        libiusb_housearrest_exit(Extras(folder).hhandle);
+        EditExtras(folder).hhandle = nullptr;
         *failed = ClientStep::OpenApp;
     }
     return result;
@@ -104,8 +104,8 @@ int refuseRmdir(const char *path) {
 void recordNewFolder(const char *path, _KTL_OBJECT *parent, bool inApp) {
     _KTL_OBJECT *folder = GetObjectWithFileName(path);
     folder->mode = KTL_MODE_FOLDER;
-    if (inApp && folder->app_id == nullptr && parent != nullptr && parent->app_id != nullptr)
-        folder->app_id = CopyString(parent->app_id);
+    if (inApp && Extras(folder).app_id == nullptr && parent != nullptr && Extras(parent).app_id != nullptr)
+        EditExtras(folder).app_id = CopyString(Extras(parent).app_id);
     time_t now = time(nullptr);
     folder->birth_time = now;
     folder->modify_time = now;
@@ -117,7 +117,7 @@ void recordNewFolder(const char *path, _KTL_OBJECT *parent, bool inApp) {
 // (and device handle) until its last release; the handles point at it.
 void forgetRemovedFile(_CONTEXT *ctx, _KTL_OBJECT *object, const char *path) {
     ctx->device_info.free_capacity += object->size;
-    if (object->open_count > 0)
+    if (Extras(object).open_count > 0)
         KeepUntilLastRelease(object, path);
     else
         DeleteObject(object, path);
@@ -163,19 +163,19 @@ int rmdirInApp(_CONTEXT *ctx, const char *path) {
         return 0;
     }
     ClientStep step = ClientStep::None;
-    int result = holdFolderClient(ctx, parent, record->app_id, "tarnifs_rmdir", true, &step);
+    int result = holdFolderClient(ctx, parent, Extras(record).app_id, "tarnifs_rmdir", true, &step);
     if (result != 0) return clientFailed(path, step, result);
 
     std::string devicePath = AppSandboxPath(path);
-    result = libiusb_afc_file_remove(parent->hhandle, devicePath.c_str());
+    result = libiusb_afc_file_remove(Extras(parent).hhandle, devicePath.c_str());
     if (result == 0) {
-        if (parent->open_count != 0) {
+        if (Extras(parent).open_count != 0) {
             DeleteObject(record, path);
             return 0;
         }
-        int ended = libiusb_housearrest_exit(parent->hhandle);
+        int ended = libiusb_housearrest_exit(Extras(parent).hhandle);
         if (ended == 0) {
-            parent->hhandle = nullptr;
+            EditExtras(parent).hhandle = nullptr;
             DeleteObject(record, path);
             return 0;
         }
@@ -183,8 +183,8 @@ int rmdirInApp(_CONTEXT *ctx, const char *path) {
         // reports a failure only for a connection it never had: asking once
         // more cannot touch freed memory.
         QNLog(3, "%s libiusb_housearrest_exit failed. error : %d", "tarnifs_rmdir", ended);
-        libiusb_housearrest_exit(parent->hhandle);
-        parent->hhandle = nullptr;
+        libiusb_housearrest_exit(Extras(parent).hhandle);
+        EditExtras(parent).hhandle = nullptr;
         return ended;
     }
     if (result == LIBIUSB_ERROR_DIR_NOT_EMPTY) {
@@ -193,9 +193,9 @@ int rmdirInApp(_CONTEXT *ctx, const char *path) {
     }
     QNLog(3, "%s libiusb_afc_file_remove failed. path(%s). error : %d", "tarnifs_rmdir", devicePath.c_str(), result);
     composeRmdirFailure(result);
-    if (parent->hhandle != nullptr && parent->open_count == 0) {
-        libiusb_housearrest_exit(parent->hhandle);
-        parent->hhandle = nullptr;
+    if (Extras(parent).hhandle != nullptr && Extras(parent).open_count == 0) {
+        libiusb_housearrest_exit(Extras(parent).hhandle);
+        EditExtras(parent).hhandle = nullptr;
     }
     ShowMessageBox(kMsgError, "%s", ErrMsg);
     return -ECANCELED;
@@ -242,10 +242,10 @@ int tarnifs_mkdir(const char *path, mode_t) {
     // record holds the app and the connection.
     if (parent == nullptr) return -ENOENT;
     ClientStep step = ClientStep::None;
-    result = holdFolderClient(ctx, parent, parent->app_id, "tarnifs_mkdir", true, &step);
+    result = holdFolderClient(ctx, parent, Extras(parent).app_id, "tarnifs_mkdir", true, &step);
     if (result != 0) return clientFailed(path, step, result);
     std::string devicePath = AppSandboxPath(path);
-    result = libiusb_afc_make_directory(parent->hhandle, devicePath.c_str());
+    result = libiusb_afc_make_directory(Extras(parent).hhandle, devicePath.c_str());
     if (result != 0) {
         QNLog(3, "%s libiusb_afc_make_directory failed. path(%s). error : %d", "tarnifs_mkdir", devicePath.c_str(),
               result);
@@ -253,9 +253,9 @@ int tarnifs_mkdir(const char *path, mode_t) {
     }
     recordNewFolder(path, parent, true);
     // Files open below the parent go on using its connection.
-    if (parent->open_count != 0) return 0;
-    result = libiusb_housearrest_exit(parent->hhandle);
-    parent->hhandle = nullptr;  // released by the device layer whatever it reports
+    if (Extras(parent).open_count != 0) return 0;
+    result = libiusb_housearrest_exit(Extras(parent).hhandle);
+    EditExtras(parent).hhandle = nullptr;  // released by the device layer whatever it reports
     if (result != 0) QNLog(3, "%s libiusb_housearrest_exit failed. error : %d", "tarnifs_mkdir", result);
     return result;
 }
@@ -371,10 +371,10 @@ int UnlinkAppsContents(_CONTEXT *ctx, const char *path) {
         return 0;
     }
     ClientStep step = ClientStep::None;
-    int result = holdFolderClient(ctx, parent, parent->app_id, "UnlinkAppsContents", true, &step);
+    int result = holdFolderClient(ctx, parent, Extras(parent).app_id, "UnlinkAppsContents", true, &step);
     if (result != 0) return result;
     std::string devicePath = AppSandboxPath(path);
-    result = libiusb_afc_file_remove(parent->hhandle, devicePath.c_str());
+    result = libiusb_afc_file_remove(Extras(parent).hhandle, devicePath.c_str());
     if (result == LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND)
         QNLog(3, "%s libiusb_afc_file_remove return LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND", "UnlinkAppsContents");
     if (result == 0 || result == LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND) {
@@ -399,13 +399,13 @@ int CleanupSubFiles(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
         }
         libiusb_afc *connection = ctx->afc_handle;
         std::string devicePath;
-        if (child->app_id == nullptr) {
+        if (Extras(child).app_id == nullptr) {
             devicePath = StorageDevicePath(childPath.c_str());
         } else {
             ClientStep step = ClientStep::None;
-            result = holdFolderClient(ctx, folder, child->app_id, "CleanupSubFiles", false, &step);
+            result = holdFolderClient(ctx, folder, Extras(child).app_id, "CleanupSubFiles", false, &step);
             if (result != 0) break;
-            connection = folder->hhandle;
+            connection = Extras(folder).hhandle;
             devicePath = AppSandboxPath(childPath.c_str());
         }
         result = libiusb_afc_file_remove(connection, devicePath.c_str());
@@ -416,7 +416,7 @@ int CleanupSubFiles(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
         }
         // The record goes under the volume path it is known by, so no map
         // entry outlives it; the kernel must forget the name as well.
-        if (child->mode == KTL_MODE_FOLDER || child->open_count == 0)
+        if (child->mode == KTL_MODE_FOLDER || Extras(child).open_count == 0)
             DeleteObject(child, childPath.c_str());
         else
             KeepUntilLastRelease(child, childPath.c_str());
@@ -424,11 +424,11 @@ int CleanupSubFiles(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder) {
         link = following;
     }
     // Files still open below the folder go on using its connection.
-    if (folder->hhandle != nullptr && folder->open_count == 0) {
-        int ended = libiusb_housearrest_exit(folder->hhandle);
+    if (Extras(folder).hhandle != nullptr && Extras(folder).open_count == 0) {
+        int ended = libiusb_housearrest_exit(Extras(folder).hhandle);
         if (ended != 0)
             QNLog(3, "%s libiusb_housearrest_exit failed. path(%s). ret : %d", "CleanupSubFiles", path, ended);
-        folder->hhandle = nullptr;
+        EditExtras(folder).hhandle = nullptr;
     }
     return result;
 }

@@ -73,7 +73,7 @@ int GetPhotoFromDevice(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, 
     std::string candidate = FreeEntryPath(path, name, true);
     _KTL_OBJECT *object = GetObjectWithFileName(candidate.c_str());
     object->mode = KTL_MODE_FILE;
-    if (object->device_path == nullptr) object->device_path = CopyString(devicePath.c_str());
+    if (Extras(object).device_path == nullptr) EditExtras(object).device_path = CopyString(devicePath.c_str());
     object->type = KTL_TYPE_DEVICE_FILE;
     time_t now = time(nullptr);
     if (row.moment_date != 0)
@@ -89,9 +89,9 @@ int GetPhotoFromDevice(_CONTEXT *ctx, const char *path, fuse_fill_dir_t filler, 
         // Its size is the JPEG's, known exactly once converted (see
         // docs/jpeg-views.md); until then the listing gives no attributes.
         StartJpegViews(ctx);
-        object->size = KnownJpegViewSize(object->device_path);
-        object->jpeg_view = object->size != 0 ? 2 : 1;
-        gListedJpegViews.push_back(object->device_path);
+        object->size = KnownJpegViewSize(Extras(object).device_path);
+        EditExtras(object).jpeg_view = object->size != 0 ? 2 : 1;
+        gListedJpegViews.push_back(Extras(object).device_path);
     }
     LinkChildObject(parent, object);
     if (filler != nullptr) filler(buf, object->file_name, nullptr, 0, static_cast<enum fuse_fill_dir_flags>(0));

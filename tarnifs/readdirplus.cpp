@@ -95,7 +95,7 @@ int readdirWithAttributes(const char *path, void *buffer, fuse_fill_dir_t filler
             // A JPEG view not converted yet goes out with its type only: its
             // size is known once converted, which the kernel's lookup of it
             // waits for (a plain `ls` needs no lookup, and converts nothing).
-            typeOnly = child != nullptr && child->jpeg_view == 1;
+            typeOnly = child != nullptr && Extras(child).jpeg_view == 1;
         }
         // The offset handed with an entry is where the next page starts.
         enum fuse_fill_dir_flags fill =

@@ -106,7 +106,7 @@ void recordRename(_CONTEXT *ctx, _KTL_OBJECT *source, const char *from, const ch
     _KTL_OBJECT *target = FindObject(to);
     if (target != nullptr && target != source) {
         if (target->mode == KTL_MODE_FILE) ctx->device_info.free_capacity += target->size;
-        if (target->open_count > 0 && target->mode == KTL_MODE_FILE)
+        if (Extras(target).open_count > 0 && target->mode == KTL_MODE_FILE)
             KeepUntilLastRelease(target, to);
         else
             DeleteObject(target, to);
@@ -182,7 +182,7 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
         QNLog(3, "%s libiusb_housearrest_init failed, ret : %d", "movetoapps", result);
         return result;
     }
-    result = libiusb_housearrest_openapp(client, parent->app_id != nullptr ? parent->app_id : "");
+    result = libiusb_housearrest_openapp(client, Extras(parent).app_id != nullptr ? Extras(parent).app_id : "");
     if (result != 0) {
         QNLog(3, "%s libiusb_housearrest_openapp failed, ret : %d", "movetoapps", result);
         libiusb_housearrest_exit(client);
@@ -198,7 +198,7 @@ int renameInsideApp(_CONTEXT *ctx, const char *from, const char *to) {
                   deviceTo.c_str(), result);
     }
     if (result == 0) {
-        if (source->app_id == nullptr && parent->app_id != nullptr) source->app_id = CopyString(parent->app_id);
+        if (Extras(source).app_id == nullptr && Extras(parent).app_id != nullptr) EditExtras(source).app_id = CopyString(Extras(parent).app_id);
         recordRename(ctx, source, from, to);
     }
     // The device layer releases the client whatever its exit reports.

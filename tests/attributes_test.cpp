@@ -103,9 +103,9 @@ TEST_F(AttributesTest, ExtendedAttributesAreStoredReplacedAndRemoved) {
     ASSERT_EQ(tarnifs_setxattr(path, "user.b", "second", 6, 0), 0);
     ASSERT_EQ(tarnifs_setxattr(path, "user.a", "replaced!", 9, 0), 0);
     int nodes = 0;
-    for (_KTL_XATTR *node = song->xattr_list; node != nullptr; node = node->next) ++nodes;
+    for (_KTL_XATTR *node = Extras(song).xattr_list; node != nullptr; node = node->next) ++nodes;
     EXPECT_EQ(nodes, 2);
-    EXPECT_STREQ(song->xattr_list->name, "user.b");  // newest name first
+    EXPECT_STREQ(Extras(song).xattr_list->name, "user.b");  // newest name first
 
     EXPECT_EQ(tarnifs_getxattr(path, "user.a", nullptr, 0), 9);
     char buffer[64];
@@ -127,7 +127,7 @@ TEST_F(AttributesTest, ExtendedAttributesAreStoredReplacedAndRemoved) {
     EXPECT_EQ(tarnifs_removexattr(path, "user.a"), -ENOATTR);
     EXPECT_EQ(tarnifs_getxattr(path, "user.b", nullptr, 0), 6);
     EXPECT_EQ(tarnifs_removexattr(path, "user.b"), 0);
-    EXPECT_EQ(song->xattr_list, nullptr);
+    EXPECT_EQ(Extras(song).xattr_list, nullptr);
     EXPECT_EQ(tarnifs_removexattr(path, "user.b"), -ENOATTR);
 }
 

@@ -49,8 +49,8 @@ protected:
 TEST_F(FileDataUnitTest, AMediaItemIsNeverOpenedOrResizedForWriting) {
     _KTL_OBJECT *song = file("/Media/Music/Artist - Title.mp3", 4000);
     const char *devicePath = "/iTunes_Control/Music/F00/ABCD.mp3";
-    song->device_path = new char[strlen(devicePath) + 1];
-    strcpy(song->device_path, devicePath);
+    EditExtras(song).device_path = new char[strlen(devicePath) + 1];
+    strcpy(Extras(song).device_path, devicePath);
 
     for (int flags : {O_WRONLY, O_RDWR, O_RDONLY | O_TRUNC}) {
         struct fuse_file_info fi {};
@@ -61,8 +61,8 @@ TEST_F(FileDataUnitTest, AMediaItemIsNeverOpenedOrResizedForWriting) {
         EXPECT_EQ(dialogText(), "This folder is read only. You can not write or modify.\n/Media/Music");
         EXPECT_STREQ(context.dialog.dialog_title, "Quorvel Notification");
     }
-    EXPECT_EQ(song->open_count, 0u);
-    EXPECT_EQ(song->file_handle, 0u);
+    EXPECT_EQ(Extras(song).open_count, 0u);
+    EXPECT_EQ(Extras(song).file_handle, 0u);
 
     EXPECT_EQ(tarnifs_truncate("/Media/Music/Artist - Title.mp3", 0, nullptr), -ECANCELED);
     EXPECT_EQ(song->size, 4000u);
@@ -73,8 +73,8 @@ TEST_F(FileDataUnitTest, ASafeSaveOverAnExistingFileIsStagedAtItsOffsetsAndTheDe
     file("/Storage/report.doc", 300);
     const char *name = "/Storage/report.doc.sb-5e0f12ab-Qx7LmZ";
     _KTL_OBJECT *temporary = file(name, 0);
-    temporary->file_handle = 77;  // created on the device, as create does
-    temporary->open_count = 1;
+    EditExtras(temporary).file_handle = 77;  // created on the device, as create does
+    EditExtras(temporary).open_count = 1;
     struct fuse_file_info fi {};
     fi.fh = reinterpret_cast<uint64_t>(temporary);
 
@@ -88,7 +88,7 @@ TEST_F(FileDataUnitTest, ASafeSaveOverAnExistingFileIsStagedAtItsOffsetsAndTheDe
     EXPECT_EQ(st.st_mode & 0777, 0600u) << "staged files are private";
     EXPECT_EQ(temporary->type, static_cast<uint32_t>(KTL_TYPE_STAGED));
     EXPECT_EQ(temporary->size, 6u);
-    EXPECT_EQ(temporary->writing, 1);
+    EXPECT_EQ(Extras(temporary).writing, 1);
     EXPECT_EQ(context.device_info.free_capacity, 1000000u - 6);
     // Staging counterparts made on their own are private too.
     ASSERT_EQ(MakeTmpPath(&context, "/Storage", KTL_MODE_FOLDER), 0);
@@ -119,7 +119,7 @@ TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritt
     context.afc_handle = reinterpret_cast<libiusb_afc *>(connectionStandIn);
     _KTL_OBJECT *notes = file("/Storage/notes.abcdefghijkl", 10);
     notes->type = KTL_TYPE_STAGED;
-    notes->open_count = 1;  // another program holds it open: nothing is uploaded yet
+    EditExtras(notes).open_count = 1;  // another program holds it open: nothing is uploaded yet
     mkdir((std::string(context.work_dir) + "/staging").c_str(), 0700);
     mkdir((std::string(context.work_dir) + "/staging/Storage").c_str(), 0700);
     std::ofstream(std::string(context.work_dir) + "/staging/Storage/notes.abcdefghijkl") << "0123456789";
@@ -127,13 +127,13 @@ TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritt
     ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);
     char buffer[16] = {0};
     EXPECT_EQ(tarnifs_read("/Storage/notes.abcdefghijkl", buffer, 4, 0, &fi), 4);
-    EXPECT_EQ(notes->reading, 0);
+    EXPECT_EQ(Extras(notes).reading, 0);
     EXPECT_EQ(tarnifs_read("/Storage/notes.abcdefghijkl", buffer, 3, 7, &fi), 3);  // a gap: not through yet
-    EXPECT_EQ(notes->reading, 0);
+    EXPECT_EQ(Extras(notes).reading, 0);
     EXPECT_EQ(tarnifs_read("/Storage/notes.abcdefghijkl", buffer, 6, 4, &fi), 6);  // the run reaches the end
-    EXPECT_EQ(notes->reading, 1);
+    EXPECT_EQ(Extras(notes).reading, 1);
     EXPECT_EQ(std::string(buffer, 6), "456789");
-    notes->writing = 1;
+    EditExtras(notes).writing = 1;
     EXPECT_EQ(tarnifs_release("/Storage/notes.abcdefghijkl", &fi), 0);
 
     std::vector<_KTL_PIPE_DATA_BOX_FS_VALUE> queued = takeQueued();
@@ -141,14 +141,14 @@ TEST_F(FileDataUnitTest, ReleaseQueuesOneTransferRecordPerFileReadThroughOrWritt
     EXPECT_EQ(queued[0].kind, 1u);
     EXPECT_EQ(queued[0].size, 10u);
     EXPECT_STREQ(queued[0].extension, "abcdefghi");
-    EXPECT_EQ(notes->writing, 1) << "left for the next release";
+    EXPECT_EQ(Extras(notes).writing, 1) << "left for the next release";
 
     ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);
     EXPECT_EQ(tarnifs_release("/Storage/notes.abcdefghijkl", &fi), 0);
     queued = takeQueued();
     ASSERT_EQ(queued.size(), 1u);
     EXPECT_EQ(queued[0].kind, 2u);
-    EXPECT_EQ(notes->open_count, 1u);
+    EXPECT_EQ(Extras(notes).open_count, 1u);
 
     // Nothing read through, nothing written: nothing to report.
     ASSERT_EQ(tarnifs_open("/Storage/notes.abcdefghijkl", &fi), 0);

@@ -31,7 +31,7 @@ protected:
         context.device_info.free_capacity = 1000;
         for (const char *path : {"/", "/Storage", "/Apps", "/Media", "/Media/Music", "/Apps/Notes", "/Storage/full"})
             folder(path);
-        FindObject("/Apps/Notes")->app_id = CopyString("com.example.notes");
+        EditExtras(FindObject("/Apps/Notes")).app_id = CopyString("com.example.notes");
         file("/Storage/full/x.txt", 10);
         noDialog();
     }
@@ -93,7 +93,7 @@ TEST_F(NamespaceUnitTest, AFolderWithCataloguedChildrenIsNotEmptyAndUnknownPaths
     EXPECT_EQ(dialogText(), "") << "no dialog for a folder that is not empty";
     EXPECT_NE(FindObject("/Storage/full/x.txt"), nullptr);
     folder("/Apps/Notes/in");
-    FindObject("/Apps/Notes/in")->app_id = CopyString("com.example.notes");
+    EditExtras(FindObject("/Apps/Notes/in")).app_id = CopyString("com.example.notes");
     file("/Apps/Notes/in/n.txt", 3);
     EXPECT_EQ(tarnifs_rmdir("/Apps/Notes/in"), -ENOTEMPTY);
 
@@ -111,7 +111,7 @@ TEST_F(NamespaceUnitTest, AFolderWithCataloguedChildrenIsNotEmptyAndUnknownPaths
 
 TEST_F(NamespaceUnitTest, AFileRemovedWhileOpenLivesUntilItsLastHandleIsReleased) {
     _KTL_OBJECT *open = file("/Storage/full/open.txt", 42);
-    open->open_count = 2;
+    EditExtras(open).open_count = 2;
     struct fuse_file_info first {}, second {};
     first.fh = second.fh = reinterpret_cast<uint64_t>(open);
     // What a successful device removal of an open file leaves.
@@ -141,7 +141,7 @@ TEST_F(NamespaceUnitTest, AFileRemovedWhileOpenLivesUntilItsLastHandleIsReleased
     EXPECT_EQ(RemovedOpenObject(second.fh, nullptr), open) << "one handle is still open";
     EXPECT_EQ(tarnifs_release(nullptr, &second), 0);
     EXPECT_EQ(RemovedOpenObject(second.fh, nullptr), nullptr) << "freed with the last release";
-    EXPECT_EQ(fresh->open_count, 0u) << "the new file was never touched";
+    EXPECT_EQ(Extras(fresh).open_count, 0u) << "the new file was never touched";
     EXPECT_EQ(fresh->size, 1u);
     // A handle the catalogue does not know is answered, never followed.
     struct fuse_file_info stranger {};
@@ -153,7 +153,7 @@ TEST_F(NamespaceUnitTest, AFileRemovedWhileOpenLivesUntilItsLastHandleIsReleased
 
     // One still open at unmount is freed with the catalogue.
     _KTL_OBJECT *left = file("/Storage/full/left-open.txt", 1);
-    left->open_count = 1;
+    EditExtras(left).open_count = 1;
     KeepUntilLastRelease(left, "/Storage/full/left-open.txt");
     FreeAllObjects(nullptr);  // the sanitizer build reports a leak otherwise
     EXPECT_EQ(RemovedOpenObject(reinterpret_cast<uint64_t>(left), nullptr), nullptr);
@@ -225,7 +225,7 @@ TEST_F(MissingContextTest, EveryOperationAnswersTheMissingContextErrorAndTouches
     _KTL_OBJECT *kept = FindObject(path);
     ASSERT_NE(kept, nullptr);
     EXPECT_EQ(kept->size, 5u);
-    EXPECT_EQ(kept->xattr_list, nullptr);
+    EXPECT_EQ(Extras(kept).xattr_list, nullptr);
     EXPECT_EQ(FindObject("/Storage/other"), nullptr);
     EXPECT_EQ(FindObject("/Storage/other.txt"), nullptr);
     for (const char *line : {"getContext pContext is NULL!!", "tarnifs_setattr_x getContext failed. ret : -38",

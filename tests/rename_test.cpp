@@ -21,13 +21,13 @@ protected:
         for (const char *path : {"/", "/Storage", "/Apps", "/Media", "/Media/Music", "/Media/Movies", "/Apps/Notes",
                                  "/Apps/Other", "/Storage/dir", "/Storage/dir/inner"})
             folder(path);
-        FindObject("/Apps/Notes")->app_id = CopyString("com.example.notes");
-        FindObject("/Apps/Other")->app_id = CopyString("com.example.other");
+        EditExtras(FindObject("/Apps/Notes")).app_id = CopyString("com.example.notes");
+        EditExtras(FindObject("/Apps/Other")).app_id = CopyString("com.example.other");
         file("/Storage/a.txt", 10);
         file("/Storage/dir/one.txt", 3);
         file("/Storage/dir/inner/two.txt", 4);
         file("/Media/Music/song.mp3", 5);
-        file("/Apps/Notes/n.txt", 6)->app_id = CopyString("com.example.notes");
+        EditExtras(file("/Apps/Notes/n.txt", 6)).app_id = CopyString("com.example.notes");
         noDialog();
     }
 };
@@ -121,7 +121,7 @@ TEST_F(RenameUnitTest, ADeviceRefusalIsShownAndLeavesTheCatalogueAsItWas) {
 TEST_F(RenameUnitTest, AMovedRecordKeepsItsAddressAndTakesItsSubtreeAlong) {
     _KTL_OBJECT *dir = FindObject("/Storage/dir");
     _KTL_OBJECT *two = FindObject("/Storage/dir/inner/two.txt");
-    two->open_count = 1;  // a handle points at it
+    EditExtras(two).open_count = 1;  // a handle points at it
     MoveObject(dir, "/Storage/dir", "/Storage/moved");
     EXPECT_EQ(FindObject("/Storage/moved"), dir);
     EXPECT_STREQ(dir->file_name, "moved");
@@ -140,7 +140,7 @@ TEST_F(RenameUnitTest, AMovedRecordKeepsItsAddressAndTakesItsSubtreeAlong) {
     // A decomposed name is found under its composed key after the move.
     MoveObject(FindObject("/Storage/a.txt"), "/Storage/a.txt", "/Storage/Re\xcc\x81sume\xcc\x81.txt");
     EXPECT_NE(FindObject("/Storage/R\xc3\xa9sum\xc3\xa9.txt"), nullptr);
-    two->open_count = 0;
+    EditExtras(two).open_count = 0;
 }
 
 } // namespace
