@@ -160,9 +160,9 @@ class DevsimAfcTest : public ::testing::Test {
   }
 
   afc_error_t stat_path(const char* path) {
-    char** info = nullptr;
-    afc_error_t result = afc_get_file_info(afc_, path, &info);
-    if (info) afc_dictionary_free(info);
+    char** list = nullptr;
+    afc_error_t result = afc_get_file_info(afc_, path, &list);
+    to_map(list);
     return result;
   }
 
@@ -244,8 +244,7 @@ TEST_F(DevsimAfcTest, ListsDescribesFillsToCapacityAndServesHostileKindsAndChose
   EXPECT_EQ(stat_path("/general_storage/Hostile/sizes"), AFC_E_OBJECT_NOT_FOUND) << "a kind not chosen";
   // The made-up tree cannot be changed, and nothing was written to the image.
   EXPECT_EQ(afc_make_directory(afc_, "/general_storage/Hostile/names/new"), AFC_E_PERM_DENIED);
-  uint64_t handle = 0;
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/Hostile/names/plain.txt", AFC_FOPEN_RW, &handle), AFC_E_PERM_DENIED);
+  open("/general_storage/Hostile/names/plain.txt", AFC_FOPEN_RW, AFC_E_PERM_DENIED);
   EXPECT_NE(stat((media_ + "/general_storage/Hostile").c_str(), &st), 0);
   ASSERT_EQ(sim_.control("clear " + udid_), "ok");
   EXPECT_EQ(stat_path("/general_storage/Hostile/names"), AFC_E_SUCCESS) << "clear leaves hostile kinds";
@@ -255,18 +254,18 @@ TEST_F(DevsimAfcTest, ListsDescribesFillsToCapacityAndServesHostileKindsAndChose
   // Chosen errors answer for matching paths only.
   ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/lock* 10"), "ok");
   ASSERT_EQ(sim_.control("afc-error " + udid_ + " */data.bin no-space"), "ok");
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_PERM_DENIED);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/data.bin", AFC_FOPEN_RW, &handle), AFC_E_NO_SPACE_LEFT);
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/open.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  open("/general_storage/locked.txt", AFC_FOPEN_RDONLY, AFC_E_PERM_DENIED);
+  open("/general_storage/data.bin", AFC_FOPEN_RW, AFC_E_NO_SPACE_LEFT);
+  open("/general_storage/open.txt", AFC_FOPEN_RDONLY);
   EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x"), "error: usage: afc-error UDID PATTERN CODE (CODE: number or name, not 0)");
   ASSERT_EQ(sim_.control("clear " + udid_), "ok");
-  EXPECT_EQ(afc_file_open(afc_, "/general_storage/locked.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
+  open("/general_storage/locked.txt", AFC_FOPEN_RDONLY);
 
   // A rule for one kind of request: the file opens and reads, but stays.
   ASSERT_EQ(sim_.control("afc-error " + udid_ + " /general_storage/open.txt permission-denied remove"), "ok");
   EXPECT_EQ(sim_.control("afc-error " + udid_ + " /x 10 delete"),
             "error: afc-error REQUEST is one of remove, rename, open, read, write, info, mkdir, list");
-  handle = open("/general_storage/open.txt", AFC_FOPEN_RDONLY);
+  uint64_t handle = open("/general_storage/open.txt", AFC_FOPEN_RDONLY);
   EXPECT_EQ(read(handle, 1), "o");
   EXPECT_EQ(afc_file_close(afc_, handle), AFC_E_SUCCESS);
   EXPECT_EQ(afc_remove_path(afc_, "/general_storage/open.txt"), AFC_E_PERM_DENIED);
@@ -417,11 +416,6 @@ void vend(idevice_t device, const char* command, const char* app, Vended& out) {
     EXPECT_EQ(afc_client_new_from_house_arrest_client(out.house, &out.afc), AFC_E_SUCCESS);
   }
   plist_free(result);
-}
-
-void count_parts(plist_t command, plist_t status, void* user_data) {
-  (void)command;
-  if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(user_data);
 }
 
 // What a usbmuxd listener saw of the device with this id.
@@ -822,17 +816,6 @@ std::string afc_header(uint64_t entire, uint64_t this_length, uint64_t operation
   return std::string(magic, 8) + u64le(entire) + u64le(this_length) + u64le(1) + u64le(operation);
 }
 
-// The port lockdown gave for a service, started in plain from the TLS session.
-uint16_t service_port(lockdownd_client_t lockdown, const char* name) {
-  lockdownd_service_descriptor_t service = nullptr;
-  EXPECT_EQ(lockdownd_start_service(lockdown, name, &service), LOCKDOWN_E_SUCCESS) << name;
-  uint16_t port = service ? service->port : 0;
-  EXPECT_NE(port, 0) << name;
-  EXPECT_EQ(service ? service->ssl_enabled : -1, 0) << name;
-  lockdownd_service_descriptor_free(service);
-  return port;
-}
-
 // House arrest and the installation proxy answer as on a phone; lockdown
 // answers values and starts services; malformed input to usbmux and
 // to every service closes only the offending connection, while this
@@ -887,6 +870,9 @@ TEST_F(DevsimRobustnessTest, VendsSharedDocumentsBrowsesAppsInPartsServesValuesA
   EXPECT_TRUE(sharing["com.example.maps"]);
 
   std::atomic<int> parts{0};
+  auto count_parts = [](plist_t, plist_t status, void* parts) {
+    if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(parts);
+  };
   ASSERT_EQ(instproxy_browse_with_callback(installer, options, count_parts, &parts), INSTPROXY_E_SUCCESS);
   for (int i = 0; i < 100 && parts < 3; ++i) usleep(50000);
   EXPECT_EQ(parts.load(), 3);  // five apps arrive as 2 + 2 + 1
@@ -969,8 +955,15 @@ TEST_F(DevsimRobustnessTest, VendsSharedDocumentsBrowsesAppsInPartsServesValuesA
   };
   for (const auto& c : cases) {
     std::string label = std::string(c.service ? c.service : "lockdown") + ": " + c.label;
-    uint16_t port = c.service && c.service != mux ? service_port(lockdown_, c.service) : 62078;
-    int fd = c.service == mux ? connect_mux(sim_.socket_path()) : usbmuxd_connect(id, port);
+    // Services start in plain from the TLS session.
+    lockdownd_service_descriptor_t service = nullptr;
+    if (c.service && c.service != mux) {
+      EXPECT_EQ(lockdownd_start_service(lockdown_, c.service, &service), LOCKDOWN_E_SUCCESS) << label;
+      EXPECT_EQ(service ? service->ssl_enabled : -1, 0) << label;
+    }
+    int fd = c.service == mux ? connect_mux(sim_.socket_path())
+                              : usbmuxd_connect(id, service ? service->port : 62078);
+    lockdownd_service_descriptor_free(service);
     ASSERT_GE(fd, 0) << label;
     send_bytes(fd, c.bytes);
     if (c.close_early) {
