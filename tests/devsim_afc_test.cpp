@@ -435,7 +435,8 @@ void record_event(const usbmuxd_event_t* event, void* user_data) {
 TEST_F(DevsimFaultsTest, CountsConnectionsLimitsServicesDropsUnplugsShapesTrafficAndShowsALateDevice) {
   DevsimImage late;
   late.udid = "1a7e00000000000000000000000000000000d3v5";
-  start({"--latency-us", "300", "--bandwidth-mbps", "35", "--fault", "appear-after " + late.udid + " 2"}, {late});
+  start({"--latency-us", "300", "--bandwidth-mbps", "35", "--fault", "appear-after " + late.udid + " 2"},
+        {late});
   EXPECT_FALSE(device_listed(late.udid));
   idevice_t device = nullptr;
   EXPECT_NE(idevice_new(&device, late.udid.c_str()), IDEVICE_E_SUCCESS);
