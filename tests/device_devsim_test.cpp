@@ -296,10 +296,9 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
     libiusb_afc_file_close(afc, writer);
     EXPECT_EQ(readLocal(onImage("/general_storage/model.bin")), model);
 
+    // New files were written above: these two are put in the new folder from outside.
     ASSERT_EQ(libiusb_afc_make_directory(afc, "/general_storage/sub"), 0);
-    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/sub/one.txt", LIBIUSB_AFC_WR, &file), 0);
-    ASSERT_EQ(libiusb_afc_file_write(afc, file, "1", 1, 0, &done), 0);
-    libiusb_afc_file_close(afc, file);
+    ASSERT_TRUE(writeLocal(onImage("/general_storage/sub/one.txt"), "1"));
     ASSERT_EQ(symlink("../hello.txt", onImage("/general_storage/sub/link").c_str()), 0);
 
     uint32_t entries = 0;
