@@ -131,7 +131,8 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
     for (int i = 0; i < kEntries; ++i) {
         std::string name = "e" + std::to_string(i);
         second.files.push_back({"media/general_storage/many/" + name, std::string(static_cast<size_t>(i), 'm')});
-        second.files.push_back({"apps/com.example.docs/Documents/" + name, std::string(static_cast<size_t>(i * 2), 'a')});
+        second.files.push_back(
+            {"apps/com.example.docs/Documents/" + name, std::string(static_cast<size_t>(i * 2), 'a')});
     }
     DevsimImage third;
     third.location_id = 77;
@@ -168,8 +169,9 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
         EXPECT_STREQ(info.udid, sim.udid(n).c_str());
         EXPECT_STREQ(info.device_name, images[n].name.c_str());
         EXPECT_STREQ(info.ios_version, images[n].ios_version.c_str());
-        auto row = std::find_if(shown.begin() + 1, shown.end(),
-                                [&](const std::string &line) { return line.find(sim.udid(n)) != std::string::npos; });
+        auto row = std::find_if(shown.begin() + 1, shown.end(), [&](const std::string &line) {
+            return line.find(sim.udid(n)) != std::string::npos;
+        });
         ASSERT_NE(row, shown.end()) << ran.out;
         const std::string id = std::to_string(images[n].location_id) + " ";
         EXPECT_EQ(row->compare(0, id.size(), id), 0) << *row;
@@ -195,7 +197,8 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
     EXPECT_EQ(block.block_size, 8192u);
     EXPECT_EQ(block.total_capacity, 64ull << 30);
     // Free: less every stored byte, the apps' included.
-    EXPECT_EQ(block.free_capacity, (64ull << 30) - 10000 - 13 - 2345 - 4 - 9 - 3 * (kEntries * (kEntries - 1) / 2));
+    EXPECT_EQ(block.free_capacity,
+              (64ull << 30) - 10000 - 13 - 2345 - 4 - 9 - 3 * (kEntries * (kEntries - 1) / 2));
     EXPECT_STREQ(block.ios_version, "16.7.2");
     EXPECT_STREQ(block.device_name, "Zweites iPad \xc3\xa4");
     EXPECT_STREQ(block.product_type, "iPad7,5");
