@@ -1,13 +1,16 @@
-// The device layer against the simulated device: device list and information,
-// AFC file data at explicit offsets, folders, apps and house-arrest, and the
-// error table's rows as a device produces them.
+// The device layer and `quorvel list` against one simulated device server
+// holding three devices: device list and information, AFC file data at
+// explicit offsets, folders, apps and house-arrest, the error table's rows as a
+// device produces them, drops, trust prompts and unplugging, and no server.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,16 +18,9 @@
 #include "device/device_internal.h"
 #include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
+#include "tests/support/fuse_mount.h"
 
 namespace {
-
-// Starts devsim with the images, or skips the test saying why.
-#define START_DEVSIM(sim, ...)                                                                    \
-    do {                                                                                          \
-        if (devsim_program().empty()) GTEST_SKIP() << "devsim was not built (DEVSIM_PATH unset)"; \
-        if (!(sim).start(__VA_ARGS__)) GTEST_SKIP() << "devsim did not start: " << (sim).error(); \
-    } while (0)
-
 // One opened device with its media AFC connection, closed in reverse order.
 struct OpenDevice {
     libiusb_context *context = nullptr;
@@ -76,16 +72,45 @@ std::vector<std::string> listFolder(libiusb_afc *afc, const char *path) {
 }
 
 using Names = std::vector<std::string>;
+struct Ran {
+    int status = -1;
+    std::string out, err;
+};
 
-// --------------------------------------------------------------- devices ---
+// Runs `quorvel ARGS...` with the current environment (which the devsim
+// fixture has pointed at its socket); standard error is kept apart in a file.
+Ran runQuorvel(const std::vector<std::string> &args) {
+    Ran ran;
+    const std::string folder = makeTempDir("quorvel-list-");
+    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$@\" 2>\"$0\"", folder + "/err", quorvelProgram()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ran.out = runProgram(argv, &ran.status);
+    ran.err = readLocal(folder + "/err");
+    removeTree(folder);
+    return ran;
+}
 
-TEST(DeviceLayerDevices, ListsBothOpensTheOneWithTheLocationIdAndWorksItsFilesAtOffsetsFoldersAndLyingSizes) {
-    Devsim sim;
+// Column position in characters, so a name with accents does not shift it.
+size_t charColumn(const std::string &line, const std::string &needle) {
+    size_t at = line.find(needle);
+    if (at == std::string::npos) return std::string::npos;
+    size_t column = 0;
+    for (size_t i = 0; i < at; i++) {
+        if ((static_cast<unsigned char>(line[i]) & 0xC0) != 0x80) column++;
+    }
+    return column;
+}
+
+// One server, three devices: the first is only listed; the second's files,
+// folders and apps are worked, from threads at once too; the third answers
+// with errors, drops its connections, asks for trust and is unplugged. Then
+// none is left, and then no server answers.
+TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelList) {
+    if (devsim_program().empty() || quorvelProgram().empty()) GTEST_SKIP() << "devsim or quorvel was not built";
     DevsimImage first;
     first.name = "First Phone";
     first.location_id = 7;
     first.ios_version = "12.4.1";
-    first.product_type = "iPhone8,1";
     DevsimImage second;
     second.name = "Zweites iPad \xc3\xa4";  // not ASCII on purpose
     second.location_id = 4242;
@@ -95,9 +120,29 @@ TEST(DeviceLayerDevices, ListsBothOpensTheOneWithTheLocationIdAndWorksItsFilesAt
     second.block_size = 8192;
     second.files = {{"media/general_storage/a.bin", std::string(10000, 'a')},
                     {"media/general_storage/hello.txt", "hello, device"},
-                    {"media/DCIM/b.jpg", std::string(2345, 'b')}};
+                    {"media/DCIM/b.jpg", std::string(2345, 'b')},
+                    {"apps/com.example.notes/Documents/todo.txt", "milk"},
+                    {"apps/com.example.docs/Documents/report.txt", "quarterly"}};
     second.folders = {"media/general_storage/empty"};
-    START_DEVSIM(sim, {first, second});
+    second.apps = {{"com.example.notes", "Notes", true},
+                   {"com.example.game", "Game", false},
+                   {"com.example.docs", "Docs \xe2\x80\x94 Pro", true}};
+    const int kEntries = 300;
+    for (int i = 0; i < kEntries; ++i) {
+        std::string name = "e" + std::to_string(i);
+        second.files.push_back({"media/general_storage/many/" + name, std::string(static_cast<size_t>(i), 'm')});
+        second.files.push_back(
+            {"apps/com.example.docs/Documents/" + name, std::string(static_cast<size_t>(i * 2), 'a')});
+    }
+    DevsimImage third;
+    third.location_id = 77;
+    third.capacity_bytes = 1000000;
+    third.files = {{"media/general_storage/full/inside.txt", "x"},
+                   {"media/general_storage/readme.txt", std::string(300000, 'r')}};
+    third.apps = {{"com.example.notes", "Notes", true}};
+    const std::vector<DevsimImage> images = {first, second, third};
+    Devsim sim;
+    if (!sim.start(images)) GTEST_SKIP() << "devsim did not start: " << sim.error();
     OpenDevice device;
     ASSERT_EQ(device.open(4242), 0);
 
@@ -105,17 +150,34 @@ TEST(DeviceLayerDevices, ListsBothOpensTheOneWithTheLocationIdAndWorksItsFilesAt
     ASSERT_EQ(libiusb_device_get_list(device.context, &list), 0);
     size_t count = 0;
     while (list[count] != nullptr) count++;
-    EXPECT_EQ(count, 2u);
-
-    // Listed entries carry the cheap figures.
-    for (size_t i = 0; i < count; i++) {
-        libiusb_device_info info;
-        ASSERT_EQ(libiusb_device_get_info(list[i], &info), 0);
-        bool is_first = info.location_id == 7;
-        EXPECT_TRUE(is_first || info.location_id == 4242) << info.location_id;
-        EXPECT_STREQ(info.udid, sim.udid(is_first ? 0 : 1).c_str());
-        EXPECT_STREQ(info.device_name, is_first ? "First Phone" : "Zweites iPad \xc3\xa4");
-        EXPECT_STREQ(info.ios_version, is_first ? "12.4.1" : "16.7.2");
+    EXPECT_EQ(count, images.size());
+    // Listed entries carry the cheap figures, and `quorvel list` shows them as
+    // a table aligned in characters, not bytes.
+    Ran ran = runQuorvel({"list"});
+    EXPECT_EQ(ran.status, 0) << ran.err;
+    std::vector<std::string> shown;
+    std::istringstream out(ran.out);
+    for (std::string line; std::getline(out, line);) shown.push_back(line);
+    ASSERT_EQ(shown.size(), images.size() + 1) << ran.out;
+    EXPECT_EQ(shown[0].find("LOCATION ID"), 0u) << shown[0];
+    for (size_t n = 0; n < images.size(); n++) {
+        SCOPED_TRACE(images[n].name);
+        libiusb_device_info info{};
+        for (size_t i = 0; i < count && info.location_id != images[n].location_id; i++)
+            ASSERT_EQ(libiusb_device_get_info(list[i], &info), 0);
+        ASSERT_EQ(info.location_id, images[n].location_id) << "not listed";
+        EXPECT_STREQ(info.udid, sim.udid(n).c_str());
+        EXPECT_STREQ(info.device_name, images[n].name.c_str());
+        EXPECT_STREQ(info.ios_version, images[n].ios_version.c_str());
+        auto row = std::find_if(shown.begin() + 1, shown.end(), [&](const std::string &line) {
+            return line.find(sim.udid(n)) != std::string::npos;
+        });
+        ASSERT_NE(row, shown.end()) << ran.out;
+        const std::string id = std::to_string(images[n].location_id) + " ";
+        EXPECT_EQ(row->compare(0, id.size(), id), 0) << *row;
+        EXPECT_NE(row->find(images[n].name), std::string::npos) << *row;
+        EXPECT_EQ(charColumn(*row, sim.udid(n)), charColumn(shown[0], "UDID")) << *row;
+        EXPECT_EQ(charColumn(*row, images[n].ios_version), charColumn(shown[0], "iOS")) << *row;
     }
 
     libiusb_device *chosen = nullptr;
@@ -127,21 +189,18 @@ TEST(DeviceLayerDevices, ListsBothOpensTheOneWithTheLocationIdAndWorksItsFilesAt
     EXPECT_EQ(libiusb_device_find(device.context, 99, &absent), LIBIUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(libiusb_device_find_by_udid(device.context, "0000", &absent), LIBIUSB_ERROR_NO_DEVICE);
 
+    // The fields the file system reads at fixed offsets (libiusb.h pins them).
     libiusb_device_info block;
     memset(&block, 0xAB, sizeof block);
     ASSERT_EQ(libiusb_device_get_info(device.handle, &block), 0);
-    // The fields the file system reads at fixed offsets.
-    const uint8_t *raw = reinterpret_cast<const uint8_t *>(&block);
-    auto at = [raw](size_t offset, auto value) {
-        memcpy(&value, raw + offset, sizeof value);
-        return value;
-    };
-    EXPECT_EQ(at(8, uint32_t{0}), 4242u);
-    EXPECT_EQ(at(16, uint64_t{0}), 8192u);
-    EXPECT_EQ(at(24, uint64_t{0}), 64ull << 30);
-    EXPECT_EQ(at(32, uint64_t{0}), (64ull << 30) - 10000 - 13 - 2345);
-    EXPECT_STREQ(reinterpret_cast<const char *>(raw + 296), "16.7.2");
-    EXPECT_STREQ(reinterpret_cast<const char *>(raw + 312), "Zweites iPad \xc3\xa4");
+    EXPECT_EQ(block.location_id, 4242u);
+    EXPECT_EQ(block.block_size, 8192u);
+    EXPECT_EQ(block.total_capacity, 64ull << 30);
+    // Free: less every stored byte, the apps' included.
+    EXPECT_EQ(block.free_capacity,
+              (64ull << 30) - 10000 - 13 - 2345 - 4 - 9 - 3 * (kEntries * (kEntries - 1) / 2));
+    EXPECT_STREQ(block.ios_version, "16.7.2");
+    EXPECT_STREQ(block.device_name, "Zweites iPad \xc3\xa4");
     EXPECT_STREQ(block.product_type, "iPad7,5");
     EXPECT_STREQ(block.udid, sim.udid(1).c_str());
     EXPECT_EQ(block.reserved0[0], 0) << "the block must be cleared, not left as the caller passed it";
@@ -240,10 +299,9 @@ TEST(DeviceLayerDevices, ListsBothOpensTheOneWithTheLocationIdAndWorksItsFilesAt
     libiusb_afc_file_close(afc, writer);
     EXPECT_EQ(readLocal(onImage("/general_storage/model.bin")), model);
 
+    // New files were written above: these two are put in the new folder from outside.
     ASSERT_EQ(libiusb_afc_make_directory(afc, "/general_storage/sub"), 0);
-    ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/sub/one.txt", LIBIUSB_AFC_WR, &file), 0);
-    ASSERT_EQ(libiusb_afc_file_write(afc, file, "1", 1, 0, &done), 0);
-    libiusb_afc_file_close(afc, file);
+    ASSERT_TRUE(writeLocal(onImage("/general_storage/sub/one.txt"), "1"));
     ASSERT_EQ(symlink("../hello.txt", onImage("/general_storage/sub/link").c_str()), 0);
 
     uint32_t entries = 0;
@@ -279,47 +337,21 @@ TEST(DeviceLayerDevices, ListsBothOpensTheOneWithTheLocationIdAndWorksItsFilesAt
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/sub"), 0);
     ASSERT_EQ(libiusb_afc_file_remove(afc, "/general_storage/two.txt"), 0);
     EXPECT_EQ(listFolder(afc, "/general_storage"),
-              (Names{".", "..", "a.bin", "data.bin", "empty", "hello.txt", "model.bin"}));
+              (Names{".", "..", "a.bin", "data.bin", "empty", "hello.txt", "many", "model.bin"}));
 
     // A hostile device: reads give the bytes it sent whatever its size said
     // (through the mount the kernel stops at that size, so only here is it
-    // seen), and sizes no file can have stop at the largest offset.
+    // seen). Its sizes no file can have ("-1", "9223372036854775808") are
+    // FileInfoPairs rows, and hostile_e2e_test reads them through the mount.
     ASSERT_EQ(sim.control("hostile " + sim.udid(1) + " sizes"), "ok");
     ASSERT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/Hostile/sizes/fewer.bin", &info), 0);
     EXPECT_EQ(info.size, 10u);
     EXPECT_EQ(readWhole(afc, "/general_storage/Hostile/sizes/fewer.bin").size(), 5000u);
-    for (const char *name : {"negative.bin", "wrapped.bin"}) {
-        std::string path = std::string("/general_storage/Hostile/sizes/") + name;
-        ASSERT_EQ(libiusb_afc_file_get_info(afc, path.c_str(), &info), 0);
-        EXPECT_EQ(info.size, static_cast<uint64_t>(INT64_MAX)) << name;
-    }
-}
 
-// ------------------------------------------------------ apps, house-arrest ---
-
-// The apps listed, their Documents through house-arrest, and then separate
-// connections (media ones and one into an app), each asked from its own
-// thread for the information of every entry: the answers must be each
-// entry's own, whatever the others are doing at the same time.
-TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocumentsAnsweredFromThreadsAtOnce) {
-    Devsim sim;
-    DevsimImage phone;
-    phone.location_id = 5;
-    phone.apps = {{"com.example.notes", "Notes", true},
-                  {"com.example.game", "Game", false},
-                  {"com.example.docs", "Docs \xe2\x80\x94 Pro", true}};
-    phone.files = {{"apps/com.example.notes/Documents/todo.txt", "milk"},
-                   {"apps/com.example.docs/Documents/report.txt", "quarterly"}};
-    const int kEntries = 300;
-    for (int i = 0; i < kEntries; ++i) {
-        std::string name = "e" + std::to_string(i);
-        phone.files.push_back({"media/general_storage/many/" + name, std::string(static_cast<size_t>(i), 'm')});
-        phone.files.push_back({"apps/com.example.docs/Documents/" + name, std::string(static_cast<size_t>(i * 2), 'a')});
-    }
-    START_DEVSIM(sim, {phone});
-    OpenDevice device;
-    ASSERT_EQ(device.open(5), 0);
-
+    // The apps listed, their Documents through house-arrest, and then separate
+    // connections (media ones and one into an app), each asked from its own
+    // thread for the information of every entry: the answers must be each
+    // entry's own, whatever the others are doing at the same time.
     libiusb_instproxy *instproxy = nullptr;
     ASSERT_EQ(libiusb_instproxy_init(device.handle, &instproxy), 0);
     libiusb_app_node *apps = nullptr;
@@ -335,19 +367,16 @@ TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocumentsAnsweredFromThreadsAtO
 
     libiusb_afc *sandbox = nullptr;
     ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
-    libiusb_file_info info;
     EXPECT_EQ(libiusb_afc_file_get_info(sandbox, "/Documents", &info), LIBIUSB_ERROR_INVALID_PARAM)
         << "no app opened yet";
     ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
     EXPECT_EQ(listFolder(sandbox, "/Documents"), (Names{".", "..", "todo.txt"}));
     EXPECT_EQ(readWhole(sandbox, "/Documents/todo.txt"), "milk");
     // Writes land in that app's Documents, not on the media file system.
-    uint64_t file = 0;
     ASSERT_EQ(libiusb_afc_file_open(sandbox, "/Documents/new.txt", LIBIUSB_AFC_WR, &file), 0);
-    uint32_t done = 0;
     ASSERT_EQ(libiusb_afc_file_write(sandbox, file, "fresh", 5, 0, &done), 0);
     libiusb_afc_file_close(sandbox, file);
-    EXPECT_EQ(readLocal(sim.image_dir(0) + "/apps/com.example.notes/Documents/new.txt"), "fresh");
+    EXPECT_EQ(readLocal(sim.image_dir(1) + "/apps/com.example.notes/Documents/new.txt"), "fresh");
 
     // The same handle opened for another app serves that app's container.
     ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.docs"), 0);
@@ -361,9 +390,9 @@ TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocumentsAnsweredFromThreadsAtO
 
     std::vector<libiusb_afc *> connections = {device.afc};
     for (int i = 0; i < 3; ++i) {
-        libiusb_afc *afc = nullptr;
-        ASSERT_EQ(libiusb_afc_init(device.handle, &afc), 0);
-        connections.push_back(afc);
+        libiusb_afc *extra = nullptr;
+        ASSERT_EQ(libiusb_afc_init(device.handle, &extra), 0);
+        connections.push_back(extra);
     }
     // A handle that was refused an app still opens another.
     ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.docs"), 0);
@@ -391,30 +420,16 @@ TEST(DeviceLayerApps, OnlyFileSharingAppsAndTheirDocumentsAnsweredFromThreadsAtO
 
     EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
     for (size_t c = 1; c < 4; ++c) EXPECT_EQ(libiusb_afc_exit(connections[c]), 0);
-}
 
-// ----------------------------------------------------- error table, live ---
-
-// Errors the device answers map row by row and the connection survives them;
-// a dropped connection fails the request in flight and the next opens it
-// again; a trust prompt, then the computer accepted, then unplugged; and a
-// server nobody answers on.
-TEST(DeviceLayerErrors, AnsweredDroppedTrustPendingUnpluggedAndUnreachable) {
-    Devsim sim;
-    DevsimImage phone;
-    phone.location_id = 77;
-    phone.capacity_bytes = 1000000;
-    phone.files = {{"media/general_storage/full/inside.txt", "x"},
-                   {"media/general_storage/readme.txt", std::string(300000, 'r')}};
-    phone.apps = {{"com.example.notes", "Notes", true}};
-    START_DEVSIM(sim, {phone});
-    const std::string udid = sim.udid(0);
+    // The third: errors it answers map row by row and the connection survives
+    // them; a dropped connection fails the request in flight and the next
+    // opens it again.
+    const std::string udid = sim.udid(2);
     {
-        OpenDevice device;
-        ASSERT_EQ(device.open(77), 0);
-        libiusb_afc *afc = device.afc;
-        libiusb_file_info info;
-        uint64_t file = 0;
+        OpenDevice phone;
+        ASSERT_EQ(phone.open(77), 0);
+        libiusb_afc *afc = phone.afc;
+        file = 0;
         EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/nope", &info), -70);
         EXPECT_EQ(libiusb_afc_file_open(afc, "/general_storage/nope", LIBIUSB_AFC_RDONLY, &file), -70);
         EXPECT_EQ(file, 0u);
@@ -444,7 +459,6 @@ TEST(DeviceLayerErrors, AnsweredDroppedTrustPendingUnpluggedAndUnreachable) {
         // Past the capacity: no space, and the refused handle still serves.
         ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/big.bin", LIBIUSB_AFC_WR, &file), 0);
         std::string chunk(800000, 'z');  // 300001 bytes are stored already, of 1000000
-        uint32_t done = 0;
         EXPECT_EQ(libiusb_afc_file_write(afc, file, chunk.data(), chunk.size(), 0, &done), -62);
         ASSERT_EQ(sim.control("capacity " + udid + " 100000000"), "ok");
         ASSERT_EQ(libiusb_afc_file_write(afc, file, "head", 4, 0, &done), 0);
@@ -456,18 +470,16 @@ TEST(DeviceLayerErrors, AnsweredDroppedTrustPendingUnpluggedAndUnreachable) {
         ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/readme.txt", LIBIUSB_AFC_RDONLY, &readme), 0);
         ASSERT_EQ(libiusb_afc_file_open(afc, "/general_storage/w.bin", LIBIUSB_AFC_WR, &written), 0);
         ASSERT_EQ(libiusb_afc_file_write(afc, written, "abc", 3, 0, &done), 0);
-        libiusb_afc *sandbox = nullptr;
-        ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
+        ASSERT_EQ(libiusb_housearrest_init(phone.handle, &sandbox), 0);
         ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
-        libiusb_instproxy *instproxy = nullptr;
-        ASSERT_EQ(libiusb_instproxy_init(device.handle, &instproxy), 0);
+        ASSERT_EQ(libiusb_instproxy_init(phone.handle, &instproxy), 0);
         ASSERT_EQ(sim.control("drop-now " + udid), "ok");
 
         // The request that meets the dropped connection fails: it is not sent
         // twice, since it may have been carried out already.
         EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), -32);
         EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), -32);
-        libiusb_app_node *apps = nullptr;
+        apps = nullptr;
         EXPECT_EQ(libiusb_instproxy_getAppId(instproxy, &apps), -32);
         EXPECT_EQ(apps, nullptr);
         libiusb_instproxy_exit(instproxy);
@@ -477,7 +489,6 @@ TEST(DeviceLayerErrors, AnsweredDroppedTrustPendingUnpluggedAndUnreachable) {
         // truncated by being opened again.
         EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/readme.txt", &info), 0);
         EXPECT_EQ(info.size, 300000u);
-        char buffer[4] = {0};
         EXPECT_EQ(libiusb_afc_file_read(afc, readme, buffer, 3, 1000, &done), 0);
         EXPECT_EQ(std::string(buffer, done), "rrr");
         EXPECT_EQ(libiusb_afc_file_write(afc, written, "def", 3, 3, &done), 0);
@@ -485,9 +496,8 @@ TEST(DeviceLayerErrors, AnsweredDroppedTrustPendingUnpluggedAndUnreachable) {
         EXPECT_EQ(readWhole(afc, "/general_storage/w.bin"), "abcdef");
         EXPECT_EQ(libiusb_afc_make_directory(sandbox, "/Documents/made"), 0);
         struct stat made;
-        EXPECT_EQ(stat((sim.image_dir(0) + "/apps/com.example.notes/Documents/made").c_str(), &made), 0);
-        libiusb_device_info block;
-        EXPECT_EQ(libiusb_device_get_info(device.handle, &block), 0);
+        EXPECT_EQ(stat((sim.image_dir(2) + "/apps/com.example.notes/Documents/made").c_str(), &made), 0);
+        EXPECT_EQ(libiusb_device_get_info(phone.handle, &block), 0);
         EXPECT_EQ(block.location_id, 77u);
 
         // A handle opened before a drop never reaches a file opened after it,
@@ -503,56 +513,68 @@ TEST(DeviceLayerErrors, AnsweredDroppedTrustPendingUnpluggedAndUnreachable) {
         EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
     }
 
-    libiusb_context *context = nullptr;
-    ASSERT_EQ(libiusb_context_init(&context), 0);
-    libiusb_device *device = nullptr;
-    ASSERT_EQ(libiusb_device_find(context, 77, &device), 0);
-
+    // A trust prompt, then the computer accepted, then unplugged.
+    libiusb_device *listed = nullptr;
+    ASSERT_EQ(libiusb_device_find(device.context, 77, &listed), 0);
     ASSERT_EQ(sim.control("trust-prompt " + udid + " 60"), "ok");
     libiusb_device_handle *handle = nullptr;
-    EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_TRUST_PENDING);
+    EXPECT_EQ(libiusb_device_open(listed, &handle), LIBIUSB_ERROR_TRUST_PENDING);
     EXPECT_EQ(handle, nullptr);
     // Listing a device that shows its prompt still works.
-    libiusb_device_info info;
-    EXPECT_EQ(libiusb_device_get_info(device, &info), 0);
-    EXPECT_EQ(info.location_id, 77u);
+    EXPECT_EQ(libiusb_device_get_info(listed, &block), 0);
+    EXPECT_EQ(block.location_id, 77u);
 
     ASSERT_EQ(sim.control("trust-prompt " + udid + " 60 PasswordProtected"), "ok");
-    EXPECT_EQ(libiusb_device_open(device, &handle), LIBIUSB_ERROR_PASSWORD_PROTECTED);
+    EXPECT_EQ(libiusb_device_open(listed, &handle), LIBIUSB_ERROR_PASSWORD_PROTECTED);
     // A prompt of 0 seconds ends the one showing; one of 1 second ends by itself.
     ASSERT_EQ(sim.control("trust-prompt " + udid + " 0"), "ok");
-    ASSERT_EQ(libiusb_device_open(device, &handle), 0);
+    ASSERT_EQ(libiusb_device_open(listed, &handle), 0);
     libiusb_device_close(handle);
     handle = nullptr;
     ASSERT_EQ(sim.control("trust-prompt " + udid + " 1"), "ok");
     // eventually() asks once more at the end: an open that worked is not made twice.
-    ASSERT_TRUE(eventually([&] { return handle != nullptr || libiusb_device_open(device, &handle) == 0; }));
+    ASSERT_TRUE(eventually([&] { return handle != nullptr || libiusb_device_open(listed, &handle) == 0; }));
 
     ASSERT_EQ(sim.control("unplug " + udid), "ok");
     libiusb_device_handle *after = nullptr;
-    EXPECT_EQ(libiusb_device_open(device, &after), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libiusb_device_open(listed, &after), LIBIUSB_ERROR_NO_DEVICE);
     // The device opened before: house-arrest on it is a lost connection.
-    libiusb_afc *sandbox = nullptr;
+    sandbox = nullptr;
     EXPECT_EQ(libiusb_housearrest_init(handle, &sandbox), -32);
     EXPECT_EQ(sandbox, nullptr);
     libiusb_device_close(handle);
-    libiusb_context_exit(context);
 
-    // An empty list is not an error.
+    // None left: an empty list is not an error.
+    ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
+    ASSERT_EQ(sim.control("unplug " + sim.udid(1)), "ok");
+    libiusb_context *context = nullptr;
     ASSERT_EQ(libiusb_context_init(&context), 0);
-    libiusb_device **list = nullptr;
     ASSERT_EQ(libiusb_device_get_list(context, &list), 0);
     EXPECT_EQ(list[0], nullptr);
-    EXPECT_EQ(libiusb_device_find(context, 77, &device), LIBIUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(libiusb_device_find(context, 77, &listed), LIBIUSB_ERROR_NO_DEVICE);
     libiusb_context_exit(context);
+    ran = runQuorvel({"list"});
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_EQ(ran.out, "No device found.\n");
+    EXPECT_EQ(ran.err, "");
 
-    std::string saved = getenv("USBMUXD_SOCKET_ADDRESS");
+    // Nothing listening (devsim puts the address back when it stops).
     std::string nowhere = "UNIX:" + sim.work_dir() + "/nobody-listens.sock";
     setenv("USBMUXD_SOCKET_ADDRESS", nowhere.c_str(), 1);
     context = nullptr;
     EXPECT_EQ(libiusb_context_init(&context), LIBIUSB_ERROR_USBMUXD_UNREACHABLE);
     EXPECT_EQ(context, nullptr);
-    setenv("USBMUXD_SOCKET_ADDRESS", saved.c_str(), 1);
-}
+    ran = runQuorvel({"list"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.out, "") << "nothing on standard output: scripts must not read an error as a device";
+    EXPECT_NE(ran.err.find("cannot reach usbmuxd at " + nowhere), std::string::npos) << ran.err;
 
+    Ran help = runQuorvel({"list", "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("usage: quorvel list"), std::string::npos);
+    EXPECT_NE(help.out.find("USBMUXD_SOCKET_ADDRESS"), std::string::npos);
+    Ran stray = runQuorvel({"list", "--bogus"});
+    EXPECT_EQ(stray.status, 2);
+    EXPECT_NE(stray.err.find("--bogus"), std::string::npos);
+}
 } // namespace

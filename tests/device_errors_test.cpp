@@ -8,15 +8,14 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "device/device_internal.h"
+#include "tests/support/catalogue_fixture.h"
 
 namespace {
 
@@ -59,10 +58,8 @@ TEST(DeviceErrors, ResultsTheFileSystemActsOnWhicheverSourceReportsThem) {
         EXPECT_EQ(mapNativeError(row.source, row.native), row.code) << sourceName(row.source) << " " << row.native;
     EXPECT_NE(mapNativeError(NativeSource::Lockdown, -3), LIBIUSB_ERROR_NO_DEVICE);
     EXPECT_NE(mapNativeError(NativeSource::Instproxy, 8), LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
-    for (NativeSource source : {NativeSource::Usbmuxd, NativeSource::Idevice, NativeSource::Lockdown,
-                                NativeSource::Afc, NativeSource::Instproxy, NativeSource::HouseArrest}) {
-        EXPECT_EQ(mapNativeError(source, 0), LIBIUSB_SUCCESS) << sourceName(source);
-    }
+    for (int source = 0; source <= static_cast<int>(NativeSource::HouseArrest); source++)
+        EXPECT_EQ(mapNativeError(static_cast<NativeSource>(source), 0), LIBIUSB_SUCCESS) << source;
     EXPECT_EQ(mapHouseArrestReply("InstallationLookupFailed"), LIBIUSB_ERROR_APP_NOT_FOUND);
     EXPECT_EQ(mapHouseArrestReply("SomethingElse"), LIBIUSB_ERROR_OTHER);
     EXPECT_EQ(mapHouseArrestReply(nullptr), LIBIUSB_ERROR_OTHER);
@@ -71,11 +68,8 @@ TEST(DeviceErrors, ResultsTheFileSystemActsOnWhicheverSourceReportsThem) {
 // Every row is an error with a name, no two rows read the same native
 // result, and docs/device-errors.md lists each row with its code and nothing else.
 TEST(DeviceErrors, TableHasNoDuplicateRowsAndTheDocumentationListsEveryRowWithItsCode) {
-    std::ifstream page(std::string(QUORVEL_SOURCE_DIR) + "/docs/device-errors.md");
-    EXPECT_TRUE(page.good()) << "docs/device-errors.md is missing";
-    std::stringstream text;
-    text << page.rdbuf();
-    std::string contents = text.str();
+    const std::string contents = readLocal(std::string(QUORVEL_SOURCE_DIR) + "/docs/device-errors.md");
+    EXPECT_FALSE(contents.empty()) << "docs/device-errors.md is missing";
 
     // "| afc | `AFC_E_NO_SPACE_LEFT` | -62 | ..."
     std::regex row("\\| (\\w+) \\| `([-A-Z_0-9]+)` \\| (-?\\d+) \\|");
@@ -93,14 +87,7 @@ TEST(DeviceErrors, TableHasNoDuplicateRowsAndTheDocumentationListsEveryRowWithIt
         EXPECT_STRNE(libiusb_error_name(entry.code), libiusb_error_name(12345)) << entry.code << " has no name";
         coded.insert({sourceName(entry.source), entry.native_name, entry.code});
     }
-    for (const auto &entry : coded) {
-        EXPECT_TRUE(documented.count(entry)) << "not documented: " << std::get<0>(entry) << " "
-                                             << std::get<1>(entry) << " -> " << std::get<2>(entry);
-    }
-    for (const auto &entry : documented) {
-        EXPECT_TRUE(coded.count(entry)) << "documented but not in the table: " << std::get<0>(entry) << " "
-                                        << std::get<1>(entry) << " -> " << std::get<2>(entry);
-    }
+    EXPECT_EQ(coded, documented) << "the table's rows (source, native name, code), then the page's";
 }
 
 TEST(FileInfoPairs, ReadsTypeSizeAndTimesAndKeepsSizesToTheLargestOffset) {

@@ -82,10 +82,9 @@ TEST_F(InstallService, WritesEnablesAndRemovesTheUserUnitAndSaysWhenThereIsNoUse
     std::string text = readLocal(unit);
     // Run from this copy, its folder quoted for systemd: "%%" is a literal "%".
     EXPECT_NE(text.find("\nExecStart=\"" + dir + "/bin dir%%1/quorvel\" watch\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nRestart=on-failure\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nPartOf=graphical-session.target\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nAfter=graphical-session.target\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nWantedBy=graphical-session.target\n"), std::string::npos) << text;
+    for (const char *line : {"Restart=on-failure", "PartOf=graphical-session.target",
+                             "After=graphical-session.target", "WantedBy=graphical-session.target"})
+        EXPECT_NE(text.find("\n" + std::string(line) + "\n"), std::string::npos) << line << " in\n" << text;
     EXPECT_EQ(takeCalls(), "--user daemon-reload\n--user enable --now quorvel-watch.service\n");
     struct stat st;
     ASSERT_EQ(stat(unit.c_str(), &st), 0);

@@ -32,7 +32,13 @@ protected:
 const std::vector<std::string> kFirstFour = {"[LOG_EMERG] Enabled", "[LOG_ALERT] Enabled", "[LOG_CRIT] Enabled",
                                              "[LOG_ERR] Enabled"};
 
-TEST_F(LogTest, DefaultThresholdWritesLevelsZeroToThreeInTodaysFileCutAt2047CharactersAndMadeAgainIfDeleted) {
+TEST_F(LogTest, BeforeInitStandardErrorOnlyThenLevelsZeroToThreeInTodaysFileCutAt2047CharsAndMadeAgain) {
+    testing::internal::CaptureStderr();
+    QNLog(3, "%s too early", "x");
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("open log failed"), std::string::npos) << err;
+    EXPECT_TRUE(std::filesystem::is_empty(dir));
+
     QNLogInit();
     char expected[64];
     time_t now = time(nullptr);
@@ -83,14 +89,6 @@ TEST_F(LogTest, ConfiguredLevelIsClampedLowersOrSilencesAndANonNumberKeepsTheDef
         EXPECT_EQ(access(QNLogPath(), F_OK) == 0, !row.lines.empty());
         unlink(QNLogPath());
     }
-}
-
-TEST_F(LogTest, LoggingBeforeInitGoesToStandardErrorOnly) {
-    testing::internal::CaptureStderr();
-    QNLog(3, "%s too early", "x");
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("open log failed"), std::string::npos) << err;
-    EXPECT_TRUE(std::filesystem::is_empty(dir));
 }
 
 } // namespace
