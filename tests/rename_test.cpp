@@ -32,54 +32,38 @@ protected:
     }
 };
 
-struct Refusal {
-    const char *from;
-    const char *to;
-    const char *dialog;
-    const char *log;  // besides the "not supported" line every refusal has
-};
-
 TEST_F(RenameUnitTest, EveryRefusalOfTheTableShowsItsNoticeAndChangesNothing) {
-    const Refusal refusals[] = {
-        {"/Storage/a.txt", "/Apps/a.txt", "This folder is read only. You can not write or modify.\n/Apps",
-         "tarnifs_rename create not supported. path : /Apps/a.txt"},
-        {"/Storage/a.txt", "/Media/Music/a.txt",
-         "This folder is read only. You can not write or modify.\n/Media/Music",
-         "tarnifs_rename create not supported. path : /Media/Music/a.txt"},
-        {"/Storage/a.txt", "/a.txt", "You can not rename this file.\n/Storage/a.txt",
-         "tarnifs_rename rename not supported. path from : /Storage/a.txt, to : /a.txt"},
-        {"/Storage", "/Store", "You can not rename this folder.\n/Storage",
-         "tarnifs_rename rename not supported. path from : /Storage, to : /Store"},
-        {"/Media/Music/song.mp3", "/Apps/song.mp3", "This folder is read only. You can not write or modify.\n/Apps",
-         "tarnifs_rename create not supported. path : /Apps/song.mp3"},
-        {"/Media/Music/song.mp3", "/Media/Music/tune.mp3", "You can not rename this file.\n/Media/Music/song.mp3",
-         "tarnifs_rename rename not supported. path from : /Media/Music/song.mp3, to : /Media/Music/tune.mp3"},
-        {"/Media/Music/song.mp3", "/Media/Movies/song.mp3",
-         "This folder is read only. You can not write or modify.\n/Media/Movies",
-         "tarnifs_rename create not supported. path : /Media/Movies/song.mp3"},
-        {"/Media/Music", "/Media/Songs", "You can not rename this folder.\n/Media/Music",
-         "tarnifs_rename rename not supported. path from : /Media/Music, to : /Media/Songs"},
-        {"/Apps/Notes/n.txt", "/Media/Music/n.txt",
-         "This folder is read only. You can not write or modify.\n/Media/Music",
-         "tarnifs_rename create not supported. path : /Media/Music/n.txt"},
-        {"/Apps/Notes", "/Apps/Notes2", "You can not rename this folder.\n/Apps/Notes",
-         "tarnifs_rename rename not supported. path from : /Apps/Notes, to : /Apps/Notes2"},
-        {"/Apps", "/Apps/Notes/Apps", "You can not rename this folder.\n/Apps",
-         "tarnifs_rename rename not supported. path from : /Apps, to : /Apps/Notes/Apps"},
-        {"/Apps/Notes/n.txt", "/Apps/n.txt", "This folder is read only. You can not write or modify.\n/Apps",
-         "tarnifs_rename create not supported. path : /Apps/n.txt"},
-        {"/Apps/Notes/n.txt", "/n.txt", "You can not rename this file.\n/Apps/Notes/n.txt",
-         "tarnifs_rename rename not supported. path from : /Apps/Notes/n.txt, to : /n.txt"},
-        {"/top.txt", "/Storage/top.txt", "You can not rename this file.\n/top.txt",
-         "tarnifs_rename rename not supported. path from : /top.txt, to : /Storage/top.txt"},
+    // Each row's dialog; a read-only target logs "create not supported" with
+    // the target, any other refusal "rename not supported" with both names.
+    const std::string readOnly = "This folder is read only. You can not write or modify.\n";
+    const std::string file = "You can not rename this file.\n", folder = "You can not rename this folder.\n";
+    const std::string refusals[][3] = {
+        {"/Storage/a.txt", "/Apps/a.txt", readOnly + "/Apps"},
+        {"/Storage/a.txt", "/Media/Music/a.txt", readOnly + "/Media/Music"},
+        {"/Storage/a.txt", "/a.txt", file + "/Storage/a.txt"},
+        {"/Storage", "/Store", folder + "/Storage"},
+        {"/Media/Music/song.mp3", "/Apps/song.mp3", readOnly + "/Apps"},
+        {"/Media/Music/song.mp3", "/Media/Music/tune.mp3", file + "/Media/Music/song.mp3"},
+        {"/Media/Music/song.mp3", "/Media/Movies/song.mp3", readOnly + "/Media/Movies"},
+        {"/Media/Music", "/Media/Songs", folder + "/Media/Music"},
+        {"/Apps/Notes/n.txt", "/Media/Music/n.txt", readOnly + "/Media/Music"},
+        {"/Apps/Notes", "/Apps/Notes2", folder + "/Apps/Notes"},
+        {"/Apps", "/Apps/Notes/Apps", folder + "/Apps"},
+        {"/Apps/Notes/n.txt", "/Apps/n.txt", readOnly + "/Apps"},
+        {"/Apps/Notes/n.txt", "/n.txt", file + "/Apps/Notes/n.txt"},
+        {"/top.txt", "/Storage/top.txt", file + "/top.txt"},
     };
-    for (const Refusal &refusal : refusals) {
+    for (const auto &row : refusals) {
+        SCOPED_TRACE(row[0] + " -> " + row[1]);
+        const std::string log = row[2].rfind(readOnly, 0) == 0
+                                    ? "tarnifs_rename create not supported. path : " + row[1]
+                                    : "tarnifs_rename rename not supported. path from : " + row[0] + ", to : " + row[1];
         noDialog();
-        EXPECT_EQ(tarnifs_rename(refusal.from, refusal.to), -ECANCELED) << refusal.from << " " << refusal.to;
-        EXPECT_EQ(dialogText(), refusal.dialog) << refusal.from << " " << refusal.to;
+        EXPECT_EQ(tarnifs_rename(row[0].c_str(), row[1].c_str()), -ECANCELED);
+        EXPECT_EQ(dialogText(), row[2]);
         EXPECT_EQ(dialogTitle(), "Quorvel Notification");
-        EXPECT_TRUE(logContains(refusal.log)) << refusal.log;
-        EXPECT_EQ(FindObject(refusal.to), nullptr) << refusal.to;
+        EXPECT_TRUE(logContains(log)) << log;
+        EXPECT_EQ(FindObject(row[1].c_str()), nullptr);
     }
     // The rows that refuse into a place above an app's contents say so first.
     EXPECT_EQ(logCount("tarnifs_rename rename not supported. "), 5);
