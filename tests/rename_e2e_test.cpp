@@ -36,7 +36,6 @@ constexpr uint32_t kLocation = 8117;
 constexpr uint32_t kSafeSaveLocation = 8118;
 constexpr uint32_t kFaultsLocation = 9102;
 constexpr uint32_t kBusyFolderLocation = 9201;
-constexpr uint32_t kNamespaceLocation = 61;
 constexpr uint32_t kSharedLocation = 9101;
 
 // A temporary as macOS's safe save names it: "<name>.sb-" + 8 hex digits +
@@ -430,145 +429,6 @@ TEST_F(RenameTest, SafeSavesReplaceTheOriginalAndNothingWrittenStaysOnlyInTheWor
     EXPECT_TRUE(dialogs.dialogs().empty());
 }
 
-// Device failures and moves cut short, one after another on one device:
-// each is shown, and leaves the device and the catalogue as they were, or
-// every file whole on one side.
-TEST_F(RenameTest, DeviceFailuresAreShownAndLeaveEveryFileWholeOnOneSide) {
-    DevsimImage phone = image(kFaultsLocation);
-    phone.files.push_back({"apps/com.example.notes/Documents/large.bin", randomBytes(3000001, 9)});
-    std::vector<std::string> contents;
-    for (int i = 0; i < 20; ++i) {
-        contents.push_back(randomBytes(100000, 200 + static_cast<unsigned>(i)));
-        phone.files.push_back({"media/general_storage/many/f" + std::to_string(10 + i) + ".bin", contents.back()});
-    }
-    for (const char *name : {"/withhidden/a.txt", "/withhidden/.hidden"})
-        phone.files.push_back({std::string("media/general_storage") + name, name});
-    ASSERT_TRUE(startDevice({phone}));
-    std::string udid = sim.udid(0);
-    mountFresh();
-    size_t seen = 0;
-    auto remount = [&] {
-        ASSERT_EQ(sim.control("clear " + udid), "ok");
-        ASSERT_EQ(unmountDevice(), 0);
-        mountFresh();
-    };
-
-    // A rename or move the device fails: its error shown, the source whole,
-    // and the target, its folder and the catalogue as they were (no hidden
-    // partial copy either, its removal going through a fresh connection).
-    struct Failure {
-        std::string fault, from, to, dialog;
-        const char *log;
-        bool remountAfter;
-    };
-    auto failed = [&](const Failure &row) {
-        SCOPED_TRACE(row.fault + ": " + row.from + " -> " + row.to);
-        const std::string target = onDevice(row.to), folder = target.substr(0, target.rfind('/'));
-        const std::string whole = readLocal(onDevice(row.from)), was = readLocal(target);
-        const bool there = exists(target);
-        const std::vector<std::string> names = sorted(namesIn(folder));
-        ASSERT_EQ(sim.control(row.fault), "ok");
-        EXPECT_EQ(renameError(inMount(row.from), inMount(row.to)), ECANCELED);
-        expectDialog(&seen, row.dialog, "error");
-        EXPECT_EQ(row.log == nullptr ? 1 : mount.countLog(row.log), 1);
-        EXPECT_EQ(readLocal(onDevice(row.from)), whole);
-        EXPECT_EQ(exists(target), there);
-        EXPECT_EQ(readLocal(target), was);
-        EXPECT_EQ(sorted(namesIn(folder)), names);
-        EXPECT_EQ(statError(inMount(row.from)), 0);
-        EXPECT_EQ(statError(inMount(row.to)), there ? 0 : ENOENT);
-        EXPECT_EQ(sorted(namesIn(inMount(row.to.substr(0, row.to.rfind('/'))))), names);
-        if (row.remountAfter) {
-            remount();
-        } else {
-            ASSERT_EQ(sim.control("clear " + udid), "ok");
-        }
-    };
-    // A refusal in Storage, one inside an app (which logs in its own words;
-    // RenameUnitTest pins the Storage one's line), the connection gone, a
-    // move between areas whose copy is refused, cut short in the middle of
-    // the copy into an app and out of one (that copy goes through the
-    // mount's own connection, which the drop takes with it), out of room.
-    const std::string refused = "Could not rename or move the contents.\nError Code : ", afc = "afc-error " + udid;
-    const std::string lost = "Lost USB connection.\nRenaming or moving aborted.", full = "Not enough space on device.";
-    const std::string cut = "drop-after-bytes " + udid + " 1048576";
-    const Failure failures[] = {
-        {afc + " /general_storage/keep.txt permission-denied", "/Storage/keep.txt", "/Storage/k2.txt", refused + "-3",
-         nullptr, false},
-        {afc + " /Documents/n.txt permission-denied", "/Apps/Notes/n.txt", "/Apps/Notes/n2.txt", refused + "-3",
-         "movetoapps libiusb_afc_rename filed, from(/Documents/n.txt), to(/Documents/n2.txt), ret : -3", false},
-        {"drop-now " + udid, "/Storage/a.txt", "/Storage/b.txt", lost, nullptr, true},
-        {afc + " *.quorvel-move io-error", "/Storage/big.bin", "/Apps/Notes/big.bin", refused + "*", nullptr, false},
-        {cut, "/Storage/big.bin", "/Apps/Notes/big.bin", lost, nullptr, true},
-        {cut, "/Apps/Notes/large.bin", "/Storage/large.bin", lost, nullptr, true},
-        {afc + " *.quorvel-move no-space write", "/Storage/big.bin", "/Apps/Notes/big.bin", full, nullptr, false},
-    };
-    for (const Failure &row : failures) failed(row);
-
-    // A folder move cut short about a megabyte in: every file ends whole at
-    // its source or whole at its target, never half in both.
-    ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1000000"), "ok");
-    EXPECT_EQ(renameError(inMount("/Storage/many"), inMount("/Apps/Notes/many")), ECANCELED);
-    expectDialog(&seen, lost, "error");
-    size_t moved = 0, stayed = 0;
-    for (int i = 0; i < 20; ++i) {
-        std::string name = "/f" + std::to_string(10 + i) + ".bin";
-        bool atSource = exists(storageImage() + "/many" + name);
-        bool atTarget = exists(appImage() + "/many" + name);
-        EXPECT_NE(atSource, atTarget) << name << " must be on exactly one side";
-        std::string whole = readLocal((atSource ? storageImage() : appImage()) + "/many" + name);
-        EXPECT_EQ(whole, contents[static_cast<size_t>(i)]) << name;
-        // Files are carried in listing order: the first ones went, the rest stayed.
-        EXPECT_TRUE(atSource || stayed == 0) << name << " moved after one that stayed";
-        moved += atTarget;
-        stayed += atSource;
-    }
-    EXPECT_GT(moved, 0u);
-    EXPECT_GT(stayed, 0u);
-    remount();
-    // A dot name travels with its folder like any name, and the folder goes.
-    expectMoved("/Storage/withhidden", "/Apps/Notes/withhidden", "/.hidden", "/withhidden/.hidden");
-    EXPECT_EQ(readLocal(appImage() + "/withhidden/a.txt"), "/withhidden/a.txt");
-
-    // A source the device will not remove once its copy is whole and in
-    // place stays where it was, on the device and through the mount: the
-    // move has succeeded, and the routine that moved it logs the removal in
-    // its own words (the whole line, or its start and end).
-    const struct {
-        const char *devicePath, *from, *to, *log, *end;
-    } kept[] = {
-        {"/general_storage/big.bin", "/Storage/big.bin", "/Apps/Notes/big.bin",
-         "movetoapps libiusb_afc_file_remove failed, ret : -3", ""},
-        {"/Documents/n.txt", "/Apps/Notes/n.txt", "/Storage/n.txt",
-         "movetostorage  libiusb_afc_file_remove failed, ret : -3, hhandle : 0x", ", path : /Documents/n.txt"},
-        {"/Documents/over.txt", "/Apps/Notes/over.txt", "/Apps/Other/over.txt",
-         "movetoapps libiusb_afc_file_remove failed. path(/Documents/over.txt), error : -3", ""},
-    };
-    for (const auto &row : kept) {
-        SCOPED_TRACE(row.from);
-        const std::string bytes = readLocal(onDevice(row.from));
-        ASSERT_EQ(sim.control(afc + " " + row.devicePath + " permission-denied remove"), "ok");
-        EXPECT_EQ(runStatus({"mv", inMount(row.from), inMount(row.to)}), 0);
-        EXPECT_EQ(readLocal(onDevice(row.to)), bytes);
-        EXPECT_EQ(readLocal(inMount(row.to)), bytes);
-        EXPECT_EQ(*row.end ? mount.countLogStarting(row.log) : mount.countLog(row.log), 1);
-        std::string line = "(not logged)";
-        for (const std::string &logged : mount.logMessages())
-            if (logged.rfind(row.log, 0) == 0) line = logged;
-        const size_t end = strlen(row.end);
-        EXPECT_TRUE(line.size() >= end && line.compare(line.size() - end, end, row.end) == 0) << line;
-        EXPECT_EQ(readLocal(onDevice(row.from)), bytes);
-        EXPECT_EQ(readLocal(inMount(row.from)), bytes);
-    }
-
-    // No room for the copy: refused before anything is written (the
-    // capacity is read when mounting; "clear" leaves it).
-    ASSERT_EQ(sim.control("capacity " + udid + " 3500000"), "ok");
-    remount();
-    failed({"clear " + udid, "/Storage/big.bin", "/Apps/Notes/big2.bin", full, nullptr, false});
-    EXPECT_EQ(dialogs.dialogs().size(), seen);
-}
-
 // A file manager making thumbnails while the user renames their folder: the
 // kernel's cached pages of the files below are dropped at each rename while
 // reads and writes of those very pages wait for the mount. Every program
@@ -659,13 +519,28 @@ TEST_F(RenameTest, AFolderRenamedWhileFilesInsideAreReadAndWrittenNeverHangs) {
 
 // Folders and files made and removed, open ones kept usable; then the
 // refusals and device failures, each checked before the next is provoked:
-// the notice or error, and nothing changed.
+// the notice or error, and nothing changed, or after moves cut short every
+// file whole on one side.
 TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedAndRefusalsAndFailuresChangeNothing) {
-    DevsimImage phone = image(kNamespaceLocation);
+    DevsimImage phone = image(kFaultsLocation);
     phone.files.push_back({"media/general_storage/stay.txt", "stay"});
+    phone.files.push_back({"apps/com.example.notes/Documents/large.bin", randomBytes(3000001, 9)});
+    std::vector<std::string> contents;
+    for (int i = 0; i < 20; ++i) {
+        contents.push_back(randomBytes(100000, 200 + static_cast<unsigned>(i)));
+        phone.files.push_back({"media/general_storage/many/f" + std::to_string(10 + i) + ".bin", contents.back()});
+    }
+    for (const char *name : {"/withhidden/a.txt", "/withhidden/.hidden"})
+        phone.files.push_back({std::string("media/general_storage") + name, name});
     ASSERT_TRUE(startDevice({phone}));
     std::string udid = sim.udid(0);
     mountFresh();
+    auto remount = [&] {
+        ASSERT_EQ(sim.control("clear " + udid), "ok");
+        ASSERT_EQ(unmountDevice(), 0);
+        mountFresh();
+    };
+
     // A folder never listed is listed first: not empty.
     EXPECT_EQ(errnoOf(rmdir(inMount("/Apps/Notes/in").c_str())), ENOTEMPTY);
 
@@ -822,39 +697,81 @@ TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedAndRefusalsAndFailuresChangeN
     EXPECT_EQ(errnoOf(unlink(inMount("/Storage/nothing.txt").c_str())), ENOENT);
     EXPECT_EQ(dialogs.dialogs().size(), seen);
 
-    // The device refuses, then the connection is gone (the device still
-    // attached): each request shows its error and logs it, and the name is
-    // as it was on the device and through the mount.
-    EXPECT_TRUE(namesIn(inMount("/Storage/tree")).empty());  // listed before its fault
-    const struct {
-        std::string fault, name;
-        int (*request)(const char *);
-        const char *dialog, *log;
-        bool there;
-    } failures[] = {
-        {"afc-error " + udid + " /general_storage/stay.txt permission-denied", "stay.txt", unlink,
-         "Could not remove a file.\nError Code : -3",
-         "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -3", true},
-        {"afc-error " + udid + " /general_storage/blocked permission-denied", "blocked",
-         [](const char *path) { return mkdir(path, 0755); }, "Could not make a directory.\nError Code : -3",
-         "tarnifs_mkdir libiusb_afc_make_directory failed. path(/general_storage/blocked), error : -3", false},
-        {"afc-error " + udid + " /general_storage/tree permission-denied", "tree", rmdir,
-         "Could not remove a Directory.\nError Code : -3",
-         "tarnifs_rmdir libiusb_afc_file_remove failed. path(/general_storage/tree). error : -3", true},
-        {"drop-now " + udid, "stay.txt", unlink, "Lost USB connection.\nFile remove aborted.",
-         "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -32", true},
+    // A request the device fails: its error shown and logged, the source
+    // whole, and the target, its folder and the catalogue as they were (no
+    // hidden partial copy of a move either, its removal going through a
+    // fresh connection). Removals and folders made name one path.
+    struct Failure {
+        std::string fault, from, to, dialog;
+        int (*request)(const char *from, const char *to);
+        const char *log;
+        bool remountAfter;
     };
-    for (const auto &failure : failures) {
-        SCOPED_TRACE(failure.log);
-        ASSERT_EQ(sim.control(failure.fault), "ok");
-        EXPECT_EQ(errnoOf(failure.request(inMount("/Storage/" + failure.name).c_str())), ECANCELED);
-        expectDialog(&seen, failure.dialog, "error");
-        EXPECT_EQ(mount.countLog(failure.log), 1);
-        EXPECT_EQ(exists(storageImage() + "/" + failure.name), failure.there);
-        EXPECT_EQ(listed(inMount("/Storage"), failure.name), failure.there);
-        EXPECT_EQ(statError(inMount("/Storage/" + failure.name)), failure.there ? 0 : ENOENT);
-        ASSERT_EQ(sim.control("clear " + udid), "ok");
-    }
+    auto failed = [&](const Failure &row) {
+        SCOPED_TRACE(row.fault + ": " + row.from + " -> " + row.to);
+        const std::string source = onDevice(row.from), target = onDevice(row.to);
+        const std::string folder = target.substr(0, target.rfind('/'));
+        auto held = [](const std::string &path) { return isFolder(path) ? "(a folder)" : readLocal(path); };
+        const std::string whole = held(source), was = held(target);
+        const bool wasSource = exists(source), there = exists(target);
+        const std::vector<std::string> names = sorted(namesIn(folder));
+        ASSERT_EQ(sim.control(row.fault), "ok");
+        EXPECT_EQ(errnoOf(row.request(inMount(row.from).c_str(), inMount(row.to).c_str())), ECANCELED);
+        expectDialog(&seen, row.dialog, "error");
+        EXPECT_EQ(row.log == nullptr ? 1 : mount.countLog(row.log), 1);
+        EXPECT_EQ(held(source), whole);
+        EXPECT_EQ(exists(source), wasSource);
+        EXPECT_EQ(exists(target), there);
+        EXPECT_EQ(held(target), was);
+        EXPECT_EQ(sorted(namesIn(folder)), names);
+        EXPECT_EQ(statError(inMount(row.from)), wasSource ? 0 : ENOENT);
+        EXPECT_EQ(statError(inMount(row.to)), there ? 0 : ENOENT);
+        EXPECT_EQ(sorted(namesIn(inMount(row.to.substr(0, row.to.rfind('/'))))), names);
+        if (row.remountAfter) {
+            remount();
+        } else {
+            ASSERT_EQ(sim.control("clear " + udid), "ok");
+        }
+    };
+    const auto removeFile = +[](const char *path, const char *) { return unlink(path); };
+    const auto makeFolder = +[](const char *path, const char *) { return mkdir(path, 0755); };
+    const auto removeFolder = +[](const char *path, const char *) { return rmdir(path); };
+    // Refusals of a removal, a folder made and a folder removed; of a
+    // rename in Storage and one inside an app (which logs in its own words;
+    // RenameUnitTest pins the Storage one's line); the connection gone; a
+    // move between areas whose copy is refused, cut short in the middle of
+    // the copy into an app and out of one (that copy goes through the
+    // mount's own connection, which the drop takes with it), out of room;
+    // last the connection gone while the device stays attached.
+    const std::string refused = "Could not rename or move the contents.\nError Code : ", afc = "afc-error " + udid;
+    const std::string lost = "Lost USB connection.\nRenaming or moving aborted.", full = "Not enough space on device.";
+    const std::string cut = "drop-after-bytes " + udid + " 1048576", stay = "/Storage/stay.txt";
+    EXPECT_TRUE(namesIn(inMount("/Storage/tree")).empty());  // listed before its fault
+    const Failure failures[] = {
+        {afc + " /general_storage/stay.txt permission-denied", stay, stay, "Could not remove a file.\nError Code : -3",
+         removeFile, "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -3",
+         false},
+        {afc + " /general_storage/blocked permission-denied", "/Storage/blocked", "/Storage/blocked",
+         "Could not make a directory.\nError Code : -3", makeFolder,
+         "tarnifs_mkdir libiusb_afc_make_directory failed. path(/general_storage/blocked), error : -3", false},
+        {afc + " /general_storage/tree permission-denied", "/Storage/tree", "/Storage/tree",
+         "Could not remove a Directory.\nError Code : -3", removeFolder,
+         "tarnifs_rmdir libiusb_afc_file_remove failed. path(/general_storage/tree). error : -3", false},
+        {afc + " /general_storage/stay.txt permission-denied", stay, "/Storage/k2.txt", refused + "-3", rename, nullptr,
+         false},
+        {afc + " /Documents/n.txt permission-denied", "/Apps/Notes/n.txt", "/Apps/Notes/n2.txt", refused + "-3", rename,
+         "movetoapps libiusb_afc_rename filed, from(/Documents/n.txt), to(/Documents/n2.txt), ret : -3", false},
+        {"drop-now " + udid, stay, "/Storage/big.bin", lost, rename, nullptr, true},
+        {afc + " *.quorvel-move io-error", "/Storage/big.bin", "/Apps/Notes/big.bin", refused + "*", rename, nullptr,
+         false},
+        {cut, "/Storage/big.bin", "/Apps/Notes/big.bin", lost, rename, nullptr, true},
+        {cut, "/Apps/Notes/large.bin", "/Storage/large.bin", lost, rename, nullptr, true},
+        {afc + " *.quorvel-move no-space write", "/Storage/big.bin", "/Apps/Notes/big.bin", full, rename, nullptr,
+         false},
+        {"drop-now " + udid, stay, stay, "Lost USB connection.\nFile remove aborted.", removeFile,
+         "UnlinkStorageContents libiusb_afc_file_remove failed. path(/general_storage/stay.txt). ret : -32", false},
+    };
+    for (const Failure &row : failures) failed(row);
     // The device is still attached: the next request opens the connection again.
     EXPECT_EQ(mkdir(inMount("/Storage/later").c_str(), 0755), 0) << strerror(errno);
     EXPECT_TRUE(isFolder(storageImage() + "/later"));
@@ -868,6 +785,68 @@ TEST_F(RenameTest, FoldersAndFilesAreMadeAndRemovedAndRefusalsAndFailuresChangeN
               1);
     EXPECT_EQ(statError(inMount("/Storage/stay.txt")), ENOENT);
     EXPECT_FALSE(listed(inMount("/Apps/Notes"), "gone.txt"));
+
+    // A folder move cut short about a megabyte in: every file ends whole at
+    // its source or whole at its target, never half in both.
+    ASSERT_EQ(sim.control("drop-after-bytes " + udid + " 1000000"), "ok");
+    EXPECT_EQ(renameError(inMount("/Storage/many"), inMount("/Apps/Notes/many")), ECANCELED);
+    expectDialog(&seen, lost, "error");
+    size_t moved = 0, stayed = 0;
+    for (int i = 0; i < 20; ++i) {
+        std::string name = "/f" + std::to_string(10 + i) + ".bin";
+        bool atSource = exists(storageImage() + "/many" + name);
+        bool atTarget = exists(appImage() + "/many" + name);
+        EXPECT_NE(atSource, atTarget) << name << " must be on exactly one side";
+        std::string whole = readLocal((atSource ? storageImage() : appImage()) + "/many" + name);
+        EXPECT_EQ(whole, contents[static_cast<size_t>(i)]) << name;
+        // Files are carried in listing order: the first ones went, the rest stayed.
+        EXPECT_TRUE(atSource || stayed == 0) << name << " moved after one that stayed";
+        moved += atTarget;
+        stayed += atSource;
+    }
+    EXPECT_GT(moved, 0u);
+    EXPECT_GT(stayed, 0u);
+    remount();
+    // A dot name travels with its folder like any name, and the folder goes.
+    expectMoved("/Storage/withhidden", "/Apps/Notes/withhidden", "/.hidden", "/withhidden/.hidden");
+    EXPECT_EQ(readLocal(appImage() + "/withhidden/a.txt"), "/withhidden/a.txt");
+
+    // A source the device will not remove once its copy is whole and in
+    // place stays where it was, on the device and through the mount: the
+    // move has succeeded, and the routine that moved it logs the removal in
+    // its own words (the whole line, or its start and end).
+    const struct {
+        const char *devicePath, *from, *to, *log, *end;
+    } kept[] = {
+        {"/general_storage/big.bin", "/Storage/big.bin", "/Apps/Notes/big.bin",
+         "movetoapps libiusb_afc_file_remove failed, ret : -3", ""},
+        {"/Documents/n.txt", "/Apps/Notes/n.txt", "/Storage/n.txt",
+         "movetostorage  libiusb_afc_file_remove failed, ret : -3, hhandle : 0x", ", path : /Documents/n.txt"},
+        {"/Documents/over.txt", "/Apps/Notes/over.txt", "/Apps/Other/over.txt",
+         "movetoapps libiusb_afc_file_remove failed. path(/Documents/over.txt), error : -3", ""},
+    };
+    for (const auto &row : kept) {
+        SCOPED_TRACE(row.from);
+        const std::string bytes = readLocal(onDevice(row.from));
+        ASSERT_EQ(sim.control(afc + " " + row.devicePath + " permission-denied remove"), "ok");
+        EXPECT_EQ(runStatus({"mv", inMount(row.from), inMount(row.to)}), 0);
+        EXPECT_EQ(readLocal(onDevice(row.to)), bytes);
+        EXPECT_EQ(readLocal(inMount(row.to)), bytes);
+        EXPECT_EQ(*row.end ? mount.countLogStarting(row.log) : mount.countLog(row.log), 1);
+        std::string line = "(not logged)";
+        for (const std::string &logged : mount.logMessages())
+            if (logged.rfind(row.log, 0) == 0) line = logged;
+        const size_t end = strlen(row.end);
+        EXPECT_TRUE(line.size() >= end && line.compare(line.size() - end, end, row.end) == 0) << line;
+        EXPECT_EQ(readLocal(onDevice(row.from)), bytes);
+        EXPECT_EQ(readLocal(inMount(row.from)), bytes);
+    }
+
+    // No room for the copy: refused before anything is written (the
+    // capacity is read when mounting; "clear" leaves it).
+    ASSERT_EQ(sim.control("capacity " + udid + " 3500000"), "ok");
+    remount();
+    failed({"clear " + udid, "/Storage/big.bin", "/Apps/Notes/big2.bin", full, rename, nullptr, false});
     EXPECT_EQ(dialogs.dialogs().size(), seen);
 }
 
