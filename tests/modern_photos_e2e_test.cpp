@@ -15,9 +15,7 @@ using devsim::MediaLibrary;
 using devsim::MediaPhoto;
 
 MediaPhoto photo(const std::string &file, std::vector<int64_t> albums, unsigned seed) {
-    MediaPhoto made = mediaPhoto("DCIM/100APPLE", file, std::move(albums), seed, 2000 + seed * 11, 600000000);
-    made.bytes = randomBytes(2000 + seed * 11, seed + 300);
-    return made;
+    return mediaPhoto("DCIM/100APPLE", file, std::move(albums), seed, 2000 + seed * 11, 600000000);
 }
 
 MediaLibrary modernLibrary(int version) {
