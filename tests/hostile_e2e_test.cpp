@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <future>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -61,18 +60,11 @@ TEST_F(HostileMountTest, NamesSizesDepthAndBrokenRepliesNeitherCrashNorHangTheMo
     // Only names a path can reach are shown, and none aliases another.
     std::vector<std::string> names;
     ASSERT_TRUE(answers<std::vector<std::string>>([&] { return namesIn(hostile("names")); }, &names));
-    std::set<std::string> shown(names.begin(), names.end());
     // Written out by hand from the device's listing: ".", "..", "../escape.txt",
     // "a/b", "/absolute.txt", "", the 256- and 5000-byte names are gone.
-    std::set<std::string> expected = {"a",
-                                      "bad\xff\xfeutf8.txt",
-                                      "control\x01.txt",
-                                      "line\nbreak.txt",
-                                      std::string(255, 'n'),
-                                      "plain.txt",
-                                      "tab\there.txt"};
-    EXPECT_EQ(shown, expected);
-    EXPECT_EQ(names.size(), expected.size()) << "each name once";
+    std::vector<std::string> expected = {"a", "bad\xff\xfeutf8.txt", "control\x01.txt", "line\nbreak.txt",
+                                         std::string(255, 'n'), "plain.txt", "tab\there.txt"};
+    EXPECT_EQ(sorted(names), sorted(expected)) << "each name once";
     // Every shown name reads as the device's record of that very name.
     for (const std::string &name : expected) {
         if (name == "a") continue;

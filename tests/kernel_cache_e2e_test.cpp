@@ -15,17 +15,16 @@
 
 namespace {
 
-class KernelCacheTest : public MountedDeviceTest {
-protected:
-    // Requests the file system received so far, as libfuse's debug output (-d) shows them.
-    std::vector<std::string> requests() const {
-        std::ifstream in(mount.logDir + "/quorvelfs.out");
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(in, line);)
-            if (line.find(", opcode: ") != std::string::npos) lines.push_back(line);
-        return lines;
-    }
-};
+// Requests the file system received so far, as libfuse's debug output (-d) shows them.
+std::vector<std::string> requests(const QuorvelMount &mount) {
+    std::ifstream in(mount.logDir + "/quorvelfs.out");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        if (line.find(", opcode: ") != std::string::npos) lines.push_back(line);
+    return lines;
+}
+
+class KernelCacheTest : public MountedDeviceTest {};
 
 TEST_F(KernelCacheTest, ListingsHandOverAttributesAndChangesAreSeenByTheNextStat) {
     DevsimImage image;
@@ -43,9 +42,9 @@ TEST_F(KernelCacheTest, ListingsHandOverAttributesAndChangesAreSeenByTheNextStat
     std::string folder = inMount("/Storage/many");
 
     std::string first = runProgram({"ls", "-lU", "--time-style=+%s", folder});
-    size_t before = requests().size();
+    size_t before = requests(mount).size();
     std::string second = runProgram({"ls", "-lU", "--time-style=+%s", folder});
-    std::vector<std::string> asked = requests();
+    std::vector<std::string> asked = requests(mount);
     asked.erase(asked.begin(), asked.begin() + static_cast<long>(before));
 
     EXPECT_EQ(second, first) << "the same names, order and attributes";

@@ -18,9 +18,12 @@ using devsim::MediaRecording;
 using devsim::MediaSong;
 using devsim::PhotoFamily;
 
+// A photo of this subtype (2 live, 1 panorama, 10 screenshot; 0 none).
 MediaPhoto photo(const std::string &directory, const std::string &file, std::vector<int64_t> albums,
-                 unsigned seed) {
-    return mediaPhoto(directory, file, std::move(albums), seed, 3000 + seed * 17, 500000000);
+                 unsigned seed, int subtype = 0) {
+    MediaPhoto made = mediaPhoto(directory, file, std::move(albums), seed, 3000 + seed * 17, 500000000);
+    made.subtype = subtype;
+    return made;
 }
 
 MediaSong song(std::optional<std::string> artist, std::optional<std::string> title, const std::string &location,
@@ -54,15 +57,11 @@ MediaLibrary photoLibrary(PhotoFamily family) {
     std::vector<MediaPhoto> &p = library.photos;
     p.push_back(photo(dcim, "IMG_0001.JPG", {1, 2, 10}, 1));
     p.push_back(photo("DCIM/101APPLE", "IMG_0001.JPG", {1}, 2));  // same recorded name
-    p.push_back(photo(dcim, "IMG_0005.JPG", {1, 3}, 3));          // live, video present
-    p.back().subtype = 2;
+    p.push_back(photo(dcim, "IMG_0005.JPG", {1, 3}, 3, 2));       // live, video present
     p.back().live_video_bytes = randomBytes(9000, 33);
-    p.push_back(photo(dcim, "IMG_0006.JPG", {1}, 4));  // live, video missing
-    p.back().subtype = 2;
-    p.push_back(photo(dcim, "IMG_0007.JPG", {1, 4}, 5));  // panorama
-    p.back().subtype = 1;
-    p.push_back(photo(dcim, "IMG_0008.PNG", {1}, 6));  // screenshot
-    p.back().subtype = 10;
+    p.push_back(photo(dcim, "IMG_0006.JPG", {1}, 4, 2));  // live, video missing
+    p.push_back(photo(dcim, "IMG_0007.JPG", {1, 4}, 5, 1));  // panorama
+    p.push_back(photo(dcim, "IMG_0008.PNG", {1}, 6, 10));  // screenshot
     p.push_back(photo(dcim, "IMG_0009.MOV", {1}, 7));  // video
     p.back().kind = 1;
     p.push_back(photo(dcim, "IMG_0010.JPG", {1}, 8));  // hidden
@@ -98,8 +97,8 @@ MediaLibrary cloudLibrary() {
     library.write_music_db = false;
     library.write_record_db = false;
     library.albums = {mediaAlbum(1, std::nullopt, 1000), mediaAlbum(2, "Trip"), mediaAlbum(3, "Friends")};
-    auto cloudPhoto = [](const std::string &name, std::vector<int64_t> albums, unsigned seed) {
-        MediaPhoto made = photo("DCIM/100APPLE", name, std::move(albums), seed);
+    auto cloudPhoto = [](const std::string &name, std::vector<int64_t> albums, unsigned seed, int subtype = 0) {
+        MediaPhoto made = photo("DCIM/100APPLE", name, std::move(albums), seed, subtype);
         made.cloud_original_filename = name;
         devsim::MediaCloudResource resource;
         resource.file_path = "/var/mobile/Media/DCIM/100APPLE/" + name;
@@ -120,10 +119,8 @@ MediaLibrary cloudLibrary() {
     p.back().cloud_resources[0].locally_available = 0;
     p.push_back(cloudPhoto("IMG_0103.JPG", {1}, 44));  // stale size: not shown
     p.back().cloud_resources[0].db_file_size = static_cast<int64_t>(p.back().bytes.size()) + 1;
-    p.push_back(cloudPhoto("IMG_0104.JPG", {1, 2, 3}, 45));  // a panorama in three albums
-    p.back().subtype = 1;
-    p.push_back(cloudPhoto("IMG_0105.JPG", {1}, 46));  // live: its video is the same master again
-    p.back().subtype = 2;
+    p.push_back(cloudPhoto("IMG_0104.JPG", {1, 2, 3}, 45, 1));  // a panorama in three albums
+    p.push_back(cloudPhoto("IMG_0105.JPG", {1}, 46, 2));  // live: its video is the same master again
     p.back().live_video_bytes = randomBytes(5000, 47);
     p.push_back(cloudPhoto("IMG_0106.MOV", {1}, 48));
     p.back().kind = 1;

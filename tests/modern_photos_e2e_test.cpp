@@ -14,9 +14,10 @@ namespace {
 using devsim::MediaLibrary;
 using devsim::MediaPhoto;
 
-MediaPhoto photo(const std::string &file, std::vector<int64_t> albums, unsigned seed) {
+// A photo of this subtype (2 live, 1 panorama, 10 screenshot; 0 none).
+MediaPhoto photo(const std::string &file, std::vector<int64_t> albums, unsigned seed, int subtype = 0) {
     MediaPhoto made = mediaPhoto("DCIM/100APPLE", file, std::move(albums), seed, 2000 + seed * 11, 600000000);
-    made.bytes = randomBytes(2000 + seed * 11, seed + 300);
+    made.subtype = subtype;
     return made;
 }
 
@@ -30,11 +31,9 @@ MediaLibrary modernLibrary(int version) {
                       mediaAlbum(4, "Favourites", 1602), mediaAlbum(5, "Old", 2, 1), mediaAlbum(6, "My Panoramas")};
     std::vector<MediaPhoto> &p = library.photos;
     p.push_back(photo("IMG_0001.HEIC", {1}, 1));
-    p.push_back(photo("IMG_0002.HEIC", {2}, 2));  // live, its video beside it
-    p.back().subtype = 2;
+    p.push_back(photo("IMG_0002.HEIC", {2}, 2, 2));  // live, its video beside it
     p.back().live_video_bytes = randomBytes(7000, 77);
-    p.push_back(photo("IMG_0003.JPG", {}, 3));  // live, video missing
-    p.back().subtype = 2;
+    p.push_back(photo("IMG_0003.JPG", {}, 3, 2));  // live, video missing
     p.push_back(photo("IMG_0004.HEIC", {1}, 4));  // hidden
     p.back().hidden = true;
     p.push_back(photo("IMG_0005.HEIC", {1}, 5));  // in Recently Deleted
@@ -45,18 +44,15 @@ MediaLibrary modernLibrary(int version) {
     p.back().cloud_only = true;
     p.push_back(photo("IMG_0008.MOV", {}, 8));  // a video
     p.back().kind = 1;
-    p.push_back(photo("IMG_0009.HEIC", {6}, 9));  // panorama
-    p.back().subtype = 1;
-    p.push_back(photo("IMG_0010.PNG", {}, 10));  // screenshot
-    p.back().subtype = 10;
+    p.push_back(photo("IMG_0009.HEIC", {6}, 9, 1));  // panorama
+    p.push_back(photo("IMG_0010.PNG", {}, 10, 10));  // screenshot
     p.push_back(photo("IMG_0011.HEIC", {}, 11));  // front camera
     p.back().camera_capture_device = 1;
     p.push_back(photo("IMG_0012.HEIC", {}, 12));  // the burst's key photo
     p.back().avalanche_pick_type = 16;
     p.push_back(photo("IMG_0013.HEIC", {}, 13));  // a burst frame not picked
     p.back().visibility = 2;
-    p.push_back(photo("IMG_0014.HEIC", {2}, 14));  // a live photo only in iCloud
-    p.back().subtype = 2;
+    p.push_back(photo("IMG_0014.HEIC", {2}, 14, 2));  // a live photo only in iCloud
     p.back().cloud_only = true;
     p.back().live_video_bytes = randomBytes(3000, 78);
     return library;
