@@ -1,18 +1,16 @@
 // `quorvel demo` run as a user runs it: it must reach a browsable mount, and
 // however it is stopped (Ctrl-C, SIGTERM, SIGKILL, a dead mount left by
 // someone else) the next run must work and nothing may stay behind.
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include "tests/support/catalogue_fixture.h"
 #include "tests/support/fuse_mount.h"
@@ -28,7 +26,6 @@ const std::string kQuorvel = quorvelProgram();
 struct DemoRun {
     pid_t pid = -1;
     std::string output;
-    int status = -1;
 
     void start(const std::string &mountPoint, const std::string &outputFile) {
         output = outputFile;
@@ -36,27 +33,29 @@ struct DemoRun {
     }
     std::string text() const { return readLocal(output); }
     // True once `wanted` was printed; false when the demo ended first or
-    // the generous wait ran out.
-    bool waitFor(const std::string &wanted, int seconds = 180) {
-        eventually([&] { return text().find(wanted) != std::string::npos || finished(0); }, seconds);
+    // the generous wait ran out. An ended demo is left for stop() to reap.
+    bool waitFor(const std::string &wanted) {
+        siginfo_t ended{};
+        eventually(
+            [&] {
+                return text().find(wanted) != std::string::npos ||
+                       (waitid(P_PID, pid, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid == pid);
+            },
+            180);
         return text().find(wanted) != std::string::npos;
     }
-    // True once it ended (waiting up to `seconds`), its wait status in `status`.
-    bool finished(int seconds) {
-        return eventually(
-            [&] {
-                if (pid > 0 && waitpid(pid, &status, WNOHANG) == pid) pid = -1;
-                return pid <= 0;
-            },
-            seconds);
-    }
+    // Its exit status once `sig` (0: none) ended it within `seconds`, or -1.
+    // Then killed, but not waited for: one held by a hung mount cannot end.
     // Only ever this process: kill(-1, ...) would reach every process we own.
-    void signal(int sig) {
-        if (pid > 0) kill(pid, sig);
-    }
-    void kill9() {
-        signal(SIGKILL);
-        finished(60);
+    int stop(int sig, int seconds = 120) {
+        if (pid <= 0) return -1;
+        if (sig != 0) kill(pid, sig);
+        int status = -1;
+        bool ended = false;
+        eventually([&] { return ended = ended || waitpid(pid, &status, WNOHANG) == pid; }, seconds);
+        if (!ended) kill(pid, SIGKILL);
+        pid = -1;
+        return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     // The private folder the demo announced ("... image in /tmp/quorvel-demo-XXXXXX/image").
     std::string workFolder() const {
@@ -71,16 +70,12 @@ struct DemoRun {
 // its work folder in their arguments).
 int processesMentioning(const std::string &needle) {
     int count = 0;
-    DIR *proc = opendir("/proc");
-    while (proc != nullptr) {
-        dirent *entry = readdir(proc);
-        if (entry == nullptr) break;
-        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-        std::string cmdline = readLocal(std::string("/proc/") + entry->d_name + "/cmdline");
-        for (char &c : cmdline) c = c == '\0' ? ' ' : c;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator("/proc", error)) {
+        std::string cmdline = readLocal(entry.path().string() + "/cmdline");
+        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
         if (cmdline.find(needle) != std::string::npos) count++;
     }
-    if (proc != nullptr) closedir(proc);
     return count;
 }
 
@@ -100,12 +95,7 @@ protected:
     }
     void TearDown() override {
         if (folder.empty()) return;
-        for (DemoRun *run : {&first, &second}) {
-            if (run->pid > 0) {
-                run->signal(SIGTERM);
-                if (!run->finished(60)) run->kill9();
-            }
-        }
+        for (DemoRun *run : {&first, &second}) run->stop(SIGTERM, 60);
         if (isFuseMountPoint(mountPoint) || quorvel_tools::isDeadMount(mountPoint)) run_program({fusermountProgram(), "-u", "-z", mountPoint});
         eventually([&] { return !isFuseMountPoint(mountPoint); }, 30);
         std::error_code error;
@@ -124,10 +114,9 @@ protected:
         EXPECT_NE(shown.find("df -h '" + mountPoint + "'"), std::string::npos) << shown;
         EXPECT_TRUE(fs::is_directory(mountPoint + "/Storage/Documents")) << "the sample's Storage is served";
     }
-    // Stopped, it leaves no mount, no work folder and no process behind.
-    void expectNothingLeft(DemoRun &run, const std::string &workFolder, bool runMadeMountPoint = true) {
-        ASSERT_TRUE(run.finished(120)) << run.text();
-        EXPECT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0) << run.status << "\n" << run.text();
+    // Stopped by `sig`, it leaves no mount, no work folder and no process behind.
+    void expectNothingLeft(DemoRun &run, const std::string &workFolder, int sig, bool runMadeMountPoint = true) {
+        ASSERT_EQ(run.stop(sig), 0) << run.text();
         EXPECT_NE(run.text().find("Demo stopped; nothing left behind."), std::string::npos) << run.text();
         EXPECT_FALSE(isFuseMountPoint(mountPoint));
         if (runMadeMountPoint) {
@@ -149,32 +138,28 @@ TEST_F(QuorvelDemoCommand, BecomesBrowsableCtrlCLeavesNothingBehindAndTheNextRun
     ASSERT_TRUE(fs::is_directory(work + "/log")) << "the file system logs into the demo's own folder";
     // Inside the mount while Ctrl-C comes: clean-up must still finish.
     int held = open((mountPoint + "/Storage").c_str(), O_RDONLY | O_DIRECTORY);
-    first.signal(SIGINT);
-    first.signal(SIGINT);  // impatient users press twice
-    expectNothingLeft(first, work);
+    kill(first.pid, SIGINT);  // impatient users press twice
+    expectNothingLeft(first, work, SIGINT);
     if (held >= 0) close(held);
 
     first.start(mountPoint, folder + "/killed.out");
     ASSERT_TRUE(first.waitFor(kBrowsable)) << first.text();
     std::string firstWork = first.workFolder();
-    first.kill9();
+    first.stop(SIGKILL, 60);
     // Its children notice it died and stop; the mount and folder may stay.
     EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork) == 0; }, 60)) << "devsim or quorvelfs outlived it";
 
     second.start(mountPoint, folder + "/second.out");
     expectBrowsable(second);
     EXPECT_FALSE(fs::exists(firstWork)) << "the killed run's folder is cleared by the next run";
-    std::string secondWork = second.workFolder();
-    second.signal(SIGTERM);
-    expectNothingLeft(second, secondWork, false);
+    expectNothingLeft(second, second.workFolder(), SIGTERM, false);
 }
 
 TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount) {
     fs::create_directory(mountPoint);
     std::ofstream(mountPoint + "/precious.txt") << "mine";
     first.start(mountPoint, folder + "/refused.out");
-    ASSERT_TRUE(first.finished(120)) << first.text();
-    EXPECT_TRUE(WIFEXITED(first.status) && WEXITSTATUS(first.status) == 1) << first.text();
+    EXPECT_EQ(first.stop(0), 1) << first.text();
     EXPECT_NE(first.text().find("is not empty"), std::string::npos) << first.text();
     EXPECT_EQ(readLocal(mountPoint + "/precious.txt"), "mine");
 
@@ -204,9 +189,7 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount)
               std::string::npos)
         << first.text();
     EXPECT_TRUE(isFuseMountPoint(mountPoint));
-    std::string work = first.workFolder();
-    first.signal(SIGINT);
-    expectNothingLeft(first, work, false);
+    expectNothingLeft(first, first.workFolder(), SIGINT, false);
     EXPECT_TRUE(fs::is_directory(mountPoint)) << "a mount point the demo did not make is left in place";
 }
 

@@ -8,10 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -83,11 +81,13 @@ protected:
 };
 
 // Several devices must be named, the named one is mounted (also over a
-// folder with files, read-only, and detached lazily while busy), and no
-// device is said plainly.
-TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMountedAndNoDeviceIsSaidPlainly) {
+// folder with files, read-only, and detached lazily while busy). Then the
+// third phone, left alone, plays the phone's side of pairing; with none left,
+// no device is said plainly.
+TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedTheNamedOneIsMountedPairingIsWaitedForAndNoDeviceIsSaidPlainly) {
     ASSERT_TRUE(sim.start({namedPhone("Alice", 4111, {"alice.txt", "shared.txt"}),
-                           namedPhone("Bob", 4112, {"bob-1.txt", "bob-2.txt", "shared.txt"})}))
+                           namedPhone("Bob", 4112, {"bob-1.txt", "bob-2.txt", "shared.txt"}),
+                           namedPhone("Careful", 4131, {"t.txt"})}))
         << sim.error();
 
     std::string output;
@@ -155,42 +155,34 @@ TEST_F(QuorvelMountCommand, SeveralDevicesMustBeNamedAndTheNamedOneIsMountedAndN
     EXPECT_TRUE(fs::exists(mountPoint + "/hidden-while-mounted.txt"));
     fs::remove(mountPoint + "/hidden-while-mounted.txt");
 
+    // The phone's side of pairing, as devsim plays it: the first contact, a
+    // phone that forgot this computer, a locked one, "Don't Trust", nobody there.
     ASSERT_EQ(sim.control("unplug " + sim.udid(0)), "ok");
     ASSERT_EQ(sim.control("unplug " + sim.udid(1)), "ok");
-    EXPECT_EQ(runQuorvel({"mount", mountPoint}, &output), 1);
-    EXPECT_NE(output.find("No device found. Connect an iPhone or iPad, unlock it, and try again."), std::string::npos)
-        << output;
-    EXPECT_FALSE(isFuseMountPoint(mountPoint));
-}
-
-// The phone's side of pairing, as devsim plays it: the first contact, a
-// phone that forgot this computer, a locked one, "Don't Trust", nobody there.
-TEST_F(QuorvelMountCommand, PairsWaitingForTrustPairsAgainWhenForgottenAndStopsWhenDenied) {
-    ASSERT_TRUE(sim.start({namedPhone("Careful", 4131, {"t.txt"})})) << sim.error();
-    const std::string udid = sim.udid(0);
+    const std::string udid = sim.udid(2);
     const std::string waiting = "Waiting for you to tap Trust on the device…";
     // A file of its own for each run: the file system a run left behind still
     // writes to the one it was started with.
-    std::string output;
+    std::string runLog;
     int runs = 0;
     pid_t mounting = -1;
     auto startMount = [&]() {
-        output = folder + "/mount" + std::to_string(++runs) + ".out";
-        mounting = startProgram({kQuorvel, "mount", mountPoint}, output);
+        runLog = folder + "/mount" + std::to_string(++runs) + ".out";
+        mounting = startProgram({kQuorvel, "mount", mountPoint}, runLog);
     };
     auto said = [&](const std::string &text) {
-        return eventually([&] { return readLocal(output).find(text) != std::string::npos; }, 60);
+        return eventually([&] { return readLocal(runLog).find(text) != std::string::npos; }, 60);
     };
     // Starts quorvel mount, which is to wait until `phoneSide` is sent to the
     // phone, and then mount: the phone's file is read through the mount.
     auto mountsOnceAnswered = [&](const std::string &before, const std::string &phoneSide) {
         startMount();
-        ASSERT_TRUE(said(before)) << readLocal(output);
+        ASSERT_TRUE(said(before)) << readLocal(runLog);
         EXPECT_FALSE(isFuseMountPoint(mountPoint));
         ASSERT_EQ(sim.control(phoneSide + " " + udid), "ok");
-        ASSERT_EQ(exitStatusOf(mounting, 0), 0) << readLocal(output);
+        ASSERT_EQ(exitStatusOf(mounting, 0), 0) << readLocal(runLog);
         EXPECT_EQ(readLocal(mountPoint + "/Storage/t.txt"), "Careful");
-        std::string text = readLocal(output);
+        std::string text = readLocal(runLog);
         EXPECT_EQ(text.find(waiting, text.find(waiting) + 1), std::string::npos) << "said once:\n" << text;
         std::string unmounted;
         EXPECT_EQ(runQuorvel({"unmount", mountPoint}, &unmounted), 0) << unmounted;
@@ -203,8 +195,8 @@ TEST_F(QuorvelMountCommand, PairsWaitingForTrustPairsAgainWhenForgottenAndStopsW
     // Reset, or told to forget this computer: the pairing is made afresh once.
     ASSERT_EQ(sim.control("forget-host " + udid), "ok");
     mountsOnceAnswered(waiting, "trust");
-    EXPECT_NE(readLocal(output).find("Careful no longer accepts this computer's pairing"), std::string::npos)
-        << readLocal(output);
+    EXPECT_NE(readLocal(runLog).find("Careful no longer accepts this computer's pairing"), std::string::npos)
+        << readLocal(runLog);
     // Locked with its passcode.
     ASSERT_EQ(sim.control("lock " + udid), "ok");
     mountsOnceAnswered("(It is locked: unlock it with its passcode first.)", "unlock");
@@ -212,23 +204,28 @@ TEST_F(QuorvelMountCommand, PairsWaitingForTrustPairsAgainWhenForgottenAndStopsW
     // "Don't Trust": a plain sentence and status 1, nothing mounted.
     ASSERT_EQ(sim.control("unpaired " + udid), "ok");
     startMount();
-    ASSERT_TRUE(said(waiting)) << readLocal(output);
+    ASSERT_TRUE(said(waiting)) << readLocal(runLog);
     ASSERT_EQ(sim.control("deny " + udid), "ok");
-    EXPECT_EQ(exitStatusOf(mounting, 0), 1) << readLocal(output);
-    EXPECT_NE(readLocal(output).find("Careful does not trust this computer: \"Don't Trust\" was tapped."),
+    EXPECT_EQ(exitStatusOf(mounting, 0), 1) << readLocal(runLog);
+    EXPECT_NE(readLocal(runLog).find("Careful does not trust this computer: \"Don't Trust\" was tapped."),
               std::string::npos)
-        << readLocal(output);
+        << readLocal(runLog);
     EXPECT_FALSE(isFuseMountPoint(mountPoint));
 
     // Nobody answers: the wait ends with a clear message.
     ASSERT_EQ(sim.control("trust " + udid), "ok");
     ASSERT_EQ(sim.control("lock " + udid), "ok");
     setenv("QUORVEL_TRUST_TIMEOUT", "2", 1);
-    std::string text;
-    int status = runQuorvel({"mount", mountPoint}, &text);
+    int status = runQuorvel({"mount", mountPoint}, &output);
     unsetenv("QUORVEL_TRUST_TIMEOUT");
-    EXPECT_EQ(status, 1) << text;
-    EXPECT_NE(text.find("did not trust this computer within 2 seconds"), std::string::npos) << text;
+    EXPECT_EQ(status, 1) << output;
+    EXPECT_NE(output.find("did not trust this computer within 2 seconds"), std::string::npos) << output;
+    EXPECT_FALSE(isFuseMountPoint(mountPoint));
+
+    ASSERT_EQ(sim.control("unplug " + udid), "ok");
+    EXPECT_EQ(runQuorvel({"mount", mountPoint}, &output), 1);
+    EXPECT_NE(output.find("No device found. Connect an iPhone or iPad, unlock it, and try again."), std::string::npos)
+        << output;
     EXPECT_FALSE(isFuseMountPoint(mountPoint));
 }
 
