@@ -70,7 +70,6 @@ class DevsimIfuseTest : public ::testing::Test {
 // in device_devsim_test.cpp.)
 TEST_F(DevsimIfuseTest, MountsMediaAndDocumentsAsOnAPhoneWhileTheDeviceAcceptsTheComputer) {
   std::string mnt = scratch_ + "/mnt", output;
-  const std::string udid = sim_.udid(0);
   mount({}, mnt);
   std::string storage = mnt + "/general_storage";
   run({"ls", storage}, &output);
@@ -91,8 +90,8 @@ TEST_F(DevsimIfuseTest, MountsMediaAndDocumentsAsOnAPhoneWhileTheDeviceAcceptsTh
   run({"cat", docs + "/note.txt"}, &output);
   EXPECT_EQ(output, "a note\n");
 
-  ASSERT_EQ(sim_.control("forget-host " + udid), "ok");
-  EXPECT_NE(run_program({"ifuse", "-u", udid, scratch_ + "/refused"}, &output), 0) << output;
+  ASSERT_EQ(sim_.control("forget-host " + sim_.udid(0)), "ok");
+  EXPECT_NE(run_program({"ifuse", "-u", sim_.udid(0), scratch_ + "/refused"}, &output), 0) << output;
 }
 
 }  // namespace
