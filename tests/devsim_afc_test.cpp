@@ -70,6 +70,14 @@ bool device_listed(const std::string& udid) {
   return found;
 }
 
+// StartService's answer; the service itself is not used.
+lockdownd_error_t start_service(lockdownd_client_t client, const char* name) {
+  lockdownd_service_descriptor_t service = nullptr;
+  lockdownd_error_t result = lockdownd_start_service(client, name, &service);
+  lockdownd_service_descriptor_free(service);
+  return result;
+}
+
 // lockdownd_client_new_with_handshake, then StartService of AFC, as every
 // client does; the first error met.
 lockdownd_error_t handshake_and_start_afc(const std::string& udid) {
@@ -77,9 +85,7 @@ lockdownd_error_t handshake_and_start_afc(const std::string& udid) {
   if (idevice_new(&device, udid.c_str()) != IDEVICE_E_SUCCESS) return LOCKDOWN_E_MUX_ERROR;
   lockdownd_client_t client = nullptr;
   lockdownd_error_t result = lockdownd_client_new_with_handshake(device, &client, "devsim-test");
-  lockdownd_service_descriptor_t service = nullptr;
-  if (result == LOCKDOWN_E_SUCCESS) result = lockdownd_start_service(client, "com.apple.afc", &service);
-  if (service) lockdownd_service_descriptor_free(service);
+  if (result == LOCKDOWN_E_SUCCESS) result = start_service(client, "com.apple.afc");
   if (client) lockdownd_client_free(client);
   idevice_free(device);
   return result;
@@ -191,28 +197,17 @@ TEST_F(DevsimAfcTest, ListsDescribesFillsToCapacityAndServesHostileKindsAndChose
   start();
   EXPECT_EQ(listing(afc_, "/general_storage"),
             (std::vector<std::string>{".", "..", "data.bin", "folder", "hello.txt", "locked.txt", "open.txt"}));
+  // Kind, size and birth time are pinned in device_devsim_test.cpp.
   auto file = info("/general_storage/hello.txt");
-  EXPECT_EQ(file["st_ifmt"], "S_IFREG");
-  EXPECT_EQ(file["st_size"], "11");
   EXPECT_EQ(file["st_blocks"], "8");  // one 4096-byte block in 512-byte units
   EXPECT_EQ(file["st_nlink"], "1");
   struct stat st;
   ASSERT_EQ(stat((media_ + "/general_storage/hello.txt").c_str(), &st), 0);
   EXPECT_EQ(file["st_mtime"], std::to_string(static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000ull +
                                              static_cast<uint64_t>(st.st_mtim.tv_nsec)));
-  EXPECT_FALSE(file["st_birthtime"].empty());
-  EXPECT_EQ(info("/general_storage")["st_ifmt"], "S_IFDIR");
-  info("/general_storage/missing", AFC_E_OBJECT_NOT_FOUND);
-
   char** entries = nullptr;
   EXPECT_EQ(afc_read_directory(afc_, "/general_storage/hello.txt", &entries), AFC_E_READ_ERROR);
-  EXPECT_EQ(afc_read_directory(afc_, "/nothing/here", &entries), AFC_E_OBJECT_NOT_FOUND);
-
-  auto values = device_info();
-  EXPECT_EQ(values["Model"], "iPhone9,3");
-  EXPECT_EQ(values["FSTotalBytes"], "50000000");
-  EXPECT_EQ(values["FSBlockSize"], "4096");
-  EXPECT_EQ(values["FSFreeBytes"], std::to_string(50000000 - kStored));
+  EXPECT_EQ(device_info()["Model"], "iPhone9,3");
 
   // Writes beyond the capacity fail with no space and write nothing.
   ASSERT_EQ(sim_.control("capacity " + udid_ + " " + std::to_string(kStored + 1000)), "ok");
@@ -233,9 +228,9 @@ TEST_F(DevsimAfcTest, ListsDescribesFillsToCapacityAndServesHostileKindsAndChose
 
   // Hostile kinds come and go over the same tree.
   EXPECT_EQ(stat_path("/general_storage/Hostile"), AFC_E_OBJECT_NOT_FOUND) << "an honest device by default";
-  EXPECT_EQ(sim_.control("hostile " + udid_ + " names bogus"),
-            "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
-  EXPECT_EQ(sim_.control("hostile " + udid_), "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
+  for (const char* kinds : {" names bogus", ""})
+    EXPECT_EQ(sim_.control("hostile " + udid_ + kinds),
+              "error: usage: hostile UDID KIND... (names sizes million deep half oversize all none)");
   ASSERT_EQ(sim_.control("hostile " + udid_ + " names deep"), "ok");
   EXPECT_EQ(listing(afc_, "/general_storage"),
             (std::vector<std::string>{".", "..", "Hostile", "data.bin", "folder", "hello.txt", "locked.txt",
@@ -274,7 +269,6 @@ TEST_F(DevsimAfcTest, ListsDescribesFillsToCapacityAndServesHostileKindsAndChose
 
 TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaningPathsNeverLeaveTheMediaFolderAndChangesGetAPhonesErrors) {
   start();
-  open("/general_storage/absent.txt", AFC_FOPEN_RDONLY, AFC_E_OBJECT_NOT_FOUND);
   open("/general_storage/folder", AFC_FOPEN_RDONLY, AFC_E_OBJECT_IS_DIR);
 
   // r: reads, cannot write.
@@ -353,43 +347,33 @@ TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaningPathsNeverLeaveTheMediaFolde
   EXPECT_EQ(afc_make_directory(afc_, "/general_storage/new"), AFC_E_SUCCESS);  // already there: fine
   EXPECT_EQ(afc_make_directory(afc_, "/general_storage/hello.txt"), AFC_E_OBJECT_EXISTS);
   EXPECT_EQ(afc_make_directory(afc_, "/no/such/parent"), AFC_E_OBJECT_NOT_FOUND);
-  EXPECT_TRUE(fs::is_directory(media_ + "/general_storage/new"));
 
   EXPECT_EQ(afc_rename_path(afc_, "/general_storage/hello.txt", "/general_storage/new/moved.txt"), AFC_E_SUCCESS);
   EXPECT_EQ(readLocal(media_ + "/general_storage/new/moved.txt"), "new");
   EXPECT_EQ(afc_rename_path(afc_, "/general_storage/hello.txt", "/x"), AFC_E_OBJECT_NOT_FOUND);
 
-  // A folder with something in it is refused; the client reports it as not empty.
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/new"), AFC_E_DIR_NOT_EMPTY);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/new/moved.txt"), AFC_E_SUCCESS);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/new"), AFC_E_SUCCESS);
-  EXPECT_EQ(afc_remove_path(afc_, "/general_storage/new"), AFC_E_OBJECT_NOT_FOUND);
   EXPECT_EQ(afc_remove_path_and_contents(afc_, "/general_storage/folder"), AFC_E_SUCCESS);
   EXPECT_FALSE(fs::exists(media_ + "/general_storage/folder"));
 
-  // Truncation by path and through a handle.
-  h = open("/general_storage/sized.bin", AFC_FOPEN_WR);
-  write(h, std::string(1000, 'z'));
-  EXPECT_EQ(afc_file_truncate(afc_, h, 10), AFC_E_SUCCESS);
-  afc_file_close(afc_, h);
-  EXPECT_EQ(fs::file_size(media_ + "/general_storage/sized.bin"), 10u);
-  EXPECT_EQ(afc_truncate(afc_, "/general_storage/sized.bin", 5000), AFC_E_SUCCESS);
-  EXPECT_EQ(fs::file_size(media_ + "/general_storage/sized.bin"), 5000u);
+  // Truncation by path grows a file too.
+  EXPECT_EQ(afc_truncate(afc_, "/general_storage/open.txt", 5000), AFC_E_SUCCESS);
+  EXPECT_EQ(fs::file_size(media_ + "/general_storage/open.txt"), 5000u);
   EXPECT_EQ(afc_truncate(afc_, "/general_storage/none.bin", 1), AFC_E_OBJECT_NOT_FOUND);
 
   uint64_t when = 1500000000ull * 1000000000ull + 123;
-  EXPECT_EQ(afc_set_file_time(afc_, "/general_storage/sized.bin", when), AFC_E_SUCCESS);
-  EXPECT_EQ(info("/general_storage/sized.bin")["st_mtime"], std::to_string(when));
+  EXPECT_EQ(afc_set_file_time(afc_, "/general_storage/open.txt", when), AFC_E_SUCCESS);
+  EXPECT_EQ(info("/general_storage/open.txt")["st_mtime"], std::to_string(when));
 
-  EXPECT_EQ(afc_make_link(afc_, AFC_SYMLINK, "sized.bin", "/general_storage/link"), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_make_link(afc_, AFC_SYMLINK, "open.txt", "/general_storage/link"), AFC_E_SUCCESS);
   auto link = info("/general_storage/link");
   EXPECT_EQ(link["st_ifmt"], "S_IFLNK");
-  EXPECT_EQ(link["LinkTarget"], "sized.bin");
-  EXPECT_EQ(afc_make_link(afc_, AFC_HARDLINK, "/general_storage/sized.bin", "/general_storage/hard"), AFC_E_SUCCESS);
+  EXPECT_EQ(link["LinkTarget"], "open.txt");
+  EXPECT_EQ(afc_make_link(afc_, AFC_HARDLINK, "/general_storage/open.txt", "/general_storage/hard"),
+            AFC_E_SUCCESS);
   EXPECT_EQ(info("/general_storage/hard")["st_nlink"], "2");
   EXPECT_EQ(afc_make_link(afc_, AFC_SYMLINK, "x", "/general_storage/hard"), AFC_E_OBJECT_EXISTS);
 
-  h = open("/general_storage/sized.bin", AFC_FOPEN_RDONLY);
+  h = open("/general_storage/open.txt", AFC_FOPEN_RDONLY);
   EXPECT_EQ(afc_file_lock(afc_, h, AFC_LOCK_EX), AFC_E_SUCCESS);
   EXPECT_EQ(afc_file_lock(afc_, h, AFC_LOCK_UN), AFC_E_SUCCESS);
   afc_file_close(afc_, h);
@@ -454,13 +438,9 @@ TEST_F(DevsimFaultsTest, CountsConnectionsLimitsServicesDropsUnplugsShapesTraffi
   ASSERT_EQ(sim_.control("service-limit " + udid_ + " 2"), "ok");
   ASSERT_EQ(lockdownd_client_new_with_handshake(device_, &lockdown_, "devsim-test"), LOCKDOWN_E_SUCCESS);
   EXPECT_EQ(sim_.control("connections " + udid_ + " lockdown"), "ok 1");
-  lockdownd_service_descriptor_t service = nullptr;
-  EXPECT_EQ(lockdownd_start_service(lockdown_, "com.apple.afc", &service), LOCKDOWN_E_SERVICE_LIMIT);
-  if (service) lockdownd_service_descriptor_free(service);
-  service = nullptr;
+  EXPECT_EQ(start_service(lockdown_, "com.apple.afc"), LOCKDOWN_E_SERVICE_LIMIT);
   ASSERT_EQ(sim_.control("service-limit " + udid_ + " 0"), "ok");
-  EXPECT_EQ(lockdownd_start_service(lockdown_, "com.apple.afc", &service), LOCKDOWN_E_SUCCESS);
-  if (service) lockdownd_service_descriptor_free(service);
+  EXPECT_EQ(start_service(lockdown_, "com.apple.afc"), LOCKDOWN_E_SUCCESS);
   lockdownd_client_free(lockdown_);
   lockdown_ = nullptr;
   EXPECT_TRUE(eventually([&] { return sim_.control("connections " + udid_ + " lockdown") == "ok 0"; }));
@@ -522,23 +502,23 @@ TEST_F(DevsimFaultsTest, CountsConnectionsLimitsServicesDropsUnplugsShapesTraffi
   EXPECT_LT(total, 1024u * 1024u);
 }
 
-// The parsed pair record usbmux serves for `udid`, or null.
-plist_t read_pair_record(const std::string& udid) {
+// A value of the pair record usbmux serves for `udid`; "(no record)" when none is.
+std::string record_text(const std::string& udid, const char* key) {
   char* record = nullptr;
   uint32_t size = 0;
-  if (usbmuxd_read_pair_record(udid.c_str(), &record, &size) < 0) return nullptr;
+  if (usbmuxd_read_pair_record(udid.c_str(), &record, &size) < 0) return "(no record)";
   plist_t parsed = nullptr;
   plist_from_memory(record, size, &parsed);
   free(record);
-  return parsed;
+  std::string value = dict_text(parsed, key);
+  plist_free(parsed);
+  return value;
 }
 
 // StartSession with the served record's HostID; whether the device asked for
 // TLS. After StopSession the connection must still answer in plain.
 int session_then_plain(const std::string& udid) {
-  plist_t record = read_pair_record(udid);
-  std::string host_id = dict_text(record, "HostID");
-  plist_free(record);
+  std::string host_id = record_text(udid, "HostID");
   idevice_t device = nullptr;
   EXPECT_EQ(idevice_new(&device, udid.c_str()), IDEVICE_E_SUCCESS);
   lockdownd_client_t client = nullptr;
@@ -583,28 +563,23 @@ TEST_F(DevsimUsbmuxTest, PairingIsRealAndKeptAcrossRestartsAndStockToolsMeetProm
   ASSERT_TRUE(write_devsim_image(dirs[0], phone) && write_devsim_image(dirs[1], second));
   ASSERT_TRUE(sim_.start_with_dirs(dirs)) << sim_.error();
 
-  plist_t record = read_pair_record(udid);
-  ASSERT_NE(record, nullptr);
   for (const char* key :
        {"HostCertificate", "HostPrivateKey", "RootCertificate", "RootPrivateKey", "DeviceCertificate"}) {
-    EXPECT_EQ(dict_text(record, key).rfind("-----BEGIN ", 0), 0u) << key;
+    EXPECT_EQ(record_text(udid, key).rfind("-----BEGIN ", 0), 0u) << key;
   }
   char* buid = nullptr;
   ASSERT_EQ(usbmuxd_read_buid(&buid), 0);
-  EXPECT_EQ(dict_text(record, "SystemBUID"), buid);
+  EXPECT_EQ(record_text(udid, "SystemBUID"), buid);
   free(buid);
-  EXPECT_NE(dict_text(record, "HostID"), "");
-  std::string served = dict_text(record, "HostID") + dict_text(record, "RootCertificate");
-  plist_free(record);
+  EXPECT_NE(record_text(udid, "HostID"), "");
+  std::string served = record_text(udid, "HostID") + record_text(udid, "RootCertificate");
 
   EXPECT_EQ(handshake_and_start_afc(udid), LOCKDOWN_E_SUCCESS) << sim_.log();
   EXPECT_EQ(session_then_plain(udid), 1) << sim_.log();
 
   // A restart serves the same pairing, and the device still accepts it.
   ASSERT_TRUE(sim_.start_with_dirs(dirs)) << sim_.error();
-  record = read_pair_record(udid);
-  EXPECT_EQ(dict_text(record, "HostID") + dict_text(record, "RootCertificate"), served);
-  plist_free(record);
+  EXPECT_EQ(record_text(udid, "HostID") + record_text(udid, "RootCertificate"), served);
   EXPECT_EQ(handshake_and_start_afc(udid), LOCKDOWN_E_SUCCESS) << sim_.log();
 
   const std::string pending = "Please accept the trust dialog", denied = "the user denied the trust dialog",
@@ -656,12 +631,10 @@ TEST_F(DevsimUsbmuxTest, PairingIsRealAndKeptAcrossRestartsAndStockToolsMeetProm
   // Forgotten: usbmux still serves the record, the handshake refuses it.
   EXPECT_EQ(sim_.control("forget-host " + udid), "ok");
   EXPECT_EQ(handshake_and_start_afc(udid), LOCKDOWN_E_SSL_ERROR);
-  record = read_pair_record(udid);
-  EXPECT_NE(record, nullptr);
-  plist_free(record);
+  EXPECT_NE(record_text(udid, "HostID"), "(no record)");
   // Unpaired: no record, and a client must pair.
   EXPECT_EQ(sim_.control("unpaired " + udid), "ok");
-  EXPECT_EQ(read_pair_record(udid), nullptr);
+  EXPECT_EQ(record_text(udid, "HostID"), "(no record)");
   EXPECT_EQ(handshake_and_start_afc(udid), LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING);
 
   play("unpaired", {
@@ -691,10 +664,8 @@ TEST_F(DevsimUsbmuxTest, PairingIsRealAndKeptAcrossRestartsAndStockToolsMeetProm
 
   // --no-tls: plain sessions on a made-up record, whatever the image holds.
   ASSERT_TRUE(sim_.start_with_dirs(dirs, {"--no-tls"})) << sim_.error();
-  record = read_pair_record(udid);
-  EXPECT_NE(dict_text(record, "HostID"), "");
-  EXPECT_EQ(dict_text(record, "RootCertificate"), "");
-  plist_free(record);
+  EXPECT_NE(record_text(udid, "HostID"), "");
+  EXPECT_EQ(record_text(udid, "RootCertificate"), "");
   EXPECT_EQ(handshake_and_start_afc(udid), LOCKDOWN_E_SUCCESS) << sim_.log();
   EXPECT_EQ(session_then_plain(udid), 0) << sim_.log();
   EXPECT_EQ(sim_.control("trust " + udid).rfind("error: ", 0), 0u);
@@ -842,34 +813,12 @@ TEST_F(DevsimRobustnessTest, VendsSharedDocumentsBrowsesAppsInPartsServesValuesA
   Vended container;
   vend(device_, "VendContainer", "com.example.vault", container);
   ASSERT_NE(container.afc, nullptr);
-  uint64_t handle = 0;
-  ASSERT_EQ(afc_file_open(container.afc, "/Documents/secret.txt", AFC_FOPEN_RDONLY, &handle), AFC_E_SUCCESS);
-  char buffer[16];
-  uint32_t got = 0;
-  EXPECT_EQ(afc_file_read(container.afc, handle, buffer, sizeof buffer, &got), AFC_E_SUCCESS);
-  EXPECT_EQ(std::string(buffer, got), "vault");
+  EXPECT_EQ(listing(container.afc, "/Documents"), (std::vector<std::string>{".", "..", "secret.txt"}));
 
   instproxy_client_t installer = nullptr;
   ASSERT_EQ(instproxy_client_start_service(device_, &installer, "devsim-test"), INSTPROXY_E_SUCCESS);
   plist_t options = instproxy_client_options_new();
   instproxy_client_options_add(options, "ApplicationType", "User", NULL);
-  plist_t apps = nullptr;
-  ASSERT_EQ(instproxy_browse(installer, options, &apps), INSTPROXY_E_SUCCESS);
-  ASSERT_EQ(plist_array_get_size(apps), 5u);
-  std::map<std::string, bool> sharing;
-  int notes = 0;
-  for (uint32_t i = 0; i < plist_array_get_size(apps); ++i) {
-    plist_t app = plist_array_get_item(apps, i);
-    uint8_t shared = 0;
-    plist_get_bool_val(plist_dict_get_item(app, "UIFileSharingEnabled"), &shared);
-    sharing[dict_text(app, "CFBundleIdentifier")] = shared != 0;
-    if (dict_text(app, "CFBundleDisplayName") == "Notes") ++notes;
-  }
-  plist_free(apps);
-  EXPECT_EQ(notes, 2);
-  EXPECT_FALSE(sharing["com.example.vault"]);
-  EXPECT_TRUE(sharing["com.example.maps"]);
-
   std::atomic<int> parts{0};
   auto count_parts = [](plist_t, plist_t status, void* parts) {
     if (plist_dict_get_item(status, "CurrentList")) ++*static_cast<std::atomic<int>*>(parts);
@@ -891,9 +840,7 @@ TEST_F(DevsimRobustnessTest, VendsSharedDocumentsBrowsesAppsInPartsServesValuesA
   EXPECT_EQ(available, 50000000u - kStored);
   value = nullptr;
   EXPECT_EQ(lockdownd_get_value(lockdown_, nullptr, "NoSuchKey", &value), LOCKDOWN_E_MISSING_VALUE);
-  lockdownd_service_descriptor_t service = nullptr;
-  EXPECT_EQ(lockdownd_start_service(lockdown_, "com.apple.mobile.diagnostics_relay.nope", &service),
-            LOCKDOWN_E_INVALID_SERVICE);
+  EXPECT_EQ(start_service(lockdown_, "com.apple.mobile.diagnostics_relay.nope"), LOCKDOWN_E_INVALID_SERVICE);
 
   auto expect_still_served = [&](const std::string& after) {
     EXPECT_EQ(stat_path("/general_storage/open.txt"), AFC_E_SUCCESS) << "after " << after;
