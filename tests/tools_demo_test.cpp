@@ -165,7 +165,7 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount)
 
     // A file-system process killed outright leaves a mount that answers
     // every access with "Transport endpoint is not connected".
-    mountPoint = folder + "/stale";
+    mountPoint = folder + "/stale mount";
     Devsim sim;
     ASSERT_TRUE(sim.start({namedPhone("Stale", 4201, {})})) << sim.error();
     fs::create_directory(mountPoint);
