@@ -53,8 +53,7 @@ TEST_F(StartupTest, ChoosesTheDeviceByLocationIdAndLeavesNothingBehindAtUnmount)
     EXPECT_EQ(mount.countLog("device_init Device Name : second"), 1);
     EXPECT_EQ(mount.countLog("device_init Connected device 1 : 0x9"), 1);
     ASSERT_EQ(lstat("/tmp/9", &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_EQ(st.st_mode & (S_IFMT | 0777), S_IFDIR | 0700u);
     EXPECT_EQ(unmountDevice(), 0);
     EXPECT_NE(lstat("/tmp/9", &st), 0) << "the work folder outlived the mount";
 
@@ -81,9 +80,6 @@ TEST_F(StartupTest, ChoosesTheDeviceByLocationIdAndLeavesNothingBehindAtUnmount)
     ASSERT_TRUE(mountDevice(8));
     std::string figures = runProgram({"stat", "-f", "-c", "%S %b %f %a", mount.mountPoint});
     EXPECT_EQ(figures, "4096 15625000 3408203 3408203\n");
-    std::string df = runProgram({"df", "--output=size,avail", "-B1", mount.mountPoint});
-    EXPECT_NE(df.find("64000000000"), std::string::npos) << df;
-    EXPECT_NE(df.find(std::to_string(3408203ull * 4096)), std::string::npos) << df;
     EXPECT_EQ(unmountDevice(), 0);
 
     // Whether the tray listener is missing, listening, or killed in the
@@ -125,17 +121,14 @@ TEST_F(StartupTest, WaitsForALateOrCarefulDeviceAndGivesUpOnAMissingOne) {
     EXPECT_EQ(mount.countLog("device_init no devices."), 11);
     EXPECT_TRUE(tray.waitFor("-neoff"));
     EXPECT_NE(access("/tmp/78", F_OK), 0) << "a failed start-up leaves no work folder";
-    std::string local = tempDir + "/local.txt";
-    std::ofstream(local) << "local";
 
-    // Every operation of the table, as programs issue them. Each must fail
-    // with the missing-context error and leave the file system running.
+    // Operations as programs issue them: each must fail and leave the file
+    // system running. Below the root every one (cat, cp, mkdir, rm, mv, ...)
+    // first looks "/Storage" up, the very request `stat` makes; the handlers
+    // themselves are MissingContextTest's.
     struct Step {
         const char *what;
         std::function<int()> run;
-    };
-    auto program = [](std::vector<std::string> argv) {
-        return [argv] { return runStatus(argv) == 0 ? 0 : -1; };
     };
     std::vector<Step> steps = {
         {"chmod of the mount point", [&] { return chmod(root.c_str(), 0700); }},
@@ -143,17 +136,9 @@ TEST_F(StartupTest, WaitsForALateOrCarefulDeviceAndGivesUpOnAMissingOne) {
         {"getxattr on the mount point", [&] { char v[8]; return static_cast<int>(getxattr(root.c_str(), "user.a", v, 8)); }},
         {"removexattr on the mount point", [&] { return removexattr(root.c_str(), "user.a"); }},
         {"utimens of the mount point", [&] { return utimensat(AT_FDCWD, root.c_str(), nullptr, 0); }},
-        {"ls", program({"ls", root})},
-        {"ls Storage", program({"ls", root + "/Storage"})},
+        {"ls", [&] { return runStatus({"ls", root}); }},
         {"stat", [&] { struct stat st; return stat((root + "/Storage/a.txt").c_str(), &st); }},
-        {"cat", program({"cat", root + "/Storage/a.txt"})},
-        {"cp in", program({"cp", local, root + "/Storage/new.txt"})},
-        {"mkdir", [&] { return mkdir((root + "/Storage/folder").c_str(), 0755); }},
-        {"rm", [&] { return unlink((root + "/Storage/a.txt").c_str()); }},
-        {"mv", [&] { return rename((root + "/Storage/a.txt").c_str(), (root + "/Storage/b.txt").c_str()); }},
-        {"truncate", [&] { return truncate((root + "/Storage/a.txt").c_str(), 0); }},
         {"df", [&] { struct statvfs vfs; return statvfs(root.c_str(), &vfs); }},
-        {"access", [&] { return access((root + "/Storage").c_str(), R_OK); }},
     };
     for (const Step &step : steps) {
         errno = 0;
@@ -166,9 +151,6 @@ TEST_F(StartupTest, WaitsForALateOrCarefulDeviceAndGivesUpOnAMissingOne) {
         statvfs(root.c_str(), &vfs);
         EXPECT_NE(errno, ENOTCONN) << "the mount died after: " << step.what;
     }
-    errno = 0;
-    EXPECT_NE(chmod(root.c_str(), 0700), 0);
-    EXPECT_EQ(errno, ENOSYS);
     EXPECT_EQ(unmountDevice(), 0);
     EXPECT_FALSE(isFuseMountPoint(root));
 

@@ -165,11 +165,9 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount)
 
     // A file-system process killed outright leaves a mount that answers
     // every access with "Transport endpoint is not connected".
-    mountPoint = folder + "/stale";
+    mountPoint = folder + "/stale mount";
     Devsim sim;
-    DevsimImage phone;
-    phone.location_id = 4201;
-    ASSERT_TRUE(sim.start({phone})) << sim.error();
+    ASSERT_TRUE(sim.start({namedPhone("Stale", 4201, {})})) << sim.error();
     fs::create_directory(mountPoint);
     fs::create_directory(folder + "/log");
     QuorvelMount stale;
@@ -183,12 +181,11 @@ TEST_F(QuorvelDemoCommand, RefusesAFolderWithFilesInItAndRecoversFromADeadMount)
     ASSERT_TRUE(eventually([&] { return quorvel_tools::isDeadMount(mountPoint); }, 10)) << "could not make a dead mount to recover from";
 
     first.start(mountPoint, folder + "/first.out");
-    ASSERT_TRUE(first.waitFor(kBrowsable)) << first.text();
+    expectBrowsable(first);
     EXPECT_NE(first.text().find("Found a leftover mount at " + mountPoint + " (its file system had stopped); "
                                 "unmounting it."),
               std::string::npos)
         << first.text();
-    EXPECT_TRUE(isFuseMountPoint(mountPoint));
     expectNothingLeft(first, first.workFolder(), SIGINT, false);
     EXPECT_TRUE(fs::is_directory(mountPoint)) << "a mount point the demo did not make is left in place";
 }
