@@ -174,19 +174,6 @@ protected:
         EXPECT_EQ(writeMediaImage(dir, phone, library), "");
         return dir;
     }
-    // One device per (library, iOS version, location id), served together
-    // with the images already written in `dirs`.
-    bool serve(const std::vector<std::tuple<MediaLibrary, std::string, uint32_t>> &phones,
-               std::vector<std::string> dirs = {}) {
-        for (const auto &[library, iosVersion, locationId] : phones) {
-            DevsimImage phone;
-            phone.location_id = locationId;
-            phone.ios_version = iosVersion;
-            dirs.push_back(writePhone(phone, library));
-        }
-        EXPECT_TRUE(sim.start_with_dirs(dirs)) << sim.error();
-        return sim.running();
-    }
     bool mountPhone(uint32_t locationId) {
         imageDir = tempDir + "/image" + std::to_string(locationId);
         return mountAfresh(locationId);
@@ -238,12 +225,19 @@ TEST_F(MediaTest, LibrariesListAsOnThePhoneBrokenOnesLeaveTheRestAndCopiesOutLea
     const std::string db = broken + "/media/PhotoData/Photos.sqlite";
     ASSERT_GT(readLocal(db).size(), 4096u);
     ASSERT_TRUE(writeLocal(db, readLocal(db).substr(0, 1024) + std::string(3072, 'Z')));
-    ASSERT_TRUE(serve({{photoLibrary(PhotoFamily::ios10), "10.3.3", 61},
-                       {photoLibrary(PhotoFamily::older), "9.2.1", 62},
-                       {photoLibrary(PhotoFamily::older), "8.4.1", 63},
-                       {cloudLibrary(), "9.3.5", 64},
-                       {musicLibrary(), "10.3.3", 65}},
-                      {broken, empty, small}));
+    // One device per library, iOS version and location id; the music phone
+    // (65) is served last.
+    std::vector<std::string> dirs = {broken, empty, small};
+    for (const auto &[library, iosVersion, locationId] : std::vector<std::tuple<MediaLibrary, const char *, uint32_t>>{
+             {photoLibrary(PhotoFamily::ios10), "10.3.3", 61}, {photoLibrary(PhotoFamily::older), "9.2.1", 62},
+             {photoLibrary(PhotoFamily::older), "8.4.1", 63}, {cloudLibrary(), "9.3.5", 64},
+             {musicLibrary(), "10.3.3", 65}}) {
+        DevsimImage plain;
+        plain.location_id = locationId;
+        plain.ios_version = iosVersion;
+        dirs.push_back(writePhone(plain, library));
+    }
+    ASSERT_TRUE(sim.start_with_dirs(dirs)) << sim.error();
     ASSERT_TRUE(mountPhone(61));
     EXPECT_EQ(namesIn(inMount("/Media")), (std::vector<std::string>{"Music", "Movies", "Photo"}));
     EXPECT_EQ(namesIn(inMount("/Media/Photo")), kPhotoRoot);
@@ -320,7 +314,7 @@ TEST_F(MediaTest, LibrariesListAsOnThePhoneBrokenOnesLeaveTheRestAndCopiesOutLea
 
     // The media connection drops with the phone still attached: the read that
     // meets the drop may fail, the next one opens the connection again.
-    ASSERT_EQ(sim.control("drop-now " + sim.udid(0)), "ok");
+    ASSERT_EQ(sim.control("drop-now " + sim.udid(dirs.size() - 1)), "ok");
     runProgram({"cat", inMount("/Media/Podcast/Pod-Episode 1.mp3")});
     expectSameBytes("/Media/Podcast/Pod-Episode 1.mp3", "iTunes_Control/Music/F03/AAAM.mp3");
 
