@@ -48,12 +48,10 @@ TEST_F(AttributesTest, StatRecordsComeFromTheCatalogueAndOnlyForNamesThatExist) 
     EXPECT_EQ(memcmp(&st, &viaHandle, sizeof(st)), 0);
 
     // Top-level dot names and unknown paths do not exist.
-    GetObjectWithFileName("/.Trashes");
-    GetObjectWithFileName("/._Media");
-    GetObjectWithFileName("/Storage/.hidden");
-    EXPECT_EQ(tarnifs_getattr("/.Trashes", &st), -ENOENT);
-    EXPECT_EQ(tarnifs_getattr("/._Media", &st), -ENOENT);
-    EXPECT_EQ(tarnifs_getattr("/Storage/.hidden", &st), 0);
+    for (auto [path, answer] : {std::pair{"/.Trashes", -ENOENT}, {"/._Media", -ENOENT}, {"/Storage/.hidden", 0}}) {
+        GetObjectWithFileName(path);
+        EXPECT_EQ(tarnifs_getattr(path, &st), answer) << path;
+    }
     EXPECT_EQ(tarnifs_getattr("/Storage/nothing", &st), -ENOENT);
 }
 

@@ -277,7 +277,6 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
         if (write) {
             std::string chunk;
             for (uint32_t i = 0; i < length; i++) chunk.push_back(static_cast<char>('A' + random() % 26));
-            uint32_t done = 0;
             ASSERT_EQ(libiusb_afc_file_write(afc, writer, chunk.data(), length, offset, &done), 0) << step;
             ASSERT_EQ(done, length);
             if (model.size() < offset + length) model.resize(offset + length, '\0');
@@ -285,7 +284,6 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
             writer_at = offset + length;
         } else {
             std::vector<char> buffer(length);
-            uint32_t done = 0;
             ASSERT_EQ(libiusb_afc_file_read(afc, reader, buffer.data(), length, offset, &done), 0) << step;
             uint64_t expected = offset >= model.size() ? 0 : std::min<uint64_t>(length, model.size() - offset);
             ASSERT_EQ(done, expected) << step;

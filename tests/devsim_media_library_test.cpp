@@ -7,7 +7,7 @@
 
 
 #include "devsim/media_library.h"
-#include "tests/support/catalogue_fixture.h"
+#include "tests/support/media_images.h"
 
 namespace {
 
@@ -63,20 +63,12 @@ class DevsimMediaLibraryTest : public ::testing::Test {
     library.entities.additional_asset_attributes = 30;
     library.entities.extra = {{50, "Folder"}};
     library.albums = {{0, std::nullopt, 1000, 0, std::nullopt}, {0, std::string("Trip"), 2, 0, std::nullopt}};
-    devsim::MediaPhoto live;
-    live.directory = std::string("DCIM/100APPLE");
-    live.filename = std::string("IMG_0001.JPG");
+    devsim::MediaPhoto live = mediaPhoto("DCIM/100APPLE", "IMG_0001.JPG", {1, 2}, 1, 5, 0);
     live.original_filename = std::string("Beach.JPG");
     live.subtype = 2;
-    live.bytes = "still";
     live.live_video_bytes = std::string("video");
-    live.albums = {1, 2};
-    devsim::MediaPhoto unnamed = live;
-    unnamed.filename = std::string("IMG_0002.JPG");
+    devsim::MediaPhoto unnamed = mediaPhoto("DCIM/100APPLE", "IMG_0002.JPG", {1}, 2, 5, 0);
     unnamed.original_filename = std::nullopt;
-    unnamed.subtype = 0;
-    unnamed.live_video_bytes = std::nullopt;
-    unnamed.albums = {1};
     library.photos = {live, unnamed};
   }
   void TearDown() override { removeTree(root); }
@@ -241,13 +233,10 @@ TEST_F(DevsimMediaLibraryTest, ModernLinkTableFollowsTheEntitiesLiveVideoLiesBes
   library.photo_family = PhotoFamily::modern;
   library.albums = {{0, std::string("Trip"), 2, 0, std::nullopt}, {0, std::string("Gone"), 2, 1, std::nullopt}};
   auto heic = [](const char* name, bool live) {
-    devsim::MediaPhoto made;
-    made.directory = std::string("DCIM/100APPLE");
-    made.filename = made.original_filename = std::string(name);
+    devsim::MediaPhoto made = mediaPhoto("DCIM/100APPLE", name, {1}, 1, 0, 0);
     made.subtype = live ? 2 : 0;
     made.bytes = devsim::make_heic_placeholder(40, 1);
     if (live) made.live_video_bytes = std::string("video half");
-    made.albums = {1};
     return made;
   };
   devsim::MediaPhoto cloud = heic("IMG_0002.HEIC", true), hidden = heic("IMG_0003.HEIC", false);

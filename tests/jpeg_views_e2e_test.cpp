@@ -70,12 +70,9 @@ MediaLibrary library() {
 
 // The tools the checks read the copies with, and the packages they come in.
 std::string missingTool() {
-    const std::pair<const char *, const char *> tools[] = {{"file", "file"},
-                                                           {"identify", "imagemagick"},
-                                                           {"convert", "imagemagick"},
-                                                           {"exiftool", "libimage-exiftool-perl"},
-                                                           {"heif-convert", "libheif-examples"},
-                                                           {"rsync", "rsync"}};
+    const std::pair<const char *, const char *> tools[] = {
+        {"file", "file"}, {"identify", "imagemagick"}, {"convert", "imagemagick"},
+        {"exiftool", "libimage-exiftool-perl"}, {"heif-convert", "libheif-examples"}, {"rsync", "rsync"}};
     for (const auto &[tool, package] : tools)
         if (runStatus({"sh", "-c", std::string("command -v ") + tool}) != 0)
             return std::string(tool) + " (Debian package " + package + ")";

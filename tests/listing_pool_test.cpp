@@ -42,16 +42,19 @@ protected:
         connectTo(image);
         if (HasFatalFailure()) return;
         std::vector<std::string> names;
-        ASSERT_EQ(listFolder(&context, "/", &names, collectName, 0), 0);
-        ASSERT_EQ(listFolder(&context, "/Storage", &names, collectName, 0), 0);
-        ASSERT_EQ(listFolder(&context, "/Apps", &names, collectName, 0), 0);
+        for (const char *folder : {"/", "/Storage", "/Apps"})
+            ASSERT_EQ(listFolder(&context, folder, &names, collectName, 0), 0) << folder;
         // Start-up's own short-lived connections are gone before counting:
         // lockdown, the media connection and the installation proxy stay.
         ASSERT_TRUE(eventually([&] { return connections("") == 3; })) << connections("");
     }
 
     int connections(const std::string &service) { return sim.connections(0, service); }
-
+    // How many names a whole listing of `path` emitted; -1 when it failed.
+    long listed(const char *path) {
+        std::vector<std::string> names;
+        return listFolder(&context, path, &names, collectName, 0) == 0 ? static_cast<long>(names.size()) : -1;
+    }
 };
 
 // Folders on both sides of the size from which the pool is used, counting
@@ -142,25 +145,19 @@ TEST_F(PooledListingTest, WalksStayWhatAOneConnectionWalkIsWhateverTheDeviceDoes
     // Listings go on with the connections the device gives. Lockdown, AFC and
     // the installation proxy are open: one more may start.
     ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 4"), "ok");
-    std::vector<std::string> emitted;
-    EXPECT_EQ(listFolder(&context, "/Storage/big", &emitted, collectName, 0), 0);
-    EXPECT_EQ(emitted.size(), 302u);
+    EXPECT_EQ(listed("/Storage/big"), 302);
     EXPECT_EQ(logCount("storageListingConnections libiusb_afc_init failed. code : -48"), 1);
     EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
     // The app's own connection needs a slot: the idle Storage pool and the
     // installation proxy give theirs up, and the listing gets one extra.
-    emitted.clear();
-    EXPECT_EQ(listFolder(&context, "/Apps/Writer", &emitted, collectName, 0), 0);
-    EXPECT_EQ(emitted.size(), 302u);
+    EXPECT_EQ(listed("/Apps/Writer"), 302);
     EXPECT_EQ(logCount("CloseIdleConnections closed 2 idle connections: the device opens no more services"), 1);
     EXPECT_EQ(logCount("openAppListingConnections libiusb_housearrest_init failed. error : -48"), 1);
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
     EXPECT_TRUE(eventually([&] { return connections("afc") == 1; })) << connections("afc");
     // Without the limit the next large listing makes the Storage pool whole.
     ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 0"), "ok");
-    emitted.clear();
-    EXPECT_EQ(listFolder(&context, "/Storage/again", &emitted, collectName, 0), 0);
-    EXPECT_EQ(emitted.size(), 302u);
+    EXPECT_EQ(listed("/Storage/again"), 302);
     EXPECT_EQ(logCount("storageListingConnections libiusb_afc_init failed. code : -48"), 1);
     EXPECT_TRUE(eventually([&] { return connections("afc") == static_cast<int>(kListingConnections); }))
         << connections("afc");

@@ -15,7 +15,6 @@ namespace {
 struct Delivered {
     std::string name;
     off_t next;
-    bool hasStat;
     off_t size;
     bool plus;
 };
@@ -29,8 +28,7 @@ struct Page {
 int fillPage(void *buffer, const char *name, const struct stat *st, off_t next, enum fuse_fill_dir_flags flags) {
     Page *page = static_cast<Page *>(buffer);
     if (page->entries.size() == page->room) return 1;
-    page->entries.push_back({name, next, st != nullptr, st != nullptr ? st->st_size : -1,
-                             (flags & FUSE_FILL_DIR_PLUS) != 0});
+    page->entries.push_back({name, next, st != nullptr ? st->st_size : -1, (flags & FUSE_FILL_DIR_PLUS) != 0});
     return 0;
 }
 
