@@ -131,9 +131,9 @@ void releaseRecord(_KTL_OBJECT *object, libiusb_afc *afc_handle) {
 _KTL_OBJECT *newRecord(size_t length) {
     size_t room = length + 1 <= UINT8_MAX ? length + 1 : sizeof(_KTL_OBJECT::name_tail);
     size_t bytes = std::max(sizeof(_KTL_OBJECT), offsetof(_KTL_OBJECT, name_tail) + room);
-    void *memory = ::operator new(bytes);
-    memset(memory, 0, bytes);
-    _KTL_OBJECT *object = new (memory) _KTL_OBJECT();
+    // Value-initialised: the fields are zero. The room past them needs no
+    // zeroing, since a name put there ends with its own NUL.
+    _KTL_OBJECT *object = new (::operator new(bytes)) _KTL_OBJECT();
     object->name_room = static_cast<uint8_t>(bytes - offsetof(_KTL_OBJECT, name_tail));
     return object;
 }

@@ -66,7 +66,7 @@ struct _KTL_OBJECT_EXTRAS {
 };
 
 // Fields are ordered widest first so that none pads, and a short display name
-// is kept in the same allocation, after the fields (NewObject).
+// is kept in the same allocation, after the fields.
 struct _KTL_OBJECT {
     _KTL_LIST_ENTRY child_list;
     _KTL_LIST_ENTRY sibling;

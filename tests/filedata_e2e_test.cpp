@@ -18,11 +18,6 @@
 namespace {
 
 // A file's size as stat answers it, or -1.
-off_t sizeOf(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
-}
-
 // Runs `request` and says whether it came back within a minute: a request
 // that hangs after a fault is a failure in itself. (A guard, not a timing.)
 template <typename Request>

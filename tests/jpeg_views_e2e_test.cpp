@@ -89,11 +89,6 @@ std::string exif(const std::vector<std::string> &arguments) {
 }
 
 // A file's size as stat gives it, -1 when stat fails.
-off_t sizeOf(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
-}
-
 class JpegViewsTest : public MountedDeviceTest {};
 
 TEST_F(JpegViewsTest, CameraRollCopiesAsUprightJpegsWithTheirExifAndExactSizes) {

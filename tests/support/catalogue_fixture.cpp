@@ -177,6 +177,11 @@ int statError(const std::string &path) {
     return stat(path.c_str(), &st) == 0 ? 0 : errno;
 }
 
+off_t sizeOf(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
 namespace {
 
 std::vector<std::string> readNames(const std::string &folder, int *error, bool withDots) {

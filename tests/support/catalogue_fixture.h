@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <algorithm>
 #include <chrono>
@@ -63,6 +64,7 @@ std::string randomBytes(size_t size, unsigned seed);           // the same bytes
 bool exists(const std::string &path);                          // lstat succeeds
 bool isFolder(const std::string &path);                        // stat says folder
 int statError(const std::string &path);                        // 0, or the errno stat failed with
+off_t sizeOf(const std::string &path);                         // stat's size, or -1 when stat fails
 // A folder's names in readdir order, "." and ".." left out; *error gets the
 // errno of a failed opendir or readdir (0 otherwise).
 std::vector<std::string> namesIn(const std::string &folder, int *error = nullptr);
