@@ -146,6 +146,16 @@ const std::vector<NativeErrorRow> &nativeErrorTable();
 // are skipped; a key without its value ends the parse. Fields no pair names
 // are left as they are.
 void parseFileInfoPairs(const char *const *pairs, libiusb_file_info *info);
+// One file-information answer at the front of `bytes` (`available` of them)
+// on an information stream, where answer `packet_number` is due: its result
+// and `info`, as afc_get_file_info and libiusb_afc_file_get_info make them,
+// with *length the bytes it takes. kInfoAnswerIncomplete when more bytes are
+// needed (*length of them in all); kInfoAnswerOutOfStep when the bytes are no
+// such answer (wrong magic or number, lengths no answer has).
+constexpr int kInfoAnswerIncomplete = 1;
+constexpr int kInfoAnswerOutOfStep = 2;
+int parseInfoAnswer(const char *bytes, size_t available, uint64_t packet_number, size_t *length,
+                    libiusb_file_info *info);
 // The file-sharing apps of an installation proxy browse answer, in its order.
 // An answer that is not an array is LIBIUSB_ERROR_OTHER and leaves *list
 // alone; `apps` stays the caller's.

@@ -157,6 +157,20 @@ int libiusb_afc_make_directory(libiusb_afc *afc, const char *path);
 int libiusb_afc_rename(libiusb_afc *afc, const char *from, const char *to);
 int libiusb_afc_set_modify_time(libiusb_afc *afc, const char *path, int64_t modify_time_ns);
 
+// A media AFC connection of its own for asking many paths' information with
+// several requests in flight: ask for each path in turn (requests are
+// written out in bulk), then take the answers, in the order asked, each the
+// result and information libiusb_afc_file_get_info would give. Once the
+// connection fails, every answer still owed is LIBIUSB_ERROR_CONNECTION_LOST
+// and the stream is only good for closing. Keep a few hundred requests
+// unanswered at most: a device stops reading requests while its answers wait.
+struct libiusb_afc_info_stream;
+int libiusb_afc_info_stream_open(libiusb_device_handle *handle, libiusb_afc_info_stream **out);
+// Asks for folder + "/" + name (name alone when folder is null).
+int libiusb_afc_info_stream_ask(libiusb_afc_info_stream *stream, const char *folder, const char *name);
+int libiusb_afc_info_stream_answer(libiusb_afc_info_stream *stream, libiusb_file_info *info);
+void libiusb_afc_info_stream_close(libiusb_afc_info_stream *stream);
+
 int libiusb_instproxy_init(libiusb_device_handle *handle, libiusb_instproxy **out);
 int libiusb_instproxy_exit(libiusb_instproxy *instproxy);
 // The file-sharing apps, in the order the device reports them.

@@ -47,7 +47,7 @@ int startWithRoom(_CONTEXT *ctx, Start start) {
 } // namespace
 
 size_t CloseIdleConnections(_CONTEXT *ctx) {
-    size_t closed = ctx->listing_afc_handles.size();
+    size_t closed = ctx->listing_afc_handles.size() + (ctx->listing_stream != nullptr ? 1 : 0);
     closeStorageListingConnections(ctx);
     if (ctx->instproxy_handle != nullptr) {
         libiusb_instproxy_exit(ctx->instproxy_handle);

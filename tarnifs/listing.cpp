@@ -473,7 +473,10 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
     entriesToAsk(&entries, devicePath, &queries);
     const std::vector<const char *> &names = queries.names;
     queries.connections.push_back(ctx->afc_handle);
-    if (names.size() > kPooledListingEntries) {
+    // A stream asks with requests in flight on one connection; without one,
+    // several connections ask one request at a time each.
+    if (names.size() > kPooledListingEntries) queries.stream = storageInfoStream(ctx);
+    if (names.size() > kPooledListingEntries && queries.stream == nullptr) {
         std::vector<libiusb_afc *> extra = storageListingConnections(ctx);
         queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
     }

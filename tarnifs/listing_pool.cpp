@@ -7,8 +7,11 @@
 
 namespace {
 
+// An empty folder: the names are whole paths.
+const char *folderOf(const InfoQueries &queries) { return queries.folder.empty() ? nullptr : queries.folder.c_str(); }
+
 EntryInfo askOne(InfoQueries &queries, libiusb_afc *afc, size_t index) {
-    std::string path = queries.folder + "/" + queries.names[index];
+    std::string path = queries.folder.empty() ? queries.names[index] : queries.folder + "/" + queries.names[index];
     EntryInfo answer;
     answer.result = libiusb_afc_file_get_info(afc, path.c_str(), &answer.info);
     return answer;
@@ -54,10 +57,24 @@ void askEntries(InfoQueries *queries, size_t connection) {
     --queries->asking;
 }
 
+// The next answer of the stream, asking the next entries first when fewer
+// than half the requests it may have in flight are left.
+EntryInfo streamAnswer(InfoQueries &queries, size_t index) {
+    if (queries.stream_asked < index + kStreamInFlight / 2) {
+        size_t until = std::min(queries.names.size(), index + kStreamInFlight);
+        for (; queries.stream_asked < until; ++queries.stream_asked)
+            libiusb_afc_info_stream_ask(queries.stream, folderOf(queries), queries.names[queries.stream_asked]);
+    }
+    EntryInfo answer;
+    answer.result = libiusb_afc_info_stream_answer(queries.stream, &answer.info);
+    ++queries.stream_taken;
+    return answer;
+}
+
 } // namespace
 
 void startInfoQueries(InfoQueries &queries) {
-    if (queries.connections.size() < 2) return;
+    if (queries.stream != nullptr || queries.connections.size() < 2) return;
     size_t slots = std::min(queries.names.size(), queries.window);
     queries.answers.assign(slots, EntryInfo());
     queries.answered.assign(slots, 0);
@@ -82,6 +99,15 @@ void startInfoQueries(InfoQueries &queries) {
 }
 
 EntryInfo infoOf(InfoQueries &queries, size_t index) {
+    if (queries.stream != nullptr && !queries.stream_lost) {
+        EntryInfo answer = streamAnswer(queries, index);
+        if (answer.result != LIBIUSB_ERROR_CONNECTION_LOST) return answer;
+        // A request that was under way may or may not have been answered:
+        // asking again for information changes nothing on the device.
+        QNLog(3, "%s the information stream is lost; the rest of %s is asked one entry at a time", "infoOf",
+              queries.folder.c_str());
+        queries.stream_lost = true;
+    }
     if (queries.workers.empty()) return askOne(queries, queries.connections[0], index);
     EntryInfo answer;
     bool waited;
@@ -99,6 +125,14 @@ EntryInfo infoOf(InfoQueries &queries, size_t index) {
 }
 
 void finishInfoQueries(InfoQueries &queries) {
+    // A walk that stopped early leaves answers owed: read now, they cannot be
+    // taken for the next listing's.
+    while (queries.stream != nullptr && !queries.stream_lost && queries.stream_taken < queries.stream_asked) {
+        libiusb_file_info ignored;
+        if (libiusb_afc_info_stream_answer(queries.stream, &ignored) == LIBIUSB_ERROR_CONNECTION_LOST)
+            queries.stream_lost = true;
+        ++queries.stream_taken;
+    }
     {
         std::lock_guard<std::mutex> guard(queries.lock);
         queries.stopping = true;
@@ -122,7 +156,19 @@ std::vector<libiusb_afc *> storageListingConnections(_CONTEXT *ctx) {
     return ctx->listing_afc_handles;
 }
 
+libiusb_afc_info_stream *storageInfoStream(_CONTEXT *ctx) {
+    if (ctx->listing_stream == nullptr) {
+        int result = libiusb_afc_info_stream_open(ctx->device_handle, &ctx->listing_stream);
+        if (result != 0) QNLog(3, "%s libiusb_afc_info_stream_open failed. code : %d", "storageInfoStream", result);
+    }
+    return ctx->listing_stream;
+}
+
 void dropLostStorageConnections(_CONTEXT *ctx, const InfoQueries &queries) {
+    if (queries.stream_lost && queries.stream == ctx->listing_stream) {
+        libiusb_afc_info_stream_close(ctx->listing_stream);
+        ctx->listing_stream = nullptr;
+    }
     // connections[0] is afc_handle, which the mount keeps whatever happens.
     for (size_t connection = 1; connection < queries.lost.size(); ++connection) {
         if (queries.lost[connection] == 0) continue;
@@ -135,6 +181,8 @@ void dropLostStorageConnections(_CONTEXT *ctx, const InfoQueries &queries) {
 }
 
 void closeStorageListingConnections(_CONTEXT *ctx) {
+    libiusb_afc_info_stream_close(ctx->listing_stream);
+    ctx->listing_stream = nullptr;
     for (libiusb_afc *afc : ctx->listing_afc_handles) libiusb_afc_exit(afc);
     ctx->listing_afc_handles.clear();
 }

@@ -23,6 +23,9 @@ constexpr size_t kPooledListingEntries = 64;
 constexpr size_t kListingConnections = 4;
 // Answers the workers may hold before the caller takes them.
 constexpr size_t kAnswerWindow = 65536;
+// Requests an information stream has in flight at most; more are asked once
+// half have been answered, so requests go out in bulk.
+constexpr size_t kStreamInFlight = 256;
 
 // What libiusb_afc_file_get_info answered for one entry.
 struct EntryInfo {
@@ -41,6 +44,13 @@ struct InfoQueries {
     std::string name_text;  // the names one after another, each with its NUL, when copied here
     std::vector<libiusb_afc *> connections;
     size_t window = kAnswerWindow;
+    // When set, the caller asks on it alone, with requests in flight, and no
+    // worker starts; once it fails, the entries left are asked over
+    // connections[0] one at a time.
+    libiusb_afc_info_stream *stream = nullptr;
+    size_t stream_asked = 0;   // entries asked on the stream
+    size_t stream_taken = 0;   // answers taken from it
+    bool stream_lost = false;
 
     // Filled by the workers; the rest is the workers' bookkeeping. Answers
     // wait in a ring of `window` slots (entry i in slot i % window):
@@ -68,17 +78,23 @@ void startInfoQueries(InfoQueries &queries);
 // a worker has not delivered it yet.
 EntryInfo infoOf(InfoQueries &queries, size_t index);
 // Stops the workers once their current query returns and waits for them;
-// answers not taken yet are dropped.
+// answers not taken yet are dropped (a stream's are read and dropped, so
+// that it can serve the next listing).
 void finishInfoQueries(InfoQueries &queries);
 
 // The extra Storage connections for a large listing: those the mount already
 // keeps, topped up to kListingConnections - 1 with new ones. A connection that
 // cannot be made is logged and the listing goes on with fewer.
 std::vector<libiusb_afc *> storageListingConnections(_CONTEXT *ctx);
-// Closes and forgets the extra Storage connections that reported the
-// connection lost during `queries`; the next large listing makes new ones.
+// The Storage information stream of large listings: made at the first one,
+// kept for the next; null (logged) when the device will not give one.
+libiusb_afc_info_stream *storageInfoStream(_CONTEXT *ctx);
+// Closes and forgets the extra Storage connections (and the stream) that
+// reported the connection lost during `queries`; the next large listing makes
+// new ones.
 void dropLostStorageConnections(_CONTEXT *ctx, const InfoQueries &queries);
-// Closes every extra Storage connection (at unmount, before afc_handle).
+// Closes every extra Storage connection and the stream (at unmount, before
+// afc_handle).
 void closeStorageListingConnections(_CONTEXT *ctx);
 
 // Extra house-arrest connections into the app `app_id`, for one listing of

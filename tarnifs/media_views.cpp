@@ -2,14 +2,12 @@
 // named by artist and title (or by label), the photo root's albums and kind
 // folders, and the dispatch of every folder below it to the photo views.
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tarnifs/catalogue.h"
@@ -515,53 +513,18 @@ std::string LibraryEntryName(const char *artist, const char *title, const std::s
 
 std::vector<DeviceFileAnswer> AskDeviceAboutFiles(_CONTEXT *ctx, const std::vector<std::string> &paths) {
     std::vector<DeviceFileAnswer> answers(paths.size());
-    auto ask = [&](libiusb_afc *connection, size_t index) {
-        answers[index].result = libiusb_afc_file_get_info(connection, paths[index].c_str(), &answers[index].info);
-    };
-    if (paths.size() <= kPooledListingEntries) {
-        for (size_t index = 0; index < paths.size(); ++index) ask(ctx->afc_handle, index);
-        return answers;
-    }
-    // Every answer is wanted before any entry is made, so the connections
-    // take batches of rows on their own and nobody waits per row: with the
-    // device answering in microseconds, handing each answer over between
-    // threads would cost more than asking.
-    InfoQueries queries;  // only its connections and lost flags, for the bookkeeping below
+    // Every answer is wanted before any entry is made; a stream asks with
+    // requests in flight, the mount's own connection one at a time.
+    InfoQueries queries;
+    for (const std::string &path : paths) queries.names.push_back(path.c_str());
     queries.connections.push_back(ctx->afc_handle);
-    std::vector<libiusb_afc *> extra = storageListingConnections(ctx);
-    queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
-    queries.lost.assign(queries.connections.size(), 0);
-    constexpr size_t kBatch = 128;
-    std::atomic<size_t> next{0};
-    std::vector<std::thread> workers;
-    for (size_t connection = 0; connection < queries.connections.size(); ++connection) {
-        workers.emplace_back([&, connection] {
-            libiusb_afc *afc = queries.connections[connection];
-            for (;;) {
-                size_t start = next.fetch_add(kBatch);
-                if (start >= paths.size()) return;
-                size_t end = std::min(paths.size(), start + kBatch);
-                for (size_t index = start; index < end; ++index) {
-                    if (queries.lost[connection] != 0) {
-                        // Left for the mount's own connection below.
-                        answers[index].result = LIBIUSB_ERROR_CONNECTION_LOST;
-                        continue;
-                    }
-                    ask(afc, index);
-                    if (answers[index].result == LIBIUSB_ERROR_CONNECTION_LOST ||
-                        answers[index].result == LIBIUSB_ERROR_IO)
-                        queries.lost[connection] = 1;
-                }
-            }
-        });
-    }
-    for (std::thread &worker : workers) worker.join();
-    // What a lost extra connection could not ask is asked again on the
-    // mount's own; when that one is lost too, the device is gone.
+    if (paths.size() > kPooledListingEntries) queries.stream = storageInfoStream(ctx);
     for (size_t index = 0; index < paths.size(); ++index) {
-        int result = answers[index].result;
-        if (result == LIBIUSB_ERROR_CONNECTION_LOST || result == LIBIUSB_ERROR_IO) ask(ctx->afc_handle, index);
+        EntryInfo answer = infoOf(queries, index);
+        answers[index].result = answer.result;
+        answers[index].info = answer.info;
     }
+    finishInfoQueries(queries);
     dropLostStorageConnections(ctx, queries);
     return answers;
 }

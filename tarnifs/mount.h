@@ -39,6 +39,7 @@ struct _CONTEXT {
     // (tarnifs/listing_pool.h): made at the first one, kept for the next,
     // closed at unmount before afc_handle.
     std::vector<libiusb_afc *> listing_afc_handles;
+    libiusb_afc_info_stream *listing_stream = nullptr;  // likewise
     libiusb_instproxy *instproxy_handle = nullptr;
     char *pLocationId = nullptr;
     // The private work folder: "/tmp/" + location id, or a fresh private

@@ -446,12 +446,22 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
             {"invalid-argument", -2},  {"33", -33},       {"unknown", -99},       {"not-a-directory", -30},
             {"3", -11},                {"15", -12},       {"11", -32},            {"12", -30},
         };
+        // An information stream, every row asked before the first answer is
+        // read, answers each as the request alone does, in order.
+        libiusb_afc_info_stream *stream = nullptr;
+        ASSERT_EQ(libiusb_afc_info_stream_open(phone.handle, &stream), 0);
         int index = 0;
         for (const auto &row : rows) {
-            std::string path = "/general_storage/fault" + std::to_string(index++);
-            ASSERT_EQ(sim.control("afc-error " + udid + " " + path + " " + row.first), "ok") << row.first;
-            EXPECT_EQ(libiusb_afc_file_get_info(afc, path.c_str(), &info), row.second) << row.first;
+            std::string name = "fault" + std::to_string(index++);
+            ASSERT_EQ(sim.control("afc-error " + udid + " /general_storage/" + name + " " + row.first), "ok");
+            EXPECT_EQ(libiusb_afc_file_get_info(afc, ("/general_storage/" + name).c_str(), &info), row.second) << row.first;
+            EXPECT_EQ(libiusb_afc_info_stream_ask(stream, "/general_storage", name.c_str()), 0);
         }
+        EXPECT_EQ(libiusb_afc_info_stream_ask(stream, nullptr, "/general_storage/full/inside.txt"), 0);
+        for (const auto &row : rows) EXPECT_EQ(libiusb_afc_info_stream_answer(stream, &info), row.second) << row.first;
+        EXPECT_EQ(libiusb_afc_info_stream_answer(stream, &info), 0);
+        EXPECT_EQ(info.size, 1u);
+        EXPECT_EQ(libiusb_afc_info_stream_answer(stream, &info), LIBIUSB_ERROR_INVALID_PARAM) << "nothing is owed";
         EXPECT_EQ(libiusb_afc_file_get_info(afc, "/general_storage/full/inside.txt", &info), 0);
 
         // Past the capacity: no space, and the refused handle still serves.
@@ -471,7 +481,13 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
         ASSERT_EQ(libiusb_housearrest_init(phone.handle, &sandbox), 0);
         ASSERT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.notes"), 0);
         ASSERT_EQ(libiusb_instproxy_init(phone.handle, &instproxy), 0);
+        EXPECT_EQ(libiusb_afc_info_stream_ask(stream, nullptr, "/general_storage/readme.txt"), 0);
         ASSERT_EQ(sim.control("drop-now " + udid), "ok");
+        // What a dropped stream owes, and all it is asked after, is lost.
+        EXPECT_EQ(libiusb_afc_info_stream_answer(stream, &info), -32);
+        EXPECT_EQ(libiusb_afc_info_stream_ask(stream, nullptr, "/general_storage/readme.txt"), -32);
+        EXPECT_EQ(libiusb_afc_info_stream_answer(stream, &info), -32);
+        libiusb_afc_info_stream_close(stream);
 
         // The request that meets the dropped connection fails: it is not sent
         // twice, since it may have been carried out already.

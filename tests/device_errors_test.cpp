@@ -139,6 +139,56 @@ TEST(FileInfoPairs, ReadsTypeSizeAndTimesAndKeepsSizesToTheLargestOffset) {
     parseFileInfoPairs(nullptr, nullptr);
 }
 
+// An AFC answer as a device frames it: the header, then `body`.
+std::string answerPacket(uint64_t operation, const std::string &body, uint64_t packet = 7, uint64_t entire = 0,
+                         uint64_t thisLength = 0, const char *magic = "CFA6LPAA") {
+    uint64_t fields[4] = {entire != 0 ? entire : 40 + body.size(), thisLength != 0 ? thisLength : 40, packet, operation};
+    return std::string(magic, 8) + std::string(reinterpret_cast<const char *>(fields), sizeof fields) + body;
+}
+
+TEST(FileInfoAnswer, ReadsWhatTheLibraryWouldAndCallsAnyOtherFramingOutOfStep) {
+    const std::string pairs("st_size\0" "42\0" "st_ifmt\0" "S_IFDIR\0", 27);
+    const uint64_t permissionDenied = 10;
+    const std::string status(reinterpret_cast<const char *>(&permissionDenied), 8);
+    const struct {
+        const char *what;
+        std::string bytes;
+        int result;
+        uint64_t size;
+    } rows[] = {
+        {"data", answerPacket(2, pairs), 0, 42},
+        {"a file-open answer is data too", answerPacket(0x0E, pairs), 0, 42},
+        {"empty data: nothing there", answerPacket(2, ""), LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND, 0},
+        {"an empty status", answerPacket(1, ""), LIBIUSB_ERROR_IO, 0},
+        {"a refusal", answerPacket(1, status, 7, 0, 48), LIBIUSB_ERROR_ACCESS, 0},
+        {"an unknown operation", answerPacket(0x55, pairs), LIBIUSB_ERROR_NOT_SUPPORTED, 0},
+        {"another request's answer", answerPacket(2, pairs, 6), kInfoAnswerOutOfStep, 0},
+        {"no AFC magic", answerPacket(2, pairs, 7, 0, 0, "CFA6LPAB"), kInfoAnswerOutOfStep, 0},
+        {"a header shorter than a header", answerPacket(2, pairs, 7, 0, 39), kInfoAnswerOutOfStep, 0},
+        {"this part beyond the whole", answerPacket(2, pairs, 7, 64, 65), kInfoAnswerOutOfStep, 0},
+        {"a whole of 2^62 bytes", answerPacket(2, pairs, 7, 1ull << 62), kInfoAnswerOutOfStep, 0},
+        {"cut short", answerPacket(2, pairs).substr(0, 50), kInfoAnswerIncomplete, 0},
+        {"a header cut short", answerPacket(2, pairs).substr(0, 39), kInfoAnswerIncomplete, 0},
+    };
+    for (const auto &row : rows) {
+        libiusb_file_info info{};
+        size_t length = 0;
+        EXPECT_EQ(parseInfoAnswer(row.bytes.data(), row.bytes.size(), 7, &length, &info), row.result) << row.what;
+        EXPECT_EQ(info.size, row.size) << row.what;
+        if (row.result <= 0) {
+            EXPECT_EQ(length, row.bytes.size()) << row.what;
+        }
+    }
+    // Two answers back to back: the first one's length is where the next starts.
+    std::string two = answerPacket(2, pairs) + answerPacket(2, "", 8);
+    libiusb_file_info info{};
+    size_t length = 0;
+    ASSERT_EQ(parseInfoAnswer(two.data(), two.size(), 7, &length, &info), 0);
+    EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_FOLDER);
+    EXPECT_EQ(parseInfoAnswer(two.data() + length, two.size() - length, 8, &length, &info),
+              LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
+}
+
 plist_t app(const char *bundle, plist_t sharing, const char *display, const char *name) {
     plist_t dict = plist_new_dict();
     if (bundle != nullptr) plist_dict_set_item(dict, "CFBundleIdentifier", plist_new_string(bundle));

@@ -335,12 +335,12 @@ TEST_F(ListingTest, TreesMatchTheImageFollowThePhoneAnswerOnceUnpluggedAndThousa
     EXPECT_EQ(namesIn(inMount("/Apps/Reader")), pages);
     expectImageAttributes(crowdedApp("com.example.reader"), inMount("/Apps/Reader"), pages);
 
-    // Storage keeps its extra connections for the next large listing; an
-    // app listing closes all of its own.
+    // Storage keeps its stream for the next large listing; an app listing
+    // closes all of its own connections.
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
-    EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
     EXPECT_EQ(namesIn(inMount("/Storage/more")), sorted(namesIn(crowdedStorage + "/more")));
-    EXPECT_TRUE(eventually([&] { return connections("afc") == 4; })) << connections("afc");
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
 
     EXPECT_TRUE(dialogs.dialogs().empty());
     for (const char *caller : {"enumStorage libiusb", "enumApps libiusb", "storageListingConnections",

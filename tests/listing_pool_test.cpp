@@ -106,8 +106,8 @@ TEST_F(PooledListingTest, WalksStayWhatAOneConnectionWalkIsWhateverTheDeviceDoes
         EXPECT_EQ(logCount(failedLine), linesBefore + 1);
         // Nothing after the failing entry got a record either.
         for (size_t i = failing; i < order.size(); ++i) EXPECT_EQ(FindObject((path + "/" + order[i]).c_str()), nullptr) << order[i];
-        // The pool is kept for the next large listing; small ones never open it.
-        int expected = order.size() > kPooledListingEntries ? static_cast<int>(kListingConnections) : 1;
+        // The stream is kept for the next large listing; small ones never open it.
+        int expected = order.size() > kPooledListingEntries ? 2 : 1;
         EXPECT_TRUE(eventually([&] { return connections("afc") == expected; })) << connections("afc");
 
         // Once the device answers, the folder is listed again and whole.
@@ -116,10 +116,20 @@ TEST_F(PooledListingTest, WalksStayWhatAOneConnectionWalkIsWhateverTheDeviceDoes
         EXPECT_EQ(listFolder(&context, path.c_str(), &emitted, collectName, 0), 0);
         ASSERT_GE(emitted.size(), 2u);
         EXPECT_EQ(std::vector<std::string>(emitted.begin() + 2, emitted.end()), order);
-        // Each entry's own information is the end-to-end listing test's.
         EXPECT_EQ(childNames(path.c_str()), order);
+        // Each with its own size: what the failed walk left owed on the
+        // stream is not taken for this one's answers.
+        for (const std::string &name : order) {
+            const _KTL_OBJECT *child = FindObject((path + "/" + name).c_str());
+            struct stat image;
+            ASSERT_EQ(stat((sim.image_dir(0) + "/media" + devicePath + "/" + name).c_str(), &image), 0);
+            ASSERT_NE(child, nullptr) << name;
+            if (S_ISREG(image.st_mode)) {
+                EXPECT_EQ(child->size, static_cast<uint64_t>(image.st_size)) << name;
+            }
+        }
     }
-    EXPECT_EQ(connections("afc"), static_cast<int>(kListingConnections));
+    EXPECT_EQ(connections("afc"), 2);
 
     // Answers wait in a ring the workers may not run ahead of: with a ring of
     // seven, three hundred entries of as many sizes each get their own answer.
@@ -143,24 +153,26 @@ TEST_F(PooledListingTest, WalksStayWhatAOneConnectionWalkIsWhateverTheDeviceDoes
     EXPECT_TRUE(eventually([&] { return connections("afc") == 1; })) << connections("afc");
 
     // Listings go on with the connections the device gives. Lockdown, AFC and
-    // the installation proxy are open: one more may start.
+    // the installation proxy are open: one more, the stream, may start.
     ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 4"), "ok");
     EXPECT_EQ(listed("/Storage/big"), 302);
-    EXPECT_EQ(logCount("storageListingConnections libiusb_afc_init failed. code : -48"), 1);
     EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
-    // The app's own connection needs a slot: the idle Storage pool and the
+    // The app's own connection needs a slot: the idle stream and the
     // installation proxy give theirs up, and the listing gets one extra.
     EXPECT_EQ(listed("/Apps/Writer"), 302);
     EXPECT_EQ(logCount("CloseIdleConnections closed 2 idle connections: the device opens no more services"), 1);
     EXPECT_EQ(logCount("openAppListingConnections libiusb_housearrest_init failed. error : -48"), 1);
     EXPECT_TRUE(eventually([&] { return connections("house_arrest") == 0; })) << connections("house_arrest");
     EXPECT_TRUE(eventually([&] { return connections("afc") == 1; })) << connections("afc");
-    // Without the limit the next large listing makes the Storage pool whole.
-    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 0"), "ok");
+    // With no slot for a stream, nor for a pool, the listing's own
+    // connection asks alone; without the limit the next one has its stream.
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 2"), "ok");
     EXPECT_EQ(listed("/Storage/again"), 302);
+    EXPECT_EQ(logCount("storageInfoStream libiusb_afc_info_stream_open failed. code : -48"), 1);
     EXPECT_EQ(logCount("storageListingConnections libiusb_afc_init failed. code : -48"), 1);
-    EXPECT_TRUE(eventually([&] { return connections("afc") == static_cast<int>(kListingConnections); }))
-        << connections("afc");
+    ASSERT_EQ(sim.control("service-limit " + sim.udid(0) + " 0"), "ok");
+    EXPECT_EQ(listed("/Storage/ring"), 302);
+    EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
 }
 
 } // namespace

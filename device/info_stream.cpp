@@ -1,0 +1,210 @@
+// Information streams: a media AFC connection of their own on which many
+// file-information requests are sent before the first answer is read. The
+// device answers a connection's requests one after another, in order, so a
+// listing of a million entries costs a few thousand writes and reads instead
+// of a million round trips. libimobiledevice's AFC client waits for each
+// answer before it sends the next request, so the two packets involved are
+// framed here.
+#include <libimobiledevice/service.h>
+
+#include <endian.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "device/device_internal.h"
+
+namespace {
+
+constexpr char kAfcMagic[] = "CFA6LPAA";
+constexpr uint64_t kHeaderBytes = 40;
+constexpr uint64_t kOpStatus = 0x01;
+constexpr uint64_t kOpData = 0x02;
+constexpr uint64_t kOpGetFileInfo = 0x0A;
+constexpr uint64_t kOpFileOpenResult = 0x0E;
+constexpr uint64_t kOpFileTellResult = 0x12;
+// A file-information answer is a few short key/value pairs; a header that
+// claims more than this is not one, and the stream is out of step for good.
+constexpr uint64_t kLargestAnswer = 64 * 1024;
+// Requests are written out once this much is waiting, and before any answer
+// is read.
+constexpr size_t kSendAtBytes = 64 * 1024;
+constexpr unsigned kReceiveTimeoutMs = 30000;
+
+void putLittle64(std::string *out, uint64_t value) {
+    uint64_t little = htole64(value);
+    out->append(reinterpret_cast<const char *>(&little), sizeof little);
+}
+
+uint64_t little64At(const char *bytes) {
+    uint64_t value;
+    memcpy(&value, bytes, sizeof value);
+    return le64toh(value);
+}
+
+} // namespace
+
+struct libiusb_afc_info_stream {
+    service_client_t service = nullptr;
+    std::string unsent;              // framed requests not written yet
+    std::vector<char> received;      // bytes read and not consumed yet
+    size_t consumed = 0;             // of `received`
+    uint64_t next_packet = 0;        // the number of the next request
+    uint64_t next_answer = 0;        // the number the next answer must carry
+    int failure = LIBIUSB_SUCCESS;   // once set, every answer is this
+};
+
+namespace {
+
+int fail(libiusb_afc_info_stream *stream, int result) {
+    stream->failure = result;
+    return result;
+}
+
+int sendWaiting(libiusb_afc_info_stream *stream) {
+    size_t done = 0;
+    while (done < stream->unsent.size()) {
+        uint32_t sent = 0;
+        uint32_t piece = static_cast<uint32_t>(std::min<size_t>(stream->unsent.size() - done, 1u << 30));
+        if (service_send(stream->service, stream->unsent.data() + done, piece, &sent) != SERVICE_E_SUCCESS ||
+            sent == 0)
+            return fail(stream, LIBIUSB_ERROR_CONNECTION_LOST);
+        done += sent;
+    }
+    stream->unsent.clear();
+    return LIBIUSB_SUCCESS;
+}
+
+// Makes sure `bytes` unconsumed bytes are at hand, reading as much as the
+// connection has (many answers at once) when they are not.
+int haveBytes(libiusb_afc_info_stream *stream, size_t bytes) {
+    if (stream->consumed > 0 && stream->consumed == stream->received.size()) {
+        stream->received.clear();
+        stream->consumed = 0;
+    }
+    while (stream->received.size() - stream->consumed < bytes) {
+        if (stream->consumed > 0) {
+            stream->received.erase(stream->received.begin(), stream->received.begin() + stream->consumed);
+            stream->consumed = 0;
+        }
+        size_t have = stream->received.size();
+        size_t room = std::max<size_t>(bytes - have, 256 * 1024);
+        stream->received.resize(have + room);
+        uint32_t got = 0;
+        service_error_t read = service_receive_with_timeout(stream->service, stream->received.data() + have,
+                                                            static_cast<uint32_t>(room), &got, kReceiveTimeoutMs);
+        stream->received.resize(have + (read == SERVICE_E_SUCCESS ? got : 0));
+        if (read != SERVICE_E_SUCCESS || got == 0) return fail(stream, LIBIUSB_ERROR_CONNECTION_LOST);
+    }
+    return LIBIUSB_SUCCESS;
+}
+
+// The pairs of a data answer, as afc_get_file_info hands them on: every
+// NUL-terminated string in turn (an unterminated last one is left out).
+std::vector<const char *> pairsOf(const char *data, size_t length) {
+    std::vector<const char *> pairs;
+    size_t start = 0;
+    for (size_t at = 0; at < length; ++at) {
+        if (data[at] != '\0') continue;
+        pairs.push_back(data + start);
+        start = at + 1;
+    }
+    pairs.push_back(nullptr);
+    return pairs;
+}
+
+} // namespace
+
+int parseInfoAnswer(const char *bytes, size_t available, uint64_t packet_number, size_t *length,
+                    libiusb_file_info *info) {
+    *length = kHeaderBytes;
+    if (available < kHeaderBytes) return kInfoAnswerIncomplete;
+    uint64_t entire = little64At(bytes + 8);
+    uint64_t thisLength = little64At(bytes + 16);
+    uint64_t packet = little64At(bytes + 24);
+    uint64_t operation = little64At(bytes + 32);
+    // Anything else means the stream is out of step, and nothing after it can
+    // be trusted to belong to the request it seems to answer.
+    if (memcmp(bytes, kAfcMagic, 8) != 0 || packet != packet_number || thisLength < kHeaderBytes ||
+        entire < thisLength || entire > kHeaderBytes + kLargestAnswer)
+        return kInfoAnswerOutOfStep;
+    *length = entire;
+    if (available < entire) return kInfoAnswerIncomplete;
+    const char *body = bytes + kHeaderBytes;
+    size_t bodyLength = entire - kHeaderBytes;
+    // What afc_get_file_info makes of the same answer.
+    if (bodyLength == 0) return operation == kOpData ? LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND : LIBIUSB_ERROR_IO;
+    if (operation == kOpStatus) {
+        uint64_t code = bodyLength >= 8 ? little64At(body) : 0;
+        if (code > INT32_MAX) return LIBIUSB_ERROR_OTHER;
+        if (code != 0) return mapNativeError(NativeSource::Afc, static_cast<int>(code));
+    } else if (operation != kOpData && operation != kOpFileOpenResult && operation != kOpFileTellResult) {
+        return LIBIUSB_ERROR_NOT_SUPPORTED;
+    }
+    std::vector<const char *> pairs = pairsOf(body, bodyLength);
+    parseFileInfoPairs(pairs.data(), info);
+    return LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_info_stream_open(libiusb_device_handle *handle, libiusb_afc_info_stream **out) {
+    if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    *out = nullptr;
+    lockdownd_service_descriptor_t service = nullptr;
+    idevice_t device = nullptr;
+    int result = startDeviceService(handle, AFC_SERVICE_NAME, &service, &device);
+    service_client_t client = nullptr;
+    if (result == 0) result = service_client_new(device, service, &client) == SERVICE_E_SUCCESS ? 0 : LIBIUSB_ERROR_OTHER;
+    if (service != nullptr) lockdownd_service_descriptor_free(service);
+    if (result != 0) return result;
+    libiusb_afc_info_stream *stream = new libiusb_afc_info_stream;
+    stream->service = client;
+    *out = stream;
+    return LIBIUSB_SUCCESS;
+}
+
+void libiusb_afc_info_stream_close(libiusb_afc_info_stream *stream) {
+    if (stream == nullptr) return;
+    if (stream->service != nullptr) service_client_free(stream->service);
+    delete stream;
+}
+
+int libiusb_afc_info_stream_ask(libiusb_afc_info_stream *stream, const char *folder, const char *name) {
+    if (stream == nullptr || name == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (stream->failure != 0) return stream->failure;
+    size_t folderLength = folder != nullptr ? strlen(folder) : 0;
+    uint64_t length = kHeaderBytes + folderLength + (folder != nullptr ? 1 : 0) + strlen(name) + 1;
+    std::string &out = stream->unsent;
+    out.append(kAfcMagic, 8);
+    putLittle64(&out, length);  // entire
+    putLittle64(&out, length);  // this packet: the path is all there is
+    putLittle64(&out, stream->next_packet++);
+    putLittle64(&out, kOpGetFileInfo);
+    if (folder != nullptr) {
+        out.append(folder, folderLength);
+        out.push_back('/');
+    }
+    out.append(name, strlen(name) + 1);
+    return out.size() >= kSendAtBytes ? sendWaiting(stream) : LIBIUSB_SUCCESS;
+}
+
+int libiusb_afc_info_stream_answer(libiusb_afc_info_stream *stream, libiusb_file_info *info) {
+    if (info != nullptr) memset(info, 0, sizeof(*info));
+    if (stream == nullptr || info == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    if (stream->failure != 0) return stream->failure;
+    if (stream->next_answer == stream->next_packet) return LIBIUSB_ERROR_INVALID_PARAM;  // nothing was asked
+    if (!stream->unsent.empty() && sendWaiting(stream) != 0) return stream->failure;
+    size_t length = kHeaderBytes;
+    for (;;) {
+        if (haveBytes(stream, length) != 0) return stream->failure;
+        int result = parseInfoAnswer(stream->received.data() + stream->consumed,
+                                     stream->received.size() - stream->consumed, stream->next_answer, &length, info);
+        if (result == kInfoAnswerIncomplete) continue;
+        if (result == kInfoAnswerOutOfStep) return fail(stream, LIBIUSB_ERROR_CONNECTION_LOST);
+        stream->consumed += length;
+        stream->next_answer++;
+        return result;
+    }
+}
