@@ -34,14 +34,6 @@ const std::string kPieces[] = {
 };
 constexpr size_t kPieceCount = sizeof(kPieces) / sizeof(kPieces[0]);
 
-struct Input {
-    const uint8_t *data;
-    size_t size;
-    size_t at = 0;
-    bool empty() const { return at >= size; }
-    uint8_t next() { return at < size ? data[at++] : 0; }
-};
-
 // "/" and one to four pieces.
 std::string makePath(Input &in) {
     std::string path = "/";

@@ -1,8 +1,9 @@
 // Fuzz target: the parsing of what a device answers, which a broken or
 // hostile phone fully controls. The first byte picks the answer: AFC file
-// information (NUL-separated key/value strings) or an installation proxy
-// browse answer (a plist tree built from the remaining bytes, so that the
-// fuzzer explores our reading of the tree rather than libplist's parsers).
+// information (NUL-separated key/value strings), a run of framed answers on
+// an information stream, or an installation proxy browse answer (a plist tree
+// built from the remaining bytes, so that the fuzzer explores our reading of
+// the tree rather than libplist's parsers).
 #include <plist/plist.h>
 
 #include <cstdint>
@@ -14,20 +15,6 @@
 #include "tests/fuzz/harness.h"
 
 namespace {
-
-struct Input {
-    const uint8_t *data;
-    size_t size;
-    size_t at = 0;
-    bool empty() const { return at >= size; }
-    uint8_t next() { return at < size ? data[at++] : 0; }
-    std::string text() {
-        size_t length = next() % 24;
-        std::string out;
-        while (length-- > 0 && !empty()) out += static_cast<char>(next());
-        return out;
-    }
-};
 
 void fuzzFileInfo(const uint8_t *data, size_t size) {
     // Strings split at NUL; an odd count leaves a key without its value.
@@ -48,6 +35,27 @@ void fuzzFileInfo(const uint8_t *data, size_t size) {
     libiusb_file_info info;
     memset(&info, 0x5A, sizeof(info));
     parseFileInfoPairs(pairs.data(), &info);
+}
+
+// Answers back to back, numbered from 0, as a stream reads them: each one
+// read takes at least its header and no more than is there, and an answer
+// still incomplete asks for more than is there, never past the largest.
+void fuzzInfoAnswers(const uint8_t *data, size_t size) {
+    const char *bytes = reinterpret_cast<const char *>(data);
+    for (uint64_t packet = 0;; ++packet) {
+        libiusb_file_info info{};
+        size_t length = 0;
+        int result = parseInfoAnswer(bytes, size, packet, &length, &info);
+        if (result == kInfoAnswerOutOfStep) return;
+        FUZZ_CHECK(length >= 40 && length <= 40 + 64 * 1024);
+        if (result == kInfoAnswerIncomplete) {
+            FUZZ_CHECK(length > size);
+            return;
+        }
+        FUZZ_CHECK(result <= 0 && length <= size);
+        bytes += length;
+        size -= length;
+    }
 }
 
 const char *const kKeys[] = {"CFBundleIdentifier", "CFBundleDisplayName", "CFBundleName", "UIFileSharingEnabled",
@@ -110,9 +118,11 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    if (data[0] & 1)
+    if (data[0] % 3 == 0)
         fuzzBrowseReply(data + 1, size - 1);
-    else
+    else if (data[0] % 3 == 1)
         fuzzFileInfo(data + 1, size - 1);
+    else
+        fuzzInfoAnswers(data + 1, size - 1);
     return 0;
 }

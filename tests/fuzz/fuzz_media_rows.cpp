@@ -25,14 +25,6 @@
 
 namespace {
 
-struct Input {
-    const uint8_t *data;
-    size_t size;
-    size_t at = 0;
-    bool empty() const { return at >= size; }
-    uint8_t next() { return at < size ? data[at++] : 0; }
-};
-
 const char *const kTexts[] = {
     "",    "a",   "IMG_0001.JPG", "IMG_0001.MOV", "/",          "..",           ".",  "a/b",
     "\xFF", "\xC3", "e\xCC\x81",  "wlrtitdb",     "Panoramas",  "My Panoramas", "x.y.z", "DCIM/100APPLE",

@@ -3,6 +3,7 @@
 // conversion logs and the fuzzer makes millions.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -17,3 +18,18 @@
 
 // Logs into a private temporary folder, errors only at level 0.
 void fuzzQuietLog();
+
+// The fuzzer's bytes, taken one at a time; zeros once they run out.
+struct Input {
+    const uint8_t *data;
+    size_t size;
+    size_t at = 0;
+    bool empty() const { return at >= size; }
+    uint8_t next() { return at < size ? data[at++] : 0; }
+    std::string text() {
+        size_t length = next() % 24;
+        std::string out;
+        while (length-- > 0 && !empty()) out += static_cast<char>(next());
+        return out;
+    }
+};
