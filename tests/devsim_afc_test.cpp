@@ -1,7 +1,7 @@
 // The simulated device seen through libimobiledevice's own clients and the
-// stock tools, and fed raw bytes: usbmux, lockdown and pairing, AFC,
-// house_arrest and installation_proxy, each fault it can inject, malformed
-// input, image loading and shutdown.
+// stock tools (ifuse among them), and fed raw bytes: usbmux, lockdown and
+// pairing, AFC, house_arrest and installation_proxy, each fault it can inject,
+// malformed input, image loading and shutdown.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -98,6 +98,7 @@ class DevsimAfcTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    for (const std::string& mount : mounted_) run_program({fusermountProgram(), "-u", "-z", mount});
     if (afc_) afc_client_free(afc_);
     if (lockdown_) lockdownd_client_free(lockdown_);
     if (device_) idevice_free(device_);
@@ -180,6 +181,7 @@ class DevsimAfcTest : public ::testing::Test {
 
   Devsim sim_;
   std::string udid_, media_;
+  std::vector<std::string> mounted_;  // ifuse mounts, taken away before devsim stops
   idevice_t device_ = nullptr;
   lockdownd_client_t lockdown_ = nullptr;
   afc_client_t afc_ = nullptr;
@@ -377,6 +379,42 @@ TEST_F(DevsimAfcTest, OpenModesKeepTheirPosixMeaningPathsNeverLeaveTheMediaFolde
   EXPECT_EQ(afc_file_lock(afc_, h, AFC_LOCK_EX), AFC_E_SUCCESS);
   EXPECT_EQ(afc_file_lock(afc_, h, AFC_LOCK_UN), AFC_E_SUCCESS);
   afc_file_close(afc_, h);
+}
+
+// ifuse, unmodified, mounts the media root and an app's Documents over a TLS
+// lockdown session and copies 64 MiB both ways byte for byte; a mount needs a
+// session, so none once the device forgot the computer. (Each AFC request it
+// makes is pinned above; writes into an app's Documents in
+// device_devsim_test.cpp.)
+TEST_F(DevsimAfcTest, IfuseMountsMediaAndDocumentsWhileTheDeviceAcceptsTheComputer) {
+  if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse is missing or not usable";
+  if (run_program({"sh", "-c", "command -v ifuse && { command -v fusermount3 || command -v fusermount; }"}) != 0)
+    GTEST_SKIP() << "ifuse or fusermount is not installed";
+  start();
+  ASSERT_EQ(sim_.control("capacity " + udid_ + " 200000000"), "ok");
+  ASSERT_TRUE(writeLocal(media_ + "/general_storage/sub folder/it's $(x).txt", "odd name\n"));
+  const std::string mnt = sim_.work_dir() + "/mnt", docs = sim_.work_dir() + "/docs";
+  std::string output;
+  for (const std::string& where : {mnt, docs}) {
+    std::vector<std::string> argv = {"ifuse", "-u", udid_, where};
+    if (where == docs) argv.insert(argv.begin() + 3, {"--documents", "com.example.notes"});
+    fs::create_directories(where);
+    ASSERT_EQ(run_program(argv, &output), 0) << output << sim_.log();
+    mounted_.push_back(where);
+  }
+  const std::string storage = mnt + "/general_storage";
+  EXPECT_EQ(sorted(namesIn(storage)),
+            (std::vector<std::string>{"data.bin", "folder", "hello.txt", "locked.txt", "open.txt", "sub folder"}));
+  EXPECT_EQ(readLocal(storage + "/sub folder/it's $(x).txt"), "odd name\n");
+  EXPECT_EQ(readLocal(docs + "/note.txt"), "a note");
+  const std::string big = randomBytes(64 * 1024 * 1024, 12345);
+  EXPECT_TRUE(writeLocal(storage + "/big.bin", big));
+  EXPECT_TRUE(readLocal(media_ + "/general_storage/big.bin") == big);
+  EXPECT_TRUE(readLocal(storage + "/big.bin") == big);
+
+  ASSERT_EQ(sim_.control("forget-host " + udid_), "ok");
+  fs::create_directories(sim_.work_dir() + "/refused");
+  EXPECT_NE(run_program({"ifuse", "-u", udid_, sim_.work_dir() + "/refused"}, &output), 0) << output;
 }
 
 struct Vended {
