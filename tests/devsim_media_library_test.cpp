@@ -182,7 +182,6 @@ TEST_F(DevsimMediaLibraryTest, MusicAndRecordingsKeepNullsAndPlaceFilesAndSkippe
 
 TEST(DevsimMediaJpeg, DecodesToItsSizeAndSeedsDiffer) {
   const std::string jpeg = devsim::make_jpeg(64, 48, 3);
-  ASSERT_GT(jpeg.size(), 4u);
   EXPECT_EQ(jpeg.substr(0, 2), "\xFF\xD8");
   EXPECT_EQ(jpeg.substr(jpeg.size() - 2), "\xFF\xD9");
   EXPECT_NE(jpeg, devsim::make_jpeg(64, 48, 4));
