@@ -162,8 +162,6 @@ TEST_F(DevsimMediaLibraryTest, MusicAndRecordingsKeepNullsAndPlaceFilesAndSkippe
                          " base_location.path, item_extra.file_size, item_extra.media_kind" + join),
             (Rows{{"NULL", "Alone", "ABCD.mp3", "iTunes_Control/Music/F07", "3", "1"},
                   {"NULL", "Alone", "ABCD.mp3", "NULL", "99", "4"}}));
-  EXPECT_EQ(query(music, "select media_kind from item_extra where (media_kind like 4 or media_kind like 6) limit 1"),
-            (Rows{{"4"}}));
   EXPECT_EQ(readLocal(media() + "/iTunes_Control/Music/F07/ABCD.mp3"), "abc");
   EXPECT_EQ(query(media() + "/Recordings/Recordings.db", "select ZCUSTOMLABEL, ZPATH, ZDATE+978307200 from ZRECORDING"),
             (Rows{{"Talk", *memo.path, "978307200"}}));
@@ -184,7 +182,6 @@ TEST_F(DevsimMediaLibraryTest, MusicAndRecordingsKeepNullsAndPlaceFilesAndSkippe
 
 TEST(DevsimMediaJpeg, DecodesToItsSizeAndSeedsDiffer) {
   const std::string jpeg = devsim::make_jpeg(64, 48, 3);
-  ASSERT_GT(jpeg.size(), 4u);
   EXPECT_EQ(jpeg.substr(0, 2), "\xFF\xD8");
   EXPECT_EQ(jpeg.substr(jpeg.size() - 2), "\xFF\xD9");
   EXPECT_NE(jpeg, devsim::make_jpeg(64, 48, 4));

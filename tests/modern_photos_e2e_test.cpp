@@ -85,17 +85,14 @@ TEST_F(ModernPhotosTest, ListsAlbumsKindsAndLivePairsAndCountsWhatIsOnlyInICloud
                                             "Not on this device.txt"}));
         // Photos shown on the phone and kept on it; each live pair once, its
         // video only where the device has it.
-        EXPECT_EQ(folder("Camera Roll"),
-                  sorted({"IMG_0001.HEIC", "IMG_0002.HEIC", "IMG_0002.MOV", "IMG_0003.JPG", "IMG_0009.HEIC",
-                          "IMG_0010.PNG", "IMG_0011.HEIC", "IMG_0012.HEIC"}));
-        EXPECT_EQ(folder("Recorded Videos"), (std::vector<std::string>{"IMG_0008.MOV"}));
-        EXPECT_EQ(folder("Trip"), (std::vector<std::string>{"IMG_0001.HEIC"}));
-        EXPECT_EQ(folder("Trip (2)"), sorted({"IMG_0002.HEIC", "IMG_0002.MOV"}));
-        EXPECT_EQ(folder("My Panoramas"), (std::vector<std::string>{"IMG_0009.HEIC"}));
-        EXPECT_EQ(folder("Panoramas"), (std::vector<std::string>{"IMG_0009.HEIC"}));
-        EXPECT_EQ(folder("Screenshots"), (std::vector<std::string>{"IMG_0010.PNG"}));
-        EXPECT_EQ(folder("Selfies"), (std::vector<std::string>{"IMG_0011.HEIC"}));
-        EXPECT_EQ(folder("Bursts"), (std::vector<std::string>{"IMG_0012.HEIC"}));
+        const std::pair<const char *, std::vector<std::string>> folders[] = {
+            {"Camera Roll", {"IMG_0001.HEIC", "IMG_0002.HEIC", "IMG_0002.MOV", "IMG_0003.JPG", "IMG_0009.HEIC",
+                             "IMG_0010.PNG", "IMG_0011.HEIC", "IMG_0012.HEIC"}},
+            {"Recorded Videos", {"IMG_0008.MOV"}}, {"Trip", {"IMG_0001.HEIC"}},
+            {"Trip (2)", {"IMG_0002.HEIC", "IMG_0002.MOV"}}, {"My Panoramas", {"IMG_0009.HEIC"}},
+            {"Panoramas", {"IMG_0009.HEIC"}}, {"Screenshots", {"IMG_0010.PNG"}},
+            {"Selfies", {"IMG_0011.HEIC"}}, {"Bursts", {"IMG_0012.HEIC"}}};
+        for (const auto &[name, names] : folders) EXPECT_EQ(folder(name), sorted(names)) << name;
 
         std::string note = readLocal(inMount("/Media/Photo/Not on this device.txt"));
         EXPECT_EQ(note.find("3 photos and videos are kept only in iCloud"), 0u) << note;
