@@ -22,6 +22,24 @@ extern "C" service_error_t service_receive(service_client_t client, char *data, 
     return service_receive_with_timeout(client, data, size, received, 30000);
 }
 
+int vendResult(plist_t reply) {
+    plist_t error = reply != nullptr ? plist_dict_get_item(reply, "Error") : nullptr;
+    plist_t status = reply != nullptr ? plist_dict_get_item(reply, "Status") : nullptr;
+    char *text = nullptr;
+    int result = LIBIUSB_SUCCESS;
+    if (error != nullptr && plist_get_node_type(error) == PLIST_STRING) {
+        plist_get_string_val(error, &text);
+        result = mapHouseArrestReply(text);
+    } else if (status == nullptr || plist_get_node_type(status) != PLIST_STRING) {
+        result = LIBIUSB_ERROR_OTHER;
+    } else {
+        plist_get_string_val(status, &text);
+        if (text == nullptr || strcmp(text, "Complete") != 0) result = LIBIUSB_ERROR_OTHER;
+    }
+    free(text);
+    return result;
+}
+
 namespace {
 
 // Largest piece sent or asked for in one AFC request; longer reads and writes
@@ -98,21 +116,7 @@ int vendDocuments(libiusb_afc *afc, const char *bundle_id) {
     if (result == 0) {
         result = mapNativeError(NativeSource::HouseArrest, house_arrest_get_result(afc->house_arrest, &reply));
     }
-    if (result == 0) {
-        plist_t error = reply != nullptr ? plist_dict_get_item(reply, "Error") : nullptr;
-        plist_t status = reply != nullptr ? plist_dict_get_item(reply, "Status") : nullptr;
-        char *text = nullptr;
-        if (error != nullptr && plist_get_node_type(error) == PLIST_STRING) {
-            plist_get_string_val(error, &text);
-            result = mapHouseArrestReply(text);
-        } else if (status == nullptr || plist_get_node_type(status) != PLIST_STRING) {
-            result = LIBIUSB_ERROR_OTHER;
-        } else {
-            plist_get_string_val(status, &text);
-            if (text == nullptr || strcmp(text, "Complete") != 0) result = LIBIUSB_ERROR_OTHER;
-        }
-        free(text);
-    }
+    if (result == 0) result = vendResult(reply);
     if (reply != nullptr) plist_free(reply);
     if (result == 0) {
         result = mapNativeError(NativeSource::Afc, afc_client_new_from_house_arrest_client(afc->house_arrest, &afc->client));

@@ -156,6 +156,9 @@ constexpr int kInfoAnswerIncomplete = 1;
 constexpr int kInfoAnswerOutOfStep = 2;
 int parseInfoAnswer(const char *bytes, size_t available, uint64_t packet_number, size_t *length,
                     libiusb_file_info *info);
+// What house-arrest's answer to a vend says: 0 when the app's documents are
+// served from now on, else why not.
+int vendResult(plist_t reply);
 // The file-sharing apps of an installation proxy browse answer, in its order.
 // An answer that is not an array is LIBIUSB_ERROR_OTHER and leaves *list
 // alone; `apps` stays the caller's.

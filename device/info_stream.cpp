@@ -6,11 +6,13 @@
 // answer before it sends the next request, so the two packets involved are
 // framed here.
 #include <libimobiledevice/service.h>
+#include <plist/plist.h>
 
 #include <endian.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -149,20 +151,71 @@ int parseInfoAnswer(const char *bytes, size_t available, uint64_t packet_number,
     return LIBIUSB_SUCCESS;
 }
 
-int libiusb_afc_info_stream_open(libiusb_device_handle *handle, libiusb_afc_info_stream **out) {
+namespace {
+
+// House-arrest's request for an app's documents, framed as its messages are:
+// the length (4 bytes, most significant first), then an XML property list.
+// The answer comes framed the same way; after it the connection speaks AFC.
+int vendOnStream(libiusb_afc_info_stream *stream, const char *bundle_id) {
+    plist_t request = plist_new_dict();
+    plist_dict_set_item(request, "Command", plist_new_string("VendDocuments"));
+    plist_dict_set_item(request, "Identifier", plist_new_string(bundle_id));
+    char *xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(request, &xml, &length);
+    plist_free(request);
+    uint32_t bigEndian = htobe32(length);
+    stream->unsent.assign(reinterpret_cast<const char *>(&bigEndian), 4);
+    stream->unsent.append(xml, length);
+    free(xml);
+    if (sendWaiting(stream) != 0 || haveBytes(stream, 4) != 0) return stream->failure;
+    uint32_t answerLength;
+    memcpy(&answerLength, stream->received.data() + stream->consumed, 4);
+    answerLength = be32toh(answerLength);
+    if (answerLength > kLargestAnswer) return fail(stream, LIBIUSB_ERROR_OTHER);
+    if (haveBytes(stream, 4 + size_t{answerLength}) != 0) return stream->failure;
+    plist_t reply = nullptr;
+    plist_from_memory(stream->received.data() + stream->consumed + 4, answerLength, &reply);
+    stream->consumed += 4 + size_t{answerLength};
+    int result = vendResult(reply);
+    if (reply != nullptr) plist_free(reply);
+    return result;
+}
+
+// A stream on a new connection to `service_name`; for house-arrest, with the
+// app's documents vended on it.
+int openStream(libiusb_device_handle *handle, const char *service_name, const char *bundle_id,
+               libiusb_afc_info_stream **out) {
     if (handle == nullptr || out == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
     *out = nullptr;
     lockdownd_service_descriptor_t service = nullptr;
     idevice_t device = nullptr;
-    int result = startDeviceService(handle, AFC_SERVICE_NAME, &service, &device);
+    int result = startDeviceService(handle, service_name, &service, &device);
     service_client_t client = nullptr;
     if (result == 0) result = service_client_new(device, service, &client) == SERVICE_E_SUCCESS ? 0 : LIBIUSB_ERROR_OTHER;
     if (service != nullptr) lockdownd_service_descriptor_free(service);
     if (result != 0) return result;
     libiusb_afc_info_stream *stream = new libiusb_afc_info_stream;
     stream->service = client;
+    if (bundle_id != nullptr) result = vendOnStream(stream, bundle_id);
+    if (result != 0) {
+        libiusb_afc_info_stream_close(stream);
+        return result;
+    }
     *out = stream;
     return LIBIUSB_SUCCESS;
+}
+
+} // namespace
+
+int libiusb_afc_info_stream_open(libiusb_device_handle *handle, libiusb_afc_info_stream **out) {
+    return openStream(handle, AFC_SERVICE_NAME, nullptr, out);
+}
+
+int libiusb_afc_info_stream_open_app(libiusb_device_handle *handle, const char *bundle_id,
+                                     libiusb_afc_info_stream **out) {
+    if (bundle_id == nullptr) return LIBIUSB_ERROR_INVALID_PARAM;
+    return openStream(handle, HOUSE_ARREST_SERVICE_NAME, bundle_id, out);
 }
 
 void libiusb_afc_info_stream_close(libiusb_afc_info_stream *stream) {

@@ -166,6 +166,10 @@ int libiusb_afc_set_modify_time(libiusb_afc *afc, const char *path, int64_t modi
 // unanswered at most: a device stops reading requests while its answers wait.
 struct libiusb_afc_info_stream;
 int libiusb_afc_info_stream_open(libiusb_device_handle *handle, libiusb_afc_info_stream **out);
+// The same into one app's documents (paths as on a house-arrest connection:
+// "/Documents/..."); an app the device will not vend is its reason.
+int libiusb_afc_info_stream_open_app(libiusb_device_handle *handle, const char *bundle_id,
+                                     libiusb_afc_info_stream **out);
 // Asks for folder + "/" + name (name alone when folder is null).
 int libiusb_afc_info_stream_ask(libiusb_afc_info_stream *stream, const char *folder, const char *name);
 int libiusb_afc_info_stream_answer(libiusb_afc_info_stream *stream, libiusb_file_info *info);

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "tarnifs/catalogue.h"
-#include "tarnifs/listing_pool.h"
+#include "tarnifs/info_queries.h"
 #include "util/log.h"
 
 namespace {
@@ -47,8 +47,8 @@ int startWithRoom(_CONTEXT *ctx, Start start) {
 } // namespace
 
 size_t CloseIdleConnections(_CONTEXT *ctx) {
-    size_t closed = ctx->listing_afc_handles.size() + (ctx->listing_stream != nullptr ? 1 : 0);
-    closeStorageListingConnections(ctx);
+    size_t closed = ctx->listing_stream != nullptr ? 1 : 0;
+    closeStorageInfoStream(ctx);
     if (ctx->instproxy_handle != nullptr) {
         libiusb_instproxy_exit(ctx->instproxy_handle);
         ctx->instproxy_handle = nullptr;

@@ -12,7 +12,7 @@
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/connections.h"
-#include "tarnifs/listing_pool.h"
+#include "tarnifs/info_queries.h"
 #include "tarnifs/media.h"
 #include "tarnifs/names.h"
 #include "tarnifs/notify.h"
@@ -250,12 +250,12 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
             InfoQueries queries;
             entriesToAsk(&entries, sandbox, &queries);
             const std::vector<const char *> &names = queries.names;
-            queries.connections.push_back(client);
-            std::vector<libiusb_afc *> extra;
-            if (names.size() > kPooledListingEntries)
-                extra = openAppListingConnections(ctx, Extras(folder).app_id, kListingConnections - 1);
-            queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
-            startInfoQueries(queries);
+            queries.connection = client;
+            // A stream of its own into the app, for this listing only.
+            if (names.size() > kStreamedListingEntries) {
+                int opened = libiusb_afc_info_stream_open_app(ctx->device_handle, Extras(folder).app_id, &queries.stream);
+                if (opened != 0) QNLog(3, "%s libiusb_afc_info_stream_open_app failed. error : %d", "enumApps", opened);
+            }
             for (size_t index = 0; index < names.size(); ++index) {
                 const char *name = names[index];
                 EntryInfo answer = infoOf(queries, index);
@@ -276,7 +276,7 @@ int listAppDocuments(_CONTEXT *ctx, const char *path, _KTL_OBJECT *folder, void 
                 emit(buffer, filler, name);
             }
             finishInfoQueries(queries);
-            closeAppListingConnections(extra);
+            libiusb_afc_info_stream_close(queries.stream);
         }
     }
     libiusb_misc_free_strings_array(entries);
@@ -472,15 +472,8 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
     InfoQueries queries;
     entriesToAsk(&entries, devicePath, &queries);
     const std::vector<const char *> &names = queries.names;
-    queries.connections.push_back(ctx->afc_handle);
-    // A stream asks with requests in flight on one connection; without one,
-    // several connections ask one request at a time each.
-    if (names.size() > kPooledListingEntries) queries.stream = storageInfoStream(ctx);
-    if (names.size() > kPooledListingEntries && queries.stream == nullptr) {
-        std::vector<libiusb_afc *> extra = storageListingConnections(ctx);
-        queries.connections.insert(queries.connections.end(), extra.begin(), extra.end());
-    }
-    startInfoQueries(queries);
+    queries.connection = ctx->afc_handle;
+    if (names.size() > kStreamedListingEntries) queries.stream = storageInfoStream(ctx);
     for (size_t index = 0; index < names.size(); ++index) {
         const char *name = names[index];
         EntryInfo answer = infoOf(queries, index);
@@ -503,7 +496,7 @@ int enumStorage(_CONTEXT *ctx, const char *path, void *buffer, fuse_fill_dir_t f
         emit(buffer, filler, name);
     }
     finishInfoQueries(queries);
-    dropLostStorageConnections(ctx, queries);
+    dropLostStorageStream(ctx, queries);
     libiusb_misc_free_strings_array(entries);
     if (busy) sendPipeMsg("-neoff");
     return result;

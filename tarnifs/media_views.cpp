@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "tarnifs/catalogue.h"
-#include "tarnifs/listing_pool.h"
+#include "tarnifs/info_queries.h"
 #include "tarnifs/jpeg_views.h"
 #include "tarnifs/media.h"
 #include "tarnifs/names.h"
@@ -517,15 +517,15 @@ std::vector<DeviceFileAnswer> AskDeviceAboutFiles(_CONTEXT *ctx, const std::vect
     // requests in flight, the mount's own connection one at a time.
     InfoQueries queries;
     for (const std::string &path : paths) queries.names.push_back(path.c_str());
-    queries.connections.push_back(ctx->afc_handle);
-    if (paths.size() > kPooledListingEntries) queries.stream = storageInfoStream(ctx);
+    queries.connection = ctx->afc_handle;
+    if (paths.size() > kStreamedListingEntries) queries.stream = storageInfoStream(ctx);
     for (size_t index = 0; index < paths.size(); ++index) {
         EntryInfo answer = infoOf(queries, index);
         answers[index].result = answer.result;
         answers[index].info = answer.info;
     }
     finishInfoQueries(queries);
-    dropLostStorageConnections(ctx, queries);
+    dropLostStorageStream(ctx, queries);
     return answers;
 }
 

@@ -35,11 +35,10 @@ struct _CONTEXT {
     libiusb_device_handle *device_handle = nullptr;
     libiusb_device_info device_info{};
     libiusb_afc *afc_handle = nullptr;
-    // More AFC connections for the entry queries of large Storage listings
-    // (tarnifs/listing_pool.h): made at the first one, kept for the next,
+    // The information stream of large Storage listings
+    // (tarnifs/info_queries.h): made at the first one, kept for the next,
     // closed at unmount before afc_handle.
-    std::vector<libiusb_afc *> listing_afc_handles;
-    libiusb_afc_info_stream *listing_stream = nullptr;  // likewise
+    libiusb_afc_info_stream *listing_stream = nullptr;
     libiusb_instproxy *instproxy_handle = nullptr;
     char *pLocationId = nullptr;
     // The private work folder: "/tmp/" + location id, or a fresh private

@@ -18,7 +18,7 @@
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
 #include "tarnifs/jpeg_views.h"
-#include "tarnifs/listing_pool.h"
+#include "tarnifs/info_queries.h"
 #include "tarnifs/mount.h"
 #include "tarnifs/names.h"
 #include "tarnifs/notify.h"
@@ -335,7 +335,7 @@ void tarnifs_destroy(void *private_data) {
     if (ctx->instproxy_handle != nullptr) libiusb_instproxy_exit(ctx->instproxy_handle);
     ctx->instproxy_handle = nullptr;
     // The listing connections are the device's too: they go before the main one.
-    closeStorageListingConnections(ctx);
+    closeStorageInfoStream(ctx);
     assert(ctx->afc_handle && "pContext->afc_handle");
     libiusb_afc_exit(ctx->afc_handle);
     ctx->afc_handle = nullptr;

@@ -381,7 +381,16 @@ TEST(DeviceLayer, ThreeDevicesListedWorkedAndFailedThroughTheLibraryAndQuorvelLi
     EXPECT_EQ(readWhole(sandbox, "/Documents/report.txt"), "quarterly");
     EXPECT_EQ(libiusb_housearrest_exit(sandbox), 0);
 
-    // An app the device does not know.
+    // An information stream into an app's documents; an app the device does
+    // not know, for a stream and for a house-arrest connection.
+    libiusb_afc_info_stream *appStream = nullptr;
+    ASSERT_EQ(libiusb_afc_info_stream_open_app(device.handle, "com.example.notes", &appStream), 0);
+    EXPECT_EQ(libiusb_afc_info_stream_ask(appStream, "/Documents", "todo.txt"), 0);
+    EXPECT_EQ(libiusb_afc_info_stream_answer(appStream, &info), 0);
+    EXPECT_EQ(info.size, 4u);
+    libiusb_afc_info_stream_close(appStream);
+    EXPECT_EQ(libiusb_afc_info_stream_open_app(device.handle, "com.example.absent", &appStream),
+              LIBIUSB_ERROR_APP_NOT_FOUND);
     ASSERT_EQ(libiusb_housearrest_init(device.handle, &sandbox), 0);
     EXPECT_EQ(libiusb_housearrest_openapp(sandbox, "com.example.absent"), LIBIUSB_ERROR_APP_NOT_FOUND);
     EXPECT_EQ(libiusb_afc_file_get_info(sandbox, "/Documents", &info), LIBIUSB_ERROR_INVALID_PARAM);

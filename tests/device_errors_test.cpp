@@ -148,8 +148,7 @@ std::string answerPacket(uint64_t operation, const std::string &body, uint64_t p
 
 TEST(FileInfoAnswer, ReadsWhatTheLibraryWouldAndCallsAnyOtherFramingOutOfStep) {
     const std::string pairs("st_size\0" "42\0" "st_ifmt\0" "S_IFDIR\0", 27);
-    const uint64_t permissionDenied = 10;
-    const std::string status(reinterpret_cast<const char *>(&permissionDenied), 8);
+    const std::string status("\x0a\0\0\0\0\0\0\0", 8);  // AFC's "permission denied"
     const struct {
         const char *what;
         std::string bytes;
@@ -175,18 +174,8 @@ TEST(FileInfoAnswer, ReadsWhatTheLibraryWouldAndCallsAnyOtherFramingOutOfStep) {
         size_t length = 0;
         EXPECT_EQ(parseInfoAnswer(row.bytes.data(), row.bytes.size(), 7, &length, &info), row.result) << row.what;
         EXPECT_EQ(info.size, row.size) << row.what;
-        if (row.result <= 0) {
-            EXPECT_EQ(length, row.bytes.size()) << row.what;
-        }
+        EXPECT_TRUE(row.result > 0 || length == row.bytes.size()) << row.what;
     }
-    // Two answers back to back: the first one's length is where the next starts.
-    std::string two = answerPacket(2, pairs) + answerPacket(2, "", 8);
-    libiusb_file_info info{};
-    size_t length = 0;
-    ASSERT_EQ(parseInfoAnswer(two.data(), two.size(), 7, &length, &info), 0);
-    EXPECT_EQ(info.file_type, LIBIUSB_FILE_TYPE_FOLDER);
-    EXPECT_EQ(parseInfoAnswer(two.data() + length, two.size() - length, 8, &length, &info),
-              LIBIUSB_ERROR_AFC_OBJECT_NOT_FOUND);
 }
 
 plist_t app(const char *bundle, plist_t sharing, const char *display, const char *name) {

@@ -314,8 +314,8 @@ TEST_F(ListingTest, TreesMatchTheImageFollowThePhoneAnswerOnceUnpluggedAndThousa
     EXPECT_EQ(unmountDevice(), 0);
     EXPECT_EQ(statError("/tmp/12"), ENOENT);
 
-    // Folders of thousands, on a second phone: the first listing asks over
-    // several connections and must show what a one-connection listing shows.
+    // Folders of thousands, on a second phone: the first listing asks on a
+    // stream and must show what a one-request-at-a-time listing shows.
     ASSERT_TRUE(mountAfresh(kCrowded));
 
     std::vector<std::string> order = sorted(namesIn(crowdedStorage + "/many"));
@@ -343,8 +343,7 @@ TEST_F(ListingTest, TreesMatchTheImageFollowThePhoneAnswerOnceUnpluggedAndThousa
     EXPECT_TRUE(eventually([&] { return connections("afc") == 2; })) << connections("afc");
 
     EXPECT_TRUE(dialogs.dialogs().empty());
-    for (const char *caller : {"enumStorage libiusb", "enumApps libiusb", "storageListingConnections",
-                               "openAppListingConnections", "closeAppListingConnections"})
+    for (const char *caller : {"enumStorage libiusb", "enumApps libiusb", "storageInfoStream", "infoOf"})
         EXPECT_EQ(mount.countLogStarting(caller), 0) << caller;
 
     // An unreadable entry in the middle fails a Storage listing and is left
@@ -393,7 +392,7 @@ TEST_F(ListingTest, TreesMatchTheImageFollowThePhoneAnswerOnceUnpluggedAndThousa
 
     // A phone that opens only three services at once (lockdown and the media
     // connection take two): every folder still lists and every app file reads,
-    // one after another, the pool giving up its idle connections, and the user
+    // one after another, the stream giving up its idle connection, and the user
     // sees no dialog. Lockdown, the media connection and the installation
     // proxy fill the three: the first app folder's connection needs the
     // proxy's slot.

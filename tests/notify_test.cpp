@@ -113,21 +113,17 @@ TEST_F(NotifyTest, OnlyAFifoOfOurOwnWithAReaderIsWrittenAndARefusalIsLoggedOnce)
     EXPECT_NE(readLocal(QNLogPath()).find("sendPipeMsg open pipe failed. errno : 6\n"), std::string::npos);
     ASSERT_EQ(unlink(pipePath.c_str()), 0);
 
-    // A link to some file: the file stays exactly as it was.
+    // A link to some file, then a plain file at the name: each stays exactly
+    // as it was.
     std::string victim = dir + "/victim";
     std::ofstream(victim) << "precious";
-    ASSERT_EQ(symlink(victim.c_str(), pipePath.c_str()), 0);
-    EXPECT_EQ(sendPipeMsg("-neon"), -EPERM);
-    EXPECT_EQ(sendRecord(), -EPERM);
-    EXPECT_EQ(readLocal(victim), "precious");
-    ASSERT_EQ(unlink(pipePath.c_str()), 0);
-
-    // A plain file at the name.
-    std::ofstream(pipePath) << "plain";
-    EXPECT_EQ(sendPipeMsg("-neoff"), -EPERM);
-    EXPECT_EQ(sendRecord(), -EPERM);
-    EXPECT_EQ(readLocal(pipePath), "plain");
-    ASSERT_EQ(unlink(pipePath.c_str()), 0);
+    for (bool link : {true, false}) {
+        ASSERT_TRUE(link ? symlink(victim.c_str(), pipePath.c_str()) == 0 : bool(std::ofstream(pipePath) << "plain"));
+        EXPECT_EQ(sendPipeMsg(link ? "-neon" : "-neoff"), -EPERM);
+        EXPECT_EQ(sendRecord(), -EPERM);
+        EXPECT_EQ(readLocal(link ? victim : pipePath), link ? "precious" : "plain");
+        ASSERT_EQ(unlink(pipePath.c_str()), 0);
+    }
     EXPECT_EQ(occurrences(readLocal(QNLogPath()), refused), 1u) << readLocal(QNLogPath());
 
     // Our own FIFO: everything arrives.

@@ -13,7 +13,7 @@
 #include <random>
 
 #include "tarnifs/catalogue.h"
-#include "tarnifs/listing_pool.h"
+#include "tarnifs/info_queries.h"
 #include "tarnifs/names.h"
 #include "util/log.h"
 
@@ -126,7 +126,7 @@ void ConnectedContextTest::connectTo(const DevsimImage &image) {
 void ConnectedContextTest::TearDown() {
     // Records first: they may hold device handles on these connections.
     FreeAllObjects(context.afc_handle);
-    closeStorageListingConnections(&context);
+    closeStorageInfoStream(&context);
     if (context.instproxy_handle != nullptr) libiusb_instproxy_exit(context.instproxy_handle);
     if (context.afc_handle != nullptr) libiusb_afc_exit(context.afc_handle);
     if (context.device_handle != nullptr) libiusb_device_close(context.device_handle);
