@@ -66,17 +66,17 @@ struct DemoRun {
     }
 };
 
-// Processes whose command line mentions `needle` (the demo's children name
-// its work folder in their arguments).
-int processesMentioning(const std::string &needle) {
-    int count = 0;
+// The command lines, one a line, of processes that mention `needle` (the
+// demo's children name its work folder in their arguments).
+std::string processesMentioning(const std::string &needle) {
+    std::string found;
     std::error_code error;
     for (const auto &entry : fs::directory_iterator("/proc", error)) {
         std::string cmdline = readLocal(entry.path().string() + "/cmdline");
         std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
-        if (cmdline.find(needle) != std::string::npos) count++;
+        if (cmdline.find(needle) != std::string::npos) found += cmdline + "\n";
     }
-    return count;
+    return found;
 }
 
 const char kBrowsable[] = "The demo is browsable. Press Ctrl-C";
@@ -124,7 +124,7 @@ protected:
         }
         ASSERT_FALSE(workFolder.empty()) << run.text();
         EXPECT_FALSE(fs::exists(workFolder));
-        EXPECT_EQ(processesMentioning(workFolder), 0);
+        EXPECT_TRUE(eventually([&] { return processesMentioning(workFolder).empty(); }, 10)) << processesMentioning(workFolder);
     }
 
     std::string folder, mountPoint;
@@ -147,7 +147,7 @@ TEST_F(QuorvelDemoCommand, BecomesBrowsableCtrlCLeavesNothingBehindAndTheNextRun
     std::string firstWork = first.workFolder();
     first.stop(SIGKILL, 60);
     // Its children notice it died and stop; the mount and folder may stay.
-    EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork) == 0; }, 60)) << "devsim or quorvelfs outlived it";
+    EXPECT_TRUE(eventually([&] { return processesMentioning(firstWork).empty(); }, 60)) << processesMentioning(firstWork);
 
     second.start(mountPoint, folder + "/second.out");
     expectBrowsable(second);
