@@ -1,5 +1,6 @@
-// Information streams: a media AFC connection of their own on which many
-// file-information requests are sent before the first answer is read. The
+// Information streams: an AFC connection of their own (the media root, or an
+// app's documents through house-arrest) on which many file-information
+// requests are sent before the first answer is read. The
 // device answers a connection's requests one after another, in order, so a
 // listing of a million entries costs a few thousand writes and reads instead
 // of a million round trips. libimobiledevice's AFC client waits for each
@@ -35,6 +36,8 @@ constexpr uint64_t kLargestAnswer = 64 * 1024;
 // is read.
 constexpr size_t kSendAtBytes = 64 * 1024;
 constexpr unsigned kReceiveTimeoutMs = 30000;
+// Room for one read: many answers at once.
+constexpr size_t kReceiveRoom = 256 * 1024;
 
 void putLittle64(std::string *out, uint64_t value) {
     uint64_t little = htole64(value);
@@ -52,8 +55,9 @@ uint64_t little64At(const char *bytes) {
 struct libiusb_afc_info_stream {
     service_client_t service = nullptr;
     std::string unsent;              // framed requests not written yet
-    std::vector<char> received;      // bytes read and not consumed yet
-    size_t consumed = 0;             // of `received`
+    std::vector<char> received;      // read into; bytes [consumed, filled) are not consumed yet
+    size_t consumed = 0;
+    size_t filled = 0;
     uint64_t next_packet = 0;        // the number of the next request
     uint64_t next_answer = 0;        // the number the next answer must carry
     int failure = LIBIUSB_SUCCESS;   // once set, every answer is this
@@ -81,25 +85,22 @@ int sendWaiting(libiusb_afc_info_stream *stream) {
 }
 
 // Makes sure `bytes` unconsumed bytes are at hand, reading as much as the
-// connection has (many answers at once) when they are not.
+// connection has (many answers at once) when they are not. The buffer is
+// sized once, not per read: only an answer cut by the previous read moves.
 int haveBytes(libiusb_afc_info_stream *stream, size_t bytes) {
-    if (stream->consumed > 0 && stream->consumed == stream->received.size()) {
-        stream->received.clear();
+    while (stream->filled - stream->consumed < bytes) {
+        std::vector<char> &buffer = stream->received;
+        size_t left = stream->filled - stream->consumed;
+        if (left > 0) memmove(buffer.data(), buffer.data() + stream->consumed, left);
         stream->consumed = 0;
-    }
-    while (stream->received.size() - stream->consumed < bytes) {
-        if (stream->consumed > 0) {
-            stream->received.erase(stream->received.begin(), stream->received.begin() + stream->consumed);
-            stream->consumed = 0;
-        }
-        size_t have = stream->received.size();
-        size_t room = std::max<size_t>(bytes - have, 256 * 1024);
-        stream->received.resize(have + room);
+        stream->filled = left;
+        buffer.resize(std::max({buffer.size(), bytes, kReceiveRoom}));
         uint32_t got = 0;
-        service_error_t read = service_receive_with_timeout(stream->service, stream->received.data() + have,
-                                                            static_cast<uint32_t>(room), &got, kReceiveTimeoutMs);
-        stream->received.resize(have + (read == SERVICE_E_SUCCESS ? got : 0));
+        service_error_t read = service_receive_with_timeout(stream->service, buffer.data() + left,
+                                                            static_cast<uint32_t>(buffer.size() - left), &got,
+                                                            kReceiveTimeoutMs);
         if (read != SERVICE_E_SUCCESS || got == 0) return fail(stream, LIBIUSB_ERROR_CONNECTION_LOST);
+        stream->filled += got;
     }
     return LIBIUSB_SUCCESS;
 }
@@ -252,8 +253,8 @@ int libiusb_afc_info_stream_answer(libiusb_afc_info_stream *stream, libiusb_file
     size_t length = kHeaderBytes;
     for (;;) {
         if (haveBytes(stream, length) != 0) return stream->failure;
-        int result = parseInfoAnswer(stream->received.data() + stream->consumed,
-                                     stream->received.size() - stream->consumed, stream->next_answer, &length, info);
+        int result = parseInfoAnswer(stream->received.data() + stream->consumed, stream->filled - stream->consumed,
+                                     stream->next_answer, &length, info);
         if (result == kInfoAnswerIncomplete) continue;
         if (result == kInfoAnswerOutOfStep) return fail(stream, LIBIUSB_ERROR_CONNECTION_LOST);
         stream->consumed += length;

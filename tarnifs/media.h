@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tarnifs/catalogue.h"
+#include "tarnifs/info_queries.h"
 #include "tarnifs/mount.h"
 
 // ---- Device databases -------------------------------------------------------
@@ -128,10 +129,7 @@ PhotoRow ReadPhotoRow(sqlite3_stmt *statement, bool is_cloud);
 std::string ColumnText(sqlite3_stmt *statement, int column, bool *present);
 
 // What the device said of one file the listing asked about.
-struct DeviceFileAnswer {
-    int result = 0;
-    libiusb_file_info info{};
-};
+using DeviceFileAnswer = EntryInfo;
 
 // Makes the entry of one photo row (subtype 2: the video half of a live
 // photo) in the folder `path`; `answer` is what the device said of the row's
@@ -150,8 +148,8 @@ std::string DevicePathOfPhoto(const PhotoRow &row, bool is_cloud, int subtype);
 // The device's media root as the databases spell full paths.
 constexpr size_t kMediaRootLength = 17;  // "/var/mobile/Media"
 
-// Asks the device about each path, in order, over several connections when
-// there are many; answers come back in the order asked.
+// Asks the device about each path, on the information stream when there are
+// many; answers come back in the order asked.
 std::vector<DeviceFileAnswer> AskDeviceAboutFiles(_CONTEXT *ctx, const std::vector<std::string> &paths);
 
 // The candidate path for `name` in `folder` that no record holds yet: the

@@ -512,18 +512,15 @@ std::string LibraryEntryName(const char *artist, const char *title, const std::s
 }
 
 std::vector<DeviceFileAnswer> AskDeviceAboutFiles(_CONTEXT *ctx, const std::vector<std::string> &paths) {
-    std::vector<DeviceFileAnswer> answers(paths.size());
+    std::vector<DeviceFileAnswer> answers;
+    answers.reserve(paths.size());
     // Every answer is wanted before any entry is made; a stream asks with
     // requests in flight, the mount's own connection one at a time.
     InfoQueries queries;
     for (const std::string &path : paths) queries.names.push_back(path.c_str());
     queries.connection = ctx->afc_handle;
     if (paths.size() > kStreamedListingEntries) queries.stream = storageInfoStream(ctx);
-    for (size_t index = 0; index < paths.size(); ++index) {
-        EntryInfo answer = infoOf(queries, index);
-        answers[index].result = answer.result;
-        answers[index].info = answer.info;
-    }
+    for (size_t index = 0; index < paths.size(); ++index) answers.push_back(infoOf(queries, index));
     finishInfoQueries(queries);
     dropLostStorageStream(ctx, queries);
     return answers;

@@ -334,7 +334,7 @@ void tarnifs_destroy(void *private_data) {
     // a mount that had to do so is still whole.
     if (ctx->instproxy_handle != nullptr) libiusb_instproxy_exit(ctx->instproxy_handle);
     ctx->instproxy_handle = nullptr;
-    // The listing connections are the device's too: they go before the main one.
+    // The listing stream is the device's too: it goes before the main connection.
     closeStorageInfoStream(ctx);
     assert(ctx->afc_handle && "pContext->afc_handle");
     libiusb_afc_exit(ctx->afc_handle);
