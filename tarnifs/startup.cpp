@@ -17,8 +17,8 @@
 
 #include "tarnifs/catalogue.h"
 #include "tarnifs/filedata.h"
-#include "tarnifs/jpeg_views.h"
 #include "tarnifs/info_queries.h"
+#include "tarnifs/jpeg_views.h"
 #include "tarnifs/mount.h"
 #include "tarnifs/names.h"
 #include "tarnifs/notify.h"

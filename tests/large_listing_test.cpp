@@ -7,14 +7,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "tarnifs/catalogue.h"
-#include "tarnifs/listing.h"
 #include "tarnifs/info_queries.h"
+#include "tarnifs/listing.h"
 #include "tests/support/catalogue_fixture.h"
 #include "tests/support/devsim_fixture.h"
 
